@@ -1,0 +1,163 @@
+/*
+ * Host-side control of this libipmi.so.2 implementation: which controller the sessions talk
+ * to, and control of the virtual controller and of the scripted exchange used by tests.
+ *
+ * Programs on the host (tvxctl, tests, benchmarks) call these; libtvx_toipmi never does.
+ * An unmodified client program picks its controller through the environment instead:
+ *
+ *   TVX_IPMI_TARGET     "default"            the built-in default machine (also when unset)
+ *                       "machine:PATH"       the virtual controller for a machine profile
+ *                       "PATH" ending .json  the same
+ *                       "script:"            the scripted exchange (tests only)
+ *   TVX_IPMI_STATE_DIR  where the virtual controller keeps its machines' state files
+ *                       (default: $XDG_STATE_HOME/tvx, else $HOME/.local/state/tvx,
+ *                       else /tmp/tvx-state-UID)
+ *
+ * A selection made through this API wins over the environment. Selecting applies to
+ * sessions opened afterwards. Functions returning int give 0 on success and -1 on failure,
+ * with the reason in ipmihost_last_error().
+ */
+#ifndef LIBIPMI_HOST_H
+#define LIBIPMI_HOST_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#if defined(__GNUC__)
+#define IPMIHOST_API __attribute__((visibility("default")))
+#else
+#define IPMIHOST_API
+#endif
+
+#define IPMIHOST_TARGET_ENV "TVX_IPMI_TARGET"
+#define IPMIHOST_STATE_ENV  "TVX_IPMI_STATE_DIR"
+
+/* ---- Choosing the controller ------------------------------------------------------------- */
+
+/* The virtual controller for the machine profile at profilePath (NULL: the built-in default
+   machine), keeping its state in stateDir (NULL: TVX_IPMI_STATE_DIR or the default place).
+   The profile is loaded and checked now; a bad profile or a corrupt state file fails here
+   with a message naming the file, the place in it and what is wrong. */
+IPMIHOST_API int ipmihost_select_machine(const char *profilePath, const char *stateDir);
+
+/* A target in the notation of TVX_IPMI_TARGET; stateDir as above. */
+IPMIHOST_API int ipmihost_select_target(const char *target, const char *stateDir);
+
+/* The scripted exchange: every request must have been announced with ipmihost_script_expect. */
+IPMIHOST_API int ipmihost_select_script(void);
+
+/* Forget any selection; the next session follows the environment again. */
+IPMIHOST_API void ipmihost_select_default(void);
+
+/* The message of the last failure of this API or of a session that could not be opened
+   ("" when there was none). Valid until the next call into the platform library. */
+IPMIHOST_API const char *ipmihost_last_error(void);
+
+/* A short description of the selected controller (the profile path, or "script"). */
+IPMIHOST_API const char *ipmihost_describe_target(void);
+
+/* ---- The virtual controller ---------------------------------------------------------------- */
+
+/* Path of the selected machine's state file (NULL if the selection is not a machine). */
+IPMIHOST_API const char *ipmihost_state_file(void);
+
+/* Starts the selected machine afresh from its profile: the state file is rewritten. */
+IPMIHOST_API int ipmihost_reset_machine(void);
+
+typedef enum {
+    IPMIHOST_FAULT_COMPLETION_CODE = 1, /* answer with completion code `value` and no data   */
+    IPMIHOST_FAULT_NO_ANSWER = 2,       /* no answer: the request times out                  */
+    IPMIHOST_FAULT_SHORT = 3,           /* cut the response to `value` bytes (0: nothing)    */
+    IPMIHOST_FAULT_LONG = 4,            /* append `value` bytes of 0xEE to the response      */
+    IPMIHOST_FAULT_GARBLED = 5          /* XOR every data byte after the completion code
+                                           with `value` (0 means 0xA5)                       */
+} ipmihost_fault_kind;
+
+typedef struct {
+    uint8_t netFn;          /* network function (not shifted), e.g. 0x06 */
+    uint8_t command;
+    uint8_t matchLen;       /* the request must begin with match[0..matchLen-1] (0: any) */
+    uint8_t match[16];
+    int kind;               /* ipmihost_fault_kind */
+    uint8_t value;
+    uint32_t count;         /* how many requests it hits; 0 = every one */
+} ipmihost_fault;
+
+/* Faults injected here live in this process only, on top of those in the profile. */
+IPMIHOST_API int ipmihost_inject_fault(const ipmihost_fault *fault);
+IPMIHOST_API void ipmihost_clear_faults(void);
+
+/* ---- The scripted exchange ----------------------------------------------------------------- */
+
+/* Announces the next request and the answer to give. The request must carry exactly this
+   NetFn/LUN byte, command and data (reqLen bytes of req; req may be NULL when reqLen is 0).
+   The answer: the status to return and the bytes to store (res/resLen; none when resLen is 0),
+   cut to the capacity the caller states. Expectations are consumed in order. */
+IPMIHOST_API int ipmihost_script_expect(uint8_t netFnLun, uint8_t command, const uint8_t *req,
+        uint32_t reqLen, uint16_t status, const uint8_t *res, uint32_t resLen);
+
+/* As ipmihost_script_expect, accepting any request data after the given prefix. */
+IPMIHOST_API int ipmihost_script_expect_prefix(uint8_t netFnLun, uint8_t command,
+        const uint8_t *prefix, uint32_t prefixLen, uint16_t status, const uint8_t *res,
+        uint32_t resLen);
+
+/* The status the next session openings return (a queue; 0 when empty). When newPrivLevel is
+   0..255 the platform also writes it into the caller's privilege byte. */
+IPMIHOST_API int ipmihost_script_open_result(uint16_t status, int newPrivLevel);
+
+typedef enum {
+    IPMIHOST_CALL_OPEN = 1,
+    IPMIHOST_CALL_CLOSE = 2,
+    IPMIHOST_CALL_RAW = 3
+} ipmihost_call_kind;
+
+/* One call that reached the platform, with every argument. Pointers into the record stay
+   valid until ipmihost_script_reset; strings are copies (NULL when the caller passed NULL). */
+typedef struct {
+    int kind;
+    const void *session;
+    uint16_t status;            /* what the platform returned */
+    /* IPMIHOST_CALL_OPEN */
+    const char *userName;
+    const char *password;
+    const char *userName2;
+    int privLevel;              /* the byte the caller passed (-1 for a NULL pointer) */
+    const void *ipAddr;
+    uint32_t ipVersion;
+    const void *serverIp;
+    int arg9;
+    int arg10;
+    /* IPMIHOST_CALL_RAW */
+    uint8_t payloadType;
+    uint8_t netFnLun;
+    uint8_t command;
+    const void *reqPtr;         /* the request pointer as passed */
+    const uint8_t *reqData;     /* a copy of the reqLen bytes (NULL when reqPtr was NULL) */
+    uint32_t reqLen;
+    const void *resPtr;
+    int resLenPtrNull;          /* 1 when the response-length pointer was NULL */
+    uint32_t resLenIn;          /* *resLen on entry */
+    int timeout;
+} ipmihost_call;
+
+IPMIHOST_API size_t ipmihost_script_call_count(void);
+IPMIHOST_API int ipmihost_script_call(size_t index, ipmihost_call *out);
+IPMIHOST_API size_t ipmihost_script_pending(void);      /* expectations not yet consumed */
+IPMIHOST_API size_t ipmihost_script_mismatches(void);   /* requests that matched nothing */
+IPMIHOST_API const char *ipmihost_script_last_mismatch(void);
+/* Drops expectations, open results and the call log. */
+IPMIHOST_API void ipmihost_script_reset(void);
+
+/* Requests sent through any transport since the last ipmihost_reset_request_count. */
+IPMIHOST_API uint64_t ipmihost_request_count(void);
+IPMIHOST_API void ipmihost_reset_request_count(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* LIBIPMI_HOST_H */

@@ -1,0 +1,104 @@
+// Inside libipmi.so.2: sessions are mapped onto links to a target (the controller chosen by
+// the host program), and every operation reaches the controller through one raw exchange.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "libipmi.h"
+
+namespace libipmi {
+
+// The arguments of a session opening, as the caller passed them.
+struct OpenCall {
+    IpmiSession *session;
+    const char *userName;
+    const char *password;
+    uint8_t *privLevel;
+    const char *userName2;
+    void *ipAddr;
+    uint32_t ipVersion;
+    void *serverIp;
+    int arg9;
+    int arg10;
+};
+
+// The arguments of one raw request, as the caller passed them.
+struct RawCall {
+    IpmiSession *session;
+    uint8_t payloadType;
+    uint8_t netFnLun;
+    uint8_t command;
+    const uint8_t *reqData;
+    uint32_t reqLen;
+    const uint8_t *resData;
+    const uint32_t *resLen;
+    int timeout;
+};
+
+// What came back: a status and, when something arrived, the response bytes (completion
+// code first). A transport that talks to a controller derives the status from the
+// completion code with statusFor(); the scripted exchange returns what the test scripted.
+struct Answer {
+    uint16_t status = LIBIPMI_STATUS_OK;
+    std::optional<std::vector<uint8_t>> bytes;
+};
+
+// The status for a response that arrived.
+Answer answerFromBytes(std::vector<uint8_t> bytes);
+
+// One session's connection to the controller.
+class Link {
+public:
+    virtual ~Link() = default;
+    virtual Answer exchange(const RawCall &call, std::span<const uint8_t> request) = 0;
+    virtual void close() {}
+    // A call refused before it reached the controller (bad arguments).
+    virtual void reject(const RawCall &, uint16_t) {}
+};
+
+// A controller the host program selected.
+class Target {
+public:
+    virtual ~Target() = default;
+    // Opens a link for a new session, or returns a non-zero status.
+    virtual uint16_t open(const OpenCall &call, std::unique_ptr<Link> &link) = 0;
+    virtual std::string describe() const = 0;
+    // A close of a handle that has no link.
+    virtual void noteClose(IpmiSession *, uint16_t) {}
+};
+
+// The target sessions open on now: the host's selection, else the environment's.
+// On failure returns null and sets the last error.
+std::shared_ptr<Target> currentTarget(uint16_t &status);
+// Makes a target from a target string ("default", "machine:PATH", "PATH.json", "script:").
+std::shared_ptr<Target> makeTarget(const std::string &spec, const std::string &stateDir);
+std::shared_ptr<Target> makeMachineTarget(const std::string &profilePath, const std::string &stateDir);
+std::shared_ptr<Target> scriptTarget();
+void setSelectedTarget(std::shared_ptr<Target> target);
+
+void setLastError(const std::string &message);
+const char *lastError();
+
+// The link of an open session, or null.
+std::shared_ptr<Link> linkFor(IpmiSession *session);
+
+// Sends one request on a session and stores the answer into the caller's buffer: the one
+// raw exchange every operation of this library is built on.
+uint16_t rawExchange(const RawCall &call, uint8_t *resData, uint32_t *resLen);
+
+// The same for the library's own operations: request bytes in, status and response out.
+uint16_t exchange(IpmiSession *session, uint8_t netFn, uint8_t command, std::span<const uint8_t> request,
+                  std::vector<uint8_t> &response, int timeout);
+
+void countRequest();
+
+// The built-in default profile.
+extern const unsigned char kDefaultProfile[];
+extern const std::size_t kDefaultProfileSize;
+
+} // namespace libipmi

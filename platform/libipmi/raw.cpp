@@ -1,0 +1,90 @@
+// The raw exchange: one request in, the status and the response bytes out.
+#include <atomic>
+#include <cstring>
+
+#include "internal.h"
+#include "libipmi_host.h"
+
+namespace libipmi {
+namespace {
+
+std::atomic<uint64_t> gRequests{0};
+
+} // namespace
+
+void countRequest() { gRequests.fetch_add(1, std::memory_order_relaxed); }
+
+Answer answerFromBytes(std::vector<uint8_t> bytes)
+{
+    Answer a;
+    if (bytes.empty()) {
+        // Something arrived, but not even a completion code.
+        a.status = LIBIPMI_STATUS_BAD_RESPONSE;
+        return a;
+    }
+    if (bytes.size() > LIBIPMI_MAX_RESPONSE_LEN) bytes.resize(LIBIPMI_MAX_RESPONSE_LEN);
+    a.status = bytes[0] == 0 ? LIBIPMI_STATUS_OK : LIBIPMI_STATUS_COMPLETION_CODE(bytes[0]);
+    a.bytes = std::move(bytes);
+    return a;
+}
+
+uint16_t rawExchange(const RawCall &call, uint8_t *resData, uint32_t *resLen)
+{
+    std::shared_ptr<Link> link = linkFor(call.session);
+    if (!link) return LIBIPMI_STATUS_NO_SESSION;
+    std::span<const uint8_t> request;
+    if (call.reqLen > 0) request = std::span<const uint8_t>(call.reqData, call.reqLen);
+    countRequest();
+    Answer a = link->exchange(call, request);
+    if (a.bytes) {
+        // Never more than the stated capacity; with none stated, the whole response (which
+        // the platform keeps within LIBIPMI_MAX_RESPONSE_LEN).
+        std::size_t n = a.bytes->size();
+        if (n > LIBIPMI_MAX_RESPONSE_LEN) n = LIBIPMI_MAX_RESPONSE_LEN;
+        if (*resLen != 0 && n > *resLen) n = *resLen;
+        if (n > 0) std::memcpy(resData, a.bytes->data(), n);
+        *resLen = static_cast<uint32_t>(n);
+    } else if (a.status != LIBIPMI_STATUS_OK) {
+        *resLen = 0;
+    }
+    return a.status;
+}
+
+uint16_t exchange(IpmiSession *session, uint8_t netFn, uint8_t command, std::span<const uint8_t> request,
+                  std::vector<uint8_t> &response, int timeout)
+{
+    response.assign(LIBIPMI_MAX_RESPONSE_LEN, 0);
+    uint32_t len = static_cast<uint32_t>(response.size());
+    RawCall call{session,
+                 0,
+                 static_cast<uint8_t>(netFn << 2),
+                 command,
+                 request.data(),
+                 static_cast<uint32_t>(request.size()),
+                 response.data(),
+                 &len,
+                 timeout};
+    uint16_t status = rawExchange(call, response.data(), &len);
+    response.resize(status == LIBIPMI_STATUS_OK || LIBIPMI_STATUS_IS_COMPLETION_CODE(status) ? len : 0);
+    return status;
+}
+
+} // namespace libipmi
+
+using namespace libipmi;
+
+extern "C" uint16_t LIBIPMI_Send_RAW_IPMI2_0_Command(IpmiSession *session, uint8_t payloadType, uint8_t netFnLun,
+                                                     uint8_t command, uint8_t *reqData, uint32_t reqLen,
+                                                     uint8_t *resData, uint32_t *resLen, int timeout)
+{
+    RawCall call{session, payloadType, netFnLun, command, reqData, reqLen, resData, resLen, timeout};
+    if (!resData || !resLen || (reqLen > 0 && !reqData) || payloadType != 0) {
+        if (auto link = linkFor(session)) link->reject(call, LIBIPMI_STATUS_INVALID_ARGUMENT);
+        return session ? LIBIPMI_STATUS_INVALID_ARGUMENT : LIBIPMI_STATUS_NO_SESSION;
+    }
+    return rawExchange(call, resData, resLen);
+}
+
+extern "C" uint64_t ipmihost_request_count(void) { return gRequests.load(std::memory_order_relaxed); }
+
+extern "C" void ipmihost_reset_request_count(void) { gRequests.store(0, std::memory_order_relaxed); }

@@ -1,0 +1,143 @@
+// The virtual controller as a transport: requests are handled in-process by a model of the
+// controller built from a machine profile.
+#include <mutex>
+
+#include "controller.h"
+#include "internal.h"
+#include "libipmi_host.h"
+
+namespace libipmi {
+namespace {
+
+class SimTarget;
+
+class SimLink : public Link {
+public:
+    explicit SimLink(std::shared_ptr<tvxsim::Controller> c) : controller_(std::move(c)) {}
+
+    Answer exchange(const RawCall &call, std::span<const uint8_t> request) override
+    {
+        tvxsim::Reply reply;
+        try {
+            reply = controller_->handle(static_cast<uint8_t>(call.netFnLun >> 2), static_cast<uint8_t>(call.netFnLun & 3),
+                                        call.command, request);
+        } catch (const tvxsim::ProfileError &e) {
+            setLastError(e.what());
+            return Answer{LIBIPMI_STATUS_CONFIG_ERROR, std::nullopt};
+        }
+        // A lost request is reported at once rather than after waiting out the time-out:
+        // nothing will ever arrive from an in-process controller.
+        if (!reply.answered) return Answer{LIBIPMI_STATUS_TIMEOUT, std::nullopt};
+        return answerFromBytes(std::move(reply.bytes));
+    }
+
+private:
+    std::shared_ptr<tvxsim::Controller> controller_;
+};
+
+class SimTarget : public Target {
+public:
+    explicit SimTarget(std::shared_ptr<tvxsim::Controller> c) : controller_(std::move(c)) {}
+
+    uint16_t open(const OpenCall &, std::unique_ptr<Link> &link) override
+    {
+        link = std::make_unique<SimLink>(controller_);
+        return LIBIPMI_STATUS_OK;
+    }
+
+    std::string describe() const override
+    {
+        std::string where = controller_->statePath().empty() ? "state in memory" : "state " + controller_->statePath();
+        return "virtual controller " + controller_->profile().file + " (" + where + ")";
+    }
+
+    tvxsim::Controller &controller() { return *controller_; }
+
+private:
+    std::shared_ptr<tvxsim::Controller> controller_;
+};
+
+SimTarget *currentSim()
+{
+    uint16_t status = 0;
+    auto t = currentTarget(status);
+    auto *sim = dynamic_cast<SimTarget *>(t.get());
+    if (!sim && t) setLastError("the selected controller is not a virtual controller (" + t->describe() + ")");
+    return sim;
+}
+
+} // namespace
+
+std::shared_ptr<Target> makeMachineTarget(const std::string &profilePath, const std::string &stateDir)
+{
+    try {
+        tvxsim::Profile profile =
+            profilePath.empty()
+                ? tvxsim::parseProfile(std::string(reinterpret_cast<const char *>(kDefaultProfile), kDefaultProfileSize),
+                                       "default.json")
+                : tvxsim::loadProfile(profilePath);
+        std::string dir = stateDir.empty() ? tvxsim::StateStore::defaultDir() : stateDir;
+        auto controller = std::make_shared<tvxsim::Controller>(std::move(profile), dir);
+        return std::make_shared<SimTarget>(std::move(controller));
+    } catch (const tvxsim::ProfileError &e) {
+        setLastError(e.what());
+    } catch (const std::exception &e) {
+        setLastError(std::string("cannot start the virtual controller: ") + e.what());
+    }
+    return nullptr;
+}
+
+} // namespace libipmi
+
+using namespace libipmi;
+
+extern "C" const char *ipmihost_state_file(void)
+{
+    static thread_local std::string path;
+    SimTarget *sim = currentSim();
+    if (!sim) return nullptr;
+    path = sim->controller().statePath();
+    return path.c_str();
+}
+
+extern "C" int ipmihost_reset_machine(void)
+{
+    SimTarget *sim = currentSim();
+    if (!sim) return -1;
+    try {
+        sim->controller().reset();
+    } catch (const tvxsim::ProfileError &e) {
+        setLastError(e.what());
+        return -1;
+    }
+    return 0;
+}
+
+extern "C" int ipmihost_inject_fault(const ipmihost_fault *fault)
+{
+    if (!fault) {
+        setLastError("no fault given");
+        return -1;
+    }
+    if (fault->matchLen > sizeof fault->match || fault->kind < IPMIHOST_FAULT_COMPLETION_CODE ||
+        fault->kind > IPMIHOST_FAULT_GARBLED || (fault->kind == IPMIHOST_FAULT_COMPLETION_CODE && fault->value == 0)) {
+        setLastError("invalid fault (match length, kind, or a completion code of 0)");
+        return -1;
+    }
+    SimTarget *sim = currentSim();
+    if (!sim) return -1;
+    tvxsim::Fault f;
+    f.netFn = fault->netFn;
+    f.command = fault->command;
+    f.match.assign(fault->match, fault->match + fault->matchLen);
+    f.kind = static_cast<tvxsim::Fault::Kind>(fault->kind);
+    f.value = fault->value;
+    f.count = fault->count;
+    sim->controller().injectFault(f);
+    return 0;
+}
+
+extern "C" void ipmihost_clear_faults(void)
+{
+    if (SimTarget *sim = currentSim()) sim->controller().clearFaults();
+}

@@ -1,0 +1,164 @@
+#include "controller.h"
+
+#include <algorithm>
+
+namespace tvxsim {
+namespace {
+
+constexpr uint8_t kNetFnOemGroup = 0x2E;
+
+uint16_t key(uint8_t netFn, uint8_t command) { return static_cast<uint16_t>((netFn & 0x3E) << 8 | command); }
+
+} // namespace
+
+std::span<const Subsystem> Controller::standardSubsystems()
+{
+    static const Subsystem all[] = {kAppSubsystem};
+    return all;
+}
+
+Controller::Controller(Profile profile, const std::string &stateDir)
+    : Controller(std::move(profile), stateDir, standardSubsystems())
+{
+}
+
+Controller::Controller(Profile profile, const std::string &stateDir, std::span<const Subsystem> subsystems)
+    : profile_(std::move(profile)), faults_(profile_.faults)
+{
+    for (const Subsystem &s : subsystems) subsystems_.push_back(&s);
+    auto initial = [this]() {
+        nlohmann::json state = nlohmann::json::object();
+        for (const Subsystem *s : subsystems_)
+            if (s->initState) s->initState(profile_, state);
+        return state;
+    };
+    store_ = std::make_unique<StateStore>(stateDir, profile_, initial);
+    for (const Subsystem *s : subsystems_)
+        if (s->install) s->install(*this);
+    store_->open();
+}
+
+void Controller::on(uint8_t netFn, uint8_t command, Handler h) { handlers_[key(netFn, command)] = std::move(h); }
+
+void Controller::onOem(uint8_t command, Handler h) { oemHandlers_[command] = std::move(h); }
+
+void Controller::injectFault(const Fault &f)
+{
+    std::lock_guard<std::mutex> g(mutex_);
+    faults_.push_back(f);
+}
+
+void Controller::clearFaults()
+{
+    std::lock_guard<std::mutex> g(mutex_);
+    faults_.clear();
+}
+
+void Controller::reset()
+{
+    std::lock_guard<std::mutex> g(mutex_);
+    store_->reset();
+}
+
+std::optional<Fault> Controller::takeFault(uint8_t netFn, uint8_t command, std::span<const uint8_t> data)
+{
+    for (auto it = faults_.begin(); it != faults_.end(); ++it) {
+        if ((it->netFn & 0x3E) != (netFn & 0x3E) || it->command != command) continue;
+        if (it->match.size() > data.size() || !std::equal(it->match.begin(), it->match.end(), data.begin())) continue;
+        Fault hit = *it;
+        if (it->count == 1) faults_.erase(it);
+        else if (it->count > 1) --it->count;
+        return hit;
+    }
+    return std::nullopt;
+}
+
+void Controller::dispatchOem(Context &ctx, const Request &req, Response &rsp)
+{
+    // OEM/Group frame: IANA number (3 bytes, LSB first), then the command's own bytes. The
+    // answer repeats the IANA number after the completion code, on errors too.
+    if (req.data.size() < 3) {
+        rsp.fail(cc::kRequestLengthInvalid);
+        return;
+    }
+    uint32_t iana = static_cast<uint32_t>(req.data[0] | req.data[1] << 8 | req.data[2] << 16);
+    auto finish = [&](Response &inner) {
+        Response out;
+        out.fail(inner.code());
+        out.append(req.data.first(3));
+        out.append(std::span<const uint8_t>(inner.bytes()).subspan(1));
+        rsp = std::move(out);
+    };
+    Response inner;
+    if (iana != ctx.profile.oemIana) {
+        inner.fail(cc::kInvalidCommand);
+        finish(inner);
+        return;
+    }
+    auto it = oemHandlers_.find(req.command);
+    if (it == oemHandlers_.end()) {
+        inner.fail(cc::kInvalidCommand);
+    } else {
+        Request sub{req.netFn, req.lun, req.command, req.data.subspan(3)};
+        it->second(ctx, sub, inner);
+    }
+    finish(inner);
+}
+
+void Controller::dispatch(Context &ctx, const Request &req, Response &rsp)
+{
+    if ((req.netFn & 0x3E) == kNetFnOemGroup) {
+        dispatchOem(ctx, req, rsp);
+        return;
+    }
+    auto it = handlers_.find(key(req.netFn, req.command));
+    if (it == handlers_.end()) {
+        rsp.fail(cc::kInvalidCommand);
+        return;
+    }
+    it->second(ctx, req, rsp);
+}
+
+Reply Controller::handle(uint8_t netFn, uint8_t lun, uint8_t command, std::span<const uint8_t> data)
+{
+    std::lock_guard<std::mutex> g(mutex_);
+    Reply reply;
+    // A request that is lost or refused never reaches the command; the other faults damage
+    // the answer of a command that was carried out.
+    std::optional<Fault> fault = takeFault(netFn, command, data);
+    if (fault && fault->kind == Fault::Kind::NoAnswer) {
+        reply.answered = false;
+        return reply;
+    }
+    if (fault && fault->kind == Fault::Kind::CompletionCode) {
+        reply.bytes = {fault->value};
+        return reply;
+    }
+    Response rsp;
+    Request req{static_cast<uint8_t>(netFn & 0x3F), static_cast<uint8_t>(lun & 3), command, data};
+    store_->transact([&](nlohmann::json &state) {
+        Context ctx{profile_, state};
+        dispatch(ctx, req, rsp);
+        return ctx.dirty;
+    });
+    reply.bytes = std::move(rsp.bytes());
+    if (fault) {
+        switch (fault->kind) {
+        case Fault::Kind::Short:
+            if (reply.bytes.size() > fault->value) reply.bytes.resize(fault->value);
+            break;
+        case Fault::Kind::Long:
+            reply.bytes.insert(reply.bytes.end(), fault->value, 0xEE);
+            break;
+        case Fault::Kind::Garbled:
+            for (std::size_t i = 1; i < reply.bytes.size(); ++i)
+                reply.bytes[i] = static_cast<uint8_t>(reply.bytes[i] ^ (fault->value ? fault->value : 0xA5));
+            break;
+        default:
+            break;
+        }
+    }
+    return reply;
+}
+
+} // namespace tvxsim

@@ -1,0 +1,134 @@
+// The virtual controller: dispatches IPMI requests by network function and command to the
+// handlers of its subsystems, frames OEM/Group requests, keeps the machine's state in a
+// StateStore and applies injected faults to what it answers.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "profile.h"
+#include "state_store.h"
+
+namespace tvxsim {
+
+// Standard completion codes.
+namespace cc {
+inline constexpr uint8_t kOk = 0x00;
+inline constexpr uint8_t kNodeBusy = 0xC0;
+inline constexpr uint8_t kInvalidCommand = 0xC1;
+inline constexpr uint8_t kTimeout = 0xC3;
+inline constexpr uint8_t kOutOfSpace = 0xC4;
+inline constexpr uint8_t kReservationInvalid = 0xC5;
+inline constexpr uint8_t kDataTruncated = 0xC6;
+inline constexpr uint8_t kRequestLengthInvalid = 0xC7;
+inline constexpr uint8_t kRequestLengthExceeded = 0xC8;
+inline constexpr uint8_t kParameterOutOfRange = 0xC9;
+inline constexpr uint8_t kCannotReturnBytes = 0xCA;
+inline constexpr uint8_t kNotPresent = 0xCB;
+inline constexpr uint8_t kInvalidDataField = 0xCC;
+inline constexpr uint8_t kIllegalForType = 0xCD;
+inline constexpr uint8_t kNotSupportedInState = 0xD5;
+inline constexpr uint8_t kUnspecified = 0xFF;
+} // namespace cc
+
+struct Request {
+    uint8_t netFn;
+    uint8_t lun;
+    uint8_t command;
+    std::span<const uint8_t> data; // for OEM handlers: the bytes after the IANA number
+};
+
+// The answer being built: completion code first, then data bytes.
+class Response {
+public:
+    Response() : bytes_{cc::kOk} {}
+    void fail(uint8_t code) { bytes_.assign(1, code); }
+    void u8(uint8_t v) { bytes_.push_back(v); }
+    void u16(uint16_t v) { u8(static_cast<uint8_t>(v)), u8(static_cast<uint8_t>(v >> 8)); }
+    void u24(uint32_t v) { u16(static_cast<uint16_t>(v)), u8(static_cast<uint8_t>(v >> 16)); }
+    void u32(uint32_t v) { u16(static_cast<uint16_t>(v)), u16(static_cast<uint16_t>(v >> 16)); }
+    void append(std::span<const uint8_t> b) { bytes_.insert(bytes_.end(), b.begin(), b.end()); }
+    uint8_t code() const { return bytes_[0]; }
+    const std::vector<uint8_t> &bytes() const { return bytes_; }
+    std::vector<uint8_t> &bytes() { return bytes_; }
+
+private:
+    std::vector<uint8_t> bytes_;
+};
+
+// What a handler sees of the machine. Changing `state` requires calling changed(), so the
+// change is written to non-volatile storage.
+struct Context {
+    const Profile &profile;
+    nlohmann::json &state;
+    bool dirty = false;
+    void changed() { dirty = true; }
+};
+
+using Handler = std::function<void(Context &, const Request &, Response &)>;
+
+// What the controller sends back: nothing (the request is lost), or these bytes.
+struct Reply {
+    bool answered = true;
+    std::vector<uint8_t> bytes;
+};
+
+// One subsystem of the controller: its commands and its part of the initial state.
+struct Subsystem {
+    const char *name;
+    void (*install)(class Controller &);
+    // Adds this subsystem's part of a fresh machine's state (may be null).
+    void (*initState)(const Profile &, nlohmann::json &state);
+};
+
+class Controller {
+public:
+    // stateDir empty: the state lives in memory only. Throws ProfileError for a state that
+    // cannot be used.
+    Controller(Profile profile, const std::string &stateDir);
+    // The same with a chosen set of subsystems (tests use their own).
+    Controller(Profile profile, const std::string &stateDir, std::span<const Subsystem> subsystems);
+
+    void on(uint8_t netFn, uint8_t command, Handler h);  // a standard command
+    void onOem(uint8_t command, Handler h);              // an OEM/Group (0x2E) command
+
+    // Handles one request. Thread-safe; serialized with other programs on the same state.
+    Reply handle(uint8_t netFn, uint8_t lun, uint8_t command, std::span<const uint8_t> data);
+
+    void injectFault(const Fault &f);
+    void clearFaults();
+    void reset();
+
+    const Profile &profile() const { return profile_; }
+    const std::string &statePath() const { return store_->path(); }
+
+    // The subsystems of a complete machine.
+    static std::span<const Subsystem> standardSubsystems();
+
+private:
+    void dispatch(Context &ctx, const Request &req, Response &rsp);
+    void dispatchOem(Context &ctx, const Request &req, Response &rsp);
+    std::optional<Fault> takeFault(uint8_t netFn, uint8_t command, std::span<const uint8_t> data);
+
+    Profile profile_;
+    std::vector<const Subsystem *> subsystems_;
+    std::unique_ptr<StateStore> store_;
+    std::map<uint16_t, Handler> handlers_;
+    std::map<uint8_t, Handler> oemHandlers_;
+    std::vector<Fault> faults_;
+    std::mutex mutex_;
+};
+
+// Subsystems defined in their own source files.
+extern const Subsystem kAppSubsystem;
+
+} // namespace tvxsim

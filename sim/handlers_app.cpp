@@ -1,0 +1,69 @@
+// Application commands (NetFn 0x06): the controller's identity, self test and ACPI power state.
+#include "controller.h"
+
+namespace tvxsim {
+namespace {
+
+constexpr uint8_t kNetFnApp = 0x06;
+
+void getDeviceId(Context &ctx, const Request &req, Response &rsp)
+{
+    if (!req.data.empty()) return rsp.fail(cc::kRequestLengthInvalid);
+    auto data = ctx.profile.device.responseData();
+    rsp.append(data);
+}
+
+void getSelfTestResults(Context &, const Request &req, Response &rsp)
+{
+    if (!req.data.empty()) return rsp.fail(cc::kRequestLengthInvalid);
+    rsp.u8(0x55); // no error
+    rsp.u8(0x00);
+}
+
+// The ACPI power state is set by system software and kept by the controller.
+void setAcpiPowerState(Context &ctx, const Request &req, Response &rsp)
+{
+    if (req.data.size() != 2) return rsp.fail(cc::kRequestLengthInvalid);
+    auto &acpi = ctx.state["acpi"];
+    uint8_t system = req.data[0], device = req.data[1];
+    if ((system & 0x80) && (system & 0x7F) != 0x7F) {
+        uint8_t s = system & 0x7F;
+        // Defined system states: S0..S5 and their variants (0x00-0x0A), legacy on/off
+        // (0x20, 0x21), unknown (0x2A).
+        if (s > 0x0A && s != 0x20 && s != 0x21 && s != 0x2A) return rsp.fail(cc::kParameterOutOfRange);
+        acpi["system"] = s;
+    }
+    if ((device & 0x80) && (device & 0x7F) != 0x7F) {
+        uint8_t d = device & 0x7F;
+        if (d > 0x03 && d != 0x2A) return rsp.fail(cc::kParameterOutOfRange);
+        acpi["device"] = d;
+    }
+    ctx.changed();
+}
+
+void getAcpiPowerState(Context &ctx, const Request &req, Response &rsp)
+{
+    if (!req.data.empty()) return rsp.fail(cc::kRequestLengthInvalid);
+    const auto &acpi = ctx.state["acpi"];
+    rsp.u8(acpi.value("system", uint8_t{0}));
+    rsp.u8(acpi.value("device", uint8_t{0}));
+}
+
+void install(Controller &c)
+{
+    c.on(kNetFnApp, 0x01, getDeviceId);
+    c.on(kNetFnApp, 0x04, getSelfTestResults);
+    c.on(kNetFnApp, 0x06, setAcpiPowerState);
+    c.on(kNetFnApp, 0x07, getAcpiPowerState);
+}
+
+void initState(const Profile &, nlohmann::json &state)
+{
+    state["acpi"] = {{"system", 0x00}, {"device", 0x00}}; // S0/G0 working, D0
+}
+
+} // namespace
+
+const Subsystem kAppSubsystem = {"application", install, initState};
+
+} // namespace tvxsim

@@ -1,0 +1,45 @@
+// The controller's identity (Get Device ID).
+#include <cstring>
+
+#include "common/bytes.h"
+#include "common/diag.h"
+#include "libipmi.h"
+#include "tvx_toipmi.h"
+
+using tvx::diag::Unit;
+
+namespace {
+
+constexpr int kTimeout = 60;
+constexpr uint32_t kDeviceIdResponseLen = 16; // completion code and the 15 bytes of the record
+
+} // namespace
+
+extern "C" TVX_API IpmiDeviceId ipmiGetDeviceId(IpmiSession *session)
+{
+    // The request states no capacity, so the platform writes the whole response: the
+    // buffer is as large as any response it produces, and a longer answer than Get Device
+    // ID's 16 bytes is refused below by its length.
+    uint8_t response[LIBIPMI_MAX_RESPONSE_LEN];
+    std::memset(response, 0, sizeof response);
+    IpmiDeviceId id;
+    std::memset(&id, 0, sizeof id);
+    if (!session) {
+        TVX_DIAG_LOCATED(Unit::Helpers, "Session check failed.");
+        return id;
+    }
+    uint32_t len = 0;
+    uint16_t status = LIBIPMI_Send_RAW_IPMI2_0_Command(session, 0, TVX_NETFN_APP, 0x01, nullptr, 0, response, &len,
+                                                       kTimeout);
+    if (status != 0) {
+        TVX_DIAG_LOCATED(Unit::Helpers, "Failed to send ipmi raw command.");
+        return id;
+    }
+    if (len != kDeviceIdResponseLen) {
+        TVX_DIAG_LOCATED(Unit::Helpers, "Failed to read device id, wrong response size.");
+        return id;
+    }
+    tvx::ByteView data = tvx::ByteView(response, len).from(1);
+    std::memcpy(&id, data.data(), sizeof id);
+    return id;
+}

@@ -1,0 +1,101 @@
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+
+#include "cli.h"
+#include "libipmi.h"
+#include "libipmi_host.h"
+
+namespace tvxctl {
+
+Session::Session()
+{
+    session_ = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
+    if (!session_) {
+        std::string why = ipmihost_last_error();
+        throw Failure{kExitFailed, "cannot open a session with " + std::string(ipmihost_describe_target()) +
+                                       (why.empty() ? "" : ": " + why)};
+    }
+}
+
+bool parseByte(const std::string &text, uint8_t &out)
+{
+    if (text.empty() || text[0] == '-' || text[0] == '+') return false;
+    errno = 0;
+    char *end = nullptr;
+    unsigned long v = std::strtoul(text.c_str(), &end, 0);
+    if (errno != 0 || *end != '\0' || v > 0xFF) return false;
+    out = static_cast<uint8_t>(v);
+    return true;
+}
+
+std::string hexByte(unsigned v)
+{
+    char buf[8];
+    std::snprintf(buf, sizeof buf, "0x%02x", v & 0xFF);
+    return buf;
+}
+
+const char *completionCodeText(uint8_t cc)
+{
+    switch (cc) {
+    case 0x00: return "Command completed normally";
+    case 0xC0: return "Node busy";
+    case 0xC1: return "Invalid command";
+    case 0xC2: return "Invalid command on LUN";
+    case 0xC3: return "Timeout while processing command";
+    case 0xC4: return "Out of space";
+    case 0xC5: return "Reservation cancelled or invalid";
+    case 0xC6: return "Request data truncated";
+    case 0xC7: return "Request data length invalid";
+    case 0xC8: return "Request data field length limit exceeded";
+    case 0xC9: return "Parameter out of range";
+    case 0xCA: return "Cannot return number of requested data bytes";
+    case 0xCB: return "Requested sensor, data, or record not present";
+    case 0xCC: return "Invalid data field in request";
+    case 0xCD: return "Command illegal for specified sensor or record type";
+    case 0xCE: return "Command response could not be provided";
+    case 0xCF: return "Cannot execute duplicated request";
+    case 0xD0: return "SDR repository in update mode";
+    case 0xD1: return "Device firmware in update mode";
+    case 0xD2: return "BMC initialization in progress";
+    case 0xD3: return "Destination unavailable";
+    case 0xD4: return "Insufficient privilege level";
+    case 0xD5: return "Command not supported in present state";
+    case 0xD6: return "Command sub-function disabled or unavailable";
+    case 0xFF: return "Unspecified error";
+    default: return cc >= 0x01 && cc <= 0x7E ? "Device-specific (OEM) completion code" : "Unknown completion code";
+    }
+}
+
+std::string statusText(uint16_t status)
+{
+    if (LIBIPMI_STATUS_IS_COMPLETION_CODE(status))
+        return "completion code " + hexByte(status & 0xFF) + " (" + completionCodeText(status & 0xFF) + ")";
+    switch (status) {
+    case LIBIPMI_STATUS_OK: return "success";
+    case LIBIPMI_STATUS_INVALID_ARGUMENT: return "invalid argument";
+    case LIBIPMI_STATUS_NO_SESSION: return "no session";
+    case LIBIPMI_STATUS_TIMEOUT: return "no answer from the controller (time-out)";
+    case LIBIPMI_STATUS_TRANSPORT: return "the link to the controller failed";
+    case LIBIPMI_STATUS_BAD_RESPONSE: return "the controller's answer was malformed";
+    case LIBIPMI_STATUS_NO_MEMORY: return "out of memory";
+    case LIBIPMI_STATUS_BUFFER_TOO_SMALL: return "the answer does not fit";
+    case LIBIPMI_STATUS_NOT_AVAILABLE: return "not available with this controller";
+    case LIBIPMI_STATUS_AUTH_FAILED: return "the controller refused the session";
+    case LIBIPMI_STATUS_CONFIG_ERROR: {
+        std::string why = ipmihost_last_error();
+        return why.empty() ? "configuration error" : why;
+    }
+    default: {
+        char buf[48];
+        std::snprintf(buf, sizeof buf, "platform status 0x%04x", status);
+        return buf;
+    }
+    }
+}
+
+void printJson(const Json &j) { std::cout << j.dump(2) << "\n"; }
+
+} // namespace tvxctl

@@ -1,0 +1,135 @@
+// tvxctl: the command-line face of libtvx_toipmi.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "cli.h"
+#include "libipmi_host.h"
+
+namespace tvxctl {
+namespace {
+
+struct Subcommand {
+    const char *name;
+    Command run;
+    const char *usage;
+    const char *summary;
+};
+
+const Subcommand kCommands[] = {
+    {"devid", cmdDevid, "devid", "the controller's identity: firmware and IPMI versions, manufacturer, product"},
+    {"raw", cmdRaw, "raw NETFN CMD [BYTE...]", "send one request and print the response data bytes"},
+    {"reset", cmdReset, "reset", "start the virtual machine afresh from its profile"},
+    {"target", cmdTarget, "target", "show which controller the commands talk to"},
+};
+
+void usage(std::FILE *out)
+{
+    std::fprintf(out,
+                 "usage: tvxctl [OPTIONS] COMMAND [ARGS...]\n"
+                 "\n"
+                 "Reads and controls a server's management controller through libtvx_toipmi.\n"
+                 "\n"
+                 "Commands:\n");
+    for (const auto &c : kCommands) std::fprintf(out, "  %-26s %s\n", c.usage, c.summary);
+    std::fprintf(out,
+                 "\n"
+                 "Options:\n"
+                 "  --machine FILE   use the virtual controller for this machine profile\n"
+                 "  --target SPEC    controller to use: default, machine:FILE or FILE.json\n"
+                 "                   (default: $%s, else the built-in default machine)\n"
+                 "  --state DIR      where the virtual controller keeps its state\n"
+                 "                   (default: $%s, else ~/.local/state/tvx)\n"
+                 "  --json           print data as JSON\n"
+                 "  -h, --help       show this help\n"
+                 "\n"
+                 "Numbers are C-style: 0x2e hexadecimal, 46 decimal, 056 octal.\n"
+                 "Exit status: 0 success, 1 the request failed or was refused, 2 bad arguments.\n",
+                 IPMIHOST_TARGET_ENV, IPMIHOST_STATE_ENV);
+}
+
+// Takes the value of an option given as "--name VALUE" or "--name=VALUE".
+bool optionValue(const std::vector<std::string> &argv, std::size_t &i, const char *name, std::string &out)
+{
+    const std::string &a = argv[i];
+    std::string n(name);
+    if (a == n) {
+        if (i + 1 >= argv.size()) throw Failure{kExitUsage, n + " needs a value"};
+        out = argv[++i];
+        return true;
+    }
+    if (a.rfind(n + "=", 0) == 0) {
+        out = a.substr(n.size() + 1);
+        return true;
+    }
+    return false;
+}
+
+int run(int argc, char **argv)
+{
+    std::vector<std::string> all(argv + 1, argv + argc);
+    Options opt;
+    std::vector<std::string> positional;
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        const std::string &a = all[i];
+        if (a == "-h" || a == "--help") {
+            usage(stdout);
+            return kExitOk;
+        }
+        if (a == "--json") opt.json = true;
+        else if (optionValue(all, i, "--machine", opt.machine) || optionValue(all, i, "--state", opt.state) ||
+                 optionValue(all, i, "--target", opt.target))
+            continue;
+        else if (a.size() > 1 && a[0] == '-' && !(a.size() > 1 && std::isdigit(static_cast<unsigned char>(a[1]))))
+            throw Failure{kExitUsage, "unknown option \"" + a + "\" (see tvxctl --help)"};
+        else positional.push_back(a);
+    }
+    if (positional.empty()) {
+        usage(stderr);
+        return kExitUsage;
+    }
+    if (!opt.machine.empty() && !opt.target.empty())
+        throw Failure{kExitUsage, "--machine and --target both name a controller; give one"};
+
+    const Subcommand *cmd = nullptr;
+    for (const auto &c : kCommands)
+        if (positional[0] == c.name) cmd = &c;
+    if (!cmd) throw Failure{kExitUsage, "unknown command \"" + positional[0] + "\" (see tvxctl --help)"};
+
+    // Choose the controller now, so that a bad profile or state is reported before anything.
+    std::string spec = opt.target;
+    if (!opt.machine.empty()) spec = "machine:" + opt.machine;
+    if (spec.empty()) {
+        const char *env = std::getenv(IPMIHOST_TARGET_ENV);
+        spec = env && *env ? env : "default";
+    }
+    std::string state = opt.state;
+    if (state.empty()) {
+        const char *env = std::getenv(IPMIHOST_STATE_ENV);
+        state = env ? env : "";
+    }
+    if (ipmihost_select_target(spec.c_str(), state.empty() ? nullptr : state.c_str()) != 0)
+        throw Failure{kExitFailed, ipmihost_last_error()};
+
+    std::vector<std::string> args(positional.begin() + 1, positional.end());
+    return cmd->run(opt, args);
+}
+
+} // namespace
+} // namespace tvxctl
+
+int main(int argc, char **argv)
+{
+    try {
+        return tvxctl::run(argc, argv);
+    } catch (const tvxctl::Failure &f) {
+        std::fprintf(stderr, "tvxctl: %s\n", f.message.c_str());
+        return f.exitCode;
+    } catch (const std::exception &e) {
+        std::fprintf(stderr, "tvxctl: %s\n", e.what());
+        return tvxctl::kExitFailed;
+    }
+}

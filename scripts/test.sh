@@ -1,0 +1,12 @@
+#!/usr/bin/env bash
+# Every test: install what is needed, build with AddressSanitizer and
+# UndefinedBehaviorSanitizer, and run the whole suite with CTest.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/deps.sh
+cmake -S . -B build/sanitize -DCMAKE_BUILD_TYPE=Debug -DTVX_SANITIZE=ON -DTVX_BUILD_BENCH=OFF >/dev/null
+cmake --build build/sanitize -j"$(nproc)"
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+cd build/sanitize
+ctest --output-on-failure -j"$(nproc)" --timeout 300

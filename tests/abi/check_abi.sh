@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# Checks the shared objects' binary interface:
+#  - libtvx_toipmi.so.1 exports exactly the promised symbols;
+#  - it needs only libc and the two platform libraries at run time (no C++ runtime);
+#  - the sonames are exactly libtvx_toipmi.so.1, libipmi.so.2 and libtvx_decodeUtil.so.1.
+# usage: check_abi.sh LIBTVX LIBIPMI LIBDECODE EXPECTED_SYMBOLS SANITIZED(0|1)
+set -u
+lib=$1 ipmi=$2 decode=$3 expected=$4 sanitized=$5
+fail=0
+
+soname() { readelf -d "$1" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p'; }
+for pair in "$lib:libtvx_toipmi.so.1" "$ipmi:libipmi.so.2" "$decode:libtvx_decodeUtil.so.1"; do
+  file=${pair%%:*} want=${pair#*:}
+  got=$(soname "$file")
+  if [ "$got" != "$want" ]; then echo "FAIL: soname of $file is '$got', want '$want'"; fail=1; fi
+done
+
+# Sanitizer runtimes add their own instrumentation symbols; they are not part of the interface.
+actual=$(nm -D --defined-only "$lib" | awk '{print $3}' | grep -v -E '^(__asan|__odr_asan|__ubsan|___asan|__sancov)' | sort -u)
+want=$(grep -v -E '^\s*(#|$)' "$expected" | sort -u)
+if [ "$actual" != "$want" ]; then
+  echo "FAIL: exported symbols differ from the promised list (< promised, > exported):"
+  diff <(echo "$want") <(echo "$actual") | grep -E '^[<>]'
+  fail=1
+fi
+
+allowed='^(libc\.so\.6|libipmi\.so\.2|libtvx_decodeUtil\.so\.1)$'
+[ "$sanitized" = 1 ] && allowed='^(libc\.so\.6|libipmi\.so\.2|libtvx_decodeUtil\.so\.1|libasan\.so\.[0-9]+|libubsan\.so\.[0-9]+)$'
+needed=$(readelf -d "$lib" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p')
+for n in $needed; do
+  if ! echo "$n" | grep -q -E "$allowed"; then echo "FAIL: libtvx_toipmi.so.1 needs $n"; fail=1; fi
+done
+for must in libipmi.so.2 libtvx_decodeUtil.so.1 libc.so.6; do
+  echo "$needed" | grep -qx "$must" || { echo "FAIL: libtvx_toipmi.so.1 does not record $must"; fail=1; }
+done
+
+[ $fail = 0 ] && echo "ABI OK: $(echo "$actual" | wc -l) symbols; needs: $(echo $needed)"
+exit $fail

@@ -87,6 +87,101 @@ TVX_STATIC_ASSERT(sizeof(IpmiDeviceId) == 15, "IpmiDeviceId is 15 bytes");
    fails outwardly: on any trouble it writes a diagnostic and returns an all-zero record. */
 TVX_API IpmiDeviceId ipmiGetDeviceId(IpmiSession *session);
 
+/* ---- SDR repository cache and the library's list ------------------------------------------ */
+
+/* The SDR cache: count slots of recordSize bytes, one SDR per slot in repository order, each
+   beginning with the 5-byte SDR header (record ID LSB first, version, record type, length).
+   A zero-initialised SDRInfo is a valid empty cache; freeSDRInfo empties it again. */
+typedef struct {
+    uint32_t recordSize;  /* allocation unit size x maximum record size in units */
+    uint8_t *records;     /* owned; NULL or exactly recordSize x count bytes      */
+    uint32_t count;
+} SDRInfo;
+
+/* Record types and positions within a slot. */
+#define TVX_SDR_FULL_SENSOR    0x01u
+#define TVX_SDR_COMPACT_SENSOR 0x02u
+#define TVX_SDR_POS_RECORD_TYPE   3u
+#define TVX_SDR_POS_LENGTH        4u
+#define TVX_SDR_POS_SENSOR_NUMBER 7u
+#define TVX_SDR_POS_ENTITY_ID     8u
+#define TVX_SDR_POS_ENTITY_INST   9u
+#define TVX_SDR_POS_SENSOR_TYPE   12u
+#define TVX_SDR_POS_EVENT_TYPE    13u
+
+/* The library's singly linked list of heap copies. Each node's data is a zero-filled copy
+   of the element with one extra zero byte, so copied strings are always terminated. */
+typedef struct ListNode {
+    uint8_t *data;
+    struct ListNode *next;
+} ListNode;
+
+/* Reads the whole repository into the cache. 1 = built, 0 = failure (with a diagnostic). */
+TVX_API int getSDRInfo(IpmiSession *session, SDRInfo *info);
+TVX_API void freeSDRInfo(SDRInfo *info);
+/* The slot of that index (callers pass 0 to count - 1), or NULL for an empty cache. */
+TVX_API uint8_t *getSdrByIndex(uint32_t index, SDRInfo *info);
+/* The first compact sensor record of that entity, instance and sensor type, or NULL. */
+TVX_API uint8_t *findCompactSdrByEntity(uint8_t entityId, uint8_t entityInstance, uint8_t sensorType,
+        SDRInfo *info);
+/* Appends copies of every record of recordType (1: first 64 bytes, 2: first 48 bytes, never
+   past the end of the cache) with that sensor type; returns how many were appended. */
+TVX_API uint32_t ipmiFindSensorByType(ListNode **list, uint8_t recordType, uint8_t sensorType,
+        SDRInfo *info);
+/* Appends a copy of size bytes of element. 1 = appended, 0 = nothing appended. */
+TVX_API int addToList(ListNode **list, const void *element, uint32_t size);
+/* Frees every node and its data; leaves *list NULL. */
+TVX_API void freeList(ListNode **list);
+
+/* ---- Sensor readings, status and texts ----------------------------------------------------- */
+
+/* Reads one sensor. 1 = read (reading and state bits 0-14 stored, each pointer may be NULL),
+   also when the reading is unavailable while scanning is disabled (both then 0); 0 = not read. */
+TVX_API int ipmiGetSensorReading(IpmiSession *session, uint8_t sensorNumber, uint8_t *reading,
+        uint16_t *stateBits);
+/* The status word of a threshold comparison byte: "LowNRecov", "UpNRecov", "LowCrit",
+   "UpCrit", "LowWarn", "UpWarn" (the most severe set, lower before upper) or "OK". */
+TVX_API const char *ipmiSdrGetStatus(uint32_t thresholdBits);
+/* The description of the lowest asserted discrete state that has a table row: constant text,
+   "[no description]" (offset -1), or NULL (offset -1; untouched when the low byte is 0). */
+TVX_API const char *ipmiGetDiscreteState(uint8_t sensorType, uint8_t eventReadingType, uint8_t stateLow,
+        uint8_t stateHigh, int32_t *offset);
+
+/* A row of an OEM value table: vendor (IANA number, low 16 bits), value, text. */
+typedef struct {
+    uint16_t vendor;
+    uint16_t value;
+    const char *text;
+} OemValueString;
+
+/* OEM sensor type names, ended by {0xFFFF, 0, NULL}. Vendor 12634 rows match any vendor. */
+TVX_API extern const OemValueString ipmi_oem_sdr_type_vals[];
+
+/* The name of a sensor type, in a static 32-byte buffer that the next call overwrites. */
+TVX_API char *ipmiSdrGetSensorTypeDesc(uint32_t sensorType);
+/* The text of an OEM value ("OEM reserved #xx" when the table has none), in a static 32-byte
+   buffer that the next call overwrites. */
+TVX_API char *oemval2str(uint32_t vendor, uint32_t value, const OemValueString *table);
+/* The name of an IPMI base unit (0-92; "unknown" above). */
+TVX_API const char *getUnitDesc(uint32_t unit);
+
+#pragma pack(push, 1)
+/* A component's status as the controller reports it; heap-allocated, the caller frees it. */
+typedef struct {
+    uint8_t componentId[2];
+    uint8_t componentBytes[3];
+    int8_t status;        /* 0-3; -3, -2, -1 for completion codes 0x01, 0x02 and others */
+    uint8_t componentByte;
+    uint8_t nameLength;   /* 0-31 */
+    char name[16];        /* zero-padded; not terminated when all 16 are used */
+} ComponentStatus;
+#pragma pack(pop)
+TVX_STATIC_ASSERT(sizeof(ComponentStatus) == 24, "ComponentStatus is 24 bytes");
+
+/* Asks the controller for the status of the component named by two key bytes. NULL when
+   there is no usable answer. */
+TVX_API ComponentStatus *oemGetComponentStatus(IpmiSession *session, const uint8_t *key);
+
 #ifdef __cplusplus
 }
 #endif

@@ -2,17 +2,37 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace tvx::diag {
 namespace {
 
-// Each diagnostic leaves in one write, so lines from concurrent programs do not mix.
+// Each diagnostic leaves in one write, so lines from concurrent programs do not mix. Long
+// texts (a caller's user name can be any length) get a heap buffer rather than being cut;
+// should that fail, the text is streamed in pieces instead.
 void emit(const char *head, const char *format, va_list args)
 {
-    char text[1024];
-    std::vsnprintf(text, sizeof text, format, args);
-    std::fprintf(stderr, "%s%s\n", head, text);
+    char text[512];
+    va_list again;
+    va_copy(again, args);
+    int n = std::vsnprintf(text, sizeof text, format, args);
+    if (n < 0) {
+        va_end(again);
+        return;
+    }
+    if (static_cast<size_t>(n) < sizeof text) {
+        std::fprintf(stderr, "%s%s\n", head, text);
+    } else if (char *big = static_cast<char *>(std::malloc(static_cast<size_t>(n) + 1))) {
+        std::vsnprintf(big, static_cast<size_t>(n) + 1, format, again);
+        std::fprintf(stderr, "%s%s\n", head, big);
+        std::free(big);
+    } else {
+        std::fputs(head, stderr);
+        std::vfprintf(stderr, format, again);
+        std::fputc('\n', stderr);
+    }
+    va_end(again);
 }
 
 } // namespace

@@ -12,7 +12,9 @@
 #ifndef TVX_TOIPMI_H
 #define TVX_TOIPMI_H
 
+#include <stddef.h>
 #include <stdint.h>
+#include <time.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -181,6 +183,91 @@ TVX_STATIC_ASSERT(sizeof(ComponentStatus) == 24, "ComponentStatus is 24 bytes");
 /* Asks the controller for the status of the component named by two key bytes. NULL when
    there is no usable answer. */
 TVX_API ComponentStatus *oemGetComponentStatus(IpmiSession *session, const uint8_t *key);
+
+/* ---- System event log --------------------------------------------------------------------- */
+
+/* SEL records are the 16-byte IPMI SEL record, passed as a pointer to their first byte. */
+#define TVX_SEL_RECORD_SIZE 16u
+
+typedef struct {
+    uint16_t entries;
+    uint16_t maxEntries;
+    uint32_t lastAddTime;   /* seconds since 1970, as the controller reports them */
+    uint32_t lastEraseTime;
+} SelSummary;
+
+/* Formats a SEL timestamp as UTC, "16-Nov-2026 21:45:12 " (with the trailing blank, English
+   month names). Returns the length written, 0 when it does not fit (callers pass 25 bytes). */
+TVX_API size_t convertTime(const time_t *timestamp, char *buffer, size_t size);
+/* Appends the raw one-line text of a SEL record (255-byte nodes) to a list. */
+TVX_API void addEntryToRawStringList(ListNode **head, const uint8_t *record);
+/* One raw line per SEL record, newest last (reverse != 0: newest first). NULL when the log
+   is empty or cannot be read. Free with freeList. */
+TVX_API ListNode *ipmiGetSelRawStrings(IpmiSession *session, int reverse);
+TVX_API SelSummary ipmiGetSelInfo(IpmiSession *session);
+/* Minutes from UTC (0x07FF: unspecified), or -1 on failure. */
+TVX_API int16_t ipmiGetSelTimeUtcOffset(IpmiSession *session);
+/* Starts erasing the log. 1 when the controller accepted the request. */
+TVX_API int ipmiClearEventLog(IpmiSession *session);
+/* Adds a system event record (generator 0x20, revision 0x01; the controller stamps it). */
+TVX_API int ipmiWriteSelEntry(IpmiSession *session, uint8_t sensorType, uint8_t sensorNumber,
+        uint8_t eventDirType, uint8_t eventData1, uint8_t eventData2, uint8_t eventData3);
+
+/* ---- Event message texts ------------------------------------------------------------------ */
+
+#define TVX_LANG_ENGLISH 0x0409u
+#define TVX_LANG_GERMAN  0x0407u
+
+/* A SEL entry's error code, severity and parameters, as the controller keeps them. */
+typedef struct {
+    uint8_t errorCode[4];  /* opaque; sent back to fetch the text                      */
+    uint8_t flags;         /* bits 4-6: 0 info, 1 minor, 2 major, 3 critical, else unknown */
+    uint8_t paramCount;
+    char **params;         /* paramCount zero-terminated strings; NULL when 0           */
+} ErrorCodeRecord;
+
+/* A short text of one entry: bytes 0-9 the controller's, byte 10 the text length (<= 20),
+   11-30 the text, zero-padded, byte 31 zero. */
+typedef struct {
+    uint8_t info[10];
+    uint8_t length;
+    char text[20];
+    uint8_t terminator;
+} SelEntryText;
+TVX_STATIC_ASSERT(sizeof(SelEntryText) == 32, "SelEntryText is 32 bytes");
+
+/* One entry as text with its follow-up chunks; the caller frees text. */
+typedef struct {
+    uint16_t field1;
+    uint16_t field2;
+    uint16_t field3;
+    uint8_t code[4];
+    uint8_t byte14;
+    uint8_t byte15;
+    uint16_t nextId;       /* 0xFFFF when the request failed */
+    uint16_t word18;
+    uint16_t textSize;     /* the whole text, terminator included */
+    uint8_t firstLength;
+    uint8_t followUpHandle;
+    char *text;
+} iESLText;
+
+TVX_API ErrorCodeRecord *getErrorCode(IpmiSession *session, const uint8_t *record, uint8_t selector);
+TVX_API void freeErrorCode(ErrorCodeRecord *record);
+/* The message text of an error code in a language, fetched chunk by chunk from offset. Pass
+   buffer NULL and offset 0; returns a heap text (the caller frees it) or NULL. */
+TVX_API char *getSelTextByErrorCode(IpmiSession *session, ErrorCodeRecord *errorCode, char *buffer,
+        uint16_t offset, uint8_t selector, uint16_t language);
+/* "<time>  <text with parameters> (<SEVERITY>)" for one record; heap string or NULL. Lines
+   are at most 254 characters: a longer text is cut, the time and severity kept. */
+TVX_API char *buildSelTextString(IpmiSession *session, const uint8_t *record, uint8_t selector,
+        int withTime, int withSeverity, uint16_t language);
+/* One English text line per SEL entry (with time and severity). Free with freeList. */
+TVX_API ListNode *ipmiGetSelText(IpmiSession *session, int reverse, uint8_t selector);
+TVX_API SelEntryText getSELEntryText(IpmiSession *session, uint16_t recordId);
+TVX_API char *ipmiInterpretSELEntryUsTextFollowUp(IpmiSession *session, uint8_t handle, unsigned size);
+TVX_API iESLText ipmiGetiESLSELEntryAsText(IpmiSession *session, uint8_t selector, uint16_t recordId,
+        uint8_t p7, uint16_t p8, uint8_t p10, uint8_t p11);
 
 #ifdef __cplusplus
 }

@@ -87,6 +87,16 @@ const char *lastError();
 // The link of an open session, or null.
 std::shared_ptr<Link> linkFor(IpmiSession *session);
 
+// What the platform remembers per open session between operations.
+struct SessionData {
+    // The SEL record count last reported on this session: the capacity of the caller's
+    // array in LIBIPMI_HL_GetAllSELEntries (absent until reported).
+    std::optional<uint16_t> selCount;
+};
+// The data of an open session (null when it is not open). A session is used by one caller
+// at a time, so the pointer stays valid until that caller closes it.
+SessionData *dataFor(IpmiSession *session);
+
 // Sends one request on a session and stores the answer into the caller's buffer: the one
 // raw exchange every operation of this library is built on.
 uint16_t rawExchange(const RawCall &call, uint8_t *resData, uint32_t *resLen);

@@ -26,10 +26,5 @@ uint16_t IPMICMD_GetChannelInfo(IpmiSession *, ChannelInfoRequest *, ChannelInfo
 uint16_t IPMICMD_GetLANConfig(IpmiSession *, LanConfigGetRequest *, LanConfigGetResponse *, int) { NOT_AVAILABLE; }
 uint16_t IPMICMD_SetLANConfig(IpmiSession *, LanConfigSetRequest *, uint32_t, uint8_t *, int) { NOT_AVAILABLE; }
 
-uint16_t LIBIPMI_HL_GetNumOfSELEntries(IpmiSession *, uint16_t *, int) { NOT_AVAILABLE; }
-uint16_t LIBIPMI_HL_GetMaxPossibleSELEntries(IpmiSession *, uint16_t *, int) { NOT_AVAILABLE; }
-uint16_t LIBIPMI_HL_GetAllSELEntries(IpmiSession *, SelRecord *, int) { NOT_AVAILABLE; }
-uint16_t IPMICMD_GetSELInfo(IpmiSession *, SelInfo *, int) { NOT_AVAILABLE; }
-uint16_t IPMICMD_AddSELEntry(IpmiSession *, SelRecord *, SelAddResponse *, int) { NOT_AVAILABLE; }
 
 } // extern "C"

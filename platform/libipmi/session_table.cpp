@@ -14,9 +14,14 @@ std::mutex &tableMutex()
     return m;
 }
 
-std::map<const IpmiSession *, std::shared_ptr<Link>> &table()
+struct Entry {
+    std::shared_ptr<Link> link;
+    SessionData data;
+};
+
+std::map<const IpmiSession *, Entry> &table()
 {
-    static std::map<const IpmiSession *, std::shared_ptr<Link>> t;
+    static std::map<const IpmiSession *, Entry> t;
     return t;
 }
 
@@ -26,7 +31,14 @@ std::shared_ptr<Link> linkFor(IpmiSession *session)
 {
     std::lock_guard<std::mutex> g(tableMutex());
     auto it = table().find(session);
-    return it == table().end() ? nullptr : it->second;
+    return it == table().end() ? nullptr : it->second.link;
+}
+
+SessionData *dataFor(IpmiSession *session)
+{
+    std::lock_guard<std::mutex> g(tableMutex());
+    auto it = table().find(session);
+    return it == table().end() ? nullptr : &it->second.data;
 }
 
 } // namespace libipmi
@@ -46,9 +58,9 @@ extern "C" uint16_t LIBIPMI_Create_IPMI_Local_Session_Ext(IpmiSession *session, 
     status = target->open(call, link);
     if (status != LIBIPMI_STATUS_OK) return status;
     std::lock_guard<std::mutex> g(tableMutex());
-    auto &slot = table()[session];
-    if (slot) slot->close(); // the block was reused without a close: drop the old link
-    slot = std::move(link);
+    Entry &slot = table()[session];
+    if (slot.link) slot.link->close(); // the block was reused without a close: drop the old link
+    slot = Entry{std::move(link), SessionData{}};
     return LIBIPMI_STATUS_OK;
 }
 
@@ -59,7 +71,7 @@ extern "C" uint16_t LIBIPMI_CloseSession(IpmiSession *session)
         std::lock_guard<std::mutex> g(tableMutex());
         auto it = table().find(session);
         if (it != table().end()) {
-            link = std::move(it->second);
+            link = std::move(it->second.link);
             table().erase(it);
         }
     }

@@ -81,4 +81,12 @@ void lineForm(int line, const char *format, ...)
 
 void plain(const char *text) { std::fwrite(text, 1, std::strlen(text), stderr); }
 
+void plainFormat(const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    std::vfprintf(stderr, format, args);
+    va_end(args);
+}
+
 } // namespace tvx::diag

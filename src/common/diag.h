@@ -22,6 +22,8 @@ void errorAt(Unit unit, int line, const char *format, ...) __attribute__((format
 void errorLine(int line, const char *format, ...) __attribute__((format(printf, 2, 3)));
 void lineForm(int line, const char *format, ...) __attribute__((format(printf, 2, 3)));
 void plain(const char *text);
+// A plain text with values filled in ("\nrecordId = 0x%x\n").
+void plainFormat(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 } // namespace tvx::diag
 

@@ -1,0 +1,473 @@
+// Event message texts: a SEL entry's error code, severity and parameters, the localized
+// message text of the code (fetched in chunks), and the composed line.
+//
+// Every answer is read through a view of the bytes that actually arrived: lengths the
+// controller states are trusted only as far as the received bytes and the declared text
+// size allow.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "common/bytes.h"
+#include "common/diag.h"
+#include "common/oem.h"
+#include "common/sel_record.h"
+#include "libipmi.h"
+#include "tvx_toipmi.h"
+
+using tvx::ByteView;
+using tvx::diag::Unit;
+
+namespace {
+
+constexpr int kTimeout = 60;
+constexpr uint8_t kOemCommand = 0xF5;
+constexpr uint8_t kGetErrorCode = 0x72;
+constexpr uint8_t kGetTextChunk = 0x73;
+constexpr uint8_t kGetEntryText = 0x45;
+constexpr uint8_t kGetFollowUp = 0x71;
+constexpr uint8_t kGetEntryAsText = 0x89;
+constexpr uint32_t kRawResponse = 255;
+// A composed line, its terminator included, fits the 255-byte buffers its readers use.
+constexpr size_t kMaxLine = 255;
+
+unsigned swapped(uint16_t e) { return ((e >> 8) & 0xFF) | (e & 0xFF) << 8; }
+
+// One raw OEM request of this family. Returns the platform status; *len the bytes received.
+uint16_t send(IpmiSession *session, const uint8_t *request, uint32_t requestLen, uint8_t *response, uint32_t *len)
+{
+    std::memset(response, 0, kRawResponse);
+    *len = kRawResponse;
+    return LIBIPMI_Send_RAW_IPMI2_0_Command(session, 0, TVX_NETFN_OEM_GROUP, kOemCommand, const_cast<uint8_t *>(request),
+                                            requestLen, response, len, kTimeout);
+}
+
+ByteView received(const uint8_t *response, uint32_t len)
+{
+    return ByteView(response, len < kRawResponse ? len : kRawResponse);
+}
+
+// Length of the zero-terminated text at the start of view (all of it if unterminated).
+size_t textLength(ByteView v)
+{
+    const void *zero = std::memchr(v.data(), 0, v.size());
+    return zero ? static_cast<size_t>(static_cast<const uint8_t *>(zero) - v.data()) : v.size();
+}
+
+const char *severitySuffix(uint8_t flags)
+{
+    static constexpr const char *kSuffix[8] = {" (INFO)",    " (MINOR)",   " (MAJOR)",   " (CRITICAL)",
+                                               " (UNKNOWN)", " (UNKNOWN)", " (UNKNOWN)", " (UNKNOWN)"};
+    return kSuffix[(flags >> 4) & 7];
+}
+
+// A growing heap string, capped at kMaxLine - 1 characters.
+struct Line {
+    char *text = nullptr;
+    size_t length = 0;
+    size_t capacity = 0;
+    bool failed = false;
+
+    bool reserve(size_t wanted)
+    {
+        if (wanted <= capacity) return true;
+        char *grown = static_cast<char *>(std::realloc(text, wanted));
+        if (!grown) return false;
+        std::memset(grown + capacity, 0, wanted - capacity);
+        text = grown;
+        capacity = wanted;
+        return true;
+    }
+    // Appends at most limit - length characters (limit leaves room for what must follow).
+    void append(const char *s, size_t n, size_t limit)
+    {
+        if (failed || length >= limit) return;
+        if (n > limit - length) n = limit - length;
+        if (!reserve(length + n + 1)) {
+            TVX_DIAG_LOCATED(Unit::Helpers, "Filed to allocate memory.");
+            failed = true;
+            return;
+        }
+        std::memcpy(text + length, s, n);
+        length += n;
+        text[length] = '\0';
+    }
+};
+
+} // namespace
+
+extern "C" TVX_API ErrorCodeRecord *getErrorCode(IpmiSession *session, const uint8_t *record, uint8_t selector)
+{
+    ErrorCodeRecord *result = static_cast<ErrorCodeRecord *>(std::calloc(1, sizeof(ErrorCodeRecord)));
+    if (!result) {
+        TVX_DIAG_LOCATED(Unit::Helpers, "Filed to allocate memory.");
+        return nullptr;
+    }
+    if (!session) return result;
+    if (!record) {
+        std::free(result);
+        return nullptr;
+    }
+    auto request = tvx::oem::oemRequest(kGetErrorCode, selector, record[0], record[1]);
+    uint8_t response[kRawResponse];
+    uint32_t len = 0;
+    if (send(session, request.data(), request.size(), response, &len) != 0) {
+        std::free(result);
+        return nullptr;
+    }
+    if (len == 0) {
+        tvx::diag::plain("response returned with length <=0\n");
+        std::free(result);
+        return nullptr;
+    }
+    ByteView rsp = received(response, len);
+    for (int i = 0; i < 4; ++i) result->errorCode[i] = rsp.u8(4 + i);
+    result->flags = rsp.u8(8);
+    result->paramCount = rsp.u8(9);
+    if (result->paramCount == 0) return result;
+    result->params = static_cast<char **>(std::calloc(result->paramCount, sizeof(char *)));
+    if (!result->params) {
+        TVX_DIAG_LOCATED(Unit::Helpers, "Filed to allocate memory.");
+        result->paramCount = 0;
+        freeErrorCode(result);
+        return nullptr;
+    }
+    // Parameters: a length byte and that many characters each, from byte 10. An answer that
+    // ends early keeps what arrived: a parameter cut by the end of the answer holds the
+    // characters received, and parameters that never arrived are empty strings, so every
+    // one of paramCount pointers is a valid string.
+    size_t pos = 10;
+    for (uint8_t i = 0; i < result->paramCount; ++i) {
+        size_t declared = rsp.has(pos) ? rsp.u8(pos) : 0;
+        size_t start = pos + 1;
+        size_t available = rsp.has(start) ? rsp.size() - start : 0;
+        size_t n = declared < available ? declared : available;
+        char *param = static_cast<char *>(std::calloc(n + 1, 1));
+        if (!param) {
+            TVX_DIAG_LOCATED(Unit::Helpers, "Filed to allocate memory.");
+            freeErrorCode(result);
+            return nullptr;
+        }
+        if (n > 0) std::memcpy(param, rsp.data() + start, n);
+        result->params[i] = param;
+        pos = start + declared;
+    }
+    return result;
+}
+
+extern "C" TVX_API void freeErrorCode(ErrorCodeRecord *record)
+{
+    if (!record) return;
+    if (record->params) {
+        for (unsigned i = 0; i < record->paramCount; ++i) std::free(record->params[i]);
+        std::free(record->params);
+    }
+    std::free(record);
+}
+
+namespace {
+
+// Fetches the text of an error code from offset on, into buffer (allocated from the first
+// chunk's total length when NULL). capacity is the buffer's size when known (0: trust the
+// total length of each chunk, as a caller's own buffer must be that large).
+char *fetchText(IpmiSession *session, const ErrorCodeRecord *code, char *buffer, size_t capacity, uint16_t offset,
+                uint8_t selector, uint16_t language)
+{
+    // Each round moves the offset forward by a non-empty chunk, so the walk ends after at
+    // most 65536 characters even if the controller keeps saying there is more.
+    for (;;) {
+        uint8_t request[14] = {tvx::oem::kIana0,
+                               tvx::oem::kIana1,
+                               tvx::oem::kIana2,
+                               kGetTextChunk,
+                               code->errorCode[0],
+                               code->errorCode[1],
+                               code->errorCode[2],
+                               code->errorCode[3],
+                               static_cast<uint8_t>(offset),
+                               static_cast<uint8_t>(offset >> 8),
+                               selector,
+                               static_cast<uint8_t>(language),
+                               static_cast<uint8_t>(language >> 8),
+                               0x00};
+        uint8_t response[kRawResponse];
+        uint32_t len = 0;
+        uint16_t status = send(session, request, sizeof request, response, &len);
+        if (status != 0) {
+            TVX_DIAG_LOCATED(Unit::Helpers, "Failed to send request with error 0x%x", swapped(status));
+            return buffer;
+        }
+        if (len == 0) {
+            tvx::diag::plain("response returned with length <=0\n");
+            return buffer;
+        }
+        ByteView rsp = received(response, len);
+        uint16_t total = rsp.u16(4);
+        uint8_t chunk = rsp.u8(6);
+        if (!buffer) {
+            buffer = static_cast<char *>(std::calloc(static_cast<size_t>(total) + 1, 1));
+            if (!buffer) {
+                TVX_DIAG_LOCATED(Unit::Helpers, "Filed to allocate memory.");
+                return nullptr;
+            }
+            capacity = static_cast<size_t>(total) + 1;
+        }
+        if (capacity == 0) capacity = static_cast<size_t>(total) + 1;
+        // The chunk's text: up to its terminator, within the received bytes, and written only
+        // inside the text's declared size (the terminator's place stays zero).
+        ByteView text = rsp.from(7);
+        size_t s = textLength(text);
+        size_t room = offset < capacity - 1 ? capacity - 1 - offset : 0;
+        size_t n = s < room ? s : room;
+        if (n > 0) std::memcpy(buffer + offset, text.data(), n);
+        // More to come only while the chunk was whole and made progress.
+        if (total > offset + chunk && chunk == s && chunk > 0 && offset + chunk <= 0xFFFF) {
+            offset = static_cast<uint16_t>(offset + chunk);
+            continue;
+        }
+        return buffer;
+    }
+}
+
+} // namespace
+
+extern "C" TVX_API char *getSelTextByErrorCode(IpmiSession *session, ErrorCodeRecord *errorCode, char *buffer,
+                                               uint16_t offset, uint8_t selector, uint16_t language)
+{
+    if (!errorCode) return nullptr;
+    if (!session) return buffer;
+    return fetchText(session, errorCode, buffer, 0, offset, selector, language);
+}
+
+extern "C" TVX_API char *buildSelTextString(IpmiSession *session, const uint8_t *record, uint8_t selector, int withTime,
+                                            int withSeverity, uint16_t language)
+{
+    if (!record) return nullptr;
+    char time[25];
+    std::memset(time, 0, sizeof time);
+    if (withTime) {
+        time_t t = static_cast<time_t>(tvx::sel::timestamp(record));
+        convertTime(&t, time, sizeof time);
+    }
+    ErrorCodeRecord *code = getErrorCode(session, record, selector);
+    if (!code) return nullptr;
+    char *text = getSelTextByErrorCode(session, code, nullptr, 0, selector, language);
+    if (!text) {
+        freeErrorCode(code);
+        return nullptr;
+    }
+    // The line keeps its time and its severity; a message too long for the line is cut.
+    const char *suffix = withSeverity ? severitySuffix(code->flags) : "";
+    size_t limit = kMaxLine - 1 - std::strlen(suffix);
+    Line line;
+    if (!line.reserve(std::strlen(text) + (withTime ? 25 : 0) + 1)) {
+        TVX_DIAG_LOCATED(Unit::Helpers, "Filed to allocate memory.");
+    } else {
+        if (withTime) {
+            line.append(time, std::strlen(time), limit);
+            line.append(" ", 1, limit);
+        }
+        for (const char *p = text; *p && !line.failed; ++p) {
+            if (*p != '%') {
+                line.append(p, 1, limit);
+            } else if (p[1] == '\0') {
+                // A percent sign at the very end stands for nothing.
+            } else if (p[1] >= '1' && p[1] <= '8' && p[1] - '1' < code->paramCount) {
+                const char *param = code->params[p[1] - '1'];
+                line.append(param, std::strlen(param), limit);
+                ++p;
+            } else {
+                // Another character, or a placeholder with no parameter behind it: both
+                // characters stay, so the reader sees what the text expected.
+                line.append(p, 2, limit);
+                ++p;
+            }
+        }
+        if (withSeverity && line.text) {
+            size_t n = std::strlen(suffix);
+            if (!line.reserve(line.length + n + 1)) {
+                tvx::diag::plain("failed to allocate memory\n");
+            } else {
+                std::memcpy(line.text + line.length, suffix, n + 1);
+                line.length += n;
+            }
+        }
+    }
+    std::free(text);
+    freeErrorCode(code);
+    return line.text;
+}
+
+extern "C" TVX_API ListNode *ipmiGetSelText(IpmiSession *session, int reverse, uint8_t selector)
+{
+    uint16_t count = 0;
+    (void)LIBIPMI_HL_GetNumOfSELEntries(session, &count, kTimeout);
+    if (count == 0) {
+        tvx::diag::plain("SEL has no entries\n");
+        return nullptr;
+    }
+    uint8_t *records = static_cast<uint8_t *>(std::calloc(count, TVX_SEL_RECORD_SIZE));
+    if (!records) {
+        TVX_DIAG_LOCATED(Unit::Helpers, "Filed to allocate memory.");
+        return nullptr;
+    }
+    if (LIBIPMI_HL_GetAllSELEntries(session, reinterpret_cast<SelRecord *>(records), kTimeout) != 0) {
+        tvx::diag::plain("failed to get sel entries\n");
+        std::free(records);
+        return nullptr;
+    }
+    ListNode *list = nullptr;
+    for (uint32_t i = 0; i < count; ++i) {
+        uint32_t index = reverse ? count - 1 - i : i;
+        char *line = buildSelTextString(session, records + index * TVX_SEL_RECORD_SIZE, selector, 1, 1,
+                                        TVX_LANG_ENGLISH);
+        if (!line) continue;
+        addToList(&list, line, static_cast<uint32_t>(std::strlen(line)));
+        std::free(line);
+    }
+    std::free(records);
+    return list;
+}
+
+extern "C" TVX_API SelEntryText getSELEntryText(IpmiSession *session, uint16_t recordId)
+{
+    SelEntryText entry;
+    std::memset(&entry, 0, sizeof entry);
+    auto request = tvx::oem::oemRequest(kGetEntryText, recordId & 0xFF, recordId >> 8);
+    uint8_t response[64];
+    std::memset(response, 0, sizeof response);
+    uint32_t len = sizeof response;
+    if (!ipmiSendCmd(session, TVX_NETFN_OEM_GROUP, kOemCommand, request.size(), request.data(), &len, response))
+        return entry;
+    if (!tvx::oem::echoesIana(ByteView(response, sizeof response)) || len < 15) return entry;
+    // The 64-byte answer buffer is zero-filled, so bytes beyond what arrived read as zero.
+    uint8_t length = response[14];
+    size_t copy = length > 20 ? 31 : static_cast<size_t>(length) + 11;
+    std::memcpy(&entry, response + 4, copy);
+    if (length > 20) entry.length = 20;
+    entry.terminator = 0;
+    return entry;
+}
+
+namespace {
+
+// Appends the follow-up chunks of a text to buffer (size bytes, already holding `end`
+// characters). Returns false when a request failed or an answer broke the rules.
+bool readFollowUps(IpmiSession *session, uint8_t handle, char *buffer, size_t size, size_t end)
+{
+    // A controller that keeps announcing more than fits is stopped once the buffer is full;
+    // every chunk that added nothing also counts against a bound, so the walk always ends.
+    unsigned idleRounds = 0;
+    for (;;) {
+        auto request = tvx::oem::oemRequest(kGetFollowUp, handle);
+        uint8_t response[kRawResponse];
+        uint32_t len = 0;
+        uint16_t status = send(session, request.data(), request.size(), response, &len);
+        if (status != 0) {
+            TVX_DIAG_LOCATED(Unit::Helpers, "Failed to send request with error 0x%x", swapped(status));
+            return false;
+        }
+        if (len == 0) {
+            tvx::diag::plain("response returned with length <=0\n");
+            return false;
+        }
+        ByteView rsp = received(response, len);
+        uint16_t remaining = rsp.u16(4);
+        uint8_t chunk = rsp.u8(6);
+        if (chunk > size) {
+            tvx::diag::plain("response > buffer size\n");
+            return false;
+        }
+        // At most chunk - 1 characters, only those received, and never past the buffer's
+        // last byte, which stays the terminator.
+        ByteView text = rsp.from(7);
+        size_t n = textLength(text);
+        if (chunk > 0 && n > static_cast<size_t>(chunk) - 1) n = static_cast<size_t>(chunk) - 1;
+        if (chunk == 0) n = 0;
+        size_t room = end < size - 1 ? size - 1 - end : 0;
+        if (n > room) n = room;
+        if (n > 0) std::memcpy(buffer + end, text.data(), n);
+        end += n;
+        buffer[end] = '\0';
+        if (remaining == 0) return true;
+        if (end >= size - 1) return true;
+        if (n == 0 && ++idleRounds > 8) return true;
+    }
+}
+
+} // namespace
+
+extern "C" TVX_API char *ipmiInterpretSELEntryUsTextFollowUp(IpmiSession *session, uint8_t handle, unsigned size)
+{
+    if (!session) return nullptr;
+    char *buffer = static_cast<char *>(std::calloc(size ? size : 1, 1));
+    if (!buffer) return nullptr;
+    if (static_cast<uint16_t>(size) == 0) return buffer;
+    if (!readFollowUps(session, handle, buffer, size, 0)) {
+        std::free(buffer);
+        return nullptr;
+    }
+    return buffer;
+}
+
+extern "C" TVX_API iESLText ipmiGetiESLSELEntryAsText(IpmiSession *session, uint8_t selector, uint16_t recordId,
+                                                      uint8_t p7, uint16_t p8, uint8_t p10, uint8_t p11)
+{
+    iESLText result;
+    std::memset(&result, 0, sizeof result);
+    if (!session) return result;
+    auto request = tvx::oem::oemRequest(kGetEntryAsText, selector, recordId & 0xFF, recordId >> 8, p7, p8 & 0xFF,
+                                        p8 >> 8, p10, p11, 0x00);
+    uint8_t response[kRawResponse];
+    uint32_t len = 0;
+    uint16_t status = send(session, request.data(), request.size(), response, &len);
+    if (status != 0) {
+        TVX_DIAG_LOCATED(Unit::Helpers, "Failed to send request with error 0x%x", swapped(status));
+        tvx::diag::plainFormat("\nrecordId = 0x%x\n", recordId);
+        result.nextId = 0xFFFF;
+        return result;
+    }
+    if (len == 0) {
+        tvx::diag::plain("response returned with length <=0\n");
+        result.nextId = 0xFFFF;
+        return result;
+    }
+    ByteView rsp = received(response, len);
+    result.field1 = rsp.u16(4);
+    result.field2 = rsp.u16(6);
+    result.field3 = rsp.u16(8);
+    for (int i = 0; i < 4; ++i) result.code[i] = rsp.u8(10 + i);
+    result.byte14 = rsp.u8(14);
+    result.byte15 = rsp.u8(15);
+    result.nextId = rsp.u16(16);
+    result.word18 = rsp.u16(18);
+    result.textSize = rsp.u16(20);
+    result.firstLength = rsp.u8(22);
+    result.followUpHandle = rsp.u8(23);
+    if (result.textSize == 0) return result;
+    result.text = static_cast<char *>(std::calloc(result.textSize, 1));
+    if (!result.text) return result;
+    // The first chunk: at most firstLength - 1 characters, those received, within the text.
+    ByteView first = rsp.from(24);
+    size_t n = textLength(first);
+    size_t most = result.firstLength > 0 ? static_cast<size_t>(result.firstLength) - 1 : 0;
+    if (n > most) n = most;
+    if (n > static_cast<size_t>(result.textSize) - 1) n = static_cast<size_t>(result.textSize) - 1;
+    if (n > 0) std::memcpy(result.text, first.data(), n);
+    if (result.followUpHandle != 0 && result.textSize > result.firstLength) {
+        unsigned rest = static_cast<unsigned>(result.textSize - result.firstLength);
+        char *more = ipmiInterpretSELEntryUsTextFollowUp(session, result.followUpHandle, rest);
+        if (more) {
+            // Append after the first chunk's text, keeping the terminator inside the buffer.
+            size_t end = std::strlen(result.text);
+            size_t room = static_cast<size_t>(result.textSize) - 1 - end;
+            size_t m = strnlen(more, rest);
+            if (m > room) m = room;
+            if (m > rest - 1) m = rest - 1;
+            std::memcpy(result.text + end, more, m);
+            std::free(more);
+        }
+    }
+    return result;
+}

@@ -269,6 +269,110 @@ TVX_API char *ipmiInterpretSELEntryUsTextFollowUp(IpmiSession *session, uint8_t 
 TVX_API iESLText ipmiGetiESLSELEntryAsText(IpmiSession *session, uint8_t selector, uint16_t recordId,
         uint8_t p7, uint16_t p8, uint8_t p10, uint8_t p11);
 
+/* ---- Chassis power control and LEDs --------------------------------------------------------- */
+
+/* Each returns 1 when the platform carried the action out, else 0 (0 for a NULL session). */
+TVX_API int ipmiPowerOff(IpmiSession *session);
+TVX_API int ipmiPowerOn(IpmiSession *session);
+TVX_API int ipmiPowerCycle(IpmiSession *session);
+TVX_API int ipmiHardReset(IpmiSession *session);
+TVX_API int ipmiSoftOff(IpmiSession *session);
+/* 1 when the server is powered on; 0 when off or when the state could not be read. */
+TVX_API int ipmiChassisPowerStatus(IpmiSession *session);
+/* Resets the controller: kind 1 warm, anything else cold. */
+TVX_API int ipmiReset(IpmiSession *session, int kind);
+/* Chassis Control with the given code (0 down, 1 up, 2 cycle, 3 hard reset, 4 diagnostic
+   interrupt, 5 soft shutdown). 1 when the controller accepted it. */
+TVX_API int ipmiSendChassisControl(IpmiSession *session, int control);
+/* The controller's graceful control function `code`. 1 when accepted. */
+TVX_API int ipmiSendGracefullControl(IpmiSession *session, int code);
+/* Sets the power-on / power-off source code. 1 when accepted. */
+TVX_API int ipmiPowerOnSource(IpmiSession *session, int source);
+TVX_API int ipmiPowerOffSource(IpmiSession *session, int source);
+/* Sets the identify LED; returns the platform status (0 = carried out). */
+TVX_API int ipmiSetIdenLed(IpmiSession *session, int state);
+/* 1 when the identify LED is on; 0 when off or unreadable. */
+TVX_API int ipmiGetIdenLed(IpmiSession *session);
+/* The error LED (system status: 0 OK, 1 warning, 2 critical); 0 when unreadable. */
+TVX_API int ipmiGetErrLed(IpmiSession *session);
+
+/* ---- Configuration-space variables and console log ------------------------------------------ */
+
+#define TVX_VAR_CONSOLE_LOGGING 0x1630u /* ConfConsLoggingEnable: 1 on, 0 off */
+#define TVX_VAR_FIRMWARE_BUILD  0x2150u
+#define TVX_VAR_SDR_TEXT        0x2151u
+#define TVX_VAR_SYSTEM_NAME     0x0201u
+#define TVX_VAR_SYSTEM_TYPE     0x0205u
+#define TVX_VAR_SYSTEM_ID       0x0207u
+#define TVX_VAR_SYSTEM_OS       0x020Fu
+#define TVX_VAR_ASSET_TAG       0x0210u
+#define TVX_CONFIG_VALUE_MAX    250u
+
+/* Reads a variable into buffer (at least 255 bytes; not terminated). Returns the value's
+   length (0 for an empty value or a NULL session), or -1 on failure. */
+TVX_API int ipmiReadConfigSpaceVariable(IpmiSession *session, uint8_t index, uint16_t variableId,
+        uint8_t *buffer);
+/* Writes a variable. 1 when written (also for a NULL session, which sends nothing), else 0. */
+TVX_API int ipmiWriteConfigSpaceVariable(IpmiSession *session, uint16_t variableId, uint8_t index,
+        const uint8_t *data, uint8_t length);
+/* Reads a variable in a session of its own into destination (zero-filled first). Returns
+   destination, or NULL when it could not be read or does not fit. */
+TVX_API void *getConfigSpaceVariable(void *destination, unsigned destinationSize, uint8_t index,
+        uint16_t variableId);
+/* Resets every variable to its default. 1 when the controller accepted it. */
+TVX_API int ipmiResetConfigSpace(IpmiSession *session);
+/* Console logging. GetState stores 1 (on) or 0 (off) into *state when it could be read;
+   all four return 0 (Clear: the platform status). */
+TVX_API int ipmiConsoleLogGetState(IpmiSession *session, uint32_t *state);
+TVX_API int ipmiConsoleLogStart(IpmiSession *session);
+TVX_API int ipmiConsoleLogStop(IpmiSession *session);
+TVX_API int ipmiConsoleLogClear(IpmiSession *session);
+
+/* ---- LAN parameters ----------------------------------------------------------------------- */
+
+/* LAN configuration parameter selectors. Addresses are raw bytes in IPMI order. */
+#define TVX_LAN_IP_ADDRESS      3
+#define TVX_LAN_ADDRESS_SOURCE  4
+#define TVX_LAN_MAC_ADDRESS     5
+#define TVX_LAN_SUBNET_MASK     6
+#define TVX_LAN_DEFAULT_GATEWAY 12
+
+/* The first 802.3 LAN channel (1-15), or 0 when there is none. */
+TVX_API unsigned getChannel(IpmiSession *session);
+/* The 27-byte Get LAN Configuration Parameters answer (completion code, revision, 25 data
+   bytes) of the LAN channel; the caller frees it. NULL on failure. */
+TVX_API uint8_t *_ipmiGetLanParameter(IpmiSession *session, int selector);
+/* New 4-byte (6 for the MAC) blocks the caller frees, or NULL. */
+TVX_API uint8_t *ipmiGetIpAddress(IpmiSession *session);
+TVX_API uint8_t *ipmiGetNetMask(IpmiSession *session);
+TVX_API uint8_t *ipmiGetDefaultGateway(IpmiSession *session);
+TVX_API uint8_t *ipmiGetMacAddress(IpmiSession *session);
+/* The address source (0 unspecified, 1 static, 2 DHCP, 3 BIOS, 4 other), or -1. */
+TVX_API int ipmiGetAddressSource(IpmiSession *session);
+/* Writes a parameter (selectors 3, 4, 5, 6, 12). 1 on success. */
+TVX_API int _ipmiSetLanParameter(IpmiSession *session, int selector, const uint8_t *data);
+TVX_API int ipmiSetIpAddress(IpmiSession *session, const uint8_t *data);
+TVX_API int ipmiSetNetMask(IpmiSession *session, const uint8_t *data);
+TVX_API int ipmiSetDefaultGateway(IpmiSession *session, const uint8_t *data);
+TVX_API int ipmiSetMacAddress(IpmiSession *session, const uint8_t *data);
+TVX_API int ipmiSetAddressSource(IpmiSession *session, int source);
+/* The IPv4 address of the first local interface whose name begins with name, as text cut
+   to size - 1 characters. 1 when found. */
+TVX_API int getCurrentAddress(char *buffer, unsigned size, const char *name);
+
+/* ---- Login banner and partition helpers ------------------------------------------------------ */
+
+/* Writes the console's login banner to standard output; the result of the last output. */
+TVX_API int ipmiPrintLoginHeader(IpmiSession *session);
+/* The short banner of a system board of a partitionable server. */
+TVX_API int KV_rmMenu(IpmiSession *session);
+/* The system-board number 0-3 (controller address 127.1.2.N), or 255 for a standard
+   server; determined once per process. */
+TVX_API unsigned ipmiGetSbNumber(IpmiSession *session);
+TVX_API int ipmiIsKVSystem(IpmiSession *session);
+/* The board's IPMB slave address: 0xC0 + 2 x board, or 0x20 on a standard server. */
+TVX_API int ipmiGetSbSlaveAddr(IpmiSession *session);
+
 #ifdef __cplusplus
 }
 #endif

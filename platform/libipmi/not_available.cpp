@@ -13,18 +13,9 @@ uint16_t LIBIPMI_HL_GetAllSDRs(IpmiSession *, uint8_t *, uint32_t, int) { NOT_AV
 uint16_t IPMICMD_GetSensorReading(IpmiSession *, SensorReadingRequest *, SensorReadingResponse *, int) { NOT_AVAILABLE; }
 int ipmi_convert_reading(uint8_t *, uint8_t, float *) { return -1; }
 
-uint16_t LIBIPMI_HL_PowerOff(IpmiSession *, int) { NOT_AVAILABLE; }
-uint16_t LIBIPMI_HL_PowerUp(IpmiSession *, int) { NOT_AVAILABLE; }
-uint16_t LIBIPMI_HL_PowerCycle(IpmiSession *, int) { NOT_AVAILABLE; }
-uint16_t LIBIPMI_HL_HardReset(IpmiSession *, int) { NOT_AVAILABLE; }
-uint16_t LIBIPMI_HL_SoftOff(IpmiSession *, int) { NOT_AVAILABLE; }
-uint16_t LIBIPMI_HL_GetChassisStatus(IpmiSession *, int, ChassisStatus *) { NOT_AVAILABLE; }
 
 uint16_t LIBIPMI_HL_GetFRUData(IpmiSession *, uint8_t, uint32_t *, FruData *, int) { NOT_AVAILABLE; }
 
-uint16_t IPMICMD_GetChannelInfo(IpmiSession *, ChannelInfoRequest *, ChannelInfoResponse *, int) { NOT_AVAILABLE; }
-uint16_t IPMICMD_GetLANConfig(IpmiSession *, LanConfigGetRequest *, LanConfigGetResponse *, int) { NOT_AVAILABLE; }
-uint16_t IPMICMD_SetLANConfig(IpmiSession *, LanConfigSetRequest *, uint32_t, uint8_t *, int) { NOT_AVAILABLE; }
 
 
 } // extern "C"

@@ -1,0 +1,122 @@
+// The console's login banner, and the partition helpers that tell a standard server from a
+// system board of a partitionable server by the controller's own LAN address.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "tvx_toipmi.h"
+
+namespace {
+
+constexpr uint8_t kUndetermined = 254;
+constexpr uint8_t kNotPartitioned = 255;
+// The system-board number, determined once per process.
+uint8_t gSbNumber = kUndetermined;
+
+constexpr const char *kStars = "**************************************************";
+constexpr int kBoxWidth = 48;
+// The library's own build date and time, "Aug  4 2016 13:35:13", shown when the controller
+// has no firmware build text.
+constexpr const char *kBuildStamp = __DATE__ " " __TIME__;
+
+// A configuration-space text: true when it has at least one character.
+bool readText(IpmiSession *session, uint16_t variable, char (&text)[256])
+{
+    std::memset(text, 0, sizeof text);
+    return ipmiReadConfigSpaceVariable(session, 0, variable, reinterpret_cast<uint8_t *>(text)) >= 1;
+}
+
+// A boxed line: exactly 48 characters (padded or cut) and " *", ending in "\r\n" or "\n".
+int boxed(const char *line, bool carriageReturn)
+{
+    return carriageReturn ? std::printf("%-*.*s *\r\n", kBoxWidth, kBoxWidth, line)
+                          : std::printf("%-*.*s *\n", kBoxWidth, kBoxWidth, line);
+}
+
+} // namespace
+
+extern "C" {
+
+TVX_API unsigned ipmiGetSbNumber(IpmiSession *session)
+{
+    if (!session) return kNotPartitioned;
+    if (gSbNumber != kUndetermined) return gSbNumber;
+    if (uint8_t *address = ipmiGetIpAddress(session)) {
+        if (address[0] == 127 && address[1] == 1 && address[2] == 2) gSbNumber = static_cast<uint8_t>(address[3] - 1);
+        std::free(address);
+    }
+    if (gSbNumber > 3) gSbNumber = kNotPartitioned;
+    return gSbNumber;
+}
+
+TVX_API int ipmiIsKVSystem(IpmiSession *session) { return ipmiGetSbNumber(session) != kNotPartitioned ? 1 : 0; }
+
+TVX_API int ipmiGetSbSlaveAddr(IpmiSession *session)
+{
+    unsigned board = ipmiGetSbNumber(session);
+    if (board == kNotPartitioned) return 0x20;
+    return 0xC0 | ((board * 2) & 0x3F);
+}
+
+TVX_API int KV_rmMenu(IpmiSession *session)
+{
+    std::puts("********************************************\r");
+    std::puts("*                                          *\r");
+    std::puts("*  Welcome to KESTRAVONE Remote Manager    *\r");
+    IpmiDeviceId id = ipmiGetDeviceId(session);
+    std::printf("*  Firmware Revision %d.%d%c (%X.%02d)          *\n", id.auxFirmwareRevision[0],
+                id.auxFirmwareRevision[1], id.auxFirmwareRevision[3], id.firmwareRevision1, id.firmwareRevision2);
+    char text[256];
+    if (readText(session, TVX_VAR_FIRMWARE_BUILD, text)) std::printf("*  Firmware built %s *\r\n", text);
+    else std::printf("*  Firmware built %s     *\r\n", kBuildStamp);
+    std::puts("*                                          *\r");
+    return std::puts("********************************************\r");
+}
+
+TVX_API int ipmiPrintLoginHeader(IpmiSession *session)
+{
+    if (ipmiIsKVSystem(session)) return KV_rmMenu(session);
+    char line[64];
+    char text[256];
+    std::printf("%s\r\n", kStars);
+    boxed("*    Welcome to TALVIREN Remote Manager", true);
+
+    IpmiDeviceId id = ipmiGetDeviceId(session);
+    // A fourth auxiliary byte of 0 ends the text there, as a character it cannot be shown.
+    std::snprintf(line, sizeof line, "*    Firmware Revision %d.%02d%c (%X.%02d)", id.auxFirmwareRevision[0],
+                  id.auxFirmwareRevision[1], id.auxFirmwareRevision[3], id.firmwareRevision1, id.firmwareRevision2);
+    boxed(line, false);
+
+    if (!readText(session, TVX_VAR_SDR_TEXT, text)) std::snprintf(text, 31, "%s", "info is not available");
+    std::snprintf(line, sizeof line, "*    SDR %-30.30s", text);
+    boxed(line, false);
+
+    if (readText(session, TVX_VAR_FIRMWARE_BUILD, text)) std::snprintf(line, sizeof line, "*    Firmware built %25.25s", text);
+    else std::snprintf(line, sizeof line, "*    Firmware built %s", kBuildStamp);
+    boxed(line, true);
+    std::printf("%s\r\n", kStars);
+
+    static constexpr struct {
+        uint16_t variable;
+        const char *label;
+    } kIdentity[] = {{TVX_VAR_SYSTEM_TYPE, "System Type  : "},
+                     {TVX_VAR_SYSTEM_ID, "System ID    : "},
+                     {TVX_VAR_SYSTEM_NAME, "System Name  : "},
+                     {TVX_VAR_SYSTEM_OS, "System OS    : "}};
+    for (const auto &item : kIdentity)
+        std::printf("\n%s%s", item.label, readText(session, item.variable, text) ? text : "Unknown");
+
+    std::printf("\nSystem Status: ");
+    static constexpr const char *kStatus[] = {"OK", "WARNING", "CRITICAL"};
+    int status = ipmiGetErrLed(session);
+    if (status >= 0 && status <= 2) std::printf("%s", kStatus[status]);
+    int identify = ipmiGetIdenLed(session);
+    if (identify == 0) std::printf(" (Identify LED is OFF)");
+    else if (identify == 1) std::printf(" (Identify LED is ON)");
+    std::printf("\nPower Status : %s", ipmiChassisPowerStatus(session) ? "On" : "Off");
+    std::printf("\nAsset Tag    : %s", readText(session, TVX_VAR_ASSET_TAG, text) ? text : "Unknown");
+    std::puts("\r");
+    return std::puts("\r");
+}
+
+} // extern "C"

@@ -53,10 +53,38 @@ std::string statusText(uint16_t status);
 using Json = nlohmann::ordered_json;
 void printJson(const Json &j);
 
+// A subcommand's arguments: its words, and the flags it knows ("--reverse", "--lang X").
+class Args {
+public:
+    explicit Args(std::vector<std::string> words) : words_(std::move(words)) {}
+    // Removes a flag and tells whether it was there.
+    bool flag(const char *name);
+    // Removes "--name VALUE" (or "--name=VALUE") and returns VALUE, or "" when absent.
+    std::string option(const char *name);
+    // Fails on anything left that looks like an option.
+    void noMoreOptions(const char *command) const;
+    const std::vector<std::string> &words() const { return words_; }
+    size_t size() const { return words_.size(); }
+    const std::string &operator[](size_t i) const { return words_[i]; }
+
+private:
+    std::vector<std::string> words_;
+};
+
+// A number as C writes it (0x1f, 31, 037) within [0, max].
+bool parseNumber(const std::string &text, unsigned long max, unsigned long &out);
+
 using Command = int (*)(const Options &, const std::vector<std::string> &args);
 int cmdDevid(const Options &, const std::vector<std::string> &);
 int cmdRaw(const Options &, const std::vector<std::string> &);
 int cmdReset(const Options &, const std::vector<std::string> &);
 int cmdTarget(const Options &, const std::vector<std::string> &);
+int cmdSel(const Options &, const std::vector<std::string> &);
+int cmdBanner(const Options &, const std::vector<std::string> &);
+int cmdPower(const Options &, const std::vector<std::string> &);
+int cmdLed(const Options &, const std::vector<std::string> &);
+int cmdLan(const Options &, const std::vector<std::string> &);
+int cmdConfig(const Options &, const std::vector<std::string> &);
+int cmdConsoleLog(const Options &, const std::vector<std::string> &);
 
 } // namespace tvxctl

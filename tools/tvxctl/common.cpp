@@ -1,3 +1,4 @@
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -19,15 +20,61 @@ Session::Session()
     }
 }
 
-bool parseByte(const std::string &text, uint8_t &out)
+bool parseNumber(const std::string &text, unsigned long max, unsigned long &out)
 {
-    if (text.empty() || text[0] == '-' || text[0] == '+') return false;
+    if (text.empty() || text[0] == '-' || text[0] == '+' || std::isspace(static_cast<unsigned char>(text[0])))
+        return false;
     errno = 0;
     char *end = nullptr;
     unsigned long v = std::strtoul(text.c_str(), &end, 0);
-    if (errno != 0 || *end != '\0' || v > 0xFF) return false;
+    if (errno != 0 || *end != '\0' || v > max) return false;
+    out = v;
+    return true;
+}
+
+bool parseByte(const std::string &text, uint8_t &out)
+{
+    unsigned long v;
+    if (!parseNumber(text, 0xFF, v)) return false;
     out = static_cast<uint8_t>(v);
     return true;
+}
+
+bool Args::flag(const char *name)
+{
+    for (auto it = words_.begin(); it != words_.end(); ++it) {
+        if (*it == name) {
+            words_.erase(it);
+            return true;
+        }
+    }
+    return false;
+}
+
+std::string Args::option(const char *name)
+{
+    std::string n(name);
+    for (size_t i = 0; i < words_.size(); ++i) {
+        if (words_[i] == n) {
+            if (i + 1 >= words_.size()) throw Failure{kExitUsage, n + " needs a value"};
+            std::string v = words_[i + 1];
+            words_.erase(words_.begin() + static_cast<long>(i), words_.begin() + static_cast<long>(i) + 2);
+            return v;
+        }
+        if (words_[i].rfind(n + "=", 0) == 0) {
+            std::string v = words_[i].substr(n.size() + 1);
+            words_.erase(words_.begin() + static_cast<long>(i));
+            return v;
+        }
+    }
+    return "";
+}
+
+void Args::noMoreOptions(const char *command) const
+{
+    for (const auto &w : words_)
+        if (w.size() > 1 && w[0] == '-' && !std::isdigit(static_cast<unsigned char>(w[1])))
+            throw Failure{kExitUsage, std::string(command) + ": unknown option \"" + w + "\""};
 }
 
 std::string hexByte(unsigned v)

@@ -22,6 +22,20 @@ struct Subcommand {
 const Subcommand kCommands[] = {
     {"devid", cmdDevid, "devid", "the controller's identity: firmware and IPMI versions, manufacturer, product"},
     {"raw", cmdRaw, "raw NETFN CMD [BYTE...]", "send one request and print the response data bytes"},
+    {"sel", cmdSel, "sel [--reverse]", "the system event log, one raw line per record"},
+    {"sel --text", cmdSel, "sel --text [--lang LCID]", "the log as localized messages with time and severity"},
+    {"sel info", cmdSel, "sel info", "entries, capacity, last addition and erase, UTC offset"},
+    {"sel clear", cmdSel, "sel clear", "erase the log"},
+    {"sel add", cmdSel, "sel add TYPE SENSOR EVTYPE D1 D2 D3", "add a system event record"},
+    {"banner", cmdBanner, "banner", "the console's login banner, exactly as the library writes it"},
+    {"power", cmdPower, "power [status|on|off|cycle|reset|soft]", "chassis power state and control"},
+    {"led", cmdLed, "led [status] | led identify on|off", "identify LED and system status (error LED)"},
+    {"lan", cmdLan, "lan [show]", "the controller's LAN settings"},
+    {"lan set", cmdLan, "lan set ip|netmask|gateway|mac|source V", "change one LAN setting"},
+    {"config", cmdConfig, "config get ID [INDEX]", "read a configuration-space variable"},
+    {"config set", cmdConfig, "config set [--hex] ID INDEX VALUE...", "write one (text, or bytes with --hex)"},
+    {"config reset", cmdConfig, "config reset", "reset every variable to its default"},
+    {"console-log", cmdConsoleLog, "console-log start|stop|clear|state", "the controller's console logging"},
     {"reset", cmdReset, "reset", "start the virtual machine afresh from its profile"},
     {"target", cmdTarget, "target", "show which controller the commands talk to"},
 };
@@ -34,7 +48,7 @@ void usage(std::FILE *out)
                  "Reads and controls a server's management controller through libtvx_toipmi.\n"
                  "\n"
                  "Commands:\n");
-    for (const auto &c : kCommands) std::fprintf(out, "  %-26s %s\n", c.usage, c.summary);
+    for (const auto &c : kCommands) std::fprintf(out, "  %-40s %s\n", c.usage, c.summary);
     std::fprintf(out,
                  "\n"
                  "Options:\n"
@@ -83,9 +97,9 @@ int run(int argc, char **argv)
         else if (optionValue(all, i, "--machine", opt.machine) || optionValue(all, i, "--state", opt.state) ||
                  optionValue(all, i, "--target", opt.target))
             continue;
-        else if (a.size() > 1 && a[0] == '-' && !(a.size() > 1 && std::isdigit(static_cast<unsigned char>(a[1]))))
+        else if (positional.empty() && a.size() > 1 && a[0] == '-')
             throw Failure{kExitUsage, "unknown option \"" + a + "\" (see tvxctl --help)"};
-        else positional.push_back(a);
+        else positional.push_back(a); // after the command: its own arguments and options
     }
     if (positional.empty()) {
         usage(stderr);
@@ -96,7 +110,7 @@ int run(int argc, char **argv)
 
     const Subcommand *cmd = nullptr;
     for (const auto &c : kCommands)
-        if (positional[0] == c.name) cmd = &c;
+        if (!cmd && positional[0] == c.name) cmd = &c;
     if (!cmd) throw Failure{kExitUsage, "unknown command \"" + positional[0] + "\" (see tvxctl --help)"};
 
     // Choose the controller now, so that a bad profile or state is reported before anything.

@@ -42,6 +42,20 @@ void Controller::on(uint8_t netFn, uint8_t command, Handler h) { handlers_[key(n
 
 void Controller::onOem(uint8_t command, Handler h) { oemHandlers_[command] = std::move(h); }
 
+void Controller::onOemSub(uint8_t command, uint8_t sub, Handler h)
+{
+    oemSubHandlers_[static_cast<uint16_t>(command << 8 | sub)] = std::move(h);
+    // The command itself dispatches on its first byte; a sub-function nobody registered is
+    // an invalid command, a request without one is too short.
+    onOem(command, [this, command](Context &ctx, const Request &req, Response &rsp) {
+        if (req.data.empty()) return rsp.fail(cc::kRequestLengthInvalid);
+        auto it = oemSubHandlers_.find(static_cast<uint16_t>(command << 8 | req.data[0]));
+        if (it == oemSubHandlers_.end()) return rsp.fail(cc::kInvalidCommand);
+        Request sub{req.netFn, req.lun, req.command, req.data.subspan(1)};
+        it->second(ctx, sub, rsp);
+    });
+}
+
 void Controller::injectFault(const Fault &f)
 {
     std::lock_guard<std::mutex> g(mutex_);

@@ -100,6 +100,10 @@ public:
 
     void on(uint8_t netFn, uint8_t command, Handler h);  // a standard command
     void onOem(uint8_t command, Handler h);              // an OEM/Group (0x2E) command
+    // One sub-function of an OEM/Group command whose first byte after the IANA number
+    // selects the function (0xF5 and its family). The handler sees the bytes after the
+    // sub-function byte and appends its payload after the IANA echo.
+    void onOemSub(uint8_t command, uint8_t sub, Handler h);
 
     // Handles one request. Thread-safe; serialized with other programs on the same state.
     Reply handle(uint8_t netFn, uint8_t lun, uint8_t command, std::span<const uint8_t> data);
@@ -124,6 +128,7 @@ private:
     std::unique_ptr<StateStore> store_;
     std::map<uint16_t, Handler> handlers_;
     std::map<uint8_t, Handler> oemHandlers_;
+    std::map<uint16_t, Handler> oemSubHandlers_; // (command << 8) | sub
     std::vector<Fault> faults_;
     std::mutex mutex_;
 };

@@ -51,8 +51,8 @@ void Controller::onOemSub(uint8_t command, uint8_t sub, Handler h)
         if (req.data.empty()) return rsp.fail(cc::kRequestLengthInvalid);
         auto it = oemSubHandlers_.find(static_cast<uint16_t>(command << 8 | req.data[0]));
         if (it == oemSubHandlers_.end()) return rsp.fail(cc::kInvalidCommand);
-        Request sub{req.netFn, req.lun, req.command, req.data.subspan(1)};
-        it->second(ctx, sub, rsp);
+        Request inner{req.netFn, req.lun, req.command, req.data.subspan(1)};
+        it->second(ctx, inner, rsp);
     });
 }
 

@@ -22,7 +22,8 @@ Controller::Controller(Profile profile, const std::string &stateDir)
 {
 }
 
-Controller::Controller(Profile profile, const std::string &stateDir, std::span<const Subsystem> subsystems)
+Controller::Controller(Profile profile, const std::string &stateDir, std::span<const Subsystem> subsystems,
+                       bool checkState)
     : profile_(std::move(profile)), faults_(profile_.faults)
 {
     for (const Subsystem &s : subsystems) subsystems_.push_back(&s);
@@ -35,7 +36,7 @@ Controller::Controller(Profile profile, const std::string &stateDir, std::span<c
     store_ = std::make_unique<StateStore>(stateDir, profile_, initial);
     for (const Subsystem *s : subsystems_)
         if (s->install) s->install(*this);
-    store_->open();
+    if (checkState) store_->open();
 }
 
 void Controller::on(uint8_t netFn, uint8_t command, Handler h) { handlers_[key(netFn, command)] = std::move(h); }

@@ -95,8 +95,10 @@ public:
     // stateDir empty: the state lives in memory only. Throws ProfileError for a state that
     // cannot be used.
     Controller(Profile profile, const std::string &stateDir);
-    // The same with a chosen set of subsystems (tests use their own).
-    Controller(Profile profile, const std::string &stateDir, std::span<const Subsystem> subsystems);
+    // The same with a chosen set of subsystems (tests use their own); with checkState false
+    // the old state is not read (a machine about to be reset).
+    Controller(Profile profile, const std::string &stateDir, std::span<const Subsystem> subsystems,
+               bool checkState = true);
 
     void on(uint8_t netFn, uint8_t command, Handler h);  // a standard command
     void onOem(uint8_t command, Handler h);              // an OEM/Group (0x2E) command

@@ -1,6 +1,8 @@
 #include "profile.h"
 
 #include <cctype>
+#include <cerrno>
+#include <sys/stat.h>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -335,6 +337,10 @@ Profile parseProfile(const std::string &text, const std::string &displayName)
 
 Profile loadProfile(const std::string &path)
 {
+    // A directory opens as a stream that reads nothing; say what it is instead.
+    struct stat st{};
+    if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+        throw ProfileError(path + ": cannot read the machine profile: " + std::strerror(EISDIR));
     std::ifstream in(path, std::ios::binary);
     if (!in) throw ProfileError(path + ": cannot read the machine profile: " + std::strerror(errno));
     std::ostringstream text;

@@ -68,6 +68,10 @@ IPMIHOST_API const char *ipmihost_state_file(void);
 /* Starts the selected machine afresh from its profile: the state file is rewritten. */
 IPMIHOST_API int ipmihost_reset_machine(void);
 
+/* Selects a machine (target notation as for ipmihost_select_target) and starts it afresh
+   from its profile without reading its old state, so a corrupt state file is replaced. */
+IPMIHOST_API int ipmihost_reset_target(const char *target, const char *stateDir);
+
 typedef enum {
     IPMIHOST_FAULT_COMPLETION_CODE = 1, /* answer with completion code `value` and no data   */
     IPMIHOST_FAULT_NO_ANSWER = 2,       /* no answer: the request times out                  */

@@ -76,8 +76,9 @@ public:
 // On failure returns null and sets the last error.
 std::shared_ptr<Target> currentTarget(uint16_t &status);
 // Makes a target from a target string ("default", "machine:PATH", "PATH.json", "script:").
-std::shared_ptr<Target> makeTarget(const std::string &spec, const std::string &stateDir);
-std::shared_ptr<Target> makeMachineTarget(const std::string &profilePath, const std::string &stateDir);
+std::shared_ptr<Target> makeTarget(const std::string &spec, const std::string &stateDir, bool reset = false);
+std::shared_ptr<Target> makeMachineTarget(const std::string &profilePath, const std::string &stateDir,
+                                          bool reset = false);
 std::shared_ptr<Target> scriptTarget();
 void setSelectedTarget(std::shared_ptr<Target> target);
 

@@ -51,19 +51,19 @@ void setSelectedTarget(std::shared_ptr<Target> target)
     sel().selected = std::move(target);
 }
 
-std::shared_ptr<Target> makeTarget(const std::string &spec, const std::string &stateDir)
+std::shared_ptr<Target> makeTarget(const std::string &spec, const std::string &stateDir, bool reset)
 {
-    if (spec.empty() || spec == "default") return makeMachineTarget("", stateDir);
+    if (spec.empty() || spec == "default") return makeMachineTarget("", stateDir, reset);
     if (spec.rfind("machine:", 0) == 0) {
         std::string path = spec.substr(8);
         if (path.empty()) {
             setLastError("target \"machine:\" names no profile (machine:PATH)");
             return nullptr;
         }
-        return makeMachineTarget(path, stateDir);
+        return makeMachineTarget(path, stateDir, reset);
     }
     if (spec == "script:" || spec == "script") return scriptTarget();
-    if (endsWith(spec, ".json")) return makeMachineTarget(spec, stateDir);
+    if (endsWith(spec, ".json")) return makeMachineTarget(spec, stateDir, reset);
     setLastError("unknown target \"" + spec +
                  "\" (expected \"default\", \"machine:PATH\", a profile path ending in .json, or \"script:\")");
     return nullptr;
@@ -113,6 +113,14 @@ extern "C" int ipmihost_select_target(const char *target, const char *stateDir)
         return -1;
     }
     auto t = makeTarget(target, stateDir ? stateDir : "");
+    if (!t) return -1;
+    setSelectedTarget(t);
+    return 0;
+}
+
+extern "C" int ipmihost_reset_target(const char *target, const char *stateDir)
+{
+    auto t = makeTarget(target ? target : "", stateDir ? stateDir : "", true);
     if (!t) return -1;
     setSelectedTarget(t);
     return 0;

@@ -68,7 +68,7 @@ SimTarget *currentSim()
 
 } // namespace
 
-std::shared_ptr<Target> makeMachineTarget(const std::string &profilePath, const std::string &stateDir)
+std::shared_ptr<Target> makeMachineTarget(const std::string &profilePath, const std::string &stateDir, bool reset)
 {
     try {
         tvxsim::Profile profile =
@@ -77,7 +77,10 @@ std::shared_ptr<Target> makeMachineTarget(const std::string &profilePath, const 
                                        "default.json")
                 : tvxsim::loadProfile(profilePath);
         std::string dir = stateDir.empty() ? tvxsim::StateStore::defaultDir() : stateDir;
-        auto controller = std::make_shared<tvxsim::Controller>(std::move(profile), dir);
+        // A machine about to be reset is not asked for its old state, which may be corrupt.
+        auto controller = std::make_shared<tvxsim::Controller>(std::move(profile), dir,
+                                                                 tvxsim::Controller::standardSubsystems(), !reset);
+        if (reset) controller->reset();
         return std::make_shared<SimTarget>(std::move(controller));
     } catch (const tvxsim::ProfileError &e) {
         setLastError(e.what());

@@ -24,7 +24,7 @@ int main(void)
     IpmiDeviceId id = ipmiGetDeviceId(session);
     static const uint8_t manufacturer[3] = {0xD9, 0x7E, 0x00};
     static const uint8_t product[2] = {0x4D, 0x0B};
-    static const uint8_t aux[4] = {0x00, 0x0A, 0x12, 0x03};
+    static const uint8_t aux[4] = {0x04, 0x0C, 0x00, 0x62};
     CHECK((id.firmwareRevision1 & 0x7F) == 3);
     CHECK(id.firmwareRevision2 == 0x52);
     CHECK(id.ipmiVersion == 0x02);

@@ -125,8 +125,11 @@ int run(int argc, char **argv)
         const char *env = std::getenv(IPMIHOST_STATE_ENV);
         state = env ? env : "";
     }
-    if (ipmihost_select_target(spec.c_str(), state.empty() ? nullptr : state.c_str()) != 0)
-        throw Failure{kExitFailed, ipmihost_last_error()};
+    if (cmd->run == cmdReset && positional.size() > 1) throw Failure{kExitUsage, "reset takes no arguments"};
+    // reset replaces the state without reading it, so it also mends a corrupt one.
+    int selected = cmd->run == cmdReset ? ipmihost_reset_target(spec.c_str(), state.empty() ? nullptr : state.c_str())
+                                        : ipmihost_select_target(spec.c_str(), state.empty() ? nullptr : state.c_str());
+    if (selected != 0) throw Failure{kExitFailed, ipmihost_last_error()};
 
     std::vector<std::string> args(positional.begin() + 1, positional.end());
     return cmd->run(opt, args);

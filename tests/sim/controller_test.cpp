@@ -1,0 +1,332 @@
+// The virtual controller: OEM/Group framing, faults from the profile, and the state file shared
+// by consecutive and concurrent programs.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "controller.h"
+#include "sim_test_util.h"
+
+using nlohmann::json;
+using simtest::Bytes;
+using simtest::TempDir;
+using tvxsim::Controller;
+using tvxsim::Reply;
+
+namespace {
+
+constexpr uint8_t kApp = 0x06, kOem = 0x2E;
+constexpr uint8_t kGetDeviceId = 0x01, kSelfTest = 0x04, kSetAcpi = 0x06, kGetAcpi = 0x07;
+
+tvxsim::Profile profileOf(const json &doc, const std::string &name = "sim-test.json")
+{
+    return tvxsim::parseProfile(doc.dump(), name);
+}
+
+Reply send(Controller &c, uint8_t netFn, uint8_t cmd, const Bytes &data = {}) { return c.handle(netFn, 0, cmd, data); }
+
+Bytes acpi(Controller &c)
+{
+    Reply r = send(c, kApp, kGetAcpi);
+    EXPECT_TRUE(r.answered);
+    return r.bytes;
+}
+
+// ---- OEM/Group frame -------------------------------------------------------------------------
+
+struct OemCase {
+    const char *name;
+    uint8_t netFn, cmd;
+    Bytes request, expected;
+};
+
+void PrintTo(const OemCase &c, std::ostream *os) { *os << c.name; }
+
+class OemFrame : public testing::TestWithParam<OemCase> {};
+
+TEST_P(OemFrame, RefusesOrDispatches)
+{
+    Controller c(profileOf(simtest::baseProfile()), "");
+    // 0x10 answers its payload reversed; 0x11 refuses with its own completion code.
+    c.onOem(0x10, [](tvxsim::Context &, const tvxsim::Request &req, tvxsim::Response &rsp) {
+        for (auto it = req.data.rbegin(); it != req.data.rend(); ++it) rsp.u8(*it);
+    });
+    c.onOem(0x11, [](tvxsim::Context &, const tvxsim::Request &, tvxsim::Response &rsp) { rsp.fail(0xCC); });
+    Reply r = send(c, GetParam().netFn, GetParam().cmd, GetParam().request);
+    EXPECT_TRUE(r.answered);
+    EXPECT_EQ(r.bytes, GetParam().expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, OemFrame,
+    testing::Values(OemCase{"NoIana", kOem, 0x10, {}, {0xC7}},
+                    OemCase{"IanaTooShort", kOem, 0x10, {0xD9, 0x7E}, {0xC7}},
+                    OemCase{"OtherIana", kOem, 0x10, {0x57, 0x01, 0x00, 0x01}, {0xC1, 0x57, 0x01, 0x00}},
+                    OemCase{"UnknownOemCommand", kOem, 0x55, {0xD9, 0x7E, 0x00}, {0xC1, 0xD9, 0x7E, 0x00}},
+                    OemCase{"HandlerSeesPayloadOnly", kOem, 0x10, {0xD9, 0x7E, 0x00, 1, 2, 3}, {0x00, 0xD9, 0x7E, 0x00, 3, 2, 1}},
+                    OemCase{"EmptyPayload", kOem, 0x10, {0xD9, 0x7E, 0x00}, {0x00, 0xD9, 0x7E, 0x00}},
+                    OemCase{"HandlerFailureKeepsIana", kOem, 0x11, {0xD9, 0x7E, 0x00, 9}, {0xCC, 0xD9, 0x7E, 0x00}},
+                    OemCase{"ResponseNetFnAlsoOem", kOem | 1, 0x10, {0xD9, 0x7E, 0x00, 7}, {0x00, 0xD9, 0x7E, 0x00, 7}},
+                    OemCase{"UnknownStandardCommand", kApp, 0x99, {}, {0xC1}},
+                    OemCase{"OemCommandNotStandard", kApp, 0x10, {0xD9, 0x7E, 0x00}, {0xC1}}),
+    [](const testing::TestParamInfo<OemCase> &i) { return std::string(i.param.name); });
+
+TEST(OemFrame, ProfileChoosesTheIana)
+{
+    json doc = simtest::baseProfile();
+    doc["controller"]["oem_iana"] = "0x000157";
+    Controller c(profileOf(doc), "");
+    c.onOem(0x10, [](tvxsim::Context &, const tvxsim::Request &, tvxsim::Response &rsp) { rsp.u8(0x42); });
+    EXPECT_EQ(send(c, kOem, 0x10, {0x57, 0x01, 0x00}).bytes, (Bytes{0x00, 0x57, 0x01, 0x00, 0x42}));
+    EXPECT_EQ(send(c, kOem, 0x10, {0xD9, 0x7E, 0x00}).bytes, (Bytes{0xC1, 0xD9, 0x7E, 0x00}));
+}
+
+// ---- Faults from the profile ---------------------------------------------------------------------
+
+struct FaultCase {
+    const char *name;
+    json fault; // netfn/command added by the test
+    bool answered;
+    std::function<Bytes(const Bytes &)> expect; // from the undamaged answer
+};
+
+void PrintTo(const FaultCase &c, std::ostream *os) { *os << c.name; }
+
+class ProfileFault : public testing::TestWithParam<FaultCase> {};
+
+Bytes xorData(Bytes b, uint8_t with)
+{
+    for (std::size_t i = 1; i < b.size(); ++i) b[i] ^= with;
+    return b;
+}
+
+TEST_P(ProfileFault, DamagesOneAnswer)
+{
+    Controller plain(profileOf(simtest::baseProfile()), "");
+    const Bytes good = send(plain, kApp, kGetDeviceId).bytes;
+    ASSERT_EQ(good.size(), 16u);
+    json doc = simtest::baseProfile();
+    json fault = GetParam().fault;
+    fault["netfn"] = kApp;
+    fault["command"] = kGetDeviceId;
+    fault["count"] = 1;
+    doc["faults"] = {fault};
+    Controller c(profileOf(doc), "");
+
+    Reply selfTest = send(c, kApp, kSelfTest); // another command is not hit
+    EXPECT_EQ(selfTest.bytes, (Bytes{0x00, 0x55, 0x00}));
+    Reply hit = send(c, kApp, kGetDeviceId);
+    EXPECT_EQ(hit.answered, GetParam().answered);
+    if (GetParam().answered) {
+        EXPECT_EQ(hit.bytes, GetParam().expect(good));
+    }
+    Reply after = send(c, kApp, kGetDeviceId); // count 1: used up
+    EXPECT_TRUE(after.answered);
+    EXPECT_EQ(after.bytes, good);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, ProfileFault,
+    testing::Values(
+        FaultCase{"CompletionCode", {{"kind", "completion_code"}, {"value", "0xC0"}}, true, [](const Bytes &) { return Bytes{0xC0}; }},
+        FaultCase{"NoAnswer", {{"kind", "no_answer"}}, false, nullptr},
+        FaultCase{"ShortToThree", {{"kind", "short"}, {"value", 3}}, true, [](const Bytes &g) { return Bytes(g.begin(), g.begin() + 3); }},
+        FaultCase{"ShortToNothing", {{"kind", "short"}, {"value", 0}}, true, [](const Bytes &) { return Bytes{}; }},
+        FaultCase{"ShortLongerThanAnswer", {{"kind", "short"}, {"value", 200}}, true, [](const Bytes &g) { return g; }},
+        FaultCase{"Long", {{"kind", "long"}, {"value", 2}}, true,
+                  [](const Bytes &g) {
+                      Bytes b = g;
+                      b.insert(b.end(), {0xEE, 0xEE});
+                      return b;
+                  }},
+        FaultCase{"GarbledDefault", {{"kind", "garbled"}}, true, [](const Bytes &g) { return xorData(g, 0xA5); }},
+        FaultCase{"GarbledValue", {{"kind", "garbled"}, {"value", 0x0F}}, true, [](const Bytes &g) { return xorData(g, 0x0F); }}),
+    [](const testing::TestParamInfo<FaultCase> &i) { return std::string(i.param.name); });
+
+TEST(ProfileFault, MatchPrefixAndCountAndNoExecution)
+{
+    json doc = simtest::baseProfile();
+    doc["faults"] = {
+        {{"netfn", kApp}, {"command", kSetAcpi}, {"match", "83"}, {"kind", "no_answer"}, {"count", 2}},
+        {{"netfn", kApp}, {"command", kSetAcpi}, {"match", {0x85, 0x7F, 0x00}}, {"kind", "completion_code"}, {"value", 0xD5}},
+    };
+    TempDir dir;
+    Controller c(profileOf(doc), dir.path());
+
+    EXPECT_FALSE(send(c, kApp, kSetAcpi, {0x83, 0x7F}).answered); // hit 1: not carried out
+    EXPECT_EQ(acpi(c), (Bytes{0x00, 0x00, 0x00}));
+    EXPECT_EQ(send(c, kApp, kSetAcpi, {0x7F, 0x83}).bytes, Bytes{0x00}); // prefix differs
+    EXPECT_EQ(acpi(c), (Bytes{0x00, 0x00, 0x03}));
+    EXPECT_FALSE(send(c, kApp, kSetAcpi, {0x83, 0x7F}).answered); // hit 2
+    EXPECT_EQ(acpi(c), (Bytes{0x00, 0x00, 0x03}));
+    EXPECT_EQ(send(c, kApp, kSetAcpi, {0x83, 0x7F}).bytes, Bytes{0x00}); // used up
+    EXPECT_EQ(acpi(c), (Bytes{0x00, 0x03, 0x03}));
+
+    // A match longer than the request never hits, even when the byte after the request in
+    // memory is the one the match wants next. Count 0 hits every time, and the command is never
+    // carried out.
+    const Bytes backing = {0x85, 0x7F, 0x00};
+    EXPECT_EQ(c.handle(kApp, 0, kSetAcpi, std::span<const uint8_t>(backing).first(2)).bytes, Bytes{0x00});
+    EXPECT_EQ(acpi(c), (Bytes{0x00, 0x05, 0x03}));
+    send(c, kApp, kSetAcpi, {0x80, 0x80});
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(send(c, kApp, kSetAcpi, {0x85, 0x7F, 0x00}).bytes, Bytes{0xD5});
+    EXPECT_EQ(acpi(c), (Bytes{0x00, 0x00, 0x00}));
+    // Nothing of the refused requests reached the state file either.
+    Controller next(profileOf(doc), dir.path());
+    EXPECT_EQ(acpi(next), (Bytes{0x00, 0x00, 0x00}));
+}
+
+// ---- State ---------------------------------------------------------------------------------------
+
+TEST(State, MissingStateStartsFromProfileAndIsCreated)
+{
+    TempDir dir;
+    Controller c(profileOf(simtest::baseProfile(), "/elsewhere/box.json"), dir.path() + "/sub/dir/");
+    EXPECT_EQ(c.statePath(), dir.path() + "/sub/dir/box.state.json");
+    EXPECT_EQ(acpi(c), (Bytes{0x00, 0x00, 0x00}));
+    json stored = json::parse(simtest::readFile(c.statePath()));
+    EXPECT_EQ(stored["format"], 1);
+    EXPECT_EQ(stored["state"]["acpi"]["system"], 0);
+}
+
+TEST(State, ChangeSeenByNewControllerAndByOneAlreadyRunning)
+{
+    TempDir dir;
+    const auto profile = profileOf(simtest::baseProfile());
+    Controller running(profile, dir.path());
+    EXPECT_EQ(acpi(running), (Bytes{0x00, 0x00, 0x00}));
+
+    // Another process changes the machine.
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        int rc = 1;
+        try {
+            Controller other(profile, dir.path());
+            rc = send(other, kApp, kSetAcpi, {0x83, 0x7F}).bytes == Bytes{0x00} ? 0 : 1;
+        } catch (...) {
+        }
+        _exit(rc);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+
+    EXPECT_EQ(acpi(running), (Bytes{0x00, 0x03, 0x00}));
+    Controller fresh(profile, dir.path());
+    EXPECT_EQ(acpi(fresh), (Bytes{0x00, 0x03, 0x00}));
+    // An unsupported state is refused and leaves the stored one alone.
+    EXPECT_EQ(send(fresh, kApp, kSetAcpi, {0x81, 0x84}).bytes, Bytes{0xC9});
+    EXPECT_EQ(acpi(running), (Bytes{0x00, 0x03, 0x00}));
+
+    fresh.reset();
+    EXPECT_EQ(acpi(running), (Bytes{0x00, 0x00, 0x00}));
+}
+
+TEST(State, CorruptStateFileIsNamedAndResetRecovers)
+{
+    const std::vector<std::pair<std::string, std::string>> corrupt = {
+        {"garbage", "\x01not json at all"},
+        {"no format", R"({"state": {"acpi": {"system": 3, "device": 0}}})"},
+        {"other format", R"({"format": 99, "state": {}})"},
+        {"no state", R"({"format": 1})"},
+        {"not an object", "[1, 2]"},
+    };
+    for (const auto &[what, text] : corrupt) {
+        SCOPED_TRACE(what);
+        TempDir dir;
+        const auto profile = profileOf(simtest::baseProfile(), "box.json");
+        const std::string path = dir.path() + "/box.state.json";
+        simtest::writeFile(path, text);
+        try {
+            Controller c(profile, dir.path());
+            ADD_FAILURE() << "corrupt state accepted";
+        } catch (const tvxsim::ProfileError &e) {
+            EXPECT_EQ(std::string(e.what()).rfind(path + ": ", 0), 0u) << e.what();
+            EXPECT_NE(std::string(e.what()).find("corrupt"), std::string::npos) << e.what();
+        }
+        tvxsim::StateStore store(dir.path(), profile, [] { return json{{"acpi", {{"system", 0}, {"device", 0}}}}; });
+        EXPECT_THROW(store.open(), tvxsim::ProfileError);
+        store.reset();
+        Controller c(profile, dir.path());
+        EXPECT_EQ(acpi(c), (Bytes{0x00, 0x00, 0x00}));
+    }
+}
+
+TEST(State, CorruptionUnderARunningControllerIsReportedAndResetRecovers)
+{
+    TempDir dir;
+    Controller c(profileOf(simtest::baseProfile(), "box.json"), dir.path());
+    send(c, kApp, kSetAcpi, {0x83, 0x7F});
+    simtest::writeFile(c.statePath(), "{\"format\": 1, \"state\": ");
+    EXPECT_THROW(send(c, kApp, kGetAcpi), tvxsim::ProfileError);
+    c.reset();
+    EXPECT_EQ(acpi(c), (Bytes{0x00, 0x00, 0x00}));
+}
+
+// A counter kept in the state, for the concurrency test.
+void counterInstall(Controller &c)
+{
+    c.on(0x30, 0x01, [](tvxsim::Context &ctx, const tvxsim::Request &, tvxsim::Response &rsp) {
+        uint32_t n = ctx.state["counter"].get<uint32_t>() + 1;
+        ctx.state["counter"] = n;
+        ctx.changed();
+        rsp.u32(n);
+    });
+    c.on(0x30, 0x02, [](tvxsim::Context &ctx, const tvxsim::Request &, tvxsim::Response &rsp) {
+        rsp.u32(ctx.state["counter"].get<uint32_t>());
+    });
+}
+void counterInit(const tvxsim::Profile &, json &state) { state["counter"] = 0; }
+const tvxsim::Subsystem kCounter[] = {{"counter", counterInstall, counterInit}};
+
+uint32_t le32(const Bytes &b, std::size_t at) { return b[at] | b[at + 1] << 8 | b[at + 2] << 16 | uint32_t(b[at + 3]) << 24; }
+
+TEST(State, ConcurrentProgramsLoseNoUpdate)
+{
+    constexpr int kChildren = 4, kRounds = 200;
+    TempDir dir;
+    const auto profile = profileOf(simtest::baseProfile(), "counter.json");
+    int gate[2];
+    ASSERT_EQ(pipe(gate), 0);
+    std::vector<pid_t> children;
+    for (int i = 0; i < kChildren; ++i) {
+        pid_t pid = fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            close(gate[1]);
+            char ch;
+            (void)!read(gate[0], &ch, 1); // returns when the parent closes the gate: all start together
+            int rc = 0;
+            try {
+                Controller c(profile, dir.path(), kCounter);
+                uint32_t last = 0;
+                for (int n = 0; n < kRounds && rc == 0; ++n) {
+                    Reply r = send(c, 0x30, 0x01);
+                    if (!r.answered || r.bytes.size() != 5 || r.bytes[0] != 0) rc = 2;
+                    else if (le32(r.bytes, 1) <= last) rc = 3; // the counter never goes back
+                    else last = le32(r.bytes, 1);
+                }
+            } catch (...) {
+                rc = 4;
+            }
+            _exit(rc);
+        }
+        children.push_back(pid);
+    }
+    close(gate[0]);
+    close(gate[1]);
+    for (pid_t pid : children) {
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        EXPECT_TRUE(WIFEXITED(status)) << status;
+        EXPECT_EQ(WEXITSTATUS(status), 0);
+    }
+    Controller check(profile, dir.path(), kCounter);
+    Reply r = send(check, 0x30, 0x02);
+    ASSERT_EQ(r.bytes.size(), 5u);
+    EXPECT_EQ(le32(r.bytes, 1), uint32_t(kChildren * kRounds));
+}
+
+} // namespace

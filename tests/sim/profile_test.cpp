@@ -1,0 +1,172 @@
+// Machine profiles: what a good profile yields, and that every kind of mistake is reported with
+// the file and the place in it.
+#include <functional>
+
+#include <gtest/gtest.h>
+
+#include "profile.h"
+#include "sim_test_util.h"
+
+using nlohmann::json;
+using simtest::Bytes;
+
+namespace {
+
+const char *kFile = "machines/t.json";
+
+TEST(Profile, IdentityFieldsBecomeDeviceIdBytes)
+{
+    json doc = json::parse(R"({
+      "controller": {
+        "device_id": "0x21", "device_revision": 5, "provides_device_sdrs": true,
+        "firmware_revision": "12.09", "device_busy": true, "ipmi_version": "1.5",
+        "additional_device_support": ["sensor", "sel", "chassis"],
+        "manufacturer_id": "0x0ABCDE", "product_id": 48879,
+        "aux_firmware_revision": "de ad 0xbe ef", "oem_iana": 343
+      }
+    })");
+    tvxsim::Profile p = tvxsim::parseProfile(doc.dump(), "dir/box.json");
+    EXPECT_EQ(p.name, "box");
+    EXPECT_EQ(p.oemIana, 343u);
+    const Bytes expected = {0x21, 0x85, 0x80 | 12, 0x09, 0x51, 0x85, 0xDE, 0xBC, 0x0A, 0xEF, 0xBE, 0xDE, 0xAD, 0xBE, 0xEF};
+    EXPECT_EQ(p.device.responseData(), expected);
+
+    // Without the auxiliary revision the answer stops after the product ID.
+    doc["controller"].erase("aux_firmware_revision");
+    p = tvxsim::parseProfile(doc.dump(), "box.json");
+    EXPECT_EQ(p.device.responseData(), Bytes(expected.begin(), expected.begin() + 11));
+}
+
+struct ErrorCase {
+    const char *name;
+    std::function<void(json &)> edit; // applied to a valid profile
+    std::vector<std::string> expected; // all must appear in the message
+};
+
+std::string describeCase(const testing::TestParamInfo<ErrorCase> &info) { return info.param.name; }
+void PrintTo(const ErrorCase &c, std::ostream *os) { *os << c.name; }
+
+class ProfileErrors : public testing::TestWithParam<ErrorCase> {};
+
+TEST_P(ProfileErrors, NameFilePlaceAndProblem)
+{
+    json doc = simtest::baseProfile();
+    GetParam().edit(doc);
+    try {
+        tvxsim::parseProfile(doc.dump(2), kFile);
+        FAIL() << "profile accepted: " << doc.dump();
+    } catch (const tvxsim::ProfileError &e) {
+        std::string msg = e.what();
+        EXPECT_EQ(msg.rfind(std::string(kFile) + ": ", 0), 0u) << msg;
+        for (const auto &part : GetParam().expected) EXPECT_NE(msg.find(part), std::string::npos) << "'" << part << "' not in: " << msg;
+    }
+}
+
+json &ctl(json &d) { return d["controller"]; }
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, ProfileErrors,
+    testing::Values(
+        ErrorCase{"MissingController", [](json &d) { d.erase("controller"); }, {": /: ", "missing \"controller\""}},
+        ErrorCase{"ControllerNotObject", [](json &d) { d["controller"] = json::array(); }, {"/controller: ", "expected an object"}},
+        ErrorCase{"MissingFirmware", [](json &d) { ctl(d).erase("firmware_revision"); },
+                  {"/controller: ", "missing \"firmware_revision\""}},
+        ErrorCase{"MissingManufacturer", [](json &d) { ctl(d).erase("manufacturer_id"); }, {"/controller: ", "missing \"manufacturer_id\""}},
+        ErrorCase{"FirmwareWrongType", [](json &d) { ctl(d)["firmware_revision"] = 3.52; }, {"/controller/firmware_revision: ", "expected a string"}},
+        ErrorCase{"FirmwareOneMinorDigit", [](json &d) { ctl(d)["firmware_revision"] = "3.5"; }, {"/controller/firmware_revision: ", "\"3.5\""}},
+        ErrorCase{"FirmwareMajorTooBig", [](json &d) { ctl(d)["firmware_revision"] = "128.00"; }, {"/controller/firmware_revision: "}},
+        ErrorCase{"BoolWrongType", [](json &d) { ctl(d)["provides_device_sdrs"] = "yes"; }, {"/controller/provides_device_sdrs: ", "true or false"}},
+        ErrorCase{"IpmiVersionBad", [](json &d) { ctl(d)["ipmi_version"] = "2"; }, {"/controller/ipmi_version: "}},
+        ErrorCase{"ManufacturerTooBig", [](json &d) { ctl(d)["manufacturer_id"] = 0x100000; }, {"/controller/manufacturer_id: ", "1048575", "1048576"}},
+        ErrorCase{"ManufacturerNegative", [](json &d) { ctl(d)["manufacturer_id"] = -1; }, {"/controller/manufacturer_id: ", "-1"}},
+        ErrorCase{"ProductTooBig", [](json &d) { ctl(d)["product_id"] = "0x10000"; }, {"/controller/product_id: ", "65535"}},
+        ErrorCase{"ProductNotHex", [](json &d) { ctl(d)["product_id"] = "0x12G4"; }, {"/controller/product_id: "}},
+        ErrorCase{"DeviceRevisionTooBig", [](json &d) { ctl(d)["device_revision"] = 16; }, {"/controller/device_revision: "}},
+        ErrorCase{"MisspeltControllerKey", [](json &d) { ctl(d)["firmware_revison"] = "1.00"; },
+                  {"/controller/firmware_revison: ", "unknown key \"firmware_revison\""}},
+        ErrorCase{"MisspeltTopKey", [](json &d) { d["fault"] = json::array(); }, {"/fault: ", "unknown key \"fault\""}},
+        ErrorCase{"KeyWithSlashEscaped", [](json &d) { d["a/b~c"] = 1; }, {"/a~1b~0c: ", "unknown key \"a/b~c\""}},
+        ErrorCase{"UnknownCapability", [](json &d) { ctl(d)["additional_device_support"] = {"sensor", "toaster"}; },
+                  {"/controller/additional_device_support/1: ", "\"toaster\""}},
+        ErrorCase{"AuxThreeBytes", [](json &d) { ctl(d)["aux_firmware_revision"] = "00 0a 12"; },
+                  {"/controller/aux_firmware_revision: ", "exactly 4 bytes, got 3"}},
+        ErrorCase{"AuxBadHex", [](json &d) { ctl(d)["aux_firmware_revision"] = "00 0g 12 03"; }, {"/controller/aux_firmware_revision: ", "\"0g\""}},
+        ErrorCase{"FaultsNotArray", [](json &d) { d["faults"] = json::object(); }, {"/faults: ", "expected an array"}},
+        ErrorCase{"FaultBadKind", [](json &d) { d["faults"] = {{{"netfn", 6}, {"command", 1}, {"kind", "slow"}}}; },
+                  {"/faults/0/kind: ", "unknown fault kind \"slow\""}},
+        ErrorCase{"FaultMisspeltKey",
+                  [](json &d) { d["faults"] = {{{"netfn", 6}, {"command", 1}, {"kind", "short"}, {"cuont", 1}}}; },
+                  {"/faults/0/cuont: ", "unknown key"}},
+        ErrorCase{"FaultCodeMissing", [](json &d) { d["faults"] = {{{"netfn", 6}, {"command", 1}, {"kind", "completion_code"}}}; },
+                  {"/faults/0: ", "missing \"value\""}},
+        ErrorCase{"FaultCodeZero",
+                  [](json &d) { d["faults"] = {{{"netfn", 6}, {"command", 1}, {"kind", "completion_code"}, {"value", 0}}}; },
+                  {"/faults/0/value: "}},
+        ErrorCase{"FaultNetFnTooBig", [](json &d) { d["faults"] = {{{"netfn", 0x40}, {"command", 1}, {"kind", "no_answer"}}}; },
+                  {"/faults/0/netfn: "}},
+        ErrorCase{"FaultMatchTooLong",
+                  [](json &d) { d["faults"] = {{{"netfn", 6}, {"command", 1}, {"kind", "no_answer"}, {"match", json(Bytes(17, 0))}}}; },
+                  {"/faults/0/match: "}},
+        ErrorCase{"SecondFaultBad",
+                  [](json &d) {
+                      d["faults"] = {{{"netfn", 6}, {"command", 1}, {"kind", "no_answer"}},
+                                     {{"netfn", 6}, {"command", "0x100"}, {"kind", "no_answer"}}};
+                  },
+                  {"/faults/1/command: "}}),
+    describeCase);
+
+TEST(ProfileText, SyntaxErrorGivesLineAndColumn)
+{
+    // The stray '}' after the trailing comma is at line 4, column 3.
+    const std::string text = "{\n  \"controller\": {\n    \"firmware_revision\": \"3.52\",\n  }\n}\n";
+    try {
+        tvxsim::parseProfile(text, kFile);
+        FAIL() << "accepted";
+    } catch (const tvxsim::ProfileError &e) {
+        EXPECT_EQ(std::string(e.what()).rfind(std::string(kFile) + ":4:3: syntax error", 0), 0u) << e.what();
+    }
+}
+
+void expectUnreadable(const std::string &path)
+{
+    try {
+        tvxsim::loadProfile(path);
+        ADD_FAILURE() << "loaded " << path;
+    } catch (const tvxsim::ProfileError &e) {
+        std::string msg = e.what();
+        EXPECT_EQ(msg.rfind(path + ": ", 0), 0u) << msg;
+        EXPECT_NE(msg.find("cannot read"), std::string::npos) << msg;
+    }
+}
+
+TEST(ProfileText, MissingFileIsReportedAsUnreadable)
+{
+    simtest::TempDir dir;
+    expectUnreadable(dir.file("absent.json"));
+}
+
+// A directory opens like a file but cannot be read: that must not pass for an empty profile
+// with a syntax error at 1:1.
+TEST(ProfileText, DirectoryIsReportedAsUnreadable)
+{
+    simtest::TempDir dir;
+    expectUnreadable(dir.path());
+}
+
+TEST(Profile, LoadsFromFileAndNamesStateAfterIt)
+{
+    simtest::TempDir dir;
+    json doc = simtest::baseProfile();
+    doc["faults"] = {{{"netfn", "0x06"}, {"command", 1}, {"kind", "garbled"}, {"match", "01 02"}, {"count", 3}}};
+    simtest::writeFile(dir.file("rack-7.json"), doc.dump());
+    tvxsim::Profile p = tvxsim::loadProfile(dir.file("rack-7.json"));
+    EXPECT_EQ(p.file, dir.file("rack-7.json"));
+    EXPECT_EQ(p.name, "rack-7");
+    ASSERT_EQ(p.faults.size(), 1u);
+    EXPECT_EQ(p.faults[0].kind, tvxsim::Fault::Kind::Garbled);
+    EXPECT_EQ(p.faults[0].match, (Bytes{1, 2}));
+    EXPECT_EQ(p.faults[0].count, 3u);
+    EXPECT_EQ(p.faults[0].value, 0);
+}
+
+} // namespace

@@ -79,6 +79,7 @@ int cmdDevid(const Options &, const std::vector<std::string> &);
 int cmdRaw(const Options &, const std::vector<std::string> &);
 int cmdReset(const Options &, const std::vector<std::string> &);
 int cmdTarget(const Options &, const std::vector<std::string> &);
+int cmdSdr(const Options &, const std::vector<std::string> &);
 int cmdSel(const Options &, const std::vector<std::string> &);
 int cmdBanner(const Options &, const std::vector<std::string> &);
 int cmdPower(const Options &, const std::vector<std::string> &);

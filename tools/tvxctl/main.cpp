@@ -22,6 +22,7 @@ struct Subcommand {
 const Subcommand kCommands[] = {
     {"devid", cmdDevid, "devid", "the controller's identity: firmware and IPMI versions, manufacturer, product"},
     {"raw", cmdRaw, "raw NETFN CMD [BYTE...]", "send one request and print the response data bytes"},
+    {"sdr", cmdSdr, "sdr", "every sensor: number, entity, type, reading, status"},
     {"sel", cmdSel, "sel [--reverse]", "the system event log, one raw line per record"},
     {"sel --text", cmdSel, "sel --text [--lang LCID]", "the log as localized messages with time and severity"},
     {"sel info", cmdSel, "sel info", "entries, capacity, last addition and erase, UTC offset"},

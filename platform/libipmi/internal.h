@@ -97,6 +97,14 @@ uint16_t exchange(IpmiSession *session, uint8_t netFn, uint8_t command, std::spa
 
 void countRequest();
 
+// What operations remember about a session between calls, keyed by the session block's
+// address (session_state.cpp). releaseSessionState drops all of it; the session table calls
+// it when a session closes and when a block is opened again.
+void rememberSdrAllocInfo(IpmiSession *session, const SdrRepositoryAllocInfo &info);
+void forgetSdrAllocInfo(IpmiSession *session);
+std::optional<SdrRepositoryAllocInfo> cachedSdrAllocInfo(IpmiSession *session);
+void releaseSessionState(IpmiSession *session);
+
 // The built-in default profile.
 extern const unsigned char kDefaultProfile[];
 extern const std::size_t kDefaultProfileSize;

@@ -45,6 +45,8 @@ extern "C" uint16_t LIBIPMI_Create_IPMI_Local_Session_Ext(IpmiSession *session, 
     std::unique_ptr<Link> link;
     status = target->open(call, link);
     if (status != LIBIPMI_STATUS_OK) return status;
+    // A new session starts with nothing remembered, even on a block reused without a close.
+    releaseSessionState(session);
     std::lock_guard<std::mutex> g(tableMutex());
     auto &slot = table()[session];
     if (slot) slot->close(); // the block was reused without a close: drop the old link
@@ -54,6 +56,7 @@ extern "C" uint16_t LIBIPMI_Create_IPMI_Local_Session_Ext(IpmiSession *session, 
 
 extern "C" uint16_t LIBIPMI_CloseSession(IpmiSession *session)
 {
+    releaseSessionState(session);
     std::shared_ptr<Link> link;
     {
         std::lock_guard<std::mutex> g(tableMutex());

@@ -7,12 +7,6 @@
 
 extern "C" {
 
-uint16_t IPMICMD_GetSDRRepositoryAllocInfo(IpmiSession *, SdrRepositoryAllocInfo *, int) { NOT_AVAILABLE; }
-uint16_t IPMICMD_GetSDRRepositoryInfo(IpmiSession *, SdrRepositoryInfo *, int) { NOT_AVAILABLE; }
-uint16_t LIBIPMI_HL_GetAllSDRs(IpmiSession *, uint8_t *, uint32_t, int) { NOT_AVAILABLE; }
-uint16_t IPMICMD_GetSensorReading(IpmiSession *, SensorReadingRequest *, SensorReadingResponse *, int) { NOT_AVAILABLE; }
-int ipmi_convert_reading(uint8_t *, uint8_t, float *) { return -1; }
-
 uint16_t LIBIPMI_HL_PowerOff(IpmiSession *, int) { NOT_AVAILABLE; }
 uint16_t LIBIPMI_HL_PowerUp(IpmiSession *, int) { NOT_AVAILABLE; }
 uint16_t LIBIPMI_HL_PowerCycle(IpmiSession *, int) { NOT_AVAILABLE; }

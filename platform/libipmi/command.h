@@ -1,0 +1,78 @@
+// Helpers for the library's own operations on top of the one raw exchange: one request with
+// its answer normalised, and the storing of an answer into a fixed-size response record.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <span>
+#include <vector>
+
+#include "internal.h"
+
+namespace libipmi {
+
+namespace netfn {
+constexpr uint8_t kSensor = 0x04;
+constexpr uint8_t kStorage = 0x0A;
+} // namespace netfn
+
+namespace cc {
+constexpr uint8_t kReservationCancelled = 0xC5;
+constexpr uint8_t kRequestTooLong = 0xC8;
+constexpr uint8_t kNotPresent = 0xCB;
+constexpr uint8_t kCannotReturnLength = 0xCA;
+} // namespace cc
+
+// An answer as the operations see it. When `status` is 0 or 0x0100|cc, `bytes` holds the
+// response with the completion code first (never empty); otherwise `bytes` is empty.
+struct Reply {
+    uint16_t status = LIBIPMI_STATUS_OK;
+    std::vector<uint8_t> bytes;
+
+    bool ok() const { return status == LIBIPMI_STATUS_OK; }
+    bool completionCode(uint8_t code) const { return status == LIBIPMI_STATUS_COMPLETION_CODE(code); }
+    // The response data after the completion code.
+    std::span<const uint8_t> data() const
+    {
+        return bytes.empty() ? std::span<const uint8_t>() : std::span<const uint8_t>(bytes).subspan(1);
+    }
+};
+
+// One request. The completion code that arrived decides between 0 and 0x0100|cc; an answer
+// without one is LIBIPMI_STATUS_BAD_RESPONSE, except that a transport reporting a completion
+// code without bytes has that code stored as the response, so callers always find it.
+inline Reply command(IpmiSession *session, uint8_t netFn, uint8_t cmd, std::span<const uint8_t> request,
+                     int timeout)
+{
+    Reply r;
+    r.status = exchange(session, netFn, cmd, request, r.bytes, timeout);
+    if (r.status == LIBIPMI_STATUS_OK || LIBIPMI_STATUS_IS_COMPLETION_CODE(r.status)) {
+        if (!r.bytes.empty()) {
+            r.status = r.bytes[0] == 0 ? LIBIPMI_STATUS_OK : LIBIPMI_STATUS_COMPLETION_CODE(r.bytes[0]);
+        } else if (r.status == LIBIPMI_STATUS_OK) {
+            r.status = LIBIPMI_STATUS_BAD_RESPONSE;
+        } else {
+            r.bytes.push_back(static_cast<uint8_t>(r.status & 0xFF));
+        }
+    }
+    if (r.status != LIBIPMI_STATUS_OK && !LIBIPMI_STATUS_IS_COMPLETION_CODE(r.status)) r.bytes.clear();
+    return r;
+}
+
+// Stores an answer into a response record of `size` bytes (completion code first):
+//  - completion code 0: the answer must carry at least `minimum` bytes, completion code
+//    included; then the bytes that arrived are copied, at most `size`, and the rest of the
+//    record keeps what the caller put there. A shorter answer is LIBIPMI_STATUS_BAD_RESPONSE
+//    and the record is left entirely untouched, so no half-filled record looks valid.
+//  - a non-zero completion code: the bytes that arrived, at most `size` (at least the code).
+//  - no answer: the record is untouched.
+inline uint16_t storeReply(const Reply &r, void *record, std::size_t size, std::size_t minimum)
+{
+    if (r.ok() && r.bytes.size() < minimum) return LIBIPMI_STATUS_BAD_RESPONSE;
+    if (r.ok() || LIBIPMI_STATUS_IS_COMPLETION_CODE(r.status))
+        std::memcpy(record, r.bytes.data(), std::min(r.bytes.size(), size));
+    return r.status;
+}
+
+} // namespace libipmi

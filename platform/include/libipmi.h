@@ -246,7 +246,27 @@ LIBIPMI_STATIC_ASSERT(sizeof(SelAddResponse) == 3, "SelAddResponse is 3 bytes");
 
 /* SDR repository. GetAllSDRs stores every record in repository order, one per slot of
    (allocation unit size x maximum record size in units) bytes, zero-filling the rest of each
-   slot; it never writes past bufferSize. */
+   slot; it never writes past bufferSize.
+
+   In this implementation:
+   - The two info records: an answer with completion code 0 but fewer bytes than the record
+     is LIBIPMI_STATUS_BAD_RESPONSE and leaves the record entirely untouched; with a non-zero
+     completion code the bytes that arrived are stored (at least the code); extra bytes are
+     dropped. The last successful allocation info of a session is remembered (until the
+     session closes) and GetAllSDRs uses it instead of asking again.
+   - GetAllSDRs reads each record in one Get SDR when the controller allows it (one
+     reservation plus one request per record), else in pieces (header, then chunks sized to
+     what the controller takes). It zeroes the slots after the last record and any bytes after
+     the last whole slot. It fails with
+       LIBIPMI_STATUS_BUFFER_TOO_SMALL   more records than slots, or a record longer than a slot
+                                         (a chain that never ends stops when the slots run out)
+       LIBIPMI_STATUS_BAD_RESPONSE       a record ID repeating in the next-record chain, an
+                                         answer shorter than the record it announces, or an
+                                         allocation info giving slots of 0 bytes
+       LIBIPMI_STATUS_RETRIES_EXHAUSTED  the reservation was lost (0xC5) on 6 walks in a row
+       0x0100|cc                         the controller refused a request (an empty repository,
+                                         0xCB for the first record, is a success)
+     and leaves the buffer's contents unspecified then. */
 LIBIPMI_API uint16_t IPMICMD_GetSDRRepositoryAllocInfo(IpmiSession *s, SdrRepositoryAllocInfo *res,
         int timeout);
 LIBIPMI_API uint16_t IPMICMD_GetSDRRepositoryInfo(IpmiSession *s, SdrRepositoryInfo *res, int timeout);
@@ -254,8 +274,13 @@ LIBIPMI_API uint16_t LIBIPMI_HL_GetAllSDRs(IpmiSession *s, uint8_t *buffer, uint
         int timeout);
 
 /* Sensors. Bytes of the response the controller did not send are left as the caller set
-   them. ipmi_convert_reading returns 0 on success and non-zero, leaving *value unchanged,
-   for a record without analog reading or with an OEM linearization. */
+   them; an answer with completion code 0 but without reading and flags (fewer than 3 bytes)
+   is LIBIPMI_STATUS_BAD_RESPONSE and leaves the record untouched.
+   ipmi_convert_reading returns 0 on success and non-zero, leaving *value unchanged, for a
+   record without analog reading or with an OEM linearization; also for a record that is not
+   a full sensor record or ends before its conversion factors, an unknown linearization, and
+   a result with no float value (logarithm of a non-positive number, 1/0, overflow).
+   Linearization 0x0B is taken as the cube root. */
 LIBIPMI_API uint16_t IPMICMD_GetSensorReading(IpmiSession *s, SensorReadingRequest *req,
         SensorReadingResponse *res, int timeout);
 LIBIPMI_API int ipmi_convert_reading(uint8_t *fullSensorRecord, uint8_t raw, float *value);

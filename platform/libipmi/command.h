@@ -1,7 +1,9 @@
-// Standard commands whose answer is a fixed record (completion code first): the request goes
-// through the one raw exchange and the answer is copied into the caller's record.
+// Helpers for the library's own operations on top of the one raw exchange: one request with
+// its answer normalised, and the storing of an answer into a fixed-size response record.
 #pragma once
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <span>
 #include <vector>
@@ -10,25 +12,85 @@
 
 namespace libipmi {
 
-// Sends the request and copies the answer into *out (at most sizeof(Record) bytes). A
-// successful answer shorter than minLen bytes (completion code included) is refused as
-// LIBIPMI_STATUS_BAD_RESPONSE, leaving *out untouched; with a completion code, the bytes
-// that arrived are stored.
-template <typename Record>
-uint16_t recordCommand(IpmiSession *session, uint8_t netFn, uint8_t command, std::span<const uint8_t> request,
-                       Record *out, size_t minLen, int timeout)
-{
-    if (!out) return LIBIPMI_STATUS_INVALID_ARGUMENT;
-    std::vector<uint8_t> response;
-    uint16_t status = exchange(session, netFn, command, request, response, timeout);
-    if (status == LIBIPMI_STATUS_OK && response.size() < minLen) return LIBIPMI_STATUS_BAD_RESPONSE;
-    if (status == LIBIPMI_STATUS_OK || LIBIPMI_STATUS_IS_COMPLETION_CODE(status)) {
-        size_t n = response.size() < sizeof(Record) ? response.size() : sizeof(Record);
-        std::memcpy(reinterpret_cast<uint8_t *>(out), response.data(), n);
+namespace netfn {
+constexpr uint8_t kSensor = 0x04;
+constexpr uint8_t kStorage = 0x0A;
+} // namespace netfn
+
+namespace cc {
+constexpr uint8_t kReservationCancelled = 0xC5;
+constexpr uint8_t kRequestTooLong = 0xC8;
+constexpr uint8_t kNotPresent = 0xCB;
+constexpr uint8_t kCannotReturnLength = 0xCA;
+} // namespace cc
+
+// An answer as the operations see it. When `status` is 0 or 0x0100|cc, `bytes` holds the
+// response with the completion code first (never empty); otherwise `bytes` is empty.
+struct Reply {
+    uint16_t status = LIBIPMI_STATUS_OK;
+    std::vector<uint8_t> bytes;
+
+    bool ok() const { return status == LIBIPMI_STATUS_OK; }
+    bool completionCode(uint8_t code) const { return status == LIBIPMI_STATUS_COMPLETION_CODE(code); }
+    // The response data after the completion code.
+    std::span<const uint8_t> data() const
+    {
+        return bytes.empty() ? std::span<const uint8_t>() : std::span<const uint8_t>(bytes).subspan(1);
     }
-    return status;
+};
+
+// One request. The completion code that arrived decides between 0 and 0x0100|cc; an answer
+// without one is LIBIPMI_STATUS_BAD_RESPONSE, except that a transport reporting a completion
+// code without bytes has that code stored as the response, so callers always find it.
+inline Reply command(IpmiSession *session, uint8_t netFn, uint8_t cmd, std::span<const uint8_t> request,
+                     int timeout)
+{
+    Reply r;
+    r.status = exchange(session, netFn, cmd, request, r.bytes, timeout);
+    if (r.status == LIBIPMI_STATUS_OK || LIBIPMI_STATUS_IS_COMPLETION_CODE(r.status)) {
+        if (!r.bytes.empty()) {
+            r.status = r.bytes[0] == 0 ? LIBIPMI_STATUS_OK : LIBIPMI_STATUS_COMPLETION_CODE(r.bytes[0]);
+        } else if (r.status == LIBIPMI_STATUS_OK) {
+            r.status = LIBIPMI_STATUS_BAD_RESPONSE;
+        } else {
+            r.bytes.push_back(static_cast<uint8_t>(r.status & 0xFF));
+        }
+    }
+    if (r.status != LIBIPMI_STATUS_OK && !LIBIPMI_STATUS_IS_COMPLETION_CODE(r.status)) r.bytes.clear();
+    return r;
 }
 
-inline uint16_t le16(const std::vector<uint8_t> &b, size_t at) { return static_cast<uint16_t>(b[at] | b[at + 1] << 8); }
+// Stores an answer into a response record of `size` bytes (completion code first):
+//  - completion code 0: the answer must carry at least `minimum` bytes, completion code
+//    included; then the bytes that arrived are copied, at most `size`, and the rest of the
+//    record keeps what the caller put there. A shorter answer is LIBIPMI_STATUS_BAD_RESPONSE
+//    and the record is left entirely untouched, so no half-filled record looks valid.
+//  - a non-zero completion code: the bytes that arrived, at most `size` (at least the code).
+//  - no answer: the record is untouched.
+inline uint16_t storeReply(const Reply &r, void *record, std::size_t size, std::size_t minimum)
+{
+    if (r.ok() && r.bytes.size() < minimum) return LIBIPMI_STATUS_BAD_RESPONSE;
+    if (r.ok() || LIBIPMI_STATUS_IS_COMPLETION_CODE(r.status))
+        std::memcpy(record, r.bytes.data(), std::min(r.bytes.size(), size));
+    return r.status;
+}
+
+} // namespace libipmi
+
+namespace libipmi {
+
+// One request whose answer is a fixed record: storeReply's rules, for a record type.
+template <typename Record>
+uint16_t recordCommand(IpmiSession *session, uint8_t netFn, uint8_t cmd, std::span<const uint8_t> request,
+                       Record *out, std::size_t minimum, int timeout)
+{
+    if (!out) return LIBIPMI_STATUS_INVALID_ARGUMENT;
+    return storeReply(command(session, netFn, cmd, request, timeout), out, sizeof(Record), minimum);
+}
+
+inline uint16_t le16(const std::vector<uint8_t> &b, std::size_t at)
+{
+    return static_cast<uint16_t>(b[at] | b[at + 1] << 8);
+}
 
 } // namespace libipmi

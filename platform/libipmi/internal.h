@@ -93,6 +93,7 @@ struct SessionData {
     // The SEL record count last reported on this session: the capacity of the caller's
     // array in LIBIPMI_HL_GetAllSELEntries (absent until reported).
     std::optional<uint16_t> selCount;
+    std::optional<SdrRepositoryAllocInfo> sdrAllocInfo;
 };
 // The data of an open session (null when it is not open). A session is used by one caller
 // at a time, so the pointer stays valid until that caller closes it.
@@ -107,6 +108,12 @@ uint16_t exchange(IpmiSession *session, uint8_t netFn, uint8_t command, std::spa
                   std::vector<uint8_t> &response, int timeout);
 
 void countRequest();
+
+// The SDR allocation information last read on a session (the slot size of a repository
+// walk), so that a walk right after it costs no second request.
+void rememberSdrAllocInfo(IpmiSession *session, const SdrRepositoryAllocInfo &info);
+void forgetSdrAllocInfo(IpmiSession *session);
+std::optional<SdrRepositoryAllocInfo> cachedSdrAllocInfo(IpmiSession *session);
 
 // The built-in default profile.
 extern const unsigned char kDefaultProfile[];

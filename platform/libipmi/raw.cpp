@@ -44,7 +44,8 @@ uint16_t rawExchange(const RawCall &call, uint8_t *resData, uint32_t *resLen)
         if (*resLen != 0 && n > *resLen) n = *resLen;
         if (n > 0) std::memcpy(resData, a.bytes->data(), n);
         *resLen = static_cast<uint32_t>(n);
-    } else if (a.status != LIBIPMI_STATUS_OK) {
+    } else {
+        // Nothing arrived (not even a completion code): no response bytes.
         *resLen = 0;
     }
     return a.status;

@@ -34,6 +34,27 @@ std::shared_ptr<Link> linkFor(IpmiSession *session)
     return it == table().end() ? nullptr : it->second.link;
 }
 
+void rememberSdrAllocInfo(IpmiSession *session, const SdrRepositoryAllocInfo &info)
+{
+    std::lock_guard<std::mutex> g(tableMutex());
+    auto it = table().find(session);
+    if (it != table().end()) it->second.data.sdrAllocInfo = info;
+}
+
+void forgetSdrAllocInfo(IpmiSession *session)
+{
+    std::lock_guard<std::mutex> g(tableMutex());
+    auto it = table().find(session);
+    if (it != table().end()) it->second.data.sdrAllocInfo.reset();
+}
+
+std::optional<SdrRepositoryAllocInfo> cachedSdrAllocInfo(IpmiSession *session)
+{
+    std::lock_guard<std::mutex> g(tableMutex());
+    auto it = table().find(session);
+    return it == table().end() ? std::nullopt : it->second.data.sdrAllocInfo;
+}
+
 SessionData *dataFor(IpmiSession *session)
 {
     std::lock_guard<std::mutex> g(tableMutex());

@@ -1,0 +1,258 @@
+// The SDR repository: its two information records, and the walk that reads every record
+// into the caller's buffer of fixed-size slots.
+//
+// The walk (LIBIPMI_HL_GetAllSDRs):
+//  - slot size = allocation unit size x maximum record size in units, from Get SDR Repository
+//    Allocation Info; the session's last successful answer is reused, so a caller who has
+//    just asked for it costs no second request.
+//  - Reserve SDR Repository, then Get SDR from record ID 0 along the next-record IDs until
+//    0xFFFF. A record is read in one request (offset 0, 0xFF bytes: the whole record) and
+//    taken as 5 + its header's length byte; bytes after it are ignored (some controllers
+//    append junk). A repository whose records all arrive that way costs one reservation and
+//    one Get SDR per record.
+//  - A controller that cannot return a whole record (0xCA, or 0xC8) is read in pieces for
+//    the rest of the walk: the 5-byte header, then the body in chunks. A chunk it refuses in
+//    the same way is shrunk by a quarter (down to kMinChunk bytes, then the walk fails with
+//    that completion code); once a size works, later chunks try the midpoint between the
+//    largest size that worked and the smallest refused, so the walk settles on the largest
+//    chunk the controller takes, and keeps it for the rest of the walk.
+//  - Reservation lost (0xC5): reserve again and restart from the first record, at most
+//    kMaxRestarts times, then LIBIPMI_STATUS_RETRIES_EXHAUSTED.
+//  - The chain is bounded without asking for the record count: a record ID seen twice is a
+//    loop (LIBIPMI_STATUS_BAD_RESPONSE), and a chain that goes on after every slot of the
+//    buffer is filled does not fit (LIBIPMI_STATUS_BUFFER_TOO_SMALL), so a chain that never
+//    ends costs at most one request per slot.
+//  - An empty repository (0xCB for the first record) stores nothing and succeeds.
+//  - Every slot gets its record and zeros after it; slots after the last record, and any
+//    bytes after the last whole slot, are zeroed. Nothing is written past bufferSize. On a
+//    failure the buffer's contents are unspecified (but still within bufferSize).
+#include <array>
+#include <cstring>
+
+#include "command.h"
+#include "internal.h"
+
+namespace libipmi {
+namespace {
+
+constexpr uint8_t kGetSdrRepositoryInfo = 0x20;
+constexpr uint8_t kGetSdrRepositoryAllocInfo = 0x21;
+constexpr uint8_t kReserveSdrRepository = 0x22;
+constexpr uint8_t kGetSdr = 0x23;
+
+constexpr uint16_t kFirstRecord = 0x0000;
+constexpr uint16_t kLastRecord = 0xFFFF;
+constexpr uint8_t kWholeRecord = 0xFF;     // "bytes to read" meaning the entire record
+constexpr std::size_t kHeaderSize = 5;     // record ID, version, type, length
+constexpr std::size_t kLengthByte = 4;     // header byte holding the body length
+constexpr std::size_t kNextIdSize = 2;     // Get SDR answers start with the next record ID
+constexpr std::size_t kMaxRecordSize = kHeaderSize + 0xFF;
+constexpr uint8_t kMinChunk = 8;           // smallest body chunk tried before giving up
+constexpr int kMaxRestarts = 5;            // walks restarted after a lost reservation
+
+bool tooLong(const Reply &r) { return r.completionCode(cc::kCannotReturnLength) || r.completionCode(cc::kRequestTooLong); }
+
+uint16_t le16(std::span<const uint8_t> d, std::size_t at) { return static_cast<uint16_t>(d[at] | d[at + 1] << 8); }
+
+uint16_t getAllocInfo(IpmiSession *session, SdrRepositoryAllocInfo *res, int timeout)
+{
+    Reply r = command(session, netfn::kStorage, kGetSdrRepositoryAllocInfo, {}, timeout);
+    uint16_t status = storeReply(r, res, sizeof *res, sizeof *res);
+    if (status == LIBIPMI_STATUS_OK) rememberSdrAllocInfo(session, *res);
+    else forgetSdrAllocInfo(session);
+    return status;
+}
+
+// One walk over the repository; restarted by the caller when the reservation is lost.
+class SdrWalk {
+public:
+    SdrWalk(IpmiSession *session, int timeout, uint8_t *buffer, uint32_t bufferSize, uint32_t slotSize)
+        : session_(session), timeout_(timeout), buffer_(buffer), bufferSize_(bufferSize), slotSize_(slotSize),
+          slots_(bufferSize / slotSize)
+    {
+    }
+
+    uint16_t run()
+    {
+        uint16_t status = reserve();
+        if (status != LIBIPMI_STATUS_OK) return status;
+        seen_.fill(0);
+        uint32_t stored = 0;
+        uint16_t id = kFirstRecord;
+        while (id != kLastRecord) {
+            // More records than slots: stop before asking for one that cannot be stored.
+            if (stored == slots_ && stored != 0) return LIBIPMI_STATUS_BUFFER_TOO_SMALL;
+            if (seen(id)) return LIBIPMI_STATUS_BAD_RESPONSE;
+            markSeen(id);
+            uint16_t next = kLastRecord;
+            std::size_t length = 0;
+            status = readRecord(id, next, length);
+            // No first record: the repository is empty.
+            if (status == LIBIPMI_STATUS_COMPLETION_CODE(cc::kNotPresent) && stored == 0) break;
+            if (status != LIBIPMI_STATUS_OK) return status;
+            if (stored == slots_) return LIBIPMI_STATUS_BUFFER_TOO_SMALL;
+            // The first record is asked for as "first"; its own ID closes a chain leading back to it.
+            if (id == kFirstRecord) markSeen(static_cast<uint16_t>(record_[0] | record_[1] << 8));
+            uint8_t *slot = buffer_ + static_cast<std::size_t>(stored) * slotSize_;
+            std::memcpy(slot, record_.data(), length);
+            std::memset(slot + length, 0, slotSize_ - length);
+            ++stored;
+            id = next;
+        }
+        std::size_t used = static_cast<std::size_t>(stored) * slotSize_;
+        std::memset(buffer_ + used, 0, bufferSize_ - used);
+        return LIBIPMI_STATUS_OK;
+    }
+
+private:
+    uint16_t reserve()
+    {
+        Reply r = command(session_, netfn::kStorage, kReserveSdrRepository, {}, timeout_);
+        if (!r.ok()) return r.status;
+        if (r.data().size() < 2) return LIBIPMI_STATUS_BAD_RESPONSE;
+        reservation_ = le16(r.data(), 0);
+        return LIBIPMI_STATUS_OK;
+    }
+
+    Reply getSdr(uint16_t id, uint8_t offset, uint8_t count)
+    {
+        const std::array<uint8_t, 6> req{static_cast<uint8_t>(reservation_ & 0xFF), static_cast<uint8_t>(reservation_ >> 8),
+                                         static_cast<uint8_t>(id & 0xFF), static_cast<uint8_t>(id >> 8), offset, count};
+        return command(session_, netfn::kStorage, kGetSdr, req, timeout_);
+    }
+
+    // The record's total length from its header, checked against the slot.
+    uint16_t lengthFromHeader(std::span<const uint8_t> header, std::size_t &length) const
+    {
+        length = kHeaderSize + header[kLengthByte];
+        return length <= slotSize_ ? LIBIPMI_STATUS_OK : LIBIPMI_STATUS_BUFFER_TOO_SMALL;
+    }
+
+    // Reads record `id` into record_; sets its length and the next record ID.
+    uint16_t readRecord(uint16_t id, uint16_t &next, std::size_t &length)
+    {
+        if (!piecewise_) {
+            Reply r = getSdr(id, 0, kWholeRecord);
+            if (tooLong(r)) {
+                piecewise_ = true;
+                return readInPieces(id, next, length);
+            }
+            if (!r.ok()) return r.status;
+            std::span<const uint8_t> d = r.data();
+            if (d.size() < kNextIdSize + kHeaderSize) return LIBIPMI_STATUS_BAD_RESPONSE;
+            next = le16(d, 0);
+            std::span<const uint8_t> rec = d.subspan(kNextIdSize);
+            uint16_t status = lengthFromHeader(rec, length);
+            if (status != LIBIPMI_STATUS_OK) return status;
+            // Fewer bytes than the header announces: the answer contradicts itself.
+            if (rec.size() < length) return LIBIPMI_STATUS_BAD_RESPONSE;
+            std::memcpy(record_.data(), rec.data(), length);
+            return LIBIPMI_STATUS_OK;
+        }
+        return readInPieces(id, next, length);
+    }
+
+    uint16_t readInPieces(uint16_t id, uint16_t &next, std::size_t &length)
+    {
+        Reply r = getSdr(id, 0, kHeaderSize);
+        if (!r.ok()) return r.status;
+        std::span<const uint8_t> d = r.data();
+        if (d.size() < kNextIdSize + kHeaderSize) return LIBIPMI_STATUS_BAD_RESPONSE;
+        next = le16(d, 0);
+        uint16_t status = lengthFromHeader(d.subspan(kNextIdSize), length);
+        if (status != LIBIPMI_STATUS_OK) return status;
+        std::memcpy(record_.data(), d.data() + kNextIdSize, kHeaderSize);
+        std::size_t offset = kHeaderSize;
+        while (offset < length) {
+            std::size_t want = std::min(length - offset, chunkToTry());
+            // The offset is one byte: a chunk that would leave the next one starting past 0xFF
+            // stops at 0xFF instead, so the last (at most 5 bytes) can still be addressed.
+            if (offset + want < length && offset + want > 0xFF) want = 0xFF - offset;
+            if (offset > 0xFF || want == 0) return LIBIPMI_STATUS_BAD_RESPONSE; // cannot happen
+            r = getSdr(id, static_cast<uint8_t>(offset), static_cast<uint8_t>(want));
+            if (tooLong(r)) {
+                if (want <= kMinChunk) return r.status;
+                refused_ = static_cast<uint8_t>(want);
+                if (worked_ >= refused_) worked_ = 0; // the controller changed its mind
+                continue;
+            }
+            if (!r.ok()) return r.status;
+            d = r.data();
+            if (d.size() < kNextIdSize + want) return LIBIPMI_STATUS_BAD_RESPONSE;
+            std::memcpy(record_.data() + offset, d.data() + kNextIdSize, want);
+            offset += want;
+            if (want > worked_) worked_ = static_cast<uint8_t>(want);
+        }
+        return LIBIPMI_STATUS_OK;
+    }
+
+    // The body chunk to ask for next. Nothing refused yet: no limit. Refused but nothing
+    // worked since: a quarter less than the refused size, down to kMinChunk. Both known: the
+    // midpoint between them, so later chunks close in on the largest size the controller
+    // takes; every refusal lowers `refused_`, so the search ends.
+    std::size_t chunkToTry() const
+    {
+        if (refused_ == 0) return kMaxRecordSize;
+        if (worked_ == 0) return std::max<std::size_t>(kMinChunk, refused_ - std::max(1, refused_ / 4));
+        return (static_cast<std::size_t>(worked_) + refused_) / 2;
+    }
+
+    bool seen(uint16_t id) const { return seen_[id / 64] >> (id % 64) & 1u; }
+    void markSeen(uint16_t id) { seen_[id / 64] |= uint64_t{1} << (id % 64); }
+
+    IpmiSession *session_;
+    int timeout_;
+    uint8_t *buffer_;
+    uint32_t bufferSize_;
+    uint32_t slotSize_;
+    uint32_t slots_;
+    uint16_t reservation_ = 0;
+    // What the walk learnt about the controller; kept across restarts.
+    bool piecewise_ = false;
+    uint8_t worked_ = 0;  // the largest body chunk the controller returned (0: none yet)
+    uint8_t refused_ = 0; // the smallest body chunk it refused as too long (0: none)
+    std::array<uint8_t, kMaxRecordSize> record_{};
+    std::array<uint64_t, 65536 / 64> seen_{};
+};
+
+} // namespace
+} // namespace libipmi
+
+using namespace libipmi;
+
+extern "C" uint16_t IPMICMD_GetSDRRepositoryAllocInfo(IpmiSession *s, SdrRepositoryAllocInfo *res, int timeout)
+{
+    if (!s) return LIBIPMI_STATUS_NO_SESSION;
+    if (!res) return LIBIPMI_STATUS_INVALID_ARGUMENT;
+    return getAllocInfo(s, res, timeout);
+}
+
+extern "C" uint16_t IPMICMD_GetSDRRepositoryInfo(IpmiSession *s, SdrRepositoryInfo *res, int timeout)
+{
+    if (!s) return LIBIPMI_STATUS_NO_SESSION;
+    if (!res) return LIBIPMI_STATUS_INVALID_ARGUMENT;
+    Reply r = command(s, netfn::kStorage, kGetSdrRepositoryInfo, {}, timeout);
+    return storeReply(r, res, sizeof *res, sizeof *res);
+}
+
+extern "C" uint16_t LIBIPMI_HL_GetAllSDRs(IpmiSession *s, uint8_t *buffer, uint32_t bufferSize, int timeout)
+{
+    if (!s) return LIBIPMI_STATUS_NO_SESSION;
+    if (!buffer) return LIBIPMI_STATUS_INVALID_ARGUMENT;
+    SdrRepositoryAllocInfo alloc;
+    if (std::optional<SdrRepositoryAllocInfo> cached = cachedSdrAllocInfo(s)) {
+        alloc = *cached;
+    } else {
+        uint16_t status = getAllocInfo(s, &alloc, timeout);
+        if (status != LIBIPMI_STATUS_OK) return status;
+    }
+    uint32_t slotSize = static_cast<uint32_t>(alloc.allocUnitSize) * alloc.maxRecordSize;
+    // A controller reporting no room for any record gives no slot to store one in.
+    if (slotSize == 0) return LIBIPMI_STATUS_BAD_RESPONSE;
+    auto walk = std::make_unique<SdrWalk>(s, timeout, buffer, bufferSize, slotSize);
+    for (int restarts = 0; restarts <= kMaxRestarts; ++restarts) {
+        uint16_t status = walk->run();
+        if (status != LIBIPMI_STATUS_COMPLETION_CODE(cc::kReservationCancelled)) return status;
+    }
+    return LIBIPMI_STATUS_RETRIES_EXHAUSTED;
+}

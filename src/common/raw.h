@@ -35,6 +35,24 @@ inline void sendRaw(IpmiSession *session, uint8_t netFnLun, uint8_t command, con
                                                      requestLen, answer.bytes, &answer.length, 60);
 }
 
+// A request with a 255-byte answer buffer whose capacity is stated (the OEM services that
+// answer variable-length data). The buffer is zeroed first; *len receives the length.
+inline constexpr uint32_t kOemResponseSize = 255;
+inline uint16_t sendStated(IpmiSession *session, uint8_t netFnLun, uint8_t command, const uint8_t *request,
+                           uint32_t requestLen, uint8_t (&response)[kOemResponseSize], uint32_t *len)
+{
+    std::memset(response, 0, sizeof response);
+    *len = kOemResponseSize;
+    return LIBIPMI_Send_RAW_IPMI2_0_Command(session, 0, netFnLun, command, const_cast<uint8_t *>(request), requestLen,
+                                            response, len, 60);
+}
+
+// What arrived of such an answer.
+inline ByteView received(const uint8_t (&response)[kOemResponseSize], uint32_t len)
+{
+    return ByteView(response, len < kOemResponseSize ? len : kOemResponseSize);
+}
+
 // The platform's status with its two low bytes exchanged, as the messages show it.
 constexpr unsigned swappedStatus(uint16_t e) { return ((e >> 8) & 0xFF) | (e & 0xFF) << 8; }
 

@@ -4,6 +4,7 @@
 
 #include "common/diag.h"
 #include "common/oem.h"
+#include "common/raw.h"
 #include "libipmi.h"
 #include "tvx_toipmi.h"
 
@@ -12,21 +13,17 @@ using tvx::diag::Unit;
 
 namespace {
 
-constexpr int kTimeout = 60;
 constexpr uint8_t kConfigSpace = 0xE0;
 constexpr uint8_t kOemVendor = 0xF5;
 constexpr uint8_t kRead = 0x01;
 constexpr uint8_t kWrite = 0x02;
-constexpr uint32_t kResponseSize = 255;
+constexpr uint32_t kResponseSize = tvx::kOemResponseSize;
 constexpr size_t kValueOffset = 5;
 
-uint16_t send(IpmiSession *session, uint8_t command, const uint8_t *request, uint32_t requestLen, uint8_t *response,
-              uint32_t *len)
+uint16_t send(IpmiSession *session, uint8_t command, const uint8_t *request, uint32_t requestLen,
+              uint8_t (&response)[kResponseSize], uint32_t *len)
 {
-    std::memset(response, 0, kResponseSize);
-    *len = kResponseSize;
-    return LIBIPMI_Send_RAW_IPMI2_0_Command(session, 0, TVX_NETFN_OEM_GROUP, command, const_cast<uint8_t *>(request),
-                                            requestLen, response, len, kTimeout);
+    return tvx::sendStated(session, TVX_NETFN_OEM_GROUP, command, request, requestLen, response, len);
 }
 
 } // namespace
@@ -50,7 +47,7 @@ TVX_API int ipmiReadConfigSpaceVariable(IpmiSession *session, uint8_t index, uin
     if (length == 0) return 0;
     // A length byte that promises more than arrived would hand out bytes the controller
     // never sent: such an answer is refused.
-    ByteView value = ByteView(response, len < kResponseSize ? len : kResponseSize).from(kValueOffset);
+    ByteView value = tvx::received(response, len).from(kValueOffset);
     if (value.size() < length) return -1;
     if (buffer) std::memcpy(buffer, value.data(), length);
     return length;
@@ -75,8 +72,7 @@ TVX_API int ipmiWriteConfigSpaceVariable(IpmiSession *session, uint16_t variable
     uint16_t status = send(session, kConfigSpace, request, requestLen, response, &len);
     std::free(request);
     if (status != 0) {
-        TVX_DIAG_LOCATED(Unit::Helpers, "Failed to send request with error 0x%x",
-                         ((status >> 8) & 0xFF) | (status & 0xFF) << 8);
+        TVX_DIAG_LOCATED(Unit::Helpers, "Failed to send request with error 0x%x", tvx::swappedStatus(status));
         return 0;
     }
     if (len == 0) return 0;

@@ -6,6 +6,7 @@
 
 #include "common/bytes.h"
 #include "common/diag.h"
+#include "common/raw.h"
 #include "common/sel_record.h"
 #include "libipmi.h"
 #include "tvx_toipmi.h"
@@ -19,9 +20,6 @@ constexpr size_t kRawLineSize = 255;
 constexpr uint8_t kReserveSel = 0x42;
 constexpr uint8_t kClearSel = 0x47;
 constexpr uint8_t kGetSelUtcOffset = 0x5C;
-
-// The platform's status with its two low bytes exchanged, as the log's messages show it.
-unsigned swapped(uint16_t e) { return ((e >> 8) & 0xFF) | (e & 0xFF) << 8; }
 
 } // namespace
 
@@ -178,7 +176,7 @@ extern "C" TVX_API int ipmiWriteSelEntry(IpmiSession *session, uint8_t sensorTyp
     std::memset(&response, 0, sizeof response);
     uint16_t status = IPMICMD_AddSELEntry(session, &record, &response, kTimeout);
     if (status != 0) {
-        TVX_DIAG_LOCATED(Unit::Helpers, "Failed to send request with error 0x%x", swapped(status));
+        TVX_DIAG_LOCATED(Unit::Helpers, "Failed to send request with error 0x%x", tvx::swappedStatus(status));
         return 0;
     }
     return 1;

@@ -12,6 +12,7 @@
 #include "common/bytes.h"
 #include "common/diag.h"
 #include "common/oem.h"
+#include "common/raw.h"
 #include "common/sel_record.h"
 #include "libipmi.h"
 #include "tvx_toipmi.h"
@@ -28,25 +29,35 @@ constexpr uint8_t kGetTextChunk = 0x73;
 constexpr uint8_t kGetEntryText = 0x45;
 constexpr uint8_t kGetFollowUp = 0x71;
 constexpr uint8_t kGetEntryAsText = 0x89;
-constexpr uint32_t kRawResponse = 255;
+constexpr uint32_t kRawResponse = tvx::kOemResponseSize;
 // A composed line, its terminator included, fits the 255-byte buffers its readers use.
 constexpr size_t kMaxLine = 255;
 
-unsigned swapped(uint16_t e) { return ((e >> 8) & 0xFF) | (e & 0xFF) << 8; }
-
-// One raw OEM request of this family. Returns the platform status; *len the bytes received.
-uint16_t send(IpmiSession *session, const uint8_t *request, uint32_t requestLen, uint8_t *response, uint32_t *len)
+// One request of this family. Returns the platform status; *len the bytes received.
+uint16_t send(IpmiSession *session, const uint8_t *request, uint32_t requestLen, uint8_t (&response)[kRawResponse],
+              uint32_t *len)
 {
-    std::memset(response, 0, kRawResponse);
-    *len = kRawResponse;
-    return LIBIPMI_Send_RAW_IPMI2_0_Command(session, 0, TVX_NETFN_OEM_GROUP, kOemCommand, const_cast<uint8_t *>(request),
-                                            requestLen, response, len, kTimeout);
+    return tvx::sendStated(session, TVX_NETFN_OEM_GROUP, kOemCommand, request, requestLen, response, len);
 }
 
-ByteView received(const uint8_t *response, uint32_t len)
+// The same, with the family's two failure messages: false when nothing usable came back.
+bool sendReporting(IpmiSession *session, const uint8_t *request, uint32_t requestLen,
+                   uint8_t (&response)[kRawResponse], uint32_t *len, int line, const char *function)
 {
-    return ByteView(response, len < kRawResponse ? len : kRawResponse);
+    uint16_t status = send(session, request, requestLen, response, len);
+    if (status != 0) {
+        tvx::diag::located(Unit::Helpers, line, function, "Failed to send request with error 0x%x",
+                           tvx::swappedStatus(status));
+        return false;
+    }
+    if (*len == 0) {
+        tvx::diag::plain("response returned with length <=0\n");
+        return false;
+    }
+    return true;
 }
+
+using tvx::received;
 
 // Length of the zero-terminated text at the start of view (all of it if unterminated).
 size_t textLength(ByteView v)
@@ -193,15 +204,8 @@ char *fetchText(IpmiSession *session, const ErrorCodeRecord *code, char *buffer,
                                0x00};
         uint8_t response[kRawResponse];
         uint32_t len = 0;
-        uint16_t status = send(session, request, sizeof request, response, &len);
-        if (status != 0) {
-            TVX_DIAG_LOCATED(Unit::Helpers, "Failed to send request with error 0x%x", swapped(status));
+        if (!sendReporting(session, request, sizeof request, response, &len, __LINE__, "getSelTextByErrorCode"))
             return buffer;
-        }
-        if (len == 0) {
-            tvx::diag::plain("response returned with length <=0\n");
-            return buffer;
-        }
         ByteView rsp = received(response, len);
         uint16_t total = rsp.u16(4);
         uint8_t chunk = rsp.u8(6);
@@ -363,15 +367,9 @@ bool readFollowUps(IpmiSession *session, uint8_t handle, char *buffer, size_t si
         auto request = tvx::oem::oemRequest(kGetFollowUp, handle);
         uint8_t response[kRawResponse];
         uint32_t len = 0;
-        uint16_t status = send(session, request.data(), request.size(), response, &len);
-        if (status != 0) {
-            TVX_DIAG_LOCATED(Unit::Helpers, "Failed to send request with error 0x%x", swapped(status));
+        if (!sendReporting(session, request.data(), request.size(), response, &len, __LINE__,
+                           "ipmiInterpretSELEntryUsTextFollowUp"))
             return false;
-        }
-        if (len == 0) {
-            tvx::diag::plain("response returned with length <=0\n");
-            return false;
-        }
         ByteView rsp = received(response, len);
         uint16_t remaining = rsp.u16(4);
         uint8_t chunk = rsp.u8(6);
@@ -423,7 +421,7 @@ extern "C" TVX_API iESLText ipmiGetiESLSELEntryAsText(IpmiSession *session, uint
     uint32_t len = 0;
     uint16_t status = send(session, request.data(), request.size(), response, &len);
     if (status != 0) {
-        TVX_DIAG_LOCATED(Unit::Helpers, "Failed to send request with error 0x%x", swapped(status));
+        TVX_DIAG_LOCATED(Unit::Helpers, "Failed to send request with error 0x%x", tvx::swappedStatus(status));
         tvx::diag::plainFormat("\nrecordId = 0x%x\n", recordId);
         result.nextId = 0xFFFF;
         return result;

@@ -13,7 +13,7 @@ uint16_t key(uint8_t netFn, uint8_t command) { return static_cast<uint16_t>((net
 
 std::span<const Subsystem> Controller::standardSubsystems()
 {
-    static const Subsystem all[] = {kAppSubsystem};
+    static const Subsystem all[] = {kAppSubsystem, kSdrRepositorySubsystem, kSensorSubsystem, kComponentSubsystem};
     return all;
 }
 
@@ -41,6 +41,18 @@ Controller::Controller(Profile profile, const std::string &stateDir, std::span<c
 void Controller::on(uint8_t netFn, uint8_t command, Handler h) { handlers_[key(netFn, command)] = std::move(h); }
 
 void Controller::onOem(uint8_t command, Handler h) { oemHandlers_[command] = std::move(h); }
+
+void Controller::onOemSub(uint8_t command, uint8_t sub, Handler h) { oemSubHandlers_[command][sub] = std::move(h); }
+
+void Controller::control(const std::function<void(Context &)> &fn)
+{
+    std::lock_guard<std::mutex> g(mutex_);
+    store_->transact([&](nlohmann::json &state) {
+        Context ctx{profile_, state};
+        fn(ctx);
+        return ctx.dirty;
+    });
+}
 
 void Controller::injectFault(const Fault &f)
 {
@@ -92,6 +104,19 @@ void Controller::dispatchOem(Context &ctx, const Request &req, Response &rsp)
     Response inner;
     if (iana != ctx.profile.oemIana) {
         inner.fail(cc::kInvalidCommand);
+        finish(inner);
+        return;
+    }
+    if (auto subs = oemSubHandlers_.find(req.command); subs != oemSubHandlers_.end()) {
+        // The first byte selects the sub-function; its handler sees what follows.
+        if (req.data.size() < 4) {
+            inner.fail(cc::kRequestLengthInvalid);
+        } else if (auto h = subs->second.find(req.data[3]); h == subs->second.end()) {
+            inner.fail(cc::kInvalidCommand);
+        } else {
+            Request sub{req.netFn, req.lun, req.command, req.data.subspan(4)};
+            h->second(ctx, sub, inner);
+        }
         finish(inner);
         return;
     }

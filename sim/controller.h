@@ -100,6 +100,27 @@ public:
 
     void on(uint8_t netFn, uint8_t command, Handler h);  // a standard command
     void onOem(uint8_t command, Handler h);              // an OEM/Group (0x2E) command
+    // An OEM/Group command whose first byte after the IANA number selects a sub-function:
+    // the handler sees the bytes after that selector. A command without any handler for its
+    // sub-function answers 0xC1 (with the IANA number), one without selector byte 0xC7.
+    // Registering sub-functions takes over the command from onOem.
+    void onOemSub(uint8_t command, uint8_t sub, Handler h);
+
+    // Runs a host-side control (not a request) on the machine's state, serialized like a
+    // request; what fn changes (after ctx.changed()) is kept. Throws ProfileError.
+    void control(const std::function<void(Context &)> &fn);
+
+    // What a subsystem derives from the profile once (its parsed tables), kept with the
+    // controller for its handlers and its host-side controls.
+    template <typename T> void attach(const std::string &name, std::shared_ptr<const T> part)
+    {
+        parts_[name] = std::move(part);
+    }
+    template <typename T> std::shared_ptr<const T> attachment(const std::string &name) const
+    {
+        auto it = parts_.find(name);
+        return it == parts_.end() ? nullptr : std::static_pointer_cast<const T>(it->second);
+    }
 
     // Handles one request. Thread-safe; serialized with other programs on the same state.
     Reply handle(uint8_t netFn, uint8_t lun, uint8_t command, std::span<const uint8_t> data);
@@ -124,11 +145,16 @@ private:
     std::unique_ptr<StateStore> store_;
     std::map<uint16_t, Handler> handlers_;
     std::map<uint8_t, Handler> oemHandlers_;
+    std::map<uint8_t, std::map<uint8_t, Handler>> oemSubHandlers_;
+    std::map<std::string, std::shared_ptr<const void>> parts_;
     std::vector<Fault> faults_;
     std::mutex mutex_;
 };
 
 // Subsystems defined in their own source files.
 extern const Subsystem kAppSubsystem;
+extern const Subsystem kSdrRepositorySubsystem;
+extern const Subsystem kSensorSubsystem;
+extern const Subsystem kComponentSubsystem;
 
 } // namespace tvxsim

@@ -56,7 +56,8 @@ std::map<uint16_t, Component> parseComponents(const Profile &profile)
         if (auto v = n.find("byte")) byte = v->byte();
         Node nameNode = n.at("name");
         std::string name = nameNode.string();
-        if (name.size() > 31) nameNode.fail("a component name has at most 31 characters, got " + std::to_string(name.size()));
+        if (name.size() > 31)
+            nameNode.fail("a component name has at most 31 characters, got " + std::to_string(name.size()));
         for (char ch : name)
             if (static_cast<unsigned char>(ch) < 0x20 || static_cast<unsigned char>(ch) > 0x7E)
                 nameNode.fail("\"" + name + "\": only printable ASCII characters fit a component name");

@@ -67,7 +67,8 @@ void reserve(Context &ctx, const Request &req, Response &rsp)
     nlohmann::json &sdr = ctx.state["sdr"];
     if (!sdr.is_object()) sdr = nlohmann::json::object();
     uint16_t last = 0;
-    if (auto it = sdr.find("last_reservation"); it != sdr.end() && it->is_number_unsigned() && it->get<uint64_t>() <= 0xFFFF)
+    auto it = sdr.find("last_reservation");
+    if (it != sdr.end() && it->is_number_unsigned() && it->get<uint64_t>() <= 0xFFFF)
         last = static_cast<uint16_t>(it->get<uint64_t>());
     // IDs run 1..0xFFFF and wrap; 0 never names a reservation.
     uint16_t id = static_cast<uint16_t>(last == 0xFFFF ? 1 : last + 1);

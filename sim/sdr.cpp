@@ -306,7 +306,8 @@ SensorDef parseSensor(const Node &n, uint16_t id, uint8_t defaultOwner, std::vec
         if (auto v = n.find("reading_mask")) {
             readingMask = u16(*v, 0x7FFF);
             if (s.state & ~readingMask)
-                n.at("state").fail("state " + hex(s.state, 4) + " has bits outside reading_mask " + hex(readingMask, 4));
+                n.at("state").fail("state " + hex(s.state, 4) + " has bits outside reading_mask " +
+                                   hex(readingMask, 4));
         }
         assertion = deassertion = readingMask;
         if (auto v = n.find("assertion_mask")) assertion = u16(*v, 0x7FFF);
@@ -336,7 +337,8 @@ SensorDef parseSensor(const Node &n, uint16_t id, uint8_t defaultOwner, std::vec
         if (auto v = n.find("linearization")) {
             linearization = static_cast<uint8_t>(v->integer(0, 0x7F));
             if (linearization > 0x0B && linearization < 0x70)
-                v->fail("linearization " + hex(linearization) + " is reserved (0x00-0x0B, or 0x70-0x7F non-linear OEM)");
+                v->fail("linearization " + hex(linearization) +
+                        " is reserved (0x00-0x0B, or 0x70-0x7F non-linear OEM)");
         }
         int m = 1, b = 0, bExp = 0, rExp = 0;
         if (auto v = n.find("m")) m = static_cast<int>(signedInteger(*v, -512, 511));
@@ -355,7 +357,8 @@ SensorDef parseSensor(const Node &n, uint16_t id, uint8_t defaultOwner, std::vec
         record.push_back(static_cast<uint8_t>(bBits));
         record.push_back(static_cast<uint8_t>((bBits >> 8) << 6 | (accuracy & 0x3F)));
         record.push_back(static_cast<uint8_t>((accuracy >> 6) << 4 | accuracyExp << 2 | direction));
-        record.push_back(static_cast<uint8_t>((static_cast<unsigned>(rExp) & 0x0F) << 4 | (static_cast<unsigned>(bExp) & 0x0F)));
+        record.push_back(
+            static_cast<uint8_t>((static_cast<unsigned>(rExp) & 0x0F) << 4 | (static_cast<unsigned>(bExp) & 0x0F)));
         bool isSigned = s.format == AnalogFormat::OnesComplement || s.format == AnalogFormat::TwosComplement;
         uint8_t flags = 0;
         uint8_t nominal = 0, normalMax = 0, normalMin = 0;
@@ -367,7 +370,8 @@ SensorDef parseSensor(const Node &n, uint16_t id, uint8_t defaultOwner, std::vec
         if (auto v = n.find("sensor_max")) sensorMax = rawValue(*v, s.format);
         if (auto v = n.find("sensor_min")) sensorMin = rawValue(*v, s.format);
         record.insert(record.end(), {flags, nominal, normalMax, normalMin, sensorMax, sensorMin});
-        for (int t : {kUnr, kUc, kUnc, kLnr, kLc, kLnc}) record.push_back(s.thresholds[static_cast<std::size_t>(t)].value_or(0));
+        for (int t : {kUnr, kUc, kUnc, kLnr, kLc, kLnc})
+            record.push_back(s.thresholds[static_cast<std::size_t>(t)].value_or(0));
         record.push_back(s.hysteresisPositive);
         record.push_back(s.hysteresisNegative);
         record.insert(record.end(), {0, 0});
@@ -513,9 +517,10 @@ SdrModel parseSdrModel(const Profile &profile)
         if (model.records.size() >= kMaxRecords)
             where.fail("the repository holds at most " + std::to_string(kMaxRecords) + " records");
         if (bytes.size() > slot)
-            where.fail("the record takes " + std::to_string(bytes.size()) + " bytes, more than the largest record the " +
-                       "repository stores (/sdr/max_record_units " + std::to_string(model.options.maxRecordUnits) +
-                       " x /sdr/allocation_unit_size " + std::to_string(model.options.unitSize) + " bytes)");
+            where.fail("the record takes " + std::to_string(bytes.size()) +
+                       " bytes, more than the largest record the repository stores (/sdr/max_record_units " +
+                       std::to_string(model.options.maxRecordUnits) + " x /sdr/allocation_unit_size " +
+                       std::to_string(model.options.unitSize) + " bytes)");
         model.usedUnits += static_cast<uint32_t>((bytes.size() + model.options.unitSize - 1) / model.options.unitSize);
         model.records.push_back({static_cast<uint16_t>(model.records.size() + 1), std::move(bytes)});
     };
@@ -537,7 +542,8 @@ SdrModel parseSdrModel(const Profile &profile)
         std::map<uint16_t, std::string> seen;
         for (std::size_t i = 0; i < list->size(); ++i) {
             Node n = list->at(i);
-            std::vector<uint8_t> bytes = parseFruLocator(n, static_cast<uint16_t>(model.records.size() + 1), controllerAddress);
+            std::vector<uint8_t> bytes =
+                parseFruLocator(n, static_cast<uint16_t>(model.records.size() + 1), controllerAddress);
             // Logical FRU devices are addressed by controller and FRU ID.
             if (bytes[7] & 0x80) {
                 uint16_t key = static_cast<uint16_t>(bytes[5] << 8 | bytes[6]);

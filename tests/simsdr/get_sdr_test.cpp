@@ -186,7 +186,8 @@ TEST_F(DefaultMachine, WalkAlongNextRecordIds)
     std::vector<Bytes> records;
     uint16_t id = 0, expectId = 1;
     while (records.size() < 1000) {
-        Bytes r = request(kNetFnStorage, 0x23, {0, 0, static_cast<uint8_t>(id), static_cast<uint8_t>(id >> 8), 0, 0xFF});
+        Bytes r = request(kNetFnStorage, 0x23,
+                          {0, 0, static_cast<uint8_t>(id), static_cast<uint8_t>(id >> 8), 0, 0xFF});
         ASSERT_GE(r.size(), 3u + 5u);
         ASSERT_EQ(r[0], 0x00);
         Bytes rec(r.begin() + 3, r.end());
@@ -235,7 +236,8 @@ TEST_F(DefaultMachine, WalkAlongNextRecordIds)
     SDRInfo cache{static_cast<uint32_t>(slot), static_cast<uint8_t *>(std::calloc(records.size(), slot)),
                   static_cast<uint32_t>(records.size())};
     ASSERT_NE(cache.records, nullptr);
-    for (std::size_t i = 0; i < records.size(); ++i) std::memcpy(cache.records + i * slot, records[i].data(), records[i].size());
+    for (std::size_t i = 0; i < records.size(); ++i)
+        std::memcpy(cache.records + i * slot, records[i].data(), records[i].size());
     const uint8_t *fan3 = findCompactSdrByEntity(0x1D, 3, 0xE6, &cache);
     ASSERT_NE(fan3, nullptr);
     EXPECT_EQ(std::string(reinterpret_cast<const char *>(fan3) + 32, 11), "FAN3 Status");

@@ -13,7 +13,7 @@ uint16_t key(uint8_t netFn, uint8_t command) { return static_cast<uint16_t>((net
 
 std::span<const Subsystem> Controller::standardSubsystems()
 {
-    static const Subsystem all[] = {kAppSubsystem};
+    static const Subsystem all[] = {kAppSubsystem, kSdrRepositorySubsystem, kSensorSubsystem, kComponentSubsystem};
     return all;
 }
 
@@ -43,17 +43,15 @@ void Controller::on(uint8_t netFn, uint8_t command, Handler h) { handlers_[key(n
 
 void Controller::onOem(uint8_t command, Handler h) { oemHandlers_[command] = std::move(h); }
 
-void Controller::onOemSub(uint8_t command, uint8_t sub, Handler h)
+void Controller::onOemSub(uint8_t command, uint8_t sub, Handler h) { oemSubHandlers_[command][sub] = std::move(h); }
+
+void Controller::control(const std::function<void(Context &)> &fn)
 {
-    oemSubHandlers_[static_cast<uint16_t>(command << 8 | sub)] = std::move(h);
-    // The command itself dispatches on its first byte; a sub-function nobody registered is
-    // an invalid command, a request without one is too short.
-    onOem(command, [this, command](Context &ctx, const Request &req, Response &rsp) {
-        if (req.data.empty()) return rsp.fail(cc::kRequestLengthInvalid);
-        auto it = oemSubHandlers_.find(static_cast<uint16_t>(command << 8 | req.data[0]));
-        if (it == oemSubHandlers_.end()) return rsp.fail(cc::kInvalidCommand);
-        Request inner{req.netFn, req.lun, req.command, req.data.subspan(1)};
-        it->second(ctx, inner, rsp);
+    std::lock_guard<std::mutex> g(mutex_);
+    store_->transact([&](nlohmann::json &state) {
+        Context ctx{profile_, state};
+        fn(ctx);
+        return ctx.dirty;
     });
 }
 
@@ -107,6 +105,19 @@ void Controller::dispatchOem(Context &ctx, const Request &req, Response &rsp)
     Response inner;
     if (iana != ctx.profile.oemIana) {
         inner.fail(cc::kInvalidCommand);
+        finish(inner);
+        return;
+    }
+    if (auto subs = oemSubHandlers_.find(req.command); subs != oemSubHandlers_.end()) {
+        // The first byte selects the sub-function; its handler sees what follows.
+        if (req.data.size() < 4) {
+            inner.fail(cc::kRequestLengthInvalid);
+        } else if (auto h = subs->second.find(req.data[3]); h == subs->second.end()) {
+            inner.fail(cc::kInvalidCommand);
+        } else {
+            Request sub{req.netFn, req.lun, req.command, req.data.subspan(4)};
+            h->second(ctx, sub, inner);
+        }
         finish(inner);
         return;
     }

@@ -95,17 +95,34 @@ public:
     // stateDir empty: the state lives in memory only. Throws ProfileError for a state that
     // cannot be used.
     Controller(Profile profile, const std::string &stateDir);
-    // The same with a chosen set of subsystems (tests use their own); with checkState false
-    // the old state is not read (a machine about to be reset).
+    // The same with a chosen set of subsystems (tests use their own).
+    // With checkState false the old state is not read (a machine about to be reset).
     Controller(Profile profile, const std::string &stateDir, std::span<const Subsystem> subsystems,
                bool checkState = true);
 
     void on(uint8_t netFn, uint8_t command, Handler h);  // a standard command
     void onOem(uint8_t command, Handler h);              // an OEM/Group (0x2E) command
-    // One sub-function of an OEM/Group command whose first byte after the IANA number
-    // selects the function (0xF5 and its family). The handler sees the bytes after the
-    // sub-function byte and appends its payload after the IANA echo.
+    // An OEM/Group command whose first byte after the IANA number selects a sub-function:
+    // the handler sees the bytes after that selector. A command without any handler for its
+    // sub-function answers 0xC1 (with the IANA number), one without selector byte 0xC7.
+    // Registering sub-functions takes over the command from onOem.
     void onOemSub(uint8_t command, uint8_t sub, Handler h);
+
+    // Runs a host-side control (not a request) on the machine's state, serialized like a
+    // request; what fn changes (after ctx.changed()) is kept. Throws ProfileError.
+    void control(const std::function<void(Context &)> &fn);
+
+    // What a subsystem derives from the profile once (its parsed tables), kept with the
+    // controller for its handlers and its host-side controls.
+    template <typename T> void attach(const std::string &name, std::shared_ptr<const T> part)
+    {
+        parts_[name] = std::move(part);
+    }
+    template <typename T> std::shared_ptr<const T> attachment(const std::string &name) const
+    {
+        auto it = parts_.find(name);
+        return it == parts_.end() ? nullptr : std::static_pointer_cast<const T>(it->second);
+    }
 
     // Handles one request. Thread-safe; serialized with other programs on the same state.
     Reply handle(uint8_t netFn, uint8_t lun, uint8_t command, std::span<const uint8_t> data);
@@ -130,12 +147,16 @@ private:
     std::unique_ptr<StateStore> store_;
     std::map<uint16_t, Handler> handlers_;
     std::map<uint8_t, Handler> oemHandlers_;
-    std::map<uint16_t, Handler> oemSubHandlers_; // (command << 8) | sub
+    std::map<uint8_t, std::map<uint8_t, Handler>> oemSubHandlers_;
+    std::map<std::string, std::shared_ptr<const void>> parts_;
     std::vector<Fault> faults_;
     std::mutex mutex_;
 };
 
 // Subsystems defined in their own source files.
 extern const Subsystem kAppSubsystem;
+extern const Subsystem kSdrRepositorySubsystem;
+extern const Subsystem kSensorSubsystem;
+extern const Subsystem kComponentSubsystem;
 
 } // namespace tvxsim

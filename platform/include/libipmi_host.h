@@ -95,6 +95,16 @@ typedef struct {
 IPMIHOST_API int ipmihost_inject_fault(const ipmihost_fault *fault);
 IPMIHOST_API void ipmihost_clear_faults(void);
 
+/* Sensors of the virtual controller (on LUN 0, by sensor number). What these set is kept in
+   the machine's state like every other change, so later programs see it too, until the
+   machine is reset. The raw reading of any sensor; the 15 state bits (0..0x7FFF) of a
+   discrete sensor (a threshold-based sensor's state follows from its reading); the
+   "scanning enabled" and "reading unavailable" flags (0 or 1; negative leaves a flag as it
+   is). 0 on success, -1 for an unknown sensor or a refused value (see ipmihost_last_error). */
+IPMIHOST_API int ipmihost_set_sensor_reading(uint8_t sensorNumber, uint8_t raw);
+IPMIHOST_API int ipmihost_set_sensor_state(uint8_t sensorNumber, uint16_t stateBits);
+IPMIHOST_API int ipmihost_set_sensor_flags(uint8_t sensorNumber, int scanning, int unavailable);
+
 /* ---- The scripted exchange ----------------------------------------------------------------- */
 
 /* Announces the next request and the answer to give. The request must carry exactly this

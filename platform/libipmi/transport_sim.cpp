@@ -1,8 +1,10 @@
 // The virtual controller as a transport: requests are handled in-process by a model of the
 // controller built from a machine profile.
+#include <functional>
 #include <mutex>
 
 #include "controller.h"
+#include "sdr.h"
 #include "internal.h"
 #include "libipmi_host.h"
 
@@ -143,4 +145,42 @@ extern "C" int ipmihost_inject_fault(const ipmihost_fault *fault)
 extern "C" void ipmihost_clear_faults(void)
 {
     if (SimTarget *sim = currentSim()) sim->controller().clearFaults();
+}
+
+namespace {
+
+// Runs one host-side control of the selected virtual controller: "" from it is success.
+int simControl(const std::function<std::string(tvxsim::Controller &)> &fn)
+{
+    SimTarget *sim = currentSim();
+    if (!sim) return -1;
+    try {
+        std::string refused = fn(sim->controller());
+        if (!refused.empty()) {
+            setLastError(refused);
+            return -1;
+        }
+    } catch (const tvxsim::ProfileError &e) {
+        setLastError(e.what());
+        return -1;
+    }
+    return 0;
+}
+
+} // namespace
+
+extern "C" int ipmihost_set_sensor_reading(uint8_t sensorNumber, uint8_t raw)
+{
+    return simControl([&](tvxsim::Controller &c) { return tvxsim::setSensorReading(c, sensorNumber, raw); });
+}
+
+extern "C" int ipmihost_set_sensor_state(uint8_t sensorNumber, uint16_t stateBits)
+{
+    return simControl([&](tvxsim::Controller &c) { return tvxsim::setSensorState(c, sensorNumber, stateBits); });
+}
+
+extern "C" int ipmihost_set_sensor_flags(uint8_t sensorNumber, int scanning, int unavailable)
+{
+    return simControl(
+        [&](tvxsim::Controller &c) { return tvxsim::setSensorFlags(c, sensorNumber, scanning, unavailable); });
 }

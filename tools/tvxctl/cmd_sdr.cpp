@@ -68,12 +68,13 @@ std::string idString(const uint8_t *rec, size_t recordBytes)
 std::string unitText(const uint8_t *rec)
 {
     uint8_t units1 = rec[20];
-    std::string unit = getUnitDesc(rec[21]);
+    // A bare percentage has no base unit to name.
+    std::string unit = rec[21] == 0 && (units1 & 1) ? "" : getUnitDesc(rec[21]);
     if ((units1 >> 1 & 3) == 1) unit += std::string("/") + getUnitDesc(rec[22]);
     if ((units1 >> 1 & 3) == 2) unit += std::string("*") + getUnitDesc(rec[22]);
     static const char *kRate[8] = {"", "/us", "/ms", "/s", "/min", "/h", "/d", ""};
     unit += kRate[units1 >> 3 & 7];
-    if (units1 & 1) unit = "% " + unit;
+    if (units1 & 1) unit = unit.empty() ? "%" : "% " + unit;
     return unit;
 }
 

@@ -1,0 +1,88 @@
+// Sensor commands (Sensor/Event, NetFn 0x04): readings, thresholds and hysteresis of the
+// sensors in the SDR repository. A sensor is addressed by the request's LUN and its number;
+// one the repository does not have answers 0xCB.
+#include "controller.h"
+#include "sdr.h"
+
+namespace tvxsim {
+namespace {
+
+constexpr uint8_t kNetFnSensor = 0x04;
+constexpr uint8_t kGetSensorHysteresis = 0x25;
+constexpr uint8_t kGetSensorThresholds = 0x27;
+constexpr uint8_t kGetSensorReading = 0x2D;
+
+constexpr uint8_t kFlagEvents = 0x80;
+constexpr uint8_t kFlagScanning = 0x40;
+constexpr uint8_t kFlagUnavailable = 0x20;
+constexpr uint8_t kReservedAsOne = 0x80; // bit 7 of the last state byte reads as 1
+
+// Get Sensor Reading: the reading, the flags and the state. A threshold-based sensor answers
+// one state byte, its threshold comparison status (bits 7..6 read as 1); a discrete sensor
+// answers its 15 state bits in two bytes. While the reading is unavailable the answer
+// carries neither a reading nor asserted states.
+void getReading(const SdrModel &m, Context &ctx, const Request &req, Response &rsp)
+{
+    if (req.data.size() != 1) return rsp.fail(cc::kRequestLengthInvalid);
+    const SensorDef *s = m.find(req.lun, req.data[0]);
+    if (!s) return rsp.fail(cc::kNotPresent);
+    SensorNow now = sensorNow(*s, ctx.state);
+    uint8_t flags = static_cast<uint8_t>((now.events ? kFlagEvents : 0) | (now.scanning ? kFlagScanning : 0) |
+                                         (now.unavailable ? kFlagUnavailable : 0));
+    rsp.u8(now.unavailable ? 0x00 : now.reading);
+    rsp.u8(flags);
+    if (s->thresholdBased()) {
+        rsp.u8(static_cast<uint8_t>(0xC0 | (now.unavailable ? 0 : thresholdStatus(*s, now.reading))));
+        return;
+    }
+    uint16_t state = now.unavailable ? 0 : now.state;
+    rsp.u8(static_cast<uint8_t>(state));
+    rsp.u8(static_cast<uint8_t>(kReservedAsOne | (state >> 8 & 0x7F)));
+}
+
+// Get Sensor Thresholds: the readable mask, then LNC, LC, LNR, UNC, UC, UNR (0 where not
+// readable). Discrete sensors have no thresholds: 0xCD.
+void getThresholds(const SdrModel &m, const Request &req, Response &rsp)
+{
+    if (req.data.size() != 1) return rsp.fail(cc::kRequestLengthInvalid);
+    const SensorDef *s = m.find(req.lun, req.data[0]);
+    if (!s) return rsp.fail(cc::kNotPresent);
+    if (!s->thresholdBased()) return rsp.fail(cc::kIllegalForType);
+    rsp.u8(s->readableMask);
+    for (int t = 0; t < 6; ++t) {
+        bool readable = s->readableMask & (1u << t);
+        rsp.u8(readable ? s->thresholds[static_cast<std::size_t>(t)].value_or(0) : 0);
+    }
+}
+
+// Get Sensor Hysteresis: sensor number and a reserved byte (0xFF) in; positive-going and
+// negative-going hysteresis out. Discrete sensors have none: 0xCD.
+void getHysteresis(const SdrModel &m, const Request &req, Response &rsp)
+{
+    if (req.data.size() != 2) return rsp.fail(cc::kRequestLengthInvalid);
+    const SensorDef *s = m.find(req.lun, req.data[0]);
+    if (!s) return rsp.fail(cc::kNotPresent);
+    if (!s->thresholdBased()) return rsp.fail(cc::kIllegalForType);
+    rsp.u8(s->hysteresisPositive);
+    rsp.u8(s->hysteresisNegative);
+}
+
+void install(Controller &c)
+{
+    std::shared_ptr<const SdrModel> m = sdrModel(c);
+    c.on(kNetFnSensor, kGetSensorReading,
+         [m](Context &ctx, const Request &req, Response &rsp) { getReading(*m, ctx, req, rsp); });
+    c.on(kNetFnSensor, kGetSensorThresholds,
+         [m](Context &, const Request &req, Response &rsp) { getThresholds(*m, req, rsp); });
+    c.on(kNetFnSensor, kGetSensorHysteresis,
+         [m](Context &, const Request &req, Response &rsp) { getHysteresis(*m, req, rsp); });
+}
+
+// Sensors start from the profile's values; the state keeps only what changed since.
+void initState(const Profile &, nlohmann::json &state) { state["sensors"] = nlohmann::json::object(); }
+
+} // namespace
+
+const Subsystem kSensorSubsystem = {"sensors", install, initState};
+
+} // namespace tvxsim

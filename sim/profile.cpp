@@ -191,7 +191,8 @@ std::vector<uint8_t> DeviceIdentity::responseData() const
         static_cast<uint8_t>(productId & 0xFF),
         static_cast<uint8_t>(productId >> 8),
     };
-    if (auxFirmwareRevision) d.insert(d.end(), auxFirmwareRevision->begin(), auxFirmwareRevision->end());
+    if (auxFirmwareRevision)
+        for (uint8_t b : *auxFirmwareRevision) d.push_back(b);
     return d;
 }
 

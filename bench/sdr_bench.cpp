@@ -1,0 +1,120 @@
+// The SDR cache against the virtual controller: building it from repositories of 100 and
+// 1,000 records, and the lookups over 1,000 records. Requests per build are reported.
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+#include <benchmark/benchmark.h>
+#include <nlohmann/json.hpp>
+
+#include "libipmi_host.h"
+#include "tvx_toipmi.h"
+
+namespace {
+
+using nlohmann::json;
+
+// A machine whose repository holds `count` sensors, alternating full temperature and
+// compact fan records, selected with its state in a scratch directory.
+class Repository {
+public:
+    explicit Repository(int count)
+    {
+        char pattern[] = "/tmp/tvx-bench-XXXXXX";
+        dir_ = mkdtemp(pattern);
+        std::ifstream in(std::string(TVX_MACHINES_DIR) + "/default.json");
+        json profile = json::parse(in);
+        json sensors = json::array();
+        for (int i = 0; i < count; ++i) {
+            bool full = i % 2 == 0;
+            sensors.push_back({{"record", full ? "full" : "compact"},
+                               {"number", i % 250},
+                               {"lun", i / 250},
+                               {"name", "S" + std::to_string(i)},
+                               {"entity", full ? 0x03 : 0x1D},
+                               {"instance", i % 120},
+                               {"type", full ? 0x01 : 0x04},
+                               {"event_reading_type", 0x01},
+                               {"units", {{"base", full ? 1 : 18}}},
+                               {"reading", 40}});
+        }
+        profile["sensors"] = sensors;
+        profile.erase("fru_locators");
+        profile.erase("mc_locators");
+        profile.erase("components");
+        profile["sdr"]["allocation_units"] = 8192;
+        std::string path = dir_ + "/bench.json";
+        std::ofstream(path) << profile.dump();
+        if (ipmihost_select_machine(path.c_str(), dir_.c_str()) != 0) std::abort();
+        session_ = ipmiOpenSession(4, "", nullptr, 0, nullptr);
+    }
+    ~Repository()
+    {
+        ipmiHelperCloseSession(&session_);
+        ipmihost_select_default();
+        std::system(("rm -rf " + dir_).c_str());
+    }
+    IpmiSession *session() const { return session_; }
+
+private:
+    std::string dir_;
+    IpmiSession *session_ = nullptr;
+};
+
+void BM_GetSDRInfo(benchmark::State &state)
+{
+    Repository repo(static_cast<int>(state.range(0)));
+    uint64_t requests = 0;
+    for (auto _ : state) {
+        SDRInfo info{};
+        ipmihost_reset_request_count();
+        if (!getSDRInfo(repo.session(), &info)) state.SkipWithError("getSDRInfo failed");
+        requests = ipmihost_request_count();
+        freeSDRInfo(&info);
+    }
+    state.counters["requests"] = static_cast<double>(requests);
+    state.counters["requests_per_record"] = static_cast<double>(requests) / static_cast<double>(state.range(0));
+}
+BENCHMARK(BM_GetSDRInfo)->Arg(100)->Arg(1000)->Unit(benchmark::kMillisecond);
+
+// Lookups over a cache of 1,000 records: the last compact record (a full walk), and every
+// full record of a sensor type copied into a list.
+void BM_FindCompactSdrByEntity(benchmark::State &state)
+{
+    Repository repo(1000);
+    SDRInfo info{};
+    getSDRInfo(repo.session(), &info);
+    // An instance no record has: the lookup walks all 1,000 slots.
+    for (auto _ : state) benchmark::DoNotOptimize(findCompactSdrByEntity(0x1D, 127, 0x04, &info));
+    freeSDRInfo(&info);
+}
+BENCHMARK(BM_FindCompactSdrByEntity);
+
+void BM_FindSensorByType(benchmark::State &state)
+{
+    Repository repo(1000);
+    SDRInfo info{};
+    getSDRInfo(repo.session(), &info);
+    for (auto _ : state) {
+        ListNode *list = nullptr;
+        benchmark::DoNotOptimize(ipmiFindSensorByType(&list, 1, 0x01, &info));
+        freeList(&list);
+    }
+    freeSDRInfo(&info);
+}
+BENCHMARK(BM_FindSensorByType);
+
+void BM_GetSdrByIndexWalk(benchmark::State &state)
+{
+    Repository repo(1000);
+    SDRInfo info{};
+    getSDRInfo(repo.session(), &info);
+    for (auto _ : state)
+        for (uint32_t i = 0; i < info.count; ++i) benchmark::DoNotOptimize(getSdrByIndex(i, &info));
+    freeSDRInfo(&info);
+}
+BENCHMARK(BM_GetSdrByIndexWalk);
+
+} // namespace
+
+BENCHMARK_MAIN();

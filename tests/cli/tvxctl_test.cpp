@@ -377,3 +377,69 @@ TEST_F(Tvxctl, HelpExitsZero)
 }
 
 } // namespace
+
+namespace {
+
+int jsonNumber(const json &v) { return v.is_string() ? std::stoi(v.get<std::string>(), nullptr, 0) : v.get<int>(); }
+
+// The status word the table shows for a threshold sensor of the profile, from its raw reading
+// and thresholds compared in the sensor's number format.
+std::string expectedThresholdStatus(const json &s)
+{
+    bool isSigned = s.value("format", std::string("unsigned")) != "unsigned";
+    auto value = [&](const json &v) {
+        int n = jsonNumber(v);
+        return isSigned && n > 127 ? n - 256 : n;
+    };
+    int reading = value(s["reading"]);
+    const json t = s.value("thresholds", json::object());
+    auto at = [&](const char *k, bool upper) {
+        return t.contains(k) && (upper ? reading >= value(t[k]) : reading <= value(t[k]));
+    };
+    if (at("lnr", false)) return "LowNRecov";
+    if (at("unr", true)) return "UpNRecov";
+    if (at("lc", false)) return "LowCrit";
+    if (at("uc", true)) return "UpCrit";
+    if (at("lnc", false)) return "LowWarn";
+    if (at("unc", true)) return "UpWarn";
+    return "OK";
+}
+
+} // namespace
+
+TEST_F(Tvxctl, SdrListsEverySensorOfTheProfile)
+{
+    json profile = json::parse(readFile(std::string(TVX_MACHINES_DIR) + "/default.json"));
+    Outcome r = run({"--json", "sdr"});
+    ASSERT_EQ(r.code, 0) << r;
+    json rows = json::parse(r.out);
+    const json &sensors = profile["sensors"];
+    ASSERT_EQ(rows.size(), sensors.size() + profile.value("fru_locators", json::array()).size() +
+                               profile.value("mc_locators", json::array()).size());
+    for (size_t i = 0; i < sensors.size(); ++i) {
+        const json &s = sensors[i], &row = rows[i];
+        SCOPED_TRACE(s["name"].get<std::string>());
+        EXPECT_EQ(row["record_id"], i + 1);
+        EXPECT_EQ(row["name"], s["name"]);
+        EXPECT_EQ(row["sensor_number"], jsonNumber(s["number"]));
+        EXPECT_EQ(row["entity"], std::to_string(jsonNumber(s["entity"])) + "." + std::to_string(jsonNumber(s["instance"])));
+        if (jsonNumber(s["event_reading_type"]) == 0x01 && s["record"] == "full") {
+            EXPECT_TRUE(row["value"].is_number());
+            EXPECT_FALSE(row["unit"].is_null());
+            EXPECT_EQ(row["status"], expectedThresholdStatus(s));
+        } else {
+            EXPECT_TRUE(row["value"].is_null());
+            EXPECT_EQ(row["state_bits"], jsonNumber(s["state"]));
+            EXPECT_NE(row["status"], "") << "the first asserted state is named";
+        }
+    }
+    // The table shows the same rows, one line each after the heading.
+    Outcome text = run({"sdr"});
+    ASSERT_EQ(text.code, 0) << text;
+    std::istringstream lines(text.out);
+    std::string line;
+    size_t count = 0;
+    while (std::getline(lines, line)) ++count;
+    EXPECT_EQ(count, rows.size() + 1);
+    EXPECT_NE(text.out.find("UpWarn"), std::string::npos) << "the default machine has one sensor at a warning";
+}

@@ -1,0 +1,383 @@
+// The login banner, the partitionable server's short box, and the system-board number that
+// chooses between them. The board number is determined once per process: each test that
+// relies on its first determination needs a process of its own.
+#include <unistd.h>
+
+#include <cstdlib>
+#include <regex>
+
+#include "scripted.h"
+
+namespace {
+
+using testing::internal::CaptureStderr;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStderr;
+using testing::internal::GetCapturedStdout;
+
+constexpr uint16_t kTimeout = LIBIPMI_STATUS_TIMEOUT;
+
+// Whether a test of this process has already let the board number be determined.
+bool gBoardAsked = false;
+
+// For tests that need the board number still undetermined: true when this process is fresh;
+// otherwise the test is run in a new process of this program, and false is returned.
+bool freshBoardNumber()
+{
+    if (!gBoardAsked) {
+        gBoardAsked = true;
+        return true;
+    }
+    const testing::TestInfo *info = testing::UnitTest::GetInstance()->current_test_info();
+    char self[4096] = {};
+    EXPECT_GT(readlink("/proc/self/exe", self, sizeof self - 1), 0);
+    std::string command = std::string("'") + self + "' --gtest_filter=" + info->test_suite_name() + "." + info->name();
+    EXPECT_EQ(std::system(command.c_str()), 0) << command;
+    return false;
+}
+
+using BannerTest = ScriptTest;
+
+// One configuration-space variable as the controller answers it.
+struct Var {
+    uint16_t status;
+    Bytes answer;
+};
+
+Var text(const std::string &t)
+{
+    return {0, oemAnswer(cat({static_cast<uint8_t>(t.size())}, Bytes(t.begin(), t.end())))};
+}
+const Var kEmpty = {0, oemAnswer({0x00})};
+const Var kAbsent = {0, oemAnswer({}, 0xCB)};
+const Var kNoAnswer = {kTimeout, {}};
+
+struct Controller {
+    Bytes deviceId; // the Get Device ID answer; empty: no answer
+    Var sdr, build, type, id, name, os;
+    uint8_t errorLed, identifyLed;
+    bool powered;
+    Var asset;
+};
+
+Bytes deviceId(uint8_t fw1, uint8_t fw2, Bytes aux)
+{
+    return cat({0x00, 0x20, 0x81, fw1, fw2, 0x02, 0xBF, 0xD9, 0x7E, 0x00, 0x4D, 0x0B}, aux);
+}
+
+void expectVariable(uint16_t variable, const Var &v)
+{
+    const Bytes request = oem({0x01, 0x00, static_cast<uint8_t>(variable & 0xFF), static_cast<uint8_t>(variable >> 8)});
+    expectRequest(0xB8, 0xE0, request, v.status, v.answer);
+}
+
+void expectDeviceId(const Controller &c)
+{
+    if (c.deviceId.empty()) expectRequest(0x18, 0x01, {}, kTimeout, {});
+    else expectRequest(0x18, 0x01, {}, 0, c.deviceId);
+}
+
+// The controller's LAN address, read from LAN channel 1.
+void expectAddress(const Bytes &address)
+{
+    expectRequest(0x18, 0x42, {0x01}, 0, {0x00, 0x01, 0x04, 0x01, 0x80, 0xD9, 0x7E, 0x00, 0x00, 0x00});
+    expectRequest(0x30, 0x02, {0x01, 0x03, 0x00, 0x00}, 0, cat({0x00, 0x11}, address));
+}
+
+void expectStandard(const Controller &c)
+{
+    expectDeviceId(c);
+    expectVariable(0x2151, c.sdr);
+    expectVariable(0x2150, c.build);
+    expectVariable(0x0205, c.type);
+    expectVariable(0x0207, c.id);
+    expectVariable(0x0201, c.name);
+    expectVariable(0x020F, c.os);
+    expectRequest(0xB8, 0xF5, oem({0xB3}), 0, oemAnswer({c.errorLed}));
+    expectRequest(0xB8, 0xF5, oem({0xB1}), 0, oemAnswer({c.identifyLed}));
+    expectRequest(0x00, 0x01, {}, 0, {0x00, static_cast<uint8_t>(c.powered ? 0x01 : 0x00), 0x00, 0x00});
+    expectVariable(0x0210, c.asset);
+}
+
+void expectShort(const Controller &c)
+{
+    expectDeviceId(c);
+    expectVariable(0x2150, c.build);
+}
+
+// Compares the output with the expected text, in which "{stamp}" stands for the library's
+// build date and time ("Aug  4 2016 13:35:13").
+testing::AssertionResult sameOutput(const std::string &actual, const std::string &expected)
+{
+    static const std::string kStamp = "{stamp}";
+    static const std::regex kStampForm(
+        "(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) [ 123][0-9] [0-9]{4} [012][0-9]:[0-5][0-9]:[0-5][0-9]");
+    size_t at = expected.find(kStamp);
+    bool same;
+    if (at == std::string::npos) {
+        same = actual == expected;
+    } else {
+        same = actual.size() == expected.size() - kStamp.size() + 20 && actual.compare(0, at, expected, 0, at) == 0 &&
+               std::regex_match(actual.substr(at, 20), kStampForm) &&
+               actual.compare(at + 20, std::string::npos, expected, at + kStamp.size()) == 0;
+    }
+    if (same) return testing::AssertionSuccess();
+    return testing::AssertionFailure() << "output was:\n[" << actual << "]\nexpected:\n[" << expected << "]";
+}
+
+const Controller kFull = {deviceId(0x01, 0x23, {0x02, 0x05, 0x00, 'a'}),
+                          text("R1.12.0"),
+                          text("1.75.32 2024-03-11"),
+                          text("RX2540 M7"),
+                          text("YM3K004711"),
+                          text("build-host-07"),
+                          text("Debian 12"),
+                          1,
+                          1,
+                          true,
+                          text("INV-0042")};
+
+const std::string kStars = "**************************************************\r\n";
+const std::string kWelcome = "*    Welcome to TALVIREN Remote Manager          *\r\n";
+
+const std::string kFullBanner = kStars + kWelcome +
+                                "*    Firmware Revision 2.05a (1.35)              *\n"
+                                "*    SDR R1.12.0                                 *\n"
+                                "*    Firmware built        1.75.32 2024-03-11    *\r\n" +
+                                kStars +
+                                "\nSystem Type  : RX2540 M7"
+                                "\nSystem ID    : YM3K004711"
+                                "\nSystem Name  : build-host-07"
+                                "\nSystem OS    : Debian 12"
+                                "\nSystem Status: WARNING (Identify LED is ON)"
+                                "\nPower Status : On"
+                                "\nAsset Tag    : INV-0042\r\n\r\n";
+
+const std::string kShortTop = "********************************************\r\n"
+                              "*                                          *\r\n"
+                              "*  Welcome to KESTRAVONE Remote Manager    *\r\n";
+const std::string kShortBottom = "*                                          *\r\n"
+                                 "********************************************\r\n";
+const std::string kFullShortBox = kShortTop +
+                                  "*  Firmware Revision 2.5a (1.35)          *\n"
+                                  "*  Firmware built 1.75.32 2024-03-11 *\r\n" +
+                                  kShortBottom;
+
+const std::string kDeviceIdFailed = "\nipmihelpers.cpp:{line} (ipmiGetDeviceId) Failed to send ipmi raw command.\n";
+
+TEST_F(BannerTest, Address127_1_2_1IsBoard0)
+{
+    if (!freshBoardNumber()) return;
+    IpmiSession *s = open();
+    // Without a session: 255, nothing asked, nothing remembered.
+    EXPECT_EQ(ipmiGetSbNumber(nullptr), 255u);
+    EXPECT_EQ(ipmiGetSbSlaveAddr(nullptr), 0x20);
+    EXPECT_EQ(ipmiIsKVSystem(nullptr), 0);
+    EXPECT_TRUE(rawSince(0).empty());
+
+    size_t from = ipmihost_script_call_count();
+    expectAddress({127, 1, 2, 1});
+    EXPECT_EQ(ipmiGetSbNumber(s), 0u);
+    expectSent(s, from, {{0x18, 0x42, {0x01}}, {0x30, 0x02, {0x01, 0x03, 0x00, 0x00}}}, kAnyCapacity, "first");
+
+    from = ipmihost_script_call_count();
+    EXPECT_EQ(ipmiGetSbSlaveAddr(s), 0xC0);
+    EXPECT_EQ(ipmiIsKVSystem(s), 1);
+    EXPECT_EQ(ipmiGetSbNumber(nullptr), 255u);
+    EXPECT_EQ(ipmiGetSbNumber(s), 0u);
+    IpmiSession *other = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
+    ASSERT_NE(other, nullptr);
+    EXPECT_EQ(ipmiGetSbNumber(other), 0u);
+    EXPECT_EQ(ipmiGetSbSlaveAddr(other), 0xC0);
+    ipmiHelperCloseSession(&other);
+    EXPECT_TRUE(rawSince(from).empty()) << "the board number is asked once per process";
+
+    expectShort(kFull);
+    CaptureStdout();
+    int result = ipmiPrintLoginHeader(s);
+    EXPECT_TRUE(sameOutput(GetCapturedStdout(), kFullShortBox));
+    EXPECT_GE(result, 0);
+}
+
+TEST_F(BannerTest, Address127_1_2_4IsBoard3)
+{
+    if (!freshBoardNumber()) return;
+    IpmiSession *s = open();
+    // The banner itself determines the board and then shows the short box.
+    Controller c = kFull;
+    c.deviceId = deviceId(0x02, 0x10, {0x03, 0x07, 0x00, 0x00});
+    c.build = kAbsent;
+    expectAddress({127, 1, 2, 4});
+    expectShort(c);
+    CaptureStdout();
+    EXPECT_GE(ipmiPrintLoginHeader(s), 0);
+    // The fourth auxiliary byte 0 is written as it is.
+    const std::string revision("*  Firmware Revision 3.7\0 (2.16)          *\n", 44);
+    EXPECT_TRUE(sameOutput(GetCapturedStdout(),
+                           kShortTop + revision + "*  Firmware built {stamp}     *\r\n" + kShortBottom));
+
+    size_t from = ipmihost_script_call_count();
+    EXPECT_EQ(ipmiGetSbNumber(s), 3u);
+    EXPECT_EQ(ipmiGetSbSlaveAddr(s), 0xC6);
+    EXPECT_EQ(ipmiIsKVSystem(s), 1);
+    EXPECT_TRUE(rawSince(from).empty());
+}
+
+TEST_F(BannerTest, Address127_1_2_0IsStandard)
+{
+    if (!freshBoardNumber()) return;
+    IpmiSession *s = open();
+    expectAddress({127, 1, 2, 0});
+    expectStandard(kFull);
+    CaptureStdout();
+    EXPECT_GE(ipmiPrintLoginHeader(s), 0);
+    EXPECT_TRUE(sameOutput(GetCapturedStdout(), kFullBanner));
+
+    size_t from = ipmihost_script_call_count();
+    EXPECT_EQ(ipmiGetSbNumber(s), 255u);
+    EXPECT_EQ(ipmiGetSbSlaveAddr(s), 0x20);
+    EXPECT_EQ(ipmiIsKVSystem(s), 0);
+    EXPECT_TRUE(rawSince(from).empty());
+}
+
+TEST_F(BannerTest, UnreadableAddressStaysStandard)
+{
+    if (!freshBoardNumber()) return;
+    IpmiSession *s = open();
+    for (uint8_t ch = 1; ch <= 15; ++ch) expectRequest(0x18, 0x42, {ch}, 0x01CC, {0xCC});
+    EXPECT_EQ(ipmiIsKVSystem(s), 0);
+    EXPECT_EQ(rawSince(0).size(), 15u);
+
+    // Even a controller that would now answer 127.1.2.1 is not asked again.
+    IpmiSession *other = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
+    ASSERT_NE(other, nullptr);
+    EXPECT_EQ(ipmiGetSbNumber(other), 255u);
+    EXPECT_EQ(ipmiGetSbSlaveAddr(other), 0x20);
+    ipmiHelperCloseSession(&other);
+    EXPECT_EQ(rawSince(0).size(), 15u);
+}
+
+TEST_F(BannerTest, Address127_1_2_5IsStandardAndItsBanners)
+{
+    if (!freshBoardNumber()) return;
+    IpmiSession *s = open();
+    expectAddress({127, 1, 2, 5});
+    EXPECT_EQ(ipmiGetSbSlaveAddr(s), 0x20);
+    EXPECT_EQ(ipmiGetSbNumber(s), 255u);
+    EXPECT_EQ(ipmiIsKVSystem(s), 0);
+    EXPECT_EQ(rawSince(0).size(), 2u);
+
+    const std::string name250(250, 'n');
+    const struct {
+        const char *what;
+        Controller controller;
+        std::string out;
+        std::string err;
+    } cases[] = {
+        {"all values", kFull, kFullBanner, ""},
+        {"nothing configured",
+         {{}, kEmpty, kAbsent, kEmpty, kAbsent, kNoAnswer, kEmpty, 0, 0, false, kAbsent},
+         kStars + kWelcome +
+             "*    Firmware Revision 0.00                      *\n"
+             "*    SDR info is not available                   *\n"
+             "*    Firmware built {stamp}         *\r\n" +
+             kStars +
+             "\nSystem Type  : Unknown"
+             "\nSystem ID    : Unknown"
+             "\nSystem Name  : Unknown"
+             "\nSystem OS    : Unknown"
+             "\nSystem Status: OK (Identify LED is OFF)"
+             "\nPower Status : Off"
+             "\nAsset Tag    : Unknown\r\n\r\n",
+         kDeviceIdFailed + "ipmihelpers.cpp:{line}: error code = 3\n"},
+        {"long texts, unknown error LED",
+         {deviceId(0x02, 0x10, {0x03, 0x07, 0x00, 0x00}), text("ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789abcd"),
+          text("0123456789abcdefghijklmnopqrstuvwxyzABCD"), text("T"), text("I"), text(name250), text("O"), 3, 0,
+          true, text("A")},
+         kStars + kWelcome +
+             "*    Firmware Revision 3.07                      *\n"
+             "*    SDR ABCDEFGHIJKLMNOPQRSTUVWXYZ0123          *\n"
+             "*    Firmware built 0123456789abcdefghijklmno    *\r\n" +
+             kStars +
+             "\nSystem Type  : T"
+             "\nSystem ID    : I"
+             "\nSystem Name  : " +
+             name250 +
+             "\nSystem OS    : O"
+             "\nSystem Status:  (Identify LED is OFF)"
+             "\nPower Status : On"
+             "\nAsset Tag    : A\r\n\r\n",
+         ""},
+        {"critical, short texts",
+         {deviceId(0xFF, 0x99, {0xFF, 0xFF, 0x00, 'z'}), text("X"), text("Y"), kAbsent, kAbsent, kAbsent, kAbsent, 2,
+          1, false, kEmpty},
+         kStars + kWelcome +
+             "*    Firmware Revision 255.255z (FF.153)         *\n"
+             "*    SDR X                                       *\n"
+             "*    Firmware built                         Y    *\r\n" +
+             kStars +
+             "\nSystem Type  : Unknown"
+             "\nSystem ID    : Unknown"
+             "\nSystem Name  : Unknown"
+             "\nSystem OS    : Unknown"
+             "\nSystem Status: CRITICAL (Identify LED is ON)"
+             "\nPower Status : Off"
+             "\nAsset Tag    : Unknown\r\n\r\n",
+         ""},
+    };
+    for (const auto &c : cases) {
+        size_t from = ipmihost_script_call_count();
+        expectStandard(c.controller);
+        CaptureStderr();
+        CaptureStdout();
+        int result = ipmiPrintLoginHeader(s);
+        std::string out = GetCapturedStdout();
+        std::string err = GetCapturedStderr();
+        EXPECT_GE(result, 0) << c.what;
+        EXPECT_TRUE(sameOutput(out, c.out)) << c.what;
+        EXPECT_DIAG(err, c.err) << c.what;
+        EXPECT_EQ(rawSince(from).size(), 11u) << c.what;
+        EXPECT_EQ(ipmihost_script_pending(), 0u) << c.what;
+    }
+}
+
+// The short box asked for directly: it does not look at the board number.
+TEST_F(BannerTest, ShortBoxOnItsOwn)
+{
+    IpmiSession *s = open();
+    const struct {
+        const char *what;
+        Bytes deviceId;
+        Var build;
+        std::string out;
+        std::string err;
+    } cases[] = {
+        {"all values", kFull.deviceId, kFull.build, kFullShortBox, ""},
+        {"no identity, no build text",
+         {},
+         kEmpty,
+         kShortTop + std::string("*  Firmware Revision 0.0\0 (0.00)          *\n", 44) +
+             "*  Firmware built {stamp}     *\r\n" + kShortBottom,
+         kDeviceIdFailed},
+        {"wide numbers, build text unanswered",
+         deviceId(0x8A, 0x05, {0x0C, 0x64, 0x00, 'b'}),
+         kNoAnswer,
+         kShortTop + "*  Firmware Revision 12.100b (8A.05)          *\n" + "*  Firmware built {stamp}     *\r\n" +
+             kShortBottom,
+         "ipmihelpers.cpp:{line}: error code = 3\n"},
+    };
+    for (const auto &c : cases) {
+        expectShort({c.deviceId, {}, c.build, {}, {}, {}, {}, 0, 0, false, {}});
+        CaptureStderr();
+        CaptureStdout();
+        int result = KV_rmMenu(s);
+        std::string out = GetCapturedStdout();
+        std::string err = GetCapturedStderr();
+        EXPECT_GE(result, 0) << c.what;
+        EXPECT_TRUE(sameOutput(out, c.out)) << c.what;
+        EXPECT_DIAG(err, c.err) << c.what;
+    }
+    EXPECT_EQ(rawSince(0).size(), 6u);
+}
+
+} // namespace

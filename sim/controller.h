@@ -137,5 +137,8 @@ private:
 
 // Subsystems defined in their own source files.
 extern const Subsystem kAppSubsystem;
+extern const Subsystem kChassisSubsystem;
+extern const Subsystem kConfigSpaceSubsystem;
+extern const Subsystem kLanSubsystem;
 
 } // namespace tvxsim

@@ -324,7 +324,7 @@ Profile parseProfile(const std::string &text, const std::string &displayName)
         throw ProfileError(displayName + ":" + std::to_string(line) + ":" + std::to_string(col) + ": " + detail);
     }
     Node root = p.root();
-    root.allowOnly({"description", "controller", "faults"});
+    root.allowOnly({"description", "controller", "faults", "chassis", "leds", "config_space", "console", "lan"});
     if (auto d = root.find("description")) p.description = d->string();
     Node controller = root.at("controller");
     p.device = parseController(controller);
@@ -332,6 +332,7 @@ Profile parseProfile(const std::string &text, const std::string &displayName)
     if (auto faults = root.find("faults")) {
         for (std::size_t i = 0; i < faults->size(); ++i) p.faults.push_back(parseFault(faults->at(i)));
     }
+    p.settings = parseMachineSettings(root);
     return p;
 }
 

@@ -326,7 +326,7 @@ Profile parseProfile(const std::string &text, const std::string &displayName)
     }
     Node root = p.root();
     root.allowOnly({"description", "controller", "faults", "sdr", "sensors", "fru_locators", "mc_locators",
-                    "components"});
+                    "components", "chassis", "leds", "config_space", "console", "lan"});
     if (auto d = root.find("description")) p.description = d->string();
     Node controller = root.at("controller");
     p.device = parseController(controller);
@@ -334,6 +334,7 @@ Profile parseProfile(const std::string &text, const std::string &displayName)
     if (auto faults = root.find("faults")) {
         for (std::size_t i = 0; i < faults->size(); ++i) p.faults.push_back(parseFault(faults->at(i)));
     }
+    p.settings = parseMachineSettings(root);
     return p;
 }
 

@@ -11,6 +11,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "machine_settings.h"
+
 namespace tvxsim {
 
 // The vendor's IANA enterprise number, as the controller answers OEM/Group requests for it.
@@ -93,6 +95,7 @@ struct Profile {
     uint32_t oemIana = kVendorIana;
     DeviceIdentity device;
     std::vector<Fault> faults;
+    MachineSettings settings; // chassis, LEDs, configuration space, console log, LAN channels
     nlohmann::json document; // the whole profile, for the subsystems that read more of it
 
     Node root() const { return Node(document, file, ""); }

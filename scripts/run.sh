@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# The main job: install what is needed, build, and ask the default machine's controller who
-# it is with tvxctl. Extra arguments go to tvxctl instead (e.g. scripts/run.sh raw 0x06 0x01).
+# The main job: install what is needed, build, and show the default machine through tvxctl:
+# its controller's identity, the console banner, the sensors, power and LAN settings.
+# Extra arguments go to tvxctl instead (e.g. scripts/run.sh raw 0x06 0x01).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh
@@ -10,8 +11,11 @@ tvxctl=build/release/tools/tvxctl/tvxctl
 if [ $# -gt 0 ]; then
   exec "$tvxctl" "$@"
 fi
-echo "== tvxctl devid (the default machine)"
-"$tvxctl" devid
-echo
-echo "== tvxctl --json devid"
-"$tvxctl" --json devid
+# The default machine, with its state in a scratch directory so the run starts from the profile.
+export TVX_IPMI_STATE_DIR=${TVX_IPMI_STATE_DIR:-$(mktemp -d)}
+for command in "devid" "--json devid" "banner" "sdr" "power status" "lan show"; do
+  echo "== tvxctl $command"
+  # shellcheck disable=SC2086
+  "$tvxctl" $command
+  echo
+done

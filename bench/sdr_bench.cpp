@@ -7,6 +7,7 @@
 #include <benchmark/benchmark.h>
 #include <nlohmann/json.hpp>
 
+#include "generated_machine.h"
 #include "libipmi_host.h"
 #include "tvx_toipmi.h"
 
@@ -14,35 +15,15 @@ namespace {
 
 using nlohmann::json;
 
-// A machine whose repository holds `count` sensors, alternating full temperature and
-// compact fan records, selected with its state in a scratch directory.
+// A machine whose generated repository holds `count` sensors, selected with its state in a
+// scratch directory.
 class Repository {
 public:
     explicit Repository(int count)
     {
         char pattern[] = "/tmp/tvx-bench-XXXXXX";
         dir_ = mkdtemp(pattern);
-        std::ifstream in(std::string(TVX_MACHINES_DIR) + "/default.json");
-        json profile = json::parse(in);
-        json sensors = json::array();
-        for (int i = 0; i < count; ++i) {
-            bool full = i % 2 == 0;
-            sensors.push_back({{"record", full ? "full" : "compact"},
-                               {"number", i % 250},
-                               {"lun", i / 250},
-                               {"name", "S" + std::to_string(i)},
-                               {"entity", full ? 0x03 : 0x1D},
-                               {"instance", i % 120},
-                               {"type", full ? 0x01 : 0x04},
-                               {"event_reading_type", 0x01},
-                               {"units", {{"base", full ? 1 : 18}}},
-                               {"reading", 40}});
-        }
-        profile["sensors"] = sensors;
-        profile.erase("fru_locators");
-        profile.erase("mc_locators");
-        profile.erase("components");
-        profile["sdr"]["allocation_units"] = 8192;
+        nlohmann::json profile = tvxtest::generatedRepository(TVX_MACHINES_DIR, count);
         std::string path = dir_ + "/bench.json";
         std::ofstream(path) << profile.dump();
         if (ipmihost_select_machine(path.c_str(), dir_.c_str()) != 0) std::abort();

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "generated_machine.h"
 #include "libipmi_host.h"
 #include "tvx_toipmi.h"
 
@@ -106,40 +107,11 @@ TEST(SdrCacheOnTheDefaultMachine, HoldsEveryRecordAndAnswersLookups)
     }
 }
 
-// A repository of 1,000 sensors: fan readings in compact records and temperatures in full
-// ones, with entity instances spread so that lookups have to walk.
-json generatedProfile(int sensors)
-{
-    json profile = loadDefault();
-    json list = json::array();
-    for (int i = 0; i < sensors; ++i) {
-        bool full = i % 2 == 0;
-        json s = {{"record", full ? "full" : "compact"},
-                  {"number", i % 250},
-                  {"lun", i / 250},
-                  {"name", "S" + std::to_string(i)},
-                  {"entity", full ? 0x03 : 0x1D},
-                  {"instance", i % 120},
-                  {"type", full ? 0x01 : 0x04},
-                  {"event_reading_type", full ? 0x01 : 0x01},
-                  {"reading", 40 + i % 10}};
-        if (full) s["units"] = {{"base", 1}};
-        else s["units"] = {{"base", 18}};
-        list.push_back(s);
-    }
-    profile["sensors"] = list;
-    profile.erase("fru_locators");
-    profile.erase("mc_locators");
-    profile.erase("components");
-    profile["sdr"]["allocation_units"] = 8192;
-    return profile;
-}
-
 TEST(SdrCacheOfAThousandRecords, CostsOneGetSdrPerRecordPlusReservationAndInfo)
 {
     std::string dir = tempDir();
     std::string path = dir + "/thousand.json";
-    std::ofstream(path) << generatedProfile(1000).dump();
+    std::ofstream(path) << tvxtest::generatedRepository(TVX_MACHINES_DIR, 1000).dump();
     Machine m(path);
     ASSERT_NE(m.session(), nullptr);
     ipmihost_reset_request_count();

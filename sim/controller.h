@@ -137,5 +137,6 @@ private:
 
 // Subsystems defined in their own source files.
 extern const Subsystem kAppSubsystem;
+extern const Subsystem kSelSubsystem;
 
 } // namespace tvxsim

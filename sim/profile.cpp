@@ -324,7 +324,7 @@ Profile parseProfile(const std::string &text, const std::string &displayName)
         throw ProfileError(displayName + ":" + std::to_string(line) + ":" + std::to_string(col) + ": " + detail);
     }
     Node root = p.root();
-    root.allowOnly({"description", "controller", "faults"});
+    root.allowOnly({"description", "controller", "faults", "sel", "event_texts"});
     if (auto d = root.find("description")) p.description = d->string();
     Node controller = root.at("controller");
     p.device = parseController(controller);

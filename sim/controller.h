@@ -161,5 +161,6 @@ extern const Subsystem kComponentSubsystem;
 extern const Subsystem kChassisSubsystem;
 extern const Subsystem kConfigSpaceSubsystem;
 extern const Subsystem kLanSubsystem;
+extern const Subsystem kSelSubsystem;
 
 } // namespace tvxsim

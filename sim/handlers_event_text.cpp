@@ -1,0 +1,264 @@
+// The event text service (OEM/Group command 0xF5): a log entry's error code, severity and
+// parameters, the message texts of error codes in chunks, an entry's short text, and an
+// entry's whole text with follow-up chunks.
+//
+// Choices of this controller:
+// - The selector byte names the log; there is one, so every selector reaches it.
+// - Record ID 0x0000 means the first entry and 0xFFFF the last, as in Get SEL Entry.
+// - An unknown record, an entry without an error code, an unknown error code and an unknown
+//   follow-up handle answer 0xCB (requested data not present); a text offset beyond the
+//   text 0xC9 (parameter out of range); a request of the wrong length 0xC7.
+// - A language without a text gets the English one (every error code has one); the 0x89
+//   answer says in its third field which language it used.
+// - 0x45: the 10 bytes are the record ID, the error code, the flags, the parameter count and
+//   the next record ID; then the length of the English text (at most 255) and as much of the
+//   text as fits a 64-byte answer.
+// - 0x89: p7 bit 0 puts the entry's time before the text, bit 1 the severity after it; p8 is
+//   the language (0: English); p10 the length of the first chunk (0: the profile's chunk size);
+//   p11 is reserved. The answer's fields are the record ID, the record type, the language
+//   used, the error code, the flags, the parameter count, the next record ID, the number of
+//   entries, the text size, the first chunk's length and the follow-up handle. Every chunk
+//   counts its own terminator in the text size and in the follow-up's remaining length, so a
+//   buffer of the text size holds the chunks as they arrive.
+#include <cstdio>
+#include <ctime>
+
+#include "controller.h"
+#include "sel_model.h"
+
+namespace tvxsim {
+namespace {
+
+using nlohmann::json;
+using sel::Log;
+using sel::Model;
+
+constexpr uint8_t kOemCommand = 0xF5;
+constexpr uint8_t kGetErrorCode = 0x72;
+constexpr uint8_t kGetTextChunk = 0x73;
+constexpr uint8_t kGetEntryText = 0x45;
+constexpr uint8_t kGetFollowUp = 0x71;
+constexpr uint8_t kGetEntryAsText = 0x89;
+// Text bytes of one 0x45 answer: 64 bytes less completion code, IANA number, 10 info bytes
+// and the length byte.
+constexpr std::size_t kEntryTextRoom = 64 - 4 - 10 - 1;
+// The first chunk of a 0x89 answer stands from byte 24 on, its terminator within 255 bytes.
+constexpr std::size_t kMaxFirstChunk = 255 - 24 - 1;
+// Follow-up texts kept at a time; the oldest is dropped for a new one.
+constexpr std::size_t kMaxHandles = 16;
+
+const char *const kSuffix[4] = {" (INFO)", " (MINOR)", " (MAJOR)", " (CRITICAL)"};
+
+Log openLog(const Model &m, Context &ctx)
+{
+    Log log(ctx.state, m);
+    if (log.created()) ctx.changed();
+    return log;
+}
+
+// The entry a request names, with its message; fails the answer when there is none.
+struct Found {
+    sel::Entry entry;
+    std::size_t index;
+    const sel::Message *message;
+};
+
+std::optional<Found> findEntry(const Model &m, const Log &log, uint16_t id, Response &rsp)
+{
+    long index = log.indexOf(id);
+    if (index < 0) {
+        rsp.fail(cc::kNotPresent);
+        return std::nullopt;
+    }
+    sel::Entry e = log.at(static_cast<std::size_t>(index));
+    const sel::Message *msg = e.code ? m.message(*e.code) : nullptr;
+    if (!msg) {
+        rsp.fail(cc::kNotPresent);
+        return std::nullopt;
+    }
+    return Found{std::move(e), static_cast<std::size_t>(index), msg};
+}
+
+// "16-Nov-2026 21:45:12 ", as the controller's console shows times.
+std::string timeText(uint32_t t)
+{
+    static const char *const months[12] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                           "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    time_t v = static_cast<time_t>(t);
+    struct tm tm{};
+    if (!gmtime_r(&v, &tm)) return "";
+    char b[40];
+    std::snprintf(b, sizeof b, "%02d-%s-%04d %02d:%02d:%02d ", tm.tm_mday, months[tm.tm_mon % 12], tm.tm_year + 1900,
+                  tm.tm_hour, tm.tm_min, tm.tm_sec);
+    return b;
+}
+
+void getErrorCode(const Model &m, Context &ctx, const Request &req, Response &rsp)
+{
+    if (req.data.size() != 3) return rsp.fail(cc::kRequestLengthInvalid);
+    Log log = openLog(m, ctx);
+    auto f = findEntry(m, log, static_cast<uint16_t>(req.data[1] | req.data[2] << 8), rsp);
+    if (!f) return;
+    rsp.append(*f->entry.code);
+    rsp.u8(sel::severityFlags(f->entry.severity));
+    rsp.u8(static_cast<uint8_t>(f->entry.parameters.size()));
+    for (const auto &p : f->entry.parameters) {
+        rsp.u8(static_cast<uint8_t>(p.size()));
+        rsp.append(std::span<const uint8_t>(reinterpret_cast<const uint8_t *>(p.data()), p.size()));
+    }
+}
+
+void getTextChunk(const Model &m, Context &, const Request &req, Response &rsp)
+{
+    if (req.data.size() != 10) return rsp.fail(cc::kRequestLengthInvalid);
+    sel::ErrorCode code = {req.data[0], req.data[1], req.data[2], req.data[3]};
+    uint16_t offset = static_cast<uint16_t>(req.data[4] | req.data[5] << 8);
+    uint16_t language = static_cast<uint16_t>(req.data[7] | req.data[8] << 8);
+    const sel::Message *msg = m.message(code);
+    if (!msg) return rsp.fail(cc::kNotPresent);
+    const std::string &text = msg->text(language);
+    if (offset > text.size()) return rsp.fail(cc::kParameterOutOfRange);
+    std::size_t n = std::min<std::size_t>(m.chunkSize, text.size() - offset);
+    rsp.u16(static_cast<uint16_t>(text.size()));
+    rsp.u8(static_cast<uint8_t>(n));
+    rsp.append(std::span<const uint8_t>(reinterpret_cast<const uint8_t *>(text.data()) + offset, n));
+    rsp.u8(0);
+}
+
+void getEntryText(const Model &m, Context &ctx, const Request &req, Response &rsp)
+{
+    if (req.data.size() != 2) return rsp.fail(cc::kRequestLengthInvalid);
+    Log log = openLog(m, ctx);
+    auto f = findEntry(m, log, static_cast<uint16_t>(req.data[0] | req.data[1] << 8), rsp);
+    if (!f) return;
+    std::string text = sel::compose(f->message->text(sel::kEnglish), f->entry.parameters);
+    std::size_t length = std::min<std::size_t>(text.size(), 255);
+    rsp.u16(f->entry.id());
+    rsp.append(*f->entry.code);
+    rsp.u8(sel::severityFlags(f->entry.severity));
+    rsp.u8(static_cast<uint8_t>(f->entry.parameters.size()));
+    rsp.u16(log.nextId(f->index));
+    rsp.u8(static_cast<uint8_t>(length));
+    rsp.append(std::span<const uint8_t>(reinterpret_cast<const uint8_t *>(text.data()),
+                                        std::min(length, kEntryTextRoom)));
+}
+
+// The follow-up texts waiting in the machine state: [{"handle": H, "chunks": [...]}, ...],
+// oldest first. Anything unusable there is dropped rather than answered from.
+json &handles(Log &log)
+{
+    json &h = log.raw()["text_handles"];
+    if (!h.is_array()) h = json::array();
+    return h;
+}
+
+bool validHandle(const json &h)
+{
+    if (!h.is_object() || !h.contains("handle") || !h["handle"].is_number_unsigned() || !h.contains("chunks") ||
+        !h["chunks"].is_array())
+        return false;
+    for (const json &c : h["chunks"])
+        if (!c.is_string() || c.get<std::string>().size() > 254) return false;
+    return true;
+}
+
+uint8_t keepFollowUps(Log &log, std::vector<std::string> chunks)
+{
+    json &list = handles(log);
+    json &next = log.raw()["next_handle"];
+    unsigned h = next.is_number_unsigned() ? next.get<unsigned>() : 1;
+    auto inUse = [&](unsigned v) {
+        for (const json &e : list)
+            if (validHandle(e) && e["handle"] == v) return true;
+        return false;
+    };
+    for (unsigned tries = 0; tries < 256; ++tries) {
+        if (h == 0 || h > 0xFF) h = 1;
+        if (!inUse(h)) break;
+        ++h;
+    }
+    while (list.size() >= kMaxHandles) list.erase(list.begin());
+    list.push_back({{"handle", h}, {"chunks", chunks}});
+    next = h + 1;
+    return static_cast<uint8_t>(h);
+}
+
+void getEntryAsText(const Model &m, Context &ctx, const Request &req, Response &rsp)
+{
+    if (req.data.size() != 9) return rsp.fail(cc::kRequestLengthInvalid);
+    Log log = openLog(m, ctx);
+    auto f = findEntry(m, log, static_cast<uint16_t>(req.data[1] | req.data[2] << 8), rsp);
+    if (!f) return;
+    uint8_t form = req.data[3];
+    uint16_t language = static_cast<uint16_t>(req.data[4] | req.data[5] << 8);
+    uint8_t firstWanted = req.data[6];
+    uint16_t used = 0;
+    std::string text = sel::compose(f->message->text(language ? language : sel::kEnglish, &used), f->entry.parameters);
+    if ((form & 0x01) && sel::hasTimestamp(f->entry.type())) text = timeText(f->entry.timestamp()) + text;
+    if (form & 0x02) text += kSuffix[static_cast<uint8_t>(f->entry.severity) & 3];
+
+    std::size_t first = firstWanted ? std::min<std::size_t>(firstWanted, kMaxFirstChunk) : m.chunkSize;
+    std::vector<std::string> chunks = {text.substr(0, first)};
+    for (std::size_t at = first; at < text.size(); at += m.chunkSize) chunks.push_back(text.substr(at, m.chunkSize));
+    std::size_t size = 0;
+    for (const auto &c : chunks) size += c.size() + 1;
+    uint8_t handle = 0;
+    if (chunks.size() > 1) {
+        handle = keepFollowUps(log, std::vector<std::string>(chunks.begin() + 1, chunks.end()));
+        ctx.changed();
+    }
+    rsp.u16(f->entry.id());
+    rsp.u16(f->entry.type());
+    rsp.u16(used);
+    rsp.append(*f->entry.code);
+    rsp.u8(sel::severityFlags(f->entry.severity));
+    rsp.u8(static_cast<uint8_t>(f->entry.parameters.size()));
+    rsp.u16(log.nextId(f->index));
+    rsp.u16(static_cast<uint16_t>(log.size()));
+    rsp.u16(static_cast<uint16_t>(size));
+    rsp.u8(static_cast<uint8_t>(chunks[0].size() + 1));
+    rsp.u8(handle);
+    rsp.append(std::span<const uint8_t>(reinterpret_cast<const uint8_t *>(chunks[0].data()), chunks[0].size()));
+    rsp.u8(0);
+}
+
+void getFollowUp(const Model &m, Context &ctx, const Request &req, Response &rsp)
+{
+    if (req.data.size() != 1) return rsp.fail(cc::kRequestLengthInvalid);
+    Log log = openLog(m, ctx);
+    json &list = handles(log);
+    for (auto it = list.begin(); it != list.end(); ++it) {
+        if (!validHandle(*it) || (*it)["handle"] != req.data[0]) continue;
+        json &chunks = (*it)["chunks"];
+        std::string chunk = chunks.empty() ? std::string() : chunks[0].get<std::string>();
+        if (!chunks.empty()) chunks.erase(chunks.begin());
+        std::size_t remaining = 0;
+        for (const json &c : chunks) remaining += c.get<std::string>().size() + 1;
+        if (chunks.empty()) list.erase(it);
+        ctx.changed();
+        rsp.u16(static_cast<uint16_t>(remaining));
+        rsp.u8(static_cast<uint8_t>(chunk.size() + 1));
+        rsp.append(std::span<const uint8_t>(reinterpret_cast<const uint8_t *>(chunk.data()), chunk.size()));
+        rsp.u8(0);
+        return;
+    }
+    rsp.fail(cc::kNotPresent);
+}
+
+} // namespace
+
+void installEventTextHandlers(Controller &c, std::shared_ptr<const Model> model)
+{
+    using Fn = void (*)(const Model &, Context &, const Request &, Response &);
+    auto on = [&](uint8_t sub, Fn fn) {
+        c.onOemSub(kOemCommand, sub,
+                   [model, fn](Context &ctx, const Request &req, Response &rsp) { fn(*model, ctx, req, rsp); });
+    };
+    on(kGetErrorCode, getErrorCode);
+    on(kGetTextChunk, getTextChunk);
+    on(kGetEntryText, getEntryText);
+    on(kGetFollowUp, getFollowUp);
+    on(kGetEntryAsText, getEntryAsText);
+}
+
+} // namespace tvxsim

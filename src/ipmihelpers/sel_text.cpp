@@ -62,6 +62,7 @@ using tvx::received;
 // Length of the zero-terminated text at the start of view (all of it if unterminated).
 size_t textLength(ByteView v)
 {
+    if (v.size() == 0) return 0; // an answer that ends before its text has none
     const void *zero = std::memchr(v.data(), 0, v.size());
     return zero ? static_cast<size_t>(static_cast<const uint8_t *>(zero) - v.data()) : v.size();
 }

@@ -6,7 +6,8 @@
 //    with its state in memory;
 //  - standard commands the library sends and ipmi_sim lacks (Get SDR Repository Allocation
 //    Info, Warm/Cold Reset, Get/Set SEL Time UTC Offset, Alert Immediate) are answered by
-//    that controller when it models them, else by the plain answers below;
+//    that controller when it models them, else by the plain answers below; Get Self Test
+//    Results and Set/Get ACPI Power State by the controller alone;
 //  - chassis power: Chassis Control changes the power state that Get Chassis Status reports;
 //  - the identity details mc_add cannot carry (auxiliary firmware revision, IPMI version,
 //    device busy) come from the profile.
@@ -190,6 +191,15 @@ void handleAlertImmediate(lmc_data_t *, msg_t *msg, unsigned char *rdata, unsign
     answer({0x00, 0x00}, rdata, rdata_len);
 }
 
+// Commands ipmi_sim lacks that the controller model answers from the profile and its state
+// (Get Self Test Results, Set/Get ACPI Power State).
+void handleFromController(lmc_data_t *, msg_t *msg, unsigned char *rdata, unsigned int *rdata_len, void *)
+{
+    std::vector<uint8_t> out;
+    if (!askController(msg, out)) out = {tvxsim::cc::kInvalidCommand};
+    answer(out, rdata, rdata_len);
+}
+
 // Get Device ID, only for identities ipmi_sim cannot report itself: it always answers IPMI
 // version 2.0, never "device busy", and always the four auxiliary revision bytes.
 void handleGetDeviceId(lmc_data_t *, msg_t *msg, unsigned char *rdata, unsigned int *rdata_len, void *)
@@ -284,6 +294,8 @@ extern "C" __attribute__((visibility("default"))) int ipmi_sim_module_init(sys_d
         {kNetFnStorage, 0x21, handleSdrAllocInfo},   {kNetFnApp, 0x02, handleReset},
         {kNetFnApp, 0x03, handleReset},              {kNetFnStorage, 0x5C, handleGetUtcOffset},
         {kNetFnStorage, 0x5D, handleSetUtcOffset},   {kNetFnSensorEvent, 0x16, handleAlertImmediate},
+        {kNetFnApp, 0x04, handleFromController},     {kNetFnApp, 0x06, handleFromController},
+        {kNetFnApp, 0x07, handleFromController},
     };
     for (const Std &s : standard) rv = rv ? rv : ipmi_emu_register_cmd_handler(s.netfn, s.cmd, s.handler, nullptr);
     const tvxsim::DeviceIdentity &id = m.controller->profile().device;

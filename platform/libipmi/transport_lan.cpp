@@ -22,6 +22,9 @@
 // that failed on a fresh connection is never repeated. Connections idle longer than `idle`
 // milliseconds are closed instead of reused, before the controller's own inactivity timer
 // can make them stale.
+//
+// Time-outs are the target's (timeout=, retransmit=): libfreeipmi fixes them per connection,
+// and the library passes the same `timeout` argument (60) to every request anyway.
 #include <atomic>
 #include <chrono>
 #include <cstring>

@@ -26,7 +26,13 @@ std::string quoted(const std::string &text, const char *what)
 class Commands {
 public:
     void line(const std::string &text) { text_ += text + "\n"; }
-    void comment(const std::string &text) { line("# " + text); }
+    // A comment stays on its line whatever the text holds.
+    void comment(std::string text)
+    {
+        for (char &c : text)
+            if (c == '\n' || c == '\r') c = ' ';
+        line("# " + text);
+    }
     std::string take() { return std::move(text_); }
 
 private:

@@ -1,6 +1,7 @@
 // The platform library and libtvx_toipmi over LAN against ipmi_sim: identity, what the
 // module adds to the simulator, OEM frames, and every kind of failure mapped to its status.
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "libipmi.h"
 #include "libipmi_host.h"
@@ -191,4 +192,59 @@ TEST(RealPeerLibrary, RequestsTheLinkCannotCarryOrThePrivilegeDoesNotAllow)
     // Chassis Control needs the operator privilege; the session has user only.
     check(s.get(), {"chassis control at user privilege", 0x00, 0x02, {0x01}, cc(0xD4), {0xD4}});
     ipmihost_select_default();
+}
+
+// The identity reaches ipmi_sim through mc_add where mc_add can carry it, and through the
+// module where it cannot (auxiliary revision, IPMI 1.5, device busy, no auxiliary bytes).
+TEST(RealPeerLibrary, EveryIdentityFieldComesFromTheProfile)
+{
+    struct Variant {
+        const char *what;
+        nlohmann::json controller;
+    };
+    const Variant variants[] = {
+        {"every field mc_add carries, changed",
+         {{"device_id", "0x51"}, {"device_revision", 7}, {"provides_device_sdrs", false},
+          {"firmware_revision", "12.07"}, {"additional_device_support", {"sensor"}}, {"manufacturer_id", 4660},
+          {"product_id", "0x4242"}, {"aux_firmware_revision", "01 02 03 04"}}},
+        {"what only the module can answer",
+         {{"device_id", "0x20"}, {"firmware_revision", "1.00"}, {"ipmi_version", "1.5"}, {"device_busy", true},
+          {"manufacturer_id", 32473}, {"product_id", 1}}},
+    };
+    int index = 0;
+    for (const Variant &v : variants) {
+        SCOPED_TRACE(v.what);
+        std::string dir = workDir("identity-" + std::to_string(index));
+        nlohmann::json doc = {{"description", v.what}, {"controller", v.controller}};
+        std::string profile = writeFile(dir, "identity" + std::to_string(index++) + ".json", doc.dump());
+        auto peer = startPeer("identity-peer-" + std::to_string(index), profile);
+        select(*peer);
+        LibSession s;
+        ASSERT_NE(s.get(), nullptr) << ipmihost_last_error();
+        Bytes want = {0x00};
+        Bytes data = tvxsim::loadProfile(profile).device.responseData();
+        want.insert(want.end(), data.begin(), data.end());
+        Bytes response;
+        EXPECT_EQ(raw(s.get(), 0x06, 0x01, {}, response), 0);
+        EXPECT_EQ(response, want);
+        ipmihost_select_default();
+    }
+}
+
+TEST(RealPeerConfiguration, RefusesWhatTheFilesCannotHold)
+{
+    tvxsim::ipmisim::LanOptions o;
+    o.users = {{2, "admin", "se\"cret", "admin"}};
+    EXPECT_THROW(tvxsim::ipmisim::lanConf(o), tvxsim::ProfileError);
+    o.users = {{1, "anon", "x", "user"}};
+    EXPECT_THROW(tvxsim::ipmisim::lanConf(o), tvxsim::ProfileError);
+    o.users = {{2, "admin", "secret", "admin"}};
+    o.modulePath = "/m.so";
+    o.profilePath = "/a path/with spaces.json";
+    EXPECT_THROW(tvxsim::ipmisim::lanConf(o), tvxsim::ProfileError);
+    // A profile's description cannot break the command file out of its comment line.
+    auto p = tvxsim::parseProfile(R"({"description": "two\nlines", "controller": {"firmware_revision": "1.00", "manufacturer_id": 1, "product_id": 2}})",
+                                  "x.json");
+    std::string commands = tvxsim::ipmisim::commandFile(p);
+    EXPECT_EQ(commands.find("\nlines"), std::string::npos) << commands;
 }

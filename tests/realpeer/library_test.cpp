@@ -248,3 +248,22 @@ TEST(RealPeerConfiguration, RefusesWhatTheFilesCannotHold)
     std::string commands = tvxsim::ipmisim::commandFile(p);
     EXPECT_EQ(commands.find("\nlines"), std::string::npos) << commands;
 }
+
+// An unmodified client program finds the controller through the environment alone.
+TEST(RealPeerLibrary, TheEnvironmentSelectsALanTarget)
+{
+    auto &peer = defaultPeer();
+    ipmihost_select_default();
+    std::string target = "lan://admin@" + peer.hostPort() + "?workaround=opensesspriv&timeout=2000";
+    setenv(IPMIHOST_TARGET_ENV, target.c_str(), 1);
+    setenv(IPMIHOST_PASSWORD_ENV, peer.options().users.front().password.c_str(), 1);
+    {
+        LibSession s;
+        ASSERT_NE(s.get(), nullptr) << ipmihost_last_error();
+        EXPECT_EQ(ipmiGetDeviceId(s.get()).manufacturerId[0], 0xD9);
+        EXPECT_NE(std::string(ipmihost_describe_target()).find("password from $TVX_IPMI_PASSWORD"), std::string::npos);
+    }
+    unsetenv(IPMIHOST_TARGET_ENV);
+    unsetenv(IPMIHOST_PASSWORD_ENV);
+    ipmihost_select_default();
+}

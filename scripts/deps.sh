@@ -3,7 +3,8 @@
 # refreshed only when something is missing, so a prepared machine needs no network.
 set -euo pipefail
 packages=(g++ gcc make cmake pkg-config binutils libgtest-dev libgmock-dev libbenchmark-dev
-          nlohmann-json3-dev libfreeipmi-dev)
+          nlohmann-json3-dev
+          libfreeipmi-dev libopenipmi-dev openipmi ipmitool freeipmi-tools)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -303,6 +303,17 @@ LIBIPMI_API uint16_t IPMICMD_GetChannelInfo(IpmiSession *s, ChannelInfoRequest *
         ChannelInfoResponse *res, int timeout);
 LIBIPMI_API uint16_t IPMICMD_GetLANConfig(IpmiSession *s, LanConfigGetRequest *req,
         LanConfigGetResponse *res, int timeout);
+/* SetLANConfig writes the parameter so that it takes effect on every controller, including
+   those that keep a parameter written outside a set-in-progress / commit transaction only
+   until the next commit, or lose it (OpenIPMI's simulator with a LAN configuration program
+   does): for any selector but 0 it sends Set In Progress (parameter 0 = 1), the parameter,
+   Commit Write (0 = 2) when the write succeeded, then Set Complete (0 = 0) in every case, so
+   that no transaction is left open. A controller without the transaction (0x80 to Set In
+   Progress) gets the parameter alone; one where another client holds a transaction (0x81)
+   gets the parameter alone, which joins that transaction. Any other failure of Set In
+   Progress is returned with nothing written. The status and *res are those of the parameter
+   write itself. Selector 0 is sent as given, in one request: the caller runs the transaction
+   then. (platform/libipmi/lan_config_commit.h implements this sequence.) */
 LIBIPMI_API uint16_t IPMICMD_SetLANConfig(IpmiSession *s, LanConfigSetRequest *req, uint32_t reqLen,
         uint8_t *res, int timeout);
 

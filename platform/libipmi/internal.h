@@ -80,6 +80,8 @@ std::shared_ptr<Target> makeTarget(const std::string &spec, const std::string &s
 std::shared_ptr<Target> makeMachineTarget(const std::string &profilePath, const std::string &stateDir,
                                           bool reset = false);
 std::shared_ptr<Target> scriptTarget();
+// A controller over IPMI-over-LAN from a "lan://" target string (transport_lan.cpp).
+std::shared_ptr<Target> makeLanTarget(const std::string &spec);
 void setSelectedTarget(std::shared_ptr<Target> target);
 
 void setLastError(const std::string &message);

@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include "internal.h"
+#include "lan_spec.h"
 #include "libipmi_host.h"
 
 namespace libipmi {
@@ -63,9 +64,12 @@ std::shared_ptr<Target> makeTarget(const std::string &spec, const std::string &s
         return makeMachineTarget(path, stateDir, reset);
     }
     if (spec == "script:" || spec == "script") return scriptTarget();
+    if (spec.rfind("lan://", 0) == 0) return makeLanTarget(spec);
     if (endsWith(spec, ".json")) return makeMachineTarget(spec, stateDir, reset);
-    setLastError("unknown target \"" + spec +
-                 "\" (expected \"default\", \"machine:PATH\", a profile path ending in .json, or \"script:\")");
+    // A mistyped LAN target may carry a password: never repeat it.
+    setLastError("unknown target \"" + lan::redact(spec) +
+                 "\" (expected \"default\", \"machine:PATH\", a profile path ending in .json, \"lan://USER@HOST\" "
+                 "or \"script:\")");
     return nullptr;
 }
 

@@ -1,0 +1,323 @@
+// An ipmi_sim module that turns OpenIPMI's LAN simulator into a controller of a machine
+// profile, as far as ipmi_sim itself does not already model it:
+//
+//  - vendor OEM requests (NetFn 0x2E, the profile's IANA number) are answered by the same
+//    OEM handlers as the virtual controller: a tvxsim::Controller built from the profile,
+//    with its state in memory;
+//  - standard commands the library sends and ipmi_sim lacks (Get SDR Repository Allocation
+//    Info, Warm/Cold Reset, Get/Set SEL Time UTC Offset, Alert Immediate) are answered by
+//    that controller when it models them, else by the plain answers below; Get Self Test
+//    Results and Set/Get ACPI Power State by the controller alone;
+//  - chassis power: Chassis Control changes the power state that Get Chassis Status reports;
+//  - the identity details mc_add cannot carry (auxiliary firmware revision, IPMI version,
+//    device busy) come from the profile.
+//
+// Loaded by ipmi_sim through its configuration:  loadlib "PATH/tvx_ipmi_sim.so" "profile=PATH"
+// ipmi_sim is a single-threaded event loop, so the handlers need no locking.
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+extern "C" {
+#include <OpenIPMI/mcserv.h>
+#include <OpenIPMI/serv.h>
+}
+
+#include "controller.h"
+#include "profile.h"
+
+namespace {
+
+constexpr unsigned char kNetFnSensorEvent = 0x04;
+constexpr unsigned char kNetFnApp = 0x06;
+constexpr unsigned char kNetFnStorage = 0x0A;
+constexpr unsigned char kNetFnOemGroup = 0x2E;
+
+// ipmi_sim sends at most 31 bytes after the IANA number of an OEM answer.
+constexpr std::size_t kMaxOemDataAfterIana = 31;
+// Every answer of ipmi_sim, completion code included.
+constexpr std::size_t kMaxAnswer = 36;
+
+struct Module {
+    sys_data_t *sys = nullptr;
+    std::unique_ptr<tvxsim::Controller> controller;
+    std::string profilePath;
+    // The chassis power model.
+    bool powerOn = true;
+    // SEL time offset from UTC in minutes; 0x07FF: unspecified.
+    uint16_t utcOffset = 0x07FF;
+};
+
+Module &module()
+{
+    static Module m;
+    return m;
+}
+
+void logLine(const std::string &text)
+{
+    Module &m = module();
+    if (m.sys && m.sys->log) m.sys->log(m.sys, SETUP_ERROR, nullptr, "tvx module: %s", text.c_str());
+    else std::fprintf(stderr, "tvx module: %s\n", text.c_str());
+}
+
+void answer(const std::vector<uint8_t> &bytes, unsigned char *rdata, unsigned int *rdata_len)
+{
+    std::size_t n = bytes.size() > kMaxAnswer ? kMaxAnswer : bytes.size();
+    if (n == 0) {
+        rdata[0] = tvxsim::cc::kUnspecified;
+        *rdata_len = 1;
+        return;
+    }
+    std::memcpy(rdata, bytes.data(), n);
+    *rdata_len = static_cast<unsigned int>(n);
+}
+
+// The controller's answer to a standard command, unless it does not model the command (or
+// cannot answer at all).
+bool askController(const msg_t *msg, std::vector<uint8_t> &out)
+{
+    Module &m = module();
+    if (!m.controller) return false;
+    tvxsim::Reply reply;
+    try {
+        reply = m.controller->handle(msg->netfn & 0x3E, msg->rs_lun & 3, msg->cmd,
+                                     std::span<const uint8_t>(msg->data, msg->len));
+    } catch (const std::exception &e) {
+        logLine(e.what());
+        return false;
+    }
+    if (!reply.answered || reply.bytes.empty() || reply.bytes[0] == tvxsim::cc::kInvalidCommand) return false;
+    out = std::move(reply.bytes);
+    return true;
+}
+
+// ---- OEM requests ---------------------------------------------------------------------------
+
+// ipmi_sim has taken the IANA number off the request and puts it back after the completion
+// code of the answer; the controller frames both itself, so it is put back on the way in and
+// taken off again on the way out.
+void handleOem(lmc_data_t *, msg_t *msg, unsigned char *rdata, unsigned int *rdata_len, void *)
+{
+    Module &m = module();
+    std::vector<uint8_t> request{static_cast<uint8_t>(msg->iana), static_cast<uint8_t>(msg->iana >> 8),
+                                 static_cast<uint8_t>(msg->iana >> 16)};
+    request.insert(request.end(), msg->data, msg->data + msg->len);
+    tvxsim::Reply reply;
+    try {
+        reply = m.controller->handle(kNetFnOemGroup, msg->rs_lun & 3, msg->cmd, request);
+    } catch (const std::exception &e) {
+        logLine(e.what());
+        answer({tvxsim::cc::kUnspecified}, rdata, rdata_len);
+        return;
+    }
+    if (!reply.answered || reply.bytes.empty()) {
+        // ipmi_sim always answers; the nearest it can say to "nothing" is that the command
+        // timed out inside the controller.
+        answer({tvxsim::cc::kTimeout}, rdata, rdata_len);
+        return;
+    }
+    std::vector<uint8_t> out{reply.bytes[0]};
+    if (reply.bytes.size() > 4) out.insert(out.end(), reply.bytes.begin() + 4, reply.bytes.end());
+    if (out.size() - 1 > kMaxOemDataAfterIana) out = {tvxsim::cc::kCannotReturnBytes};
+    answer(out, rdata, rdata_len);
+}
+
+// ---- Standard commands ipmi_sim lacks -------------------------------------------------------
+
+void handleSdrAllocInfo(lmc_data_t *, msg_t *msg, unsigned char *rdata, unsigned int *rdata_len, void *)
+{
+    std::vector<uint8_t> out;
+    if (askController(msg, out)) return answer(out, rdata, rdata_len);
+    if (msg->len != 0) return answer({tvxsim::cc::kRequestLengthInvalid}, rdata, rdata_len);
+    // ipmi_sim reports 0xFFFE bytes free in Get SDR Repository Info; in units of 16 bytes that
+    // is 0x0FFF of 0x1000 units. The largest record is a full sensor record, 64 bytes.
+    constexpr uint16_t kUnits = 0x1000, kUnitSize = 16, kFree = 0x0FFF;
+    constexpr uint8_t kMaxRecordUnits = 4;
+    out = {0x00,
+           kUnits & 0xFF,
+           kUnits >> 8,
+           kUnitSize & 0xFF,
+           kUnitSize >> 8,
+           kFree & 0xFF,
+           kFree >> 8,
+           kFree & 0xFF,
+           kFree >> 8,
+           kMaxRecordUnits};
+    answer(out, rdata, rdata_len);
+}
+
+void handleReset(lmc_data_t *, msg_t *msg, unsigned char *rdata, unsigned int *rdata_len, void *)
+{
+    std::vector<uint8_t> out;
+    if (askController(msg, out)) return answer(out, rdata, rdata_len);
+    if (msg->len != 0) return answer({tvxsim::cc::kRequestLengthInvalid}, rdata, rdata_len);
+    // A simulated controller restarts instantly and keeps its sessions.
+    answer({0x00}, rdata, rdata_len);
+}
+
+void handleGetUtcOffset(lmc_data_t *, msg_t *msg, unsigned char *rdata, unsigned int *rdata_len, void *)
+{
+    std::vector<uint8_t> out;
+    if (askController(msg, out)) return answer(out, rdata, rdata_len);
+    if (msg->len != 0) return answer({tvxsim::cc::kRequestLengthInvalid}, rdata, rdata_len);
+    uint16_t v = module().utcOffset;
+    answer({0x00, static_cast<uint8_t>(v), static_cast<uint8_t>(v >> 8)}, rdata, rdata_len);
+}
+
+void handleSetUtcOffset(lmc_data_t *, msg_t *msg, unsigned char *rdata, unsigned int *rdata_len, void *)
+{
+    std::vector<uint8_t> out;
+    if (askController(msg, out)) return answer(out, rdata, rdata_len);
+    if (msg->len != 2) return answer({tvxsim::cc::kRequestLengthInvalid}, rdata, rdata_len);
+    uint16_t v = static_cast<uint16_t>(msg->data[0] | msg->data[1] << 8);
+    int16_t minutes = static_cast<int16_t>(v);
+    if (v != 0x07FF && (minutes < -1440 || minutes > 1440))
+        return answer({tvxsim::cc::kParameterOutOfRange}, rdata, rdata_len);
+    module().utcOffset = v;
+    answer({0x00}, rdata, rdata_len);
+}
+
+void handleAlertImmediate(lmc_data_t *, msg_t *msg, unsigned char *rdata, unsigned int *rdata_len, void *)
+{
+    std::vector<uint8_t> out;
+    if (askController(msg, out)) return answer(out, rdata, rdata_len);
+    if (msg->len < 2) return answer({tvxsim::cc::kRequestLengthInvalid}, rdata, rdata_len);
+    // The alert goes nowhere but is reported as sent: status 0x00, normal end.
+    answer({0x00, 0x00}, rdata, rdata_len);
+}
+
+// Commands ipmi_sim lacks that the controller model answers from the profile and its state
+// (Get Self Test Results, Set/Get ACPI Power State).
+void handleFromController(lmc_data_t *, msg_t *msg, unsigned char *rdata, unsigned int *rdata_len, void *)
+{
+    std::vector<uint8_t> out;
+    if (!askController(msg, out)) out = {tvxsim::cc::kInvalidCommand};
+    answer(out, rdata, rdata_len);
+}
+
+// Get Device ID, only for identities ipmi_sim cannot report itself: it always answers IPMI
+// version 2.0, never "device busy", and always the four auxiliary revision bytes.
+void handleGetDeviceId(lmc_data_t *, msg_t *msg, unsigned char *rdata, unsigned int *rdata_len, void *)
+{
+    std::vector<uint8_t> out;
+    if (!askController(msg, out)) out = {tvxsim::cc::kUnspecified};
+    answer(out, rdata, rdata_len);
+}
+
+// ---- Chassis power ----------------------------------------------------------------------------
+
+int chassisSet(lmc_data_t *, int op, unsigned char *val, void *)
+{
+    Module &m = module();
+    switch (op) {
+    case CHASSIS_CONTROL_POWER:
+        // ipmi_sim itself turns a power cycle into off, then on again a second later.
+        m.powerOn = *val != 0;
+        return 0;
+    case CHASSIS_CONTROL_GRACEFUL_SHUTDOWN:
+        m.powerOn = false;
+        return 0;
+    case CHASSIS_CONTROL_RESET:
+    case CHASSIS_CONTROL_BOOT:
+    case CHASSIS_CONTROL_BOOT_INFO_ACK:
+    case CHASSIS_CONTROL_IDENTIFY:
+        return 0;
+    default:
+        return EINVAL;
+    }
+}
+
+int chassisGet(lmc_data_t *, int op, unsigned char *val, void *)
+{
+    Module &m = module();
+    switch (op) {
+    case CHASSIS_CONTROL_POWER:
+        *val = m.powerOn ? 1 : 0;
+        return 0;
+    default:
+        *val = 0;
+        return 0;
+    }
+}
+
+std::string option(const char *opts, const char *name)
+{
+    std::string all = opts ? opts : "";
+    std::string key = std::string(name) + "=";
+    std::size_t start = 0;
+    while (start < all.size()) {
+        std::size_t end = all.find(' ', start);
+        std::string item = all.substr(start, end == std::string::npos ? std::string::npos : end - start);
+        if (item.rfind(key, 0) == 0) return item.substr(key.size());
+        if (end == std::string::npos) break;
+        start = end + 1;
+    }
+    return "";
+}
+
+} // namespace
+
+extern "C" __attribute__((visibility("default"))) int ipmi_sim_module_print_version(sys_data_t *, char *)
+{
+    std::printf("tvx ipmi_sim module 1.0\n");
+    return 0;
+}
+
+extern "C" __attribute__((visibility("default"))) int ipmi_sim_module_init(sys_data_t *sys, const char *options)
+{
+    // A console client that disconnects early must not kill the simulator.
+    std::signal(SIGPIPE, SIG_IGN);
+    Module &m = module();
+    m.sys = sys;
+    m.profilePath = option(options, "profile");
+    if (m.profilePath.empty()) {
+        logLine("no profile given (loadlib \"...\" \"profile=PATH\")");
+        return EINVAL;
+    }
+    try {
+        m.controller = std::make_unique<tvxsim::Controller>(tvxsim::loadProfile(m.profilePath), "");
+    } catch (const std::exception &e) {
+        logLine(e.what());
+        return EINVAL;
+    }
+    int rv = ipmi_emu_register_iana_handler(m.controller->profile().oemIana, handleOem, nullptr);
+    struct Std {
+        unsigned char netfn, cmd;
+        cmd_handler_f handler;
+    };
+    const Std standard[] = {
+        {kNetFnStorage, 0x21, handleSdrAllocInfo},   {kNetFnApp, 0x02, handleReset},
+        {kNetFnApp, 0x03, handleReset},              {kNetFnStorage, 0x5C, handleGetUtcOffset},
+        {kNetFnStorage, 0x5D, handleSetUtcOffset},   {kNetFnSensorEvent, 0x16, handleAlertImmediate},
+        {kNetFnApp, 0x04, handleFromController},     {kNetFnApp, 0x06, handleFromController},
+        {kNetFnApp, 0x07, handleFromController},
+    };
+    for (const Std &s : standard) rv = rv ? rv : ipmi_emu_register_cmd_handler(s.netfn, s.cmd, s.handler, nullptr);
+    const tvxsim::DeviceIdentity &id = m.controller->profile().device;
+    if (!rv && (id.ipmiVersionBcd != 0x02 || id.busy || !id.auxFirmwareRevision))
+        rv = ipmi_emu_register_cmd_handler(kNetFnApp, 0x01, handleGetDeviceId, nullptr);
+    if (rv) logLine("cannot register the command handlers");
+    return rv;
+}
+
+extern "C" __attribute__((visibility("default"))) void ipmi_sim_module_post_init(sys_data_t *sys)
+{
+    Module &m = module();
+    lmc_data_t *mc = sys->ipmb_addrs[sys->bmc_ipmb];
+    if (!mc || !m.controller) {
+        logLine("no controller at the BMC's address (mc_add missing?)");
+        return;
+    }
+    ipmi_mc_set_chassis_control_func(mc, chassisSet, chassisGet, nullptr);
+    const tvxsim::DeviceIdentity &id = m.controller->profile().device;
+    if (id.auxFirmwareRevision) {
+        unsigned char aux[4];
+        std::memcpy(aux, id.auxFirmwareRevision->data(), 4);
+        ipmi_mc_set_aux_fw_revision(mc, aux);
+    }
+}

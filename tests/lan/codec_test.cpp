@@ -1,0 +1,67 @@
+// What libfreeipmi reports, as this library's statuses and answers.
+#include <freeipmi/api/ipmi-api.h>
+#include <gtest/gtest.h>
+
+#include "lan_codec.h"
+
+using namespace libipmi;
+
+TEST(LanCodec, ErrorsMapToTheLibraryStatuses)
+{
+    const std::pair<int, uint16_t> cases[] = {
+        {IPMI_ERR_USERNAME_INVALID, LIBIPMI_STATUS_AUTH_FAILED},
+        {IPMI_ERR_PASSWORD_INVALID, LIBIPMI_STATUS_AUTH_FAILED},
+        {IPMI_ERR_K_G_INVALID, LIBIPMI_STATUS_AUTH_FAILED},
+        {IPMI_ERR_PRIVILEGE_LEVEL_INSUFFICIENT, LIBIPMI_STATUS_AUTH_FAILED},
+        {IPMI_ERR_PRIVILEGE_LEVEL_CANNOT_BE_OBTAINED, LIBIPMI_STATUS_AUTH_FAILED},
+        {IPMI_ERR_CIPHER_SUITE_ID_UNAVAILABLE, LIBIPMI_STATUS_AUTH_FAILED},
+        {IPMI_ERR_IPMI_2_0_UNAVAILABLE, LIBIPMI_STATUS_AUTH_FAILED},
+        {IPMI_ERR_SESSION_TIMEOUT, LIBIPMI_STATUS_TIMEOUT},
+        {IPMI_ERR_CONNECTION_TIMEOUT, LIBIPMI_STATUS_TIMEOUT},
+        {IPMI_ERR_HOSTNAME_INVALID, LIBIPMI_STATUS_CONFIG_ERROR},
+        {IPMI_ERR_OUT_OF_MEMORY, LIBIPMI_STATUS_NO_MEMORY},
+        {IPMI_ERR_SYSTEM_ERROR, LIBIPMI_STATUS_TRANSPORT},
+        {IPMI_ERR_BAD_RMCPPLUS_STATUS_CODE, LIBIPMI_STATUS_TRANSPORT},
+        {IPMI_ERR_INTERNAL_ERROR, LIBIPMI_STATUS_TRANSPORT},
+    };
+    for (auto [errnum, status] : cases) {
+        EXPECT_EQ(lan::statusForError(errnum), status) << "errnum " << errnum;
+        // None of these may look like a completion code.
+        EXPECT_FALSE(LIBIPMI_STATUS_IS_COMPLETION_CODE(lan::statusForError(errnum)));
+    }
+    EXPECT_TRUE(lan::connectionLost(IPMI_ERR_SESSION_TIMEOUT));
+    EXPECT_TRUE(lan::connectionLost(IPMI_ERR_SYSTEM_ERROR));
+    EXPECT_FALSE(lan::connectionLost(IPMI_ERR_PARAMETERS));
+}
+
+TEST(LanCodec, RawResponsesLoseTheCommandByte)
+{
+    struct Case {
+        uint8_t command;
+        std::vector<uint8_t> raw;
+        uint16_t status;
+        std::optional<std::vector<uint8_t>> bytes;
+    };
+    const Case cases[] = {
+        {0x01, {0x01, 0x00, 0x20, 0x83}, LIBIPMI_STATUS_OK, std::vector<uint8_t>{0x00, 0x20, 0x83}},
+        {0x01, {0x01, 0xC1}, LIBIPMI_STATUS_COMPLETION_CODE(0xC1), std::vector<uint8_t>{0xC1}},
+        {0x2D, {0x2D, 0xCB, 0x01}, LIBIPMI_STATUS_COMPLETION_CODE(0xCB), std::vector<uint8_t>{0xCB, 0x01}},
+        // Nothing after the command byte: no completion code.
+        {0x01, {0x01}, LIBIPMI_STATUS_BAD_RESPONSE, std::nullopt},
+        {0x01, {}, LIBIPMI_STATUS_BAD_RESPONSE, std::nullopt},
+        // The answer to another command.
+        {0x01, {0x02, 0x00}, LIBIPMI_STATUS_BAD_RESPONSE, std::nullopt},
+    };
+    for (const Case &c : cases) {
+        Answer a = lan::answerFromRaw(c.command, c.raw);
+        EXPECT_EQ(a.status, c.status);
+        EXPECT_EQ(a.bytes, c.bytes);
+    }
+    // Never more than the platform's largest response.
+    std::vector<uint8_t> huge(LIBIPMI_MAX_RESPONSE_LEN + 10, 0x11);
+    huge[0] = 0x05;
+    huge[1] = 0x00;
+    Answer a = lan::answerFromRaw(0x05, huge);
+    ASSERT_TRUE(a.bytes);
+    EXPECT_EQ(a.bytes->size(), LIBIPMI_MAX_RESPONSE_LEN);
+}

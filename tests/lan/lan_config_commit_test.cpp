@@ -1,0 +1,77 @@
+// The committed LAN parameter write, against a scripted controller standing in for the one
+// raw exchange it is built on.
+#include <deque>
+
+#include <gtest/gtest.h>
+
+#include "internal.h"
+#include "lan_config_commit.h"
+
+namespace {
+
+struct Sent {
+    uint8_t netFn, command;
+    std::vector<uint8_t> data;
+};
+
+std::vector<Sent> gSent;
+std::deque<uint16_t> gAnswers; // the status for each request in turn (0 when none is left)
+
+} // namespace
+
+// The test's own raw exchange: records the request and answers with the next status.
+uint16_t libipmi::exchange(IpmiSession *, uint8_t netFn, uint8_t command, std::span<const uint8_t> request,
+                           std::vector<uint8_t> &response, int)
+{
+    gSent.push_back({netFn, command, std::vector<uint8_t>(request.begin(), request.end())});
+    uint16_t status = 0;
+    if (!gAnswers.empty()) status = gAnswers.front(), gAnswers.pop_front();
+    if (status == 0) response = {0x00};
+    else if (LIBIPMI_STATUS_IS_COMPLETION_CODE(status)) response = {static_cast<uint8_t>(status & 0xFF)};
+    else response.clear();
+    return status;
+}
+
+TEST(LanConfigCommit, WritesInsideATransactionWhereThereIsOne)
+{
+    using V = std::vector<uint8_t>;
+    constexpr uint16_t cc80 = LIBIPMI_STATUS_COMPLETION_CODE(0x80), cc81 = LIBIPMI_STATUS_COMPLETION_CODE(0x81),
+                       ccC9 = LIBIPMI_STATUS_COMPLETION_CODE(0xC9);
+    const V ip = {0x01, 0x03, 192, 168, 1, 2};
+    const V lock = {0x01, 0x00, 0x01}, commit = {0x01, 0x00, 0x02}, done = {0x01, 0x00, 0x00};
+    struct Case {
+        const char *what;
+        V request;
+        std::deque<uint16_t> answers;
+        std::vector<V> sent;
+        uint16_t status;
+    };
+    const Case cases[] = {
+        {"the transaction, committed and ended", ip, {}, {lock, ip, commit, done}, 0},
+        {"a refused write is not committed, but the transaction ends", ip, {0, ccC9}, {lock, ip, done}, ccC9},
+        {"no transaction on this controller", ip, {cc80}, {lock, ip}, 0},
+        {"another client's transaction is joined, not ended", ip, {cc81, 0}, {lock, ip}, 0},
+        {"no answer to Set In Progress: nothing written", ip, {LIBIPMI_STATUS_TIMEOUT}, {lock},
+         LIBIPMI_STATUS_TIMEOUT},
+        {"a failed commit still ends the transaction", ip, {0, 0, cc80, 0}, {lock, ip, commit, done}, 0},
+        {"selector 0 goes as given", V{0x01, 0x00, 0x01}, {}, {V{0x01, 0x00, 0x01}}, 0},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        gSent.clear();
+        gAnswers = c.answers;
+        std::vector<uint8_t> response;
+        uint16_t status = libipmi::setLanParameterCommitted(nullptr, c.request, response, 60);
+        EXPECT_EQ(status, c.status);
+        ASSERT_EQ(gSent.size(), c.sent.size());
+        for (std::size_t i = 0; i < gSent.size(); ++i) {
+            EXPECT_EQ(gSent[i].netFn, 0x0C);
+            EXPECT_EQ(gSent[i].command, 0x01);
+            EXPECT_EQ(gSent[i].data, c.sent[i]) << "request " << i;
+        }
+        // The response is the parameter write's own.
+        if (c.status == ccC9) {
+            EXPECT_EQ(response, V{0xC9});
+        }
+    }
+}

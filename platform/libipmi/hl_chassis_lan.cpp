@@ -3,6 +3,7 @@
 
 #include "command.h"
 #include "internal.h"
+#include "lan_config_commit.h"
 
 namespace libipmi {
 namespace {
@@ -13,7 +14,6 @@ constexpr uint8_t kNetFnTransport = 0x0C;
 constexpr uint8_t kGetChassisStatus = 0x01;
 constexpr uint8_t kChassisControl = 0x02;
 constexpr uint8_t kGetChannelInfo = 0x42;
-constexpr uint8_t kSetLanConfig = 0x01;
 constexpr uint8_t kGetLanConfig = 0x02;
 
 uint16_t chassisControl(IpmiSession *s, uint8_t action, int timeout)
@@ -66,14 +66,15 @@ extern "C" uint16_t IPMICMD_GetLANConfig(IpmiSession *s, LanConfigGetRequest *re
                          std::span<const uint8_t>(reinterpret_cast<const uint8_t *>(req), sizeof *req), res, 2, timeout);
 }
 
+// Inside a set-in-progress / commit transaction where the controller has one (see the
+// declaration), so that the write takes effect on every kind of controller.
 extern "C" uint16_t IPMICMD_SetLANConfig(IpmiSession *s, LanConfigSetRequest *req, uint32_t reqLen, uint8_t *res,
                                          int timeout)
 {
     if (!req || reqLen < 2 || reqLen > sizeof *req) return LIBIPMI_STATUS_INVALID_ARGUMENT;
     std::vector<uint8_t> rsp;
-    uint16_t status =
-        exchange(s, kNetFnTransport, kSetLanConfig,
-                 std::span<const uint8_t>(reinterpret_cast<const uint8_t *>(req), reqLen), rsp, timeout);
+    uint16_t status = setLanParameterCommitted(
+        s, std::span<const uint8_t>(reinterpret_cast<const uint8_t *>(req), reqLen), rsp, timeout);
     if (res && !rsp.empty()) *res = rsp[0];
     return status;
 }

@@ -154,7 +154,7 @@ json &handles(Log &log)
 
 bool validHandle(const json &h)
 {
-    if (!h.is_object() || !h.contains("handle") || !h["handle"].is_number_unsigned() || !h.contains("chunks") ||
+    if (!h.is_object() || !h.contains("handle") || !h["handle"].is_number_integer() || !h.contains("chunks") ||
         !h["chunks"].is_array())
         return false;
     for (const json &c : h["chunks"])
@@ -166,13 +166,13 @@ uint8_t keepFollowUps(Log &log, std::vector<std::string> chunks)
 {
     json &list = handles(log);
     json &next = log.raw()["next_handle"];
-    unsigned h = next.is_number_unsigned() ? next.get<unsigned>() : 1;
-    auto inUse = [&](unsigned v) {
+    int64_t h = next.is_number_integer() ? next.get<int64_t>() : 1;
+    auto inUse = [&](int64_t v) {
         for (const json &e : list)
             if (validHandle(e) && e["handle"] == v) return true;
         return false;
     };
-    for (unsigned tries = 0; tries < 256; ++tries) {
+    for (int tries = 0; tries < 256; ++tries) {
         if (h == 0 || h > 0xFF) h = 1;
         if (!inUse(h)) break;
         ++h;

@@ -327,6 +327,12 @@ void parseSensorNames(const Profile &p, Model &m)
                        " (run 'tvxctl reset' to start the machine afresh from its profile)");
 }
 
+// A whole number from 0 to max (numbers made in memory may be signed, those read back not).
+bool inRange(const json &v, int64_t max)
+{
+    return v.is_number_integer() && v.get<int64_t>() >= 0 && v.get<int64_t>() <= max;
+}
+
 std::string recordHex(const Record &r)
 {
     std::string s;
@@ -525,7 +531,7 @@ Log::Log(json &state, const Model &model)
 uint16_t Log::number(const char *key) const
 {
     auto it = sel_->find(key);
-    if (it == sel_->end() || !it->is_number_unsigned() || it->get<uint64_t>() > 0xFFFF)
+    if (it == sel_->end() || !inRange(*it, 0xFFFF))
         corrupt(std::string("/") + key, "expected a number from 0 to 65535");
     return it->get<uint16_t>();
 }
@@ -533,7 +539,7 @@ uint16_t Log::number(const char *key) const
 uint16_t Log::idAt(std::size_t index) const
 {
     const json &r = (*records_)[index];
-    if (!r.is_object() || !r.contains("id") || !r["id"].is_number_unsigned() || r["id"].get<uint64_t>() > 0xFFFE)
+    if (!r.is_object() || !r.contains("id") || !inRange(r["id"], 0xFFFE))
         corrupt("/records/" + std::to_string(index) + "/id", "expected a record ID");
     return r["id"].get<uint16_t>();
 }
@@ -621,7 +627,7 @@ void Log::clear()
 uint32_t Log::lastAdd() const
 {
     auto it = sel_->find("last_add");
-    if (it == sel_->end() || !it->is_number_unsigned() || it->get<uint64_t>() > 0xFFFFFFFF)
+    if (it == sel_->end() || !inRange(*it, 0xFFFFFFFF))
         corrupt("/last_add", "expected a time");
     return it->get<uint32_t>();
 }
@@ -629,7 +635,7 @@ uint32_t Log::lastAdd() const
 uint32_t Log::lastErase() const
 {
     auto it = sel_->find("last_erase");
-    if (it == sel_->end() || !it->is_number_unsigned() || it->get<uint64_t>() > 0xFFFFFFFF)
+    if (it == sel_->end() || !inRange(*it, 0xFFFFFFFF))
         corrupt("/last_erase", "expected a time");
     return it->get<uint32_t>();
 }
@@ -664,7 +670,7 @@ uint32_t Log::now() const
     auto c = sel_->find("clock");
     if (c == sel_->end() || !c->is_object()) corrupt("/clock", "expected {\"fixed\": T} or {\"offset\": S}");
     if (auto f = c->find("fixed"); f != c->end()) {
-        if (!f->is_number_unsigned() || f->get<uint64_t>() > 0xFFFFFFFF) corrupt("/clock/fixed", "expected a time");
+        if (!inRange(*f, 0xFFFFFFFF)) corrupt("/clock/fixed", "expected a time");
         return f->get<uint32_t>();
     }
     auto o = c->find("offset");

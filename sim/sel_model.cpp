@@ -141,6 +141,15 @@ void checkTemplate(const Node &n, const std::string &t)
     }
 }
 
+// Cuts s to at most max bytes without splitting a UTF-8 character.
+void cutUtf8(std::string &s, std::size_t max)
+{
+    if (s.size() <= max) return;
+    std::size_t n = max;
+    while (n > 0 && (static_cast<unsigned char>(s[n]) & 0xC0) == 0x80) --n;
+    s.resize(n);
+}
+
 std::string expand(const std::string &t, const Model &m, const Record &r)
 {
     std::string out;
@@ -410,7 +419,7 @@ void Model::label(Entry &e) const
         std::size_t total = 0;
         for (const auto &t : rule.parameters) {
             std::string p = expand(t, *this, r);
-            if (p.size() > kMaxParameterLength) p.resize(kMaxParameterLength);
+            cutUtf8(p, kMaxParameterLength); // it is kept in the state, a JSON text
             if (total + 1 + p.size() > kMaxParameterBytes) p.clear();
             total += 1 + p.size();
             e.parameters.push_back(std::move(p));

@@ -163,6 +163,8 @@ TEST_F(EventTexts, EntryAsTextComesWholeWithItsFollowUps)
         // p10 sets the first chunk's length (0: the chunk size, at most what one answer holds).
         {1, 0x00, 0x0000, 0, "0x0409"},  {1, 0x03, 0x0407, 0, "0x0407"}, {1, 0x02, 0x040C, 20, "0x0409"},
         {1, 0x01, 0x0409, 250, "0x0409"}, {2, 0x03, 0x0407, 0, "0x0409"}, {0x0000, 0x00, 0x0409, 3, "0x0409"},
+        // Chunks that end inside a character ("Lü...": the first chunk ends after half the ü).
+        {1, 0x00, 0x0407, 2, "0x0407"},
     };
     for (const auto &c : cases) {
         uint16_t id = c.id ? c.id : 1;
@@ -239,9 +241,17 @@ TEST_F(EventTexts, RecordsAddedAtRunTimeAreLabelledBySensorEvent)
 {
     json doc = smallMachine();
     doc["sel"]["capacity"] = 50;
+    // A parameter cut to its 64 bytes loses a character split by the cut as a whole.
+    json cut;
+    cut["sensor_type"] = "0x2A";
+    cut["error_code"] = "00000002";
+    cut["parameters"] = json::array({std::string(63, 'x') + "{sensor}"});
+    json &rules = doc["event_texts"]["sensor_events"];
+    rules.insert(rules.begin(), cut);
     // The SDR part of the profile names some sensors.
     start(doc, json::parse(R"([{"number": "0x01", "name": "Inlet Temp"}, {"number": 5, "lun": 1, "name": "Other LUN"},
-                               {"number": "bogus", "name": "skipped"}, {"name": "no number"}])"));
+                               {"number": "bogus", "name": "skipped"}, {"name": "no number"},
+                               {"number": 9, "name": "\u00fcber"}])"));
     auto add = [&](uint8_t generator, uint8_t lunByte, uint8_t sensorType, uint8_t sensor, uint8_t dirType, Bytes data) {
         Bytes rec = {0, 0, 0x02, 0, 0, 0, 0, generator, lunByte, 0x04, sensorType, sensor, dirType, data[0], data[1], data[2]};
         Bytes r = storage(kAdd, rec);
@@ -265,6 +275,7 @@ TEST_F(EventTexts, RecordsAddedAtRunTimeAreLabelledBySensorEvent)
         {0x20, 1, 0x30, 0x05, 0x6F, {0x03, 0, 0}, {"00000004", 0x00, {"Other LUN", "0x30", "0x05", "3"}}},
         {0x20, 0, 0x30, 0x05, 0x6F, {0x03, 0, 0}, {"00000004", 0x00, {"sensor 0x05", "0x30", "0x05", "3"}}},
         {0x41, 0, 0x01, 0x01, 0x01, {0x57, 0x2B, 0x2A}, {"00000003", 0x10, {"sensor 0x01", "43", "42"}}},
+        {0x20, 0, 0x2A, 0x09, 0x6F, {0x00, 0, 0}, {"00000002", 0x00, {std::string(63, 'x')}}},
     };
     for (const auto &c : cases) {
         uint16_t id = add(c.generator, c.lun, c.sensorType, c.sensor, c.dirType, c.data);

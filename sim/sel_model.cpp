@@ -558,6 +558,10 @@ long Log::indexOf(uint16_t id) const
     if (records_->empty()) return -1;
     if (id == kFirst) return 0;
     if (id == kLast) return static_cast<long>(size() - 1);
+    // IDs are given in ascending order from the first record on (until they wrap), so the
+    // place is usually known.
+    uint16_t first = idAt(0);
+    if (id >= first && id - first < static_cast<long>(size()) && idAt(id - first) == id) return id - first;
     for (std::size_t i = 0; i < size(); ++i)
         if (idAt(i) == id) return static_cast<long>(i);
     return -1;

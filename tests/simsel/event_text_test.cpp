@@ -306,5 +306,44 @@ TEST_F(EventTexts, AMachineWithoutTextsHasNone)
     EXPECT_EQ(le16(storage(kGetSelInfo), 2), doc["sel"]["records"].size());
 }
 
+// Requests of any length and content to every command of the log and its texts are answered
+// with a completion code (AddressSanitizer watches the handlers read nothing beyond them).
+TEST_F(EventTexts, ArbitraryRequestsAreAnsweredNeverCrashedOn)
+{
+    json doc = smallMachine();
+    doc["sel"]["capacity"] = 300;
+    start(doc);
+    uint32_t seed = 12345;
+    auto next = [&] {
+        seed = seed * 1103515245u + 12345u;
+        return static_cast<uint8_t>(seed >> 16);
+    };
+    const uint8_t storageCommands[] = {kGetSelInfo, kGetAllocInfo, kReserve, kGetEntry, kAdd, kClear,
+                                       kGetTime,    kSetTime,      kGetUtc,  kSetUtc};
+    const uint8_t subs[] = {kErrorCode, kTextChunk, kEntryText, kFollowUp, kEntryAsText};
+    for (int round = 0; round < 20000; ++round) {
+        // Mostly the lengths some command takes, so requests get past the length checks.
+        const std::size_t lengths[] = {0, 1, 2, 3, 4, 6, 9, 10, 16, next() % 32u};
+        Bytes data(lengths[next() % std::size(lengths)]);
+        // Mostly zeros and small numbers, which name records, offsets and error codes there are.
+        for (auto &b : data) {
+            uint8_t kind = next() % 4;
+            b = kind < 2 ? 0 : kind == 2 ? static_cast<uint8_t>(1 + next() % 4) : next();
+        }
+        if (round % 2 == 0) {
+            uint8_t cmd = storageCommands[round / 2 % std::size(storageCommands)];
+            Bytes r = storage(cmd, data);
+            ASSERT_FALSE(r.empty());
+        } else {
+            Bytes r = text(subs[round / 2 % std::size(subs)], data);
+            ASSERT_FALSE(r.empty());
+        }
+    }
+    // The machine still answers sensibly.
+    Bytes info = storage(kGetSelInfo);
+    ASSERT_EQ(info.size(), 15u);
+    EXPECT_EQ(info[0], 0x00);
+}
+
 } // namespace
 } // namespace simsel

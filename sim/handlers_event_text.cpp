@@ -49,13 +49,6 @@ constexpr std::size_t kMaxHandles = 16;
 
 const char *const kSuffix[4] = {" (INFO)", " (MINOR)", " (MAJOR)", " (CRITICAL)"};
 
-Log openLog(const Model &m, Context &ctx)
-{
-    Log log(ctx.state, m);
-    if (log.created()) ctx.changed();
-    return log;
-}
-
 // The entry a request names, with its message; fails the answer when there is none.
 struct Found {
     sel::Entry entry;

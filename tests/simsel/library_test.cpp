@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "libipmi_host.h"
-#include "simsel_util.h"
+#include "raw_line.h"
 #include "tvx_toipmi.h"
 
 namespace simsel {
@@ -229,18 +229,6 @@ TEST_F(Library, ClearingEmptiesTheLogAndWritingLabelsBySensorEvent)
     EXPECT_EQ(ipmiGetSelInfo(session_).lastAddTime, kFixedNow);
 }
 
-TEST_F(Library, AFullLogRefusesTheWrite)
-{
-    profile_["sel"]["capacity"] = records().size();
-    start();
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(ipmiWriteSelEntry(session_, 0x04, 0x20, 0x01, 0x52, 3, 5), 0);
-    std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_NE(err.find("Failed to send request with error 0x"), std::string::npos) << err;
-    EXPECT_NE(err.find("0xc401"), std::string::npos) << err; // completion code 0xC4, its bytes exchanged
-    EXPECT_EQ(ipmiGetSelInfo(session_).entries, records().size());
-}
-
 TEST_F(Library, ControllersThatCannotAnswerWholeRecordsAreReadInPieces)
 {
     start();
@@ -255,29 +243,6 @@ TEST_F(Library, ControllersThatCannotAnswerWholeRecordsAreReadInPieces)
     EXPECT_EQ(lines(ipmiGetSelRawStrings(session_, 0)), whole);
     // Per record: the refused whole read, a reservation and two halves.
     EXPECT_EQ(ipmihost_request_count(), 1 + 4 * records().size());
-}
-
-TEST_F(Library, ChangesOutliveSessionsAndSelections)
-{
-    start();
-    ASSERT_EQ(ipmiWriteSelEntry(session_, 0x05, 0x76, 0x6F, 0x00, 0xFF, 0xFF), 1);
-    ipmihost_select_default();
-    start(); // a new selection of the same machine and state, as another program makes it
-    std::vector<std::string> raw = lines(ipmiGetSelRawStrings(session_, 1));
-    ASSERT_EQ(raw.size(), records().size() + 1);
-    EXPECT_NE(raw.front().find("Sens:05:76"), std::string::npos) << raw.front();
-    ASSERT_EQ(ipmiClearEventLog(session_), 1);
-    start();
-    EXPECT_EQ(ipmiGetSelInfo(session_).entries, 0);
-}
-
-TEST_F(Library, ABadLogInTheProfileStopsTheMachine)
-{
-    profile_["sel"]["records"][3]["time"] = "2026-02-30T10:00:00Z";
-    writeFile(dir_.file("lab.json"), profile_.dump());
-    EXPECT_EQ(ipmihost_select_machine(dir_.file("lab.json").c_str(), dir_.path().c_str()), -1);
-    EXPECT_EQ(std::string(ipmihost_last_error()), dir_.file("lab.json") + ": /sel/records/3/time: no such day: \"2026-02-30T10:00:00Z\"");
-    EXPECT_FALSE(std::filesystem::exists(dir_.file("lab.state.json")));
 }
 
 } // namespace

@@ -188,29 +188,6 @@ inline uint32_t bytes3to6(const Bytes &r)
            static_cast<uint32_t>(r[6]) << 24;
 }
 
-// The raw line of a record: ID, time column of 20, and the body of its record type.
-inline std::string rawLine(const Bytes &r)
-{
-    char time[32] = "Unknown";
-    uint8_t type = r[2];
-    if (type == 0x02 || (type >= 0xC0 && type <= 0xDF)) std::snprintf(time, sizeof time, "%s", timeText(bytes3to6(r)).c_str());
-    else if (type >= 0xE0) std::snprintf(time, sizeof time, "-OEM-");
-    char line[256];
-    int n = std::snprintf(line, sizeof line, "%04X %-20s ", r[0] | r[1] << 8, time);
-    char *body = line + n;
-    std::size_t room = sizeof line - static_cast<std::size_t>(n);
-    if (type == 0x02)
-        std::snprintf(body, room, "Addr:%02X:%d, EvM:%02X, Sens:%02X:%02X, Trig:%02X, Data:%02X:%02X:%02X", r[7], r[8], r[9],
-                      r[10], r[11], r[12], r[13], r[14], r[15]);
-    else if (type >= 0xC0 && type <= 0xDF)
-        std::snprintf(body, room, "OEM: %02X:%02X:%02X, Data:%02X:%02X:%02X:%02X:%02X:%02X", r[7], r[8], r[9], r[10], r[11],
-                      r[12], r[13], r[14], r[15]);
-    else if (type >= 0xE0)
-        std::snprintf(body, room, "OEM: Data:%02X:%02X:%02X:%02X-%02X:%02X:%02X:%02X-%02X:%02X:%02X:%02X-%02X", r[3], r[4],
-                      r[5], r[6], r[7], r[8], r[9], r[10], r[11], r[12], r[13], r[14], r[15]);
-    return line;
-}
-
 // The records of a profile's log, as the controller holds them (IDs 1, 2, ...).
 inline std::vector<Bytes> profileRecords(const json &profile)
 {

@@ -11,7 +11,7 @@
 
 #include <gtest/gtest.h>
 
-#include "simsel_util.h"
+#include "raw_line.h"
 
 extern char **environ;
 

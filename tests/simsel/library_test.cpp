@@ -188,34 +188,38 @@ TEST_F(Library, ClearingEmptiesTheLogAndWritingLabelsBySensorEvent)
     EXPECT_EQ(ipmiGetSelText(session_, 0, 0), nullptr);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "SEL has no entries\n");
 
-    // The default machine's own event handling: error code by sensor type and event offset.
+    // The default machine's own event handling: error code by sensor type and event offset;
+    // "{sensor}" stands for the sensor's name.
     const struct {
         uint8_t type, sensor, dirType, d1, d2, d3;
         const char *code;
         std::vector<std::string> params;
         const char *severity;
     } writes[] = {
-        {0x04, 0x20, 0x01, 0x52, 0x03, 0x05, "02000101", {"sensor 0x20"}, "major"},
-        {0x04, 0x20, 0x81, 0x52, 0x0A, 0x05, "02000102", {"sensor 0x20"}, "info"},
-        {0x04, 0x20, 0x01, 0x54, 0x01, 0x02, "02000101", {"sensor 0x20"}, "critical"},
-        {0xE6, 0x28, 0x6F, 0x01, 0xFF, 0xFF, "02000201", {"sensor 0x28"}, "critical"},
-        {0x01, 0x03, 0x01, 0x57, 86, 85, "03000101", {"sensor 0x03", "86", "85"}, "minor"},
-        {0x01, 0x03, 0x01, 0x59, 91, 90, "03000102", {"sensor 0x03", "91", "90"}, "major"},
-        {0x0C, 0x60, 0x6F, 0xA0, 0x00, 0x01, "04000101", {"sensor 0x60"}, "minor"},
-        {0xE8, 0x31, 0x6F, 0x0B, 0xFF, 0xFF, "05000101", {"sensor 0x31"}, "major"},
+        {0x04, 0x20, 0x01, 0x52, 0x03, 0x05, "02000101", {"{sensor}"}, "major"},
+        {0x04, 0x20, 0x81, 0x52, 0x0A, 0x05, "02000102", {"{sensor}"}, "info"},
+        {0x04, 0x20, 0x01, 0x54, 0x01, 0x02, "02000101", {"{sensor}"}, "critical"},
+        {0xE6, 0x28, 0x6F, 0x01, 0xFF, 0xFF, "02000201", {"{sensor}"}, "critical"},
+        {0x01, 0x03, 0x01, 0x57, 86, 85, "03000101", {"{sensor}", "86", "85"}, "minor"},
+        {0x01, 0x03, 0x01, 0x59, 91, 90, "03000102", {"{sensor}", "91", "90"}, "major"},
+        {0x0C, 0x60, 0x6F, 0xA0, 0x00, 0x01, "04000101", {"{sensor}"}, "minor"},
+        {0xE8, 0x31, 0x6F, 0x0B, 0xFF, 0xFF, "05000101", {"{sensor}"}, "major"},
         {0x0B, 0x77, 0x0B, 0x01, 0xFF, 0xFF, "05000201", {}, "major"},
-        {0x0B, 0x35, 0x01, 0x57, 82, 80, "05000301", {"sensor 0x35", "82", "80"}, "minor"},
+        {0x0B, 0x35, 0x01, 0x57, 82, 80, "05000301", {"{sensor}", "82", "80"}, "minor"},
         {0x23, 0x71, 0x6F, 0xC1, 0x04, 0xFF, "06000101", {"hard reset"}, "critical"},
-        {0x02, 0x13, 0x01, 0x52, 0x27, 0x28, "08000201", {"sensor 0x13"}, "major"},
-        {0x02, 0x10, 0x01, 0x52, 0xB0, 0xB4, "08000101", {"sensor 0x10"}, "minor"},
+        {0x02, 0x13, 0x01, 0x52, 0x27, 0x28, "08000201", {"{sensor}"}, "major"},
+        {0x02, 0x10, 0x01, 0x52, 0xB0, 0xB4, "08000101", {"{sensor}"}, "minor"},
         {0x1D, 0x75, 0x6F, 0xA7, 0x04, 0x00, "01000302", {"restart cause 4"}, "info"},
-        {0x30, 0x99, 0x6F, 0x03, 0x10, 0x20, "0F000001", {"sensor 0x99", "0x30", "3", "3", "16", "32"}, "info"},
+        {0x30, 0x99, 0x6F, 0x03, 0x10, 0x20, "0F000001", {"{sensor}", "0x30", "3", "3", "16", "32"}, "info"},
     };
     uint16_t id = 0;
     for (const auto &w : writes) {
         ASSERT_EQ(ipmiWriteSelEntry(session_, w.type, w.sensor, w.dirType, w.d1, w.d2, w.d3), 1);
         ++id;
-        json rec = {{"error_code", w.code}, {"parameters", w.params}, {"severity", w.severity}};
+        std::vector<std::string> params = w.params;
+        for (auto &p : params)
+            if (p == "{sensor}") p = sensorName(profile_, w.sensor);
+        json rec = {{"error_code", w.code}, {"parameters", params}, {"severity", w.severity}};
         Bytes r = {uint8_t(id), uint8_t(id >> 8), 0x02, 0, 0, 0, 0, 0x20, 0x00, 0x01, w.type, w.sensor, w.dirType, w.d1, w.d2, w.d3};
         for (int i = 0; i < 4; ++i) r[3 + i] = uint8_t(kFixedNow >> (8 * i));
         // The record as the controller stamped it, then its label.

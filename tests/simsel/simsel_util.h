@@ -108,6 +108,19 @@ inline Bytes hexBytes(const json &v)
     return out;
 }
 
+// The name the controller gives sensor `sensor` on LUN 0: the one in the profile's "sensors"
+// when it has them, else "sensor 0xNN".
+inline std::string sensorName(const json &profile, unsigned sensor)
+{
+    for (const auto &s : profile.value("sensors", json::array()))
+        if (s.contains("number") && s.contains("name") && number(s["number"]) == sensor &&
+            (!s.contains("lun") || number(s["lun"]) == 0))
+            return s["name"];
+    char b[16];
+    std::snprintf(b, sizeof b, "sensor 0x%02X", sensor);
+    return b;
+}
+
 inline bool timestamped(const json &rec) { return rec["type"] == "system" || rec["type"] == "oem_timestamped"; }
 
 // The message of a profile record in a language (English when the code has none in it), with

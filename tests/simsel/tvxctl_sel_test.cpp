@@ -214,13 +214,13 @@ TEST_F(TvxctlSel, AddAndClearAreSeenByTheNextCommand)
     for (int i = 0; i < 4; ++i) fan[3 + i] = uint8_t(kFixedNow >> (8 * i));
     EXPECT_EQ(raw[1], rawLine(fan));
 
-    // The controller labels them as its event handling would; the sensor has no name here.
+    // The controller labels them as its event handling would.
     r = runFixed({"sel", "--text", "--lang", "0x0407", "--reverse"});
     ASSERT_EQ(r.code, 0) << r;
     auto texts = splitLines(r.out);
     ASSERT_EQ(texts.size(), n + 2);
     EXPECT_EQ(texts[0], textLine(fixed_, {{"error_code", "01000101"}}, kFixedNow, "0x0407"));
-    EXPECT_EQ(texts[1], textLine(fixed_, {{"error_code", "02000101"}, {"parameters", {"sensor 0x20"}}}, kFixedNow, "0x0407"));
+    EXPECT_EQ(texts[1], textLine(fixed_, {{"error_code", "02000101"}, {"parameters", {sensorName(fixed_, 0x20)}}}, kFixedNow, "0x0407"));
     EXPECT_EQ(rows(runFixed({"sel", "info"}).out)["Last addition"], now);
 
     r = runFixed({"sel", "clear"});

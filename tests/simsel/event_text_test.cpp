@@ -245,13 +245,17 @@ TEST_F(EventTexts, RecordsAddedAtRunTimeAreLabelledBySensorEvent)
     json cut;
     cut["sensor_type"] = "0x2A";
     cut["error_code"] = "00000002";
-    cut["parameters"] = json::array({std::string(63, 'x') + "{sensor}"});
+    cut["parameters"] = json::array({std::string(63, 'x') + "\u00fc{sensor}"});
     json &rules = doc["event_texts"]["sensor_events"];
     rules.insert(rules.begin(), cut);
     // The SDR part of the profile names some sensors.
-    start(doc, json::parse(R"([{"number": "0x01", "name": "Inlet Temp"}, {"number": 5, "lun": 1, "name": "Other LUN"},
-                               {"number": "bogus", "name": "skipped"}, {"name": "no number"},
-                               {"number": 9, "name": "\u00fcber"}])"));
+    start(doc, json::parse(R"([
+      {"record": "compact", "number": "0x01", "name": "Inlet Temp", "entity": "0x37", "instance": 1,
+       "type": "0x01", "event_reading_type": "0x6F"},
+      {"record": "compact", "number": 5, "lun": 1, "name": "Other LUN", "entity": "0x07", "instance": 1,
+       "type": "0x30", "event_reading_type": "0x6F"},
+      {"record": "compact", "number": 9, "name": "Nine", "entity": "0x07", "instance": 2,
+       "type": "0x2A", "event_reading_type": "0x6F"}])"));
     auto add = [&](uint8_t generator, uint8_t lunByte, uint8_t sensorType, uint8_t sensor, uint8_t dirType, Bytes data) {
         Bytes rec = {0, 0, 0x02, 0, 0, 0, 0, generator, lunByte, 0x04, sensorType, sensor, dirType, data[0], data[1], data[2]};
         Bytes r = storage(kAdd, rec);

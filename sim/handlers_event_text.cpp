@@ -49,13 +49,6 @@ constexpr std::size_t kMaxHandles = 16;
 
 const char *const kSuffix[4] = {" (INFO)", " (MINOR)", " (MAJOR)", " (CRITICAL)"};
 
-Log openLog(const Model &m, Context &ctx)
-{
-    Log log(ctx.state, m);
-    if (log.created()) ctx.changed();
-    return log;
-}
-
 // The entry a request names, with its message; fails the answer when there is none.
 struct Found {
     sel::Entry entry;
@@ -143,8 +136,10 @@ void getEntryText(const Model &m, Context &ctx, const Request &req, Response &rs
                                         std::min(length, kEntryTextRoom)));
 }
 
-// The follow-up texts waiting in the machine state: [{"handle": H, "chunks": [...]}, ...],
-// oldest first. Anything unusable there is dropped rather than answered from.
+// The follow-up texts waiting in the machine state, oldest first:
+// [{"handle": H, "text": "...", "at": where the next chunk starts, "chunk": its size}, ...].
+// The text is kept whole, as chunks may end inside a character. Anything unusable there is
+// dropped rather than answered from.
 json &handles(Log &log)
 {
     json &h = log.raw()["text_handles"];
@@ -154,31 +149,38 @@ json &handles(Log &log)
 
 bool validHandle(const json &h)
 {
-    if (!h.is_object() || !h.contains("handle") || !h["handle"].is_number_unsigned() || !h.contains("chunks") ||
-        !h["chunks"].is_array())
-        return false;
-    for (const json &c : h["chunks"])
-        if (!c.is_string() || c.get<std::string>().size() > 254) return false;
-    return true;
+    auto whole = [&](const char *key, int64_t max) {
+        return h.contains(key) && h[key].is_number_integer() && h[key].get<int64_t>() >= 0 && h[key].get<int64_t>() <= max;
+    };
+    return h.is_object() && whole("handle", 0xFF) && whole("at", 0xFFFF) && whole("chunk", 0xFF) &&
+           h["chunk"].get<int64_t>() > 0 && h.contains("text") && h["text"].is_string() &&
+           h["at"].get<std::size_t>() <= h["text"].get_ref<const std::string &>().size();
 }
 
-uint8_t keepFollowUps(Log &log, std::vector<std::string> chunks)
+// What the chunks from `at` on take in a text size: each chunk with its terminator.
+std::size_t chunkedSize(std::size_t length, std::size_t at, std::size_t chunk)
+{
+    std::size_t rest = length > at ? length - at : 0;
+    return rest + (rest + chunk - 1) / chunk;
+}
+
+uint8_t keepFollowUp(Log &log, const std::string &text, std::size_t at, std::size_t chunk)
 {
     json &list = handles(log);
     json &next = log.raw()["next_handle"];
-    unsigned h = next.is_number_unsigned() ? next.get<unsigned>() : 1;
-    auto inUse = [&](unsigned v) {
+    int64_t h = next.is_number_integer() ? next.get<int64_t>() : 1;
+    auto inUse = [&](int64_t v) {
         for (const json &e : list)
             if (validHandle(e) && e["handle"] == v) return true;
         return false;
     };
-    for (unsigned tries = 0; tries < 256; ++tries) {
-        if (h == 0 || h > 0xFF) h = 1;
+    for (int tries = 0; tries < 256; ++tries) {
+        if (h <= 0 || h > 0xFF) h = 1;
         if (!inUse(h)) break;
         ++h;
     }
     while (list.size() >= kMaxHandles) list.erase(list.begin());
-    list.push_back({{"handle", h}, {"chunks", chunks}});
+    list.push_back({{"handle", h}, {"text", text}, {"at", at}, {"chunk", chunk}});
     next = h + 1;
     return static_cast<uint8_t>(h);
 }
@@ -198,13 +200,11 @@ void getEntryAsText(const Model &m, Context &ctx, const Request &req, Response &
     if (form & 0x02) text += kSuffix[static_cast<uint8_t>(f->entry.severity) & 3];
 
     std::size_t first = firstWanted ? std::min<std::size_t>(firstWanted, kMaxFirstChunk) : m.chunkSize;
-    std::vector<std::string> chunks = {text.substr(0, first)};
-    for (std::size_t at = first; at < text.size(); at += m.chunkSize) chunks.push_back(text.substr(at, m.chunkSize));
-    std::size_t size = 0;
-    for (const auto &c : chunks) size += c.size() + 1;
+    std::string head = text.substr(0, first);
+    std::size_t size = head.size() + 1 + chunkedSize(text.size(), head.size(), m.chunkSize);
     uint8_t handle = 0;
-    if (chunks.size() > 1) {
-        handle = keepFollowUps(log, std::vector<std::string>(chunks.begin() + 1, chunks.end()));
+    if (text.size() > head.size()) {
+        handle = keepFollowUp(log, text, head.size(), m.chunkSize);
         ctx.changed();
     }
     rsp.u16(f->entry.id());
@@ -216,9 +216,9 @@ void getEntryAsText(const Model &m, Context &ctx, const Request &req, Response &
     rsp.u16(log.nextId(f->index));
     rsp.u16(static_cast<uint16_t>(log.size()));
     rsp.u16(static_cast<uint16_t>(size));
-    rsp.u8(static_cast<uint8_t>(chunks[0].size() + 1));
+    rsp.u8(static_cast<uint8_t>(head.size() + 1));
     rsp.u8(handle);
-    rsp.append(std::span<const uint8_t>(reinterpret_cast<const uint8_t *>(chunks[0].data()), chunks[0].size()));
+    rsp.append(std::span<const uint8_t>(reinterpret_cast<const uint8_t *>(head.data()), head.size()));
     rsp.u8(0);
 }
 
@@ -229,12 +229,13 @@ void getFollowUp(const Model &m, Context &ctx, const Request &req, Response &rsp
     json &list = handles(log);
     for (auto it = list.begin(); it != list.end(); ++it) {
         if (!validHandle(*it) || (*it)["handle"] != req.data[0]) continue;
-        json &chunks = (*it)["chunks"];
-        std::string chunk = chunks.empty() ? std::string() : chunks[0].get<std::string>();
-        if (!chunks.empty()) chunks.erase(chunks.begin());
-        std::size_t remaining = 0;
-        for (const json &c : chunks) remaining += c.get<std::string>().size() + 1;
-        if (chunks.empty()) list.erase(it);
+        const std::string &text = (*it)["text"].get_ref<const std::string &>();
+        std::size_t at = (*it)["at"].get<std::size_t>(), size = (*it)["chunk"].get<std::size_t>();
+        std::string chunk = text.substr(at, size);
+        at += chunk.size();
+        std::size_t remaining = chunkedSize(text.size(), at, size);
+        if (remaining == 0) list.erase(it);
+        else (*it)["at"] = at;
         ctx.changed();
         rsp.u16(static_cast<uint16_t>(remaining));
         rsp.u8(static_cast<uint8_t>(chunk.size() + 1));

@@ -29,14 +29,6 @@ using sel::Model;
 
 uint16_t u16(std::span<const uint8_t> d, std::size_t at) { return static_cast<uint16_t>(d[at] | d[at + 1] << 8); }
 
-// The log of the machine state (created from the profile if the state has none yet).
-Log openLog(const Model &m, Context &ctx)
-{
-    Log log(ctx.state, m);
-    if (log.created()) ctx.changed();
-    return log;
-}
-
 uint16_t freeUnits(const Model &m, const Log &log)
 {
     return log.size() >= m.capacity ? 0 : static_cast<uint16_t>(m.capacity - log.size());
@@ -192,6 +184,13 @@ void install(Controller &c)
 void initState(const Profile &p, nlohmann::json &state) { state["sel"] = sel::initialState(sel::parseModel(p)); }
 
 } // namespace
+
+Log openLog(const Model &m, Context &ctx)
+{
+    Log log(ctx.state, m);
+    if (log.created()) ctx.changed();
+    return log;
+}
 
 const Subsystem kSelSubsystem = {"system event log", install, initState};
 

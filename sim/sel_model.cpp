@@ -141,6 +141,15 @@ void checkTemplate(const Node &n, const std::string &t)
     }
 }
 
+// Cuts s to at most max bytes without splitting a UTF-8 character.
+void cutUtf8(std::string &s, std::size_t max)
+{
+    if (s.size() <= max) return;
+    std::size_t n = max;
+    while (n > 0 && (static_cast<unsigned char>(s[n]) & 0xC0) == 0x80) --n;
+    s.resize(n);
+}
+
 std::string expand(const std::string &t, const Model &m, const Record &r)
 {
     std::string out;
@@ -327,6 +336,12 @@ void parseSensorNames(const Profile &p, Model &m)
                        " (run 'tvxctl reset' to start the machine afresh from its profile)");
 }
 
+// A whole number from 0 to max (numbers made in memory may be signed, those read back not).
+bool inRange(const json &v, int64_t max)
+{
+    return v.is_number_integer() && v.get<int64_t>() >= 0 && v.get<int64_t>() <= max;
+}
+
 std::string recordHex(const Record &r)
 {
     std::string s;
@@ -404,7 +419,7 @@ void Model::label(Entry &e) const
         std::size_t total = 0;
         for (const auto &t : rule.parameters) {
             std::string p = expand(t, *this, r);
-            if (p.size() > kMaxParameterLength) p.resize(kMaxParameterLength);
+            cutUtf8(p, kMaxParameterLength); // it is kept in the state, a JSON text
             if (total + 1 + p.size() > kMaxParameterBytes) p.clear();
             total += 1 + p.size();
             e.parameters.push_back(std::move(p));
@@ -525,7 +540,7 @@ Log::Log(json &state, const Model &model)
 uint16_t Log::number(const char *key) const
 {
     auto it = sel_->find(key);
-    if (it == sel_->end() || !it->is_number_unsigned() || it->get<uint64_t>() > 0xFFFF)
+    if (it == sel_->end() || !inRange(*it, 0xFFFF))
         corrupt(std::string("/") + key, "expected a number from 0 to 65535");
     return it->get<uint16_t>();
 }
@@ -533,7 +548,7 @@ uint16_t Log::number(const char *key) const
 uint16_t Log::idAt(std::size_t index) const
 {
     const json &r = (*records_)[index];
-    if (!r.is_object() || !r.contains("id") || !r["id"].is_number_unsigned() || r["id"].get<uint64_t>() > 0xFFFE)
+    if (!r.is_object() || !r.contains("id") || !inRange(r["id"], 0xFFFE))
         corrupt("/records/" + std::to_string(index) + "/id", "expected a record ID");
     return r["id"].get<uint16_t>();
 }
@@ -543,6 +558,10 @@ long Log::indexOf(uint16_t id) const
     if (records_->empty()) return -1;
     if (id == kFirst) return 0;
     if (id == kLast) return static_cast<long>(size() - 1);
+    // IDs are given in ascending order from the first record on (until they wrap), so the
+    // place is usually known.
+    uint16_t first = idAt(0);
+    if (id >= first && id - first < static_cast<long>(size()) && idAt(id - first) == id) return id - first;
     for (std::size_t i = 0; i < size(); ++i)
         if (idAt(i) == id) return static_cast<long>(i);
     return -1;
@@ -621,7 +640,7 @@ void Log::clear()
 uint32_t Log::lastAdd() const
 {
     auto it = sel_->find("last_add");
-    if (it == sel_->end() || !it->is_number_unsigned() || it->get<uint64_t>() > 0xFFFFFFFF)
+    if (it == sel_->end() || !inRange(*it, 0xFFFFFFFF))
         corrupt("/last_add", "expected a time");
     return it->get<uint32_t>();
 }
@@ -629,7 +648,7 @@ uint32_t Log::lastAdd() const
 uint32_t Log::lastErase() const
 {
     auto it = sel_->find("last_erase");
-    if (it == sel_->end() || !it->is_number_unsigned() || it->get<uint64_t>() > 0xFFFFFFFF)
+    if (it == sel_->end() || !inRange(*it, 0xFFFFFFFF))
         corrupt("/last_erase", "expected a time");
     return it->get<uint32_t>();
 }
@@ -664,7 +683,7 @@ uint32_t Log::now() const
     auto c = sel_->find("clock");
     if (c == sel_->end() || !c->is_object()) corrupt("/clock", "expected {\"fixed\": T} or {\"offset\": S}");
     if (auto f = c->find("fixed"); f != c->end()) {
-        if (!f->is_number_unsigned() || f->get<uint64_t>() > 0xFFFFFFFF) corrupt("/clock/fixed", "expected a time");
+        if (!inRange(*f, 0xFFFFFFFF)) corrupt("/clock/fixed", "expected a time");
         return f->get<uint32_t>();
     }
     auto o = c->find("offset");

@@ -23,6 +23,7 @@
 namespace tvxsim {
 
 class Controller;
+struct Context;
 
 namespace sel {
 
@@ -180,5 +181,9 @@ nlohmann::json toJson(const Entry &e);
 // The subsystem's Storage commands and OEM event-text commands (handlers_sel.cpp,
 // handlers_event_text.cpp) share one parsed model.
 void installEventTextHandlers(Controller &c, std::shared_ptr<const sel::Model> model);
+
+// The log of a request's machine state (made from the profile, and the change noted, when the
+// state has none yet).
+sel::Log openLog(const sel::Model &m, Context &ctx);
 
 } // namespace tvxsim

@@ -83,6 +83,7 @@ void StateStore::loadIfChanged()
     if (dir_.empty()) {
         if (!loaded_) {
             state_ = initial_();
+            committed_ = state_;
             loaded_ = true;
         }
         return;
@@ -125,7 +126,10 @@ void StateStore::loadIfChanged()
 
 void StateStore::write()
 {
-    if (dir_.empty()) return;
+    if (dir_.empty()) {
+        committed_ = state_;
+        return;
+    }
     nlohmann::json doc = {{"format", kFormat}, {"profile", profileFile_}, {"state", state_}};
     std::string text = doc.dump(1) + "\n";
     std::string tmp = path_ + ".tmp." + std::to_string(getpid());
@@ -170,12 +174,24 @@ void StateStore::transact(const std::function<bool(nlohmann::json &)> &fn)
         ~Unlock() { s->unlock(); }
     } guard{this};
     loadIfChanged();
-    // Work on a copy so that a handler that fails half-way leaves the stored state intact.
-    nlohmann::json work = state_;
-    if (fn(work)) {
-        state_ = std::move(work);
-        write();
+    // The handler works on the state in place: a copy for every request made a machine with a
+    // large state (a log of a thousand records) slower with every record. A change counts once
+    // the handler reports it, and is then written; a handler that fails half-way leaves
+    // nothing behind, as the state is taken again from what was last written.
+    bool changed = false;
+    try {
+        changed = fn(state_);
+    } catch (...) {
+        discard();
+        throw;
     }
+    if (changed) write();
+}
+
+void StateStore::discard()
+{
+    if (dir_.empty()) state_ = committed_;
+    else loaded_ = false; // read again from the file
 }
 
 void StateStore::reset()

@@ -30,7 +30,8 @@ public:
     void open();
 
     // Runs fn on the current state under the lock; when fn returns true the state was changed
-    // and is written back before the lock is released. Throws ProfileError.
+    // and is written back before the lock is released. When fn throws, whatever it changed is
+    // dropped. Throws ProfileError.
     void transact(const std::function<bool(nlohmann::json &)> &fn);
 
     // Starts afresh from the profile.
@@ -45,6 +46,7 @@ private:
     void unlock();
     void loadIfChanged();
     void write();
+    void discard();
 
     std::string dir_;
     std::string path_;
@@ -52,6 +54,7 @@ private:
     std::string profileFile_;
     std::function<nlohmann::json()> initial_;
     nlohmann::json state_;
+    nlohmann::json committed_; // in memory only: the state as of the last change
     bool loaded_ = false;
     int lockFd_ = -1;
     // Identity of the file last read, to skip re-reading an unchanged state.

@@ -1,0 +1,253 @@
+// The library's event log and event texts against the virtual controller running the default
+// machine (with a fixed clock, in a private state directory): what it reads is what the
+// profile says.
+#include <cstdlib>
+#include <cstring>
+#include <set>
+
+#include <gtest/gtest.h>
+
+#include "libipmi_host.h"
+#include "raw_line.h"
+#include "tvx_toipmi.h"
+
+namespace simsel {
+namespace {
+
+std::vector<std::string> lines(ListNode *list)
+{
+    std::vector<std::string> out;
+    for (ListNode *n = list; n; n = n->next) out.emplace_back(reinterpret_cast<const char *>(n->data));
+    freeList(&list);
+    return out;
+}
+
+std::string takeString(char *s)
+{
+    std::string out = s ? s : "(null)";
+    std::free(s);
+    return out;
+}
+
+class Library : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        profile_ = defaultProfile();
+        profile_["sel"]["clock"] = {{"fixed", "2026-11-16T21:45:12Z"}};
+    }
+    void TearDown() override
+    {
+        ipmiHelperCloseSession(&session_);
+        ipmihost_select_default();
+    }
+    // Starts the machine (again: same profile file and state directory) and opens a session.
+    // afresh: the machine starts from the profile as it is now, not from its kept state.
+    void start(bool afresh = false)
+    {
+        ipmiHelperCloseSession(&session_);
+        writeFile(dir_.file("lab.json"), profile_.dump());
+        ASSERT_EQ(ipmihost_select_machine(dir_.file("lab.json").c_str(), dir_.path().c_str()), 0) << ipmihost_last_error();
+        if (afresh) {
+            ASSERT_EQ(ipmihost_reset_machine(), 0) << ipmihost_last_error();
+        }
+        session_ = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
+        ASSERT_NE(session_, nullptr) << ipmihost_last_error();
+    }
+    const json &records() const { return profile_["sel"]["records"]; }
+
+    TempDir dir_;
+    json profile_;
+    IpmiSession *session_ = nullptr;
+};
+
+TEST_F(Library, RawLinesShowTheProfilesRecordsInEitherOrder)
+{
+    start();
+    std::vector<std::string> want;
+    for (const Bytes &r : profileRecords(profile_)) want.push_back(rawLine(r));
+    ASSERT_GE(want.size(), 40u);
+    EXPECT_EQ(lines(ipmiGetSelRawStrings(session_, 0)), want);
+    std::reverse(want.begin(), want.end());
+    EXPECT_EQ(lines(ipmiGetSelRawStrings(session_, 1)), want);
+}
+
+TEST_F(Library, TextsAreTheProfilesMessagesInEnglishAndGerman)
+{
+    start();
+    std::vector<Bytes> recs = profileRecords(profile_);
+    std::vector<std::string> english;
+    for (std::size_t i = 0; i < recs.size(); ++i) english.push_back(textLine(profile_, records()[i], bytes3to6(recs[i]), "0x0409"));
+    EXPECT_EQ(lines(ipmiGetSelText(session_, 0, 0)), english);
+    std::reverse(english.begin(), english.end());
+    EXPECT_EQ(lines(ipmiGetSelText(session_, 1, 0)), english);
+
+    // Every severity of the table occurs in the default log.
+    std::set<std::string> severities;
+    for (std::size_t i = 0; i < recs.size(); ++i) {
+        const json &rec = records()[i];
+        uint32_t t = bytes3to6(recs[i]);
+        EXPECT_EQ(takeString(buildSelTextString(session_, recs[i].data(), 0, 1, 1, TVX_LANG_GERMAN)),
+                  textLine(profile_, rec, t, "0x0407"));
+        // A language the machine has no texts in reads in English.
+        EXPECT_EQ(takeString(buildSelTextString(session_, recs[i].data(), 0, 0, 0, 0x040C)), message(profile_, rec, "0x0409"));
+        severities.insert(severity(profile_, rec));
+    }
+    EXPECT_EQ(severities, (std::set<std::string>{"INFO", "MINOR", "MAJOR", "CRITICAL"}));
+}
+
+TEST_F(Library, ErrorCodesAndChunkedTextsComeInTheRequestsTheyNeed)
+{
+    start();
+    std::vector<Bytes> recs = profileRecords(profile_);
+    const unsigned chunk = profile_["event_texts"]["chunk_size"];
+    unsigned multiChunk = 0;
+    for (std::size_t i = 0; i < recs.size(); ++i) {
+        const json &rec = records()[i];
+        ErrorCodeRecord *code = getErrorCode(session_, recs[i].data(), 0);
+        ASSERT_NE(code, nullptr);
+        char hex[9];
+        std::snprintf(hex, sizeof hex, "%02X%02X%02X%02X", code->errorCode[0], code->errorCode[1], code->errorCode[2],
+                      code->errorCode[3]);
+        EXPECT_EQ(hex, rec["error_code"].get<std::string>());
+        std::vector<std::string> params(code->params, code->params + code->paramCount);
+        EXPECT_EQ(params, rec.value("parameters", std::vector<std::string>{}));
+        for (const char *lcid : {"0x0409", "0x0407"}) {
+            std::string text = profile_["event_texts"]["codes"][hex]["texts"][lcid];
+            ipmihost_reset_request_count();
+            EXPECT_EQ(takeString(getSelTextByErrorCode(session_, code, nullptr, 0, 0, uint16_t(std::stoul(lcid, nullptr, 16)))),
+                      text);
+            std::size_t chunks = std::max<std::size_t>(1, (text.size() + chunk - 1) / chunk);
+            EXPECT_EQ(ipmihost_request_count(), chunks) << hex << " " << lcid;
+            multiChunk += chunks > 1;
+        }
+        freeErrorCode(code);
+    }
+    EXPECT_GT(multiChunk, 10u) << "the default log has texts longer than one chunk";
+}
+
+TEST_F(Library, EntryTextsAndFollowUpsCarryTheWholeMessage)
+{
+    start();
+    std::vector<Bytes> recs = profileRecords(profile_);
+    for (std::size_t i = 0; i < recs.size(); ++i) {
+        const json &rec = records()[i];
+        uint16_t id = static_cast<uint16_t>(i + 1);
+        std::string english = message(profile_, rec, "0x0409");
+        SelEntryText e = getSELEntryText(session_, id);
+        EXPECT_EQ(e.length, std::min<std::size_t>(english.size(), 20));
+        EXPECT_EQ(std::string(e.text, e.length), english.substr(0, 20));
+        EXPECT_EQ(e.info[0] | e.info[1] << 8, id);
+
+        std::string want = message(profile_, rec, "0x0407") + " (" + severity(profile_, rec) + ")";
+        if (timestamped(rec)) want = timeText(bytes3to6(recs[i])) + " " + want;
+        iESLText t = ipmiGetiESLSELEntryAsText(session_, 0, id, 0x03, TVX_LANG_GERMAN, 0, 0);
+        ASSERT_NE(t.text, nullptr);
+        EXPECT_EQ(std::string(t.text), want) << id;
+        EXPECT_EQ(t.field1, id);
+        EXPECT_EQ(t.nextId, i + 1 < recs.size() ? id + 1 : 0xFFFF);
+        EXPECT_EQ(t.word18, recs.size());
+        std::free(t.text);
+    }
+    testing::internal::CaptureStderr();
+    iESLText missing = ipmiGetiESLSELEntryAsText(session_, 0, 0x7777, 0, 0, 0, 0);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("recordId = 0x7777"), std::string::npos);
+    EXPECT_EQ(missing.textSize, 0);
+    EXPECT_EQ(missing.nextId, 0xFFFF);
+    std::free(missing.text);
+}
+
+TEST_F(Library, InfoAndUtcOffsetFollowTheProfile)
+{
+    const struct {
+        json offset;
+        int16_t want;
+    } cases[] = {{nullptr, 0}, {"unspecified", 2047}, {-60, -60}, {0, 0}};
+    for (const auto &c : cases) {
+        if (!c.offset.is_null()) profile_["sel"]["utc_offset_minutes"] = c.offset;
+        int16_t want = c.offset.is_null() ? int16_t(profile_["sel"]["utc_offset_minutes"].get<int>()) : c.want;
+        start(true);
+        EXPECT_EQ(ipmiGetSelTimeUtcOffset(session_), want) << c.offset;
+    }
+    SelSummary s = ipmiGetSelInfo(session_);
+    EXPECT_EQ(s.entries, records().size());
+    EXPECT_EQ(s.maxEntries, profile_["sel"]["capacity"].get<unsigned>());
+    EXPECT_EQ(s.lastAddTime, lastAddOf(profile_));
+    EXPECT_EQ(s.lastEraseTime, timeOf(profile_["sel"]["last_erase"]));
+}
+
+TEST_F(Library, ClearingEmptiesTheLogAndWritingLabelsBySensorEvent)
+{
+    start();
+    ASSERT_EQ(ipmiClearEventLog(session_), 1);
+    SelSummary s = ipmiGetSelInfo(session_);
+    EXPECT_EQ(s.entries, 0);
+    EXPECT_EQ(s.lastEraseTime, kFixedNow);
+    EXPECT_EQ(ipmiGetSelRawStrings(session_, 0), nullptr);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(ipmiGetSelText(session_, 0, 0), nullptr);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "SEL has no entries\n");
+
+    // The default machine's own event handling: error code by sensor type and event offset;
+    // "{sensor}" stands for the sensor's name.
+    const struct {
+        uint8_t type, sensor, dirType, d1, d2, d3;
+        const char *code;
+        std::vector<std::string> params;
+        const char *severity;
+    } writes[] = {
+        {0x04, 0x20, 0x01, 0x52, 0x03, 0x05, "02000101", {"{sensor}"}, "major"},
+        {0x04, 0x20, 0x81, 0x52, 0x0A, 0x05, "02000102", {"{sensor}"}, "info"},
+        {0x04, 0x20, 0x01, 0x54, 0x01, 0x02, "02000101", {"{sensor}"}, "critical"},
+        {0xE6, 0x28, 0x6F, 0x01, 0xFF, 0xFF, "02000201", {"{sensor}"}, "critical"},
+        {0x01, 0x03, 0x01, 0x57, 86, 85, "03000101", {"{sensor}", "86", "85"}, "minor"},
+        {0x01, 0x03, 0x01, 0x59, 91, 90, "03000102", {"{sensor}", "91", "90"}, "major"},
+        {0x0C, 0x60, 0x6F, 0xA0, 0x00, 0x01, "04000101", {"{sensor}"}, "minor"},
+        {0xE8, 0x31, 0x6F, 0x0B, 0xFF, 0xFF, "05000101", {"{sensor}"}, "major"},
+        {0x0B, 0x77, 0x0B, 0x01, 0xFF, 0xFF, "05000201", {}, "major"},
+        {0x0B, 0x35, 0x01, 0x57, 82, 80, "05000301", {"{sensor}", "82", "80"}, "minor"},
+        {0x23, 0x71, 0x6F, 0xC1, 0x04, 0xFF, "06000101", {"hard reset"}, "critical"},
+        {0x02, 0x13, 0x01, 0x52, 0x27, 0x28, "08000201", {"{sensor}"}, "major"},
+        {0x02, 0x10, 0x01, 0x52, 0xB0, 0xB4, "08000101", {"{sensor}"}, "minor"},
+        {0x1D, 0x75, 0x6F, 0xA7, 0x04, 0x00, "01000302", {"restart cause 4"}, "info"},
+        {0x30, 0x99, 0x6F, 0x03, 0x10, 0x20, "0F000001", {"{sensor}", "0x30", "3", "3", "16", "32"}, "info"},
+    };
+    uint16_t id = 0;
+    for (const auto &w : writes) {
+        ASSERT_EQ(ipmiWriteSelEntry(session_, w.type, w.sensor, w.dirType, w.d1, w.d2, w.d3), 1);
+        ++id;
+        std::vector<std::string> params = w.params;
+        for (auto &p : params)
+            if (p == "{sensor}") p = sensorName(profile_, w.sensor);
+        json rec = {{"error_code", w.code}, {"parameters", params}, {"severity", w.severity}};
+        Bytes r = {uint8_t(id), uint8_t(id >> 8), 0x02, 0, 0, 0, 0, 0x20, 0x00, 0x01, w.type, w.sensor, w.dirType, w.d1, w.d2, w.d3};
+        for (int i = 0; i < 4; ++i) r[3 + i] = uint8_t(kFixedNow >> (8 * i));
+        // The record as the controller stamped it, then its label.
+        std::vector<std::string> raw = lines(ipmiGetSelRawStrings(session_, 1));
+        ASSERT_FALSE(raw.empty());
+        EXPECT_EQ(raw.front(), rawLine(r));
+        EXPECT_EQ(takeString(buildSelTextString(session_, r.data(), 0, 1, 1, TVX_LANG_ENGLISH)),
+                  textLine(profile_, rec, kFixedNow, "0x0409"))
+            << w.code;
+    }
+    EXPECT_EQ(ipmiGetSelInfo(session_).lastAddTime, kFixedNow);
+}
+
+TEST_F(Library, ControllersThatCannotAnswerWholeRecordsAreReadInPieces)
+{
+    start();
+    ipmihost_reset_request_count();
+    std::vector<std::string> whole = lines(ipmiGetSelRawStrings(session_, 0));
+    uint64_t wholeRequests = ipmihost_request_count();
+    EXPECT_EQ(wholeRequests, 1 + records().size()); // the count, then one request per record
+
+    profile_["sel"]["max_read_bytes"] = 8;
+    start();
+    ipmihost_reset_request_count();
+    EXPECT_EQ(lines(ipmiGetSelRawStrings(session_, 0)), whole);
+    // Per record: the refused whole read, a reservation and two halves.
+    EXPECT_EQ(ipmihost_request_count(), 1 + 4 * records().size());
+}
+
+} // namespace
+} // namespace simsel

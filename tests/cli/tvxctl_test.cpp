@@ -18,6 +18,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "tvxctl_runner.h"
+
 extern char **environ;
 
 using nlohmann::json;
@@ -34,15 +36,7 @@ std::string readFile(const std::string &path)
 
 void writeFile(const std::string &path, const std::string &text) { std::ofstream(path, std::ios::binary) << text; }
 
-struct Outcome {
-    int code;
-    std::string out, err;
-};
-
-std::ostream &operator<<(std::ostream &os, const Outcome &r)
-{
-    return os << "exit " << r.code << "\n--- stdout\n" << r.out << "--- stderr\n" << r.err;
-}
+using tvxtest::Outcome;
 
 // The identity bytes of Get Device ID that a profile's "controller" section describes.
 std::vector<uint8_t> deviceIdBytes(const json &c)
@@ -123,38 +117,7 @@ protected:
     // those in) the environment. The user's own home and state are never reachable.
     Outcome run(const std::vector<std::string> &args, const std::vector<std::string> &extraEnv = {})
     {
-        std::vector<std::string> env = {"HOME=" + dir_ + "/home", std::string("TVX_IPMI_STATE_DIR=") + stateDir()};
-        for (char **e = environ; *e; ++e) {
-            std::string v = *e;
-            if (v.rfind("TVX_IPMI_", 0) != 0 && v.rfind("HOME=", 0) != 0 && v.rfind("XDG_STATE_HOME=", 0) != 0) env.push_back(v);
-        }
-        for (const auto &x : extraEnv) {
-            std::string name = x.substr(0, x.find('=') + 1);
-            std::erase_if(env, [&](const std::string &v) { return v.rfind(name, 0) == 0; });
-            env.push_back(x);
-        }
-        std::vector<char *> argv = {const_cast<char *>(TVXCTL_PATH)}, envp;
-        for (const auto &a : args) argv.push_back(const_cast<char *>(a.c_str()));
-        argv.push_back(nullptr);
-        for (const auto &e : env) envp.push_back(const_cast<char *>(e.c_str()));
-        envp.push_back(nullptr);
-
-        const std::string outPath = dir_ + "/stdout", errPath = dir_ + "/stderr";
-        posix_spawn_file_actions_t fa;
-        posix_spawn_file_actions_init(&fa);
-        posix_spawn_file_actions_addopen(&fa, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        posix_spawn_file_actions_addopen(&fa, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        pid_t pid;
-        int rc = posix_spawn(&pid, TVXCTL_PATH, &fa, nullptr, argv.data(), envp.data());
-        posix_spawn_file_actions_destroy(&fa);
-        if (rc != 0) {
-            ADD_FAILURE() << "cannot start " << TVXCTL_PATH << ": " << std::strerror(rc);
-            return {-1, "", ""};
-        }
-        int status = 0;
-        waitpid(pid, &status, 0);
-        Outcome r{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), readFile(outPath), readFile(errPath)};
-        return r;
+        return tvxtest::runTvxctl(TVXCTL_PATH, dir_, args, extraEnv);
     }
 
     std::string dir_, oddPath_;

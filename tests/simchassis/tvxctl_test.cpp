@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "sim_test_util.h"
+#include "tvxctl_runner.h"
 
 extern char **environ;
 
@@ -24,15 +25,7 @@ namespace {
 
 const std::string kMachines = TVX_MACHINES_DIR;
 
-struct Outcome {
-    int code;
-    std::string out, err;
-};
-
-std::ostream &operator<<(std::ostream &os, const Outcome &r)
-{
-    return os << "exit " << r.code << "\n--- stdout\n" << r.out << "--- stderr\n" << r.err;
-}
+using tvxtest::Outcome;
 
 struct Step {
     std::vector<std::string> args;
@@ -55,37 +48,7 @@ protected:
     }
 
     // tvxctl with a home and state directory of its own, never the user's.
-    Outcome run(std::vector<std::string> args)
-    {
-        std::vector<std::string> env = {"HOME=" + dir_.file("home"), "TVX_IPMI_STATE_DIR=" + dir_.file("state")};
-        for (char **e = environ; *e; ++e) {
-            std::string v = *e;
-            if (v.rfind("TVX_IPMI_", 0) != 0 && v.rfind("HOME=", 0) != 0 && v.rfind("XDG_STATE_HOME=", 0) != 0)
-                env.push_back(v);
-        }
-        args.insert(args.begin(), TVXCTL_PATH);
-        std::vector<char *> argv, envp;
-        for (auto &a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        for (auto &e : env) envp.push_back(e.data());
-        envp.push_back(nullptr);
-        const std::string out = dir_.file("stdout"), err = dir_.file("stderr");
-        posix_spawn_file_actions_t fa;
-        posix_spawn_file_actions_init(&fa);
-        posix_spawn_file_actions_addopen(&fa, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        posix_spawn_file_actions_addopen(&fa, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        pid_t pid;
-        int rc = posix_spawn(&pid, TVXCTL_PATH, &fa, nullptr, argv.data(), envp.data());
-        posix_spawn_file_actions_destroy(&fa);
-        if (rc != 0) {
-            ADD_FAILURE() << "cannot start tvxctl: " << std::strerror(rc);
-            return {-1, "", ""};
-        }
-        int status = 0;
-        waitpid(pid, &status, 0);
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), simtest::readFile(out),
-                simtest::readFile(err)};
-    }
+    Outcome run(std::vector<std::string> args) { return tvxtest::runTvxctl(TVXCTL_PATH, dir_.path(), args); }
     json runJson(const std::vector<std::string> &args)
     {
         std::vector<std::string> full = {"--json"};

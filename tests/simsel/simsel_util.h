@@ -17,48 +17,17 @@
 
 #include <nlohmann/json.hpp>
 
+#include "sim_test_util.h"
+
 namespace simsel {
 
 using nlohmann::json;
 using Bytes = std::vector<uint8_t>;
 
-// A directory that exists for the life of the object.
-class TempDir {
-public:
-    TempDir()
-    {
-        std::string tmpl = (std::filesystem::temp_directory_path() / "tvx-simsel-XXXXXX").string();
-        if (!mkdtemp(tmpl.data())) throw std::runtime_error("mkdtemp failed");
-        path_ = tmpl;
-    }
-    ~TempDir()
-    {
-        std::error_code ec;
-        std::filesystem::remove_all(path_, ec);
-    }
-    TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
-    const std::string &path() const { return path_; }
-    std::string file(const std::string &name) const { return path_ + "/" + name; }
-
-private:
-    std::string path_;
-};
-
-inline void writeFile(const std::string &path, const std::string &text)
-{
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
-    if (!out) throw std::runtime_error("cannot write " + path);
-}
-
-inline std::string readFile(const std::string &path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
+// Scratch directories and files, as the other controller tests use them.
+using simtest::TempDir;
+using simtest::readFile;
+using simtest::writeFile;
 
 #ifdef TVX_MACHINES_DIR
 inline json defaultProfile() { return json::parse(readFile(std::string(TVX_MACHINES_DIR) + "/default.json")); }

@@ -12,21 +12,14 @@
 #include <gtest/gtest.h>
 
 #include "raw_line.h"
+#include "tvxctl_runner.h"
 
 extern char **environ;
 
 namespace simsel {
 namespace {
 
-struct Outcome {
-    int code;
-    std::string out, err;
-};
-
-std::ostream &operator<<(std::ostream &os, const Outcome &r)
-{
-    return os << "exit " << r.code << "\n--- stdout\n" << r.out << "--- stderr\n" << r.err;
-}
+using tvxtest::Outcome;
 
 std::vector<std::string> splitLines(const std::string &text)
 {
@@ -61,34 +54,7 @@ protected:
         writeFile(dir_.file("fixed.json"), fixed_.dump());
     }
 
-    Outcome run(std::vector<std::string> args)
-    {
-        std::vector<std::string> env = {"HOME=" + dir_.file("home"), "TVX_IPMI_STATE_DIR=" + dir_.file("state")};
-        for (char **e = environ; *e; ++e) {
-            std::string v = *e;
-            if (v.rfind("TVX_IPMI_", 0) != 0 && v.rfind("HOME=", 0) != 0 && v.rfind("XDG_STATE_HOME=", 0) != 0) env.push_back(v);
-        }
-        std::vector<char *> argv = {const_cast<char *>(TVXCTL_PATH)}, envp;
-        for (auto &a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        for (auto &e : env) envp.push_back(e.data());
-        envp.push_back(nullptr);
-        const std::string outPath = dir_.file("stdout"), errPath = dir_.file("stderr");
-        posix_spawn_file_actions_t fa;
-        posix_spawn_file_actions_init(&fa);
-        posix_spawn_file_actions_addopen(&fa, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        posix_spawn_file_actions_addopen(&fa, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        pid_t pid;
-        int rc = posix_spawn(&pid, TVXCTL_PATH, &fa, nullptr, argv.data(), envp.data());
-        posix_spawn_file_actions_destroy(&fa);
-        if (rc != 0) {
-            ADD_FAILURE() << "cannot start " << TVXCTL_PATH << ": " << std::strerror(rc);
-            return {-1, "", ""};
-        }
-        int status = 0;
-        waitpid(pid, &status, 0);
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), readFile(outPath), readFile(errPath)};
-    }
+    Outcome run(std::vector<std::string> args) { return tvxtest::runTvxctl(TVXCTL_PATH, dir_.path(), args); }
     // The same with the fixed-clock copy of the default machine.
     Outcome runFixed(std::vector<std::string> args)
     {

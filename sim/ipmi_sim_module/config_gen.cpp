@@ -2,6 +2,9 @@
 
 #include <cstdio>
 
+#include "sdr.h"
+#include "sel_model.h"
+
 namespace tvxsim::ipmisim {
 namespace {
 
@@ -17,7 +20,8 @@ std::string quoted(const std::string &text, const char *what)
 {
     for (char c : text)
         if (c == '"' || c == '\\' || c == '\n' || c == '\r')
-            throw ProfileError(std::string("ipmi_sim configuration: ") + what + " cannot contain quotes, backslashes or line ends");
+            throw ProfileError(std::string("ipmi_sim configuration: ") + what +
+                               " cannot contain quotes, backslashes or line ends");
     return "\"" + text + "\"";
 }
 
@@ -52,14 +56,78 @@ void emitController(const Profile &p, Commands &out)
              hex(d.manufacturerId & 0xFFFFF, 6) + " " + hex(d.productId, 4));
 }
 
-// The system event log: enabled when the controller says it is a SEL device. ipmi_sim
-// supports reservations and deleting entries (operation support 0x0A).
+// Bytes written one after the other, each in 0x notation.
+std::string byteList(std::span<const uint8_t> bytes)
+{
+    std::string s;
+    for (uint8_t b : bytes) s += " " + hex(b);
+    return s;
+}
+
+// The SDR repository, record by record in repository order. ipmi_sim numbers the records
+// itself (1, 2, ... as they are added), which are the record IDs the profile gives them.
+void emitSdrs(const Profile &p, Commands &out)
+{
+    const SdrModel model = parseSdrModel(p);
+    if (model.records.empty()) return;
+    out.comment("SDR repository: " + std::to_string(model.records.size()) + " records");
+    for (const SdrRecord &r : model.records) out.line("main_sdr_add " + hex(kBmcAddress) + byteList(r.bytes));
+}
+
+// The sensors with their values now. ipmi_sim takes a sensor's event masks from its SDR,
+// added before, but not its thresholds and hysteresis, which are set here. What ipmi_sim
+// cannot model stays as in a powered, healthy machine (the module corrects Get Sensor
+// Reading for sensors powered by the host and signed comparisons).
+void emitSensors(const Profile &p, Commands &out)
+{
+    const SdrModel model = parseSdrModel(p);
+    if (model.sensors.empty()) return;
+    out.comment("Sensors");
+    const nlohmann::json noState = nlohmann::json::object();
+    for (const SensorDef &s : model.sensors) {
+        const std::string where = hex(kBmcAddress) + " " + std::to_string(s.lun) + " " + hex(s.number);
+        out.line("sensor_add " + where + " " + hex(s.sensorType) + " " + hex(s.eventType));
+        const SensorNow now = sensorNow(s, noState);
+        if (s.thresholdBased()) {
+            // Thresholds as the SDR gives them, readable; the enable string runs from the upper
+            // non-recoverable (bit 5) down to the lower non-critical (bit 0).
+            std::string enabled, values;
+            for (int i = 5; i >= 0; --i) {
+                enabled += s.thresholds[i] ? '1' : '0';
+                values += " " + hex(s.thresholds[i].value_or(0));
+            }
+            out.line("sensor_set_threshold " + where + " readable " + enabled + values);
+            out.line("sensor_set_hysteresis " + where + " readable " + hex(s.hysteresisPositive) + " " +
+                     hex(s.hysteresisNegative));
+        }
+        if (s.format != AnalogFormat::None) out.line("sensor_set_value " + where + " " + hex(now.reading) + " 0");
+        if (!s.thresholdBased())
+            for (int bit = 0; bit < 15; ++bit)
+                if (now.state & (1u << bit)) out.line("sensor_set_bit " + where + " " + std::to_string(bit) + " 1 0");
+        // Scanning or events off: the event masks go with them (ipmi_sim sets all in one
+        // command, 15 bits each).
+        if (!now.scanning || !now.events) {
+            const std::string none(15, '0');
+            out.line("sensor_set_event_support " + where + (now.events ? " enable" : " disable") +
+                     (now.scanning ? " scanning" : " no-scanning") + " none " + none + " " + none + " " + none + " " +
+                     none);
+        }
+    }
+}
+
+// The system event log: enabled when the controller says it is a SEL device, with the
+// profile's entries. ipmi_sim supports reservations and deleting entries (operation support
+// 0x0A), numbers the entries 1, 2, ... and stamps each with its own clock (its uptime, as
+// nothing sets its SEL time before the entries are added).
 void emitSel(const Profile &p, Commands &out)
 {
     constexpr uint8_t kSelDevice = 0x04;
     if (!(p.device.additionalSupport & kSelDevice)) return;
+    const sel::Model model = sel::parseModel(p);
     out.comment("System event log");
-    out.line("sel_enable " + hex(kBmcAddress) + " 1000 0x0a");
+    out.line("sel_enable " + hex(kBmcAddress) + " " + std::to_string(model.capacity) + " 0x0a");
+    for (const sel::Entry &e : model.records)
+        out.line("sel_add " + hex(kBmcAddress) + byteList(std::span<const uint8_t>(e.record).subspan(2)));
 }
 
 // One part of the machine. Sections run in order; the SDR repository must come before the
@@ -71,9 +139,8 @@ struct Section {
 
 constexpr Section kSections[] = {
     {"controller", emitController},
-    // The SDR repository (main_sdr_add), sensors (sensor_add, sensor_set_value,
-    // sensor_set_threshold), SEL entries (sel_add) and FRU data (mc_add_fru_data) are
-    // emitted here from their profile sections as those are added.
+    {"sdr", emitSdrs},
+    {"sensors", emitSensors},
     {"sel", emitSel},
 };
 

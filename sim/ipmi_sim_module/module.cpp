@@ -9,6 +9,11 @@
 //    that controller when it models them, else by the plain answers below; Get Self Test
 //    Results and Set/Get ACPI Power State by the controller alone;
 //  - chassis power: Chassis Control changes the power state that Get Chassis Status reports;
+//  - Get Sensor Reading: ipmi_sim's answer, with three corrections: the threshold
+//    comparisons of sensors with signed readings (ipmi_sim compares the raw bytes as
+//    unsigned numbers, so -5 would lie above 23), the reserved bits 7..6 of the comparisons
+//    sent as ones, and sensors powered by the host reading "unavailable" while the power is
+//    off;
 //  - the identity details mc_add cannot carry (auxiliary firmware revision, IPMI version,
 //    device busy) come from the profile.
 //
@@ -29,6 +34,11 @@ extern "C" {
 
 #include "controller.h"
 #include "profile.h"
+#include "sdr.h"
+
+// ipmi_sim's table of Sensor/Event commands, exported by the program: the module chains its
+// Get Sensor Reading to the original.
+extern "C" cmd_handler_f sensor_event_netfn_handlers[256];
 
 namespace {
 
@@ -138,16 +148,8 @@ void handleSdrAllocInfo(lmc_data_t *, msg_t *msg, unsigned char *rdata, unsigned
     // is 0x0FFF of 0x1000 units. The largest record is a full sensor record, 64 bytes.
     constexpr uint16_t kUnits = 0x1000, kUnitSize = 16, kFree = 0x0FFF;
     constexpr uint8_t kMaxRecordUnits = 4;
-    out = {0x00,
-           kUnits & 0xFF,
-           kUnits >> 8,
-           kUnitSize & 0xFF,
-           kUnitSize >> 8,
-           kFree & 0xFF,
-           kFree >> 8,
-           kFree & 0xFF,
-           kFree >> 8,
-           kMaxRecordUnits};
+    out = {0x00,         kUnits & 0xFF, kUnits >> 8,  kUnitSize & 0xFF, kUnitSize >> 8,
+           kFree & 0xFF, kFree >> 8,    kFree & 0xFF, kFree >> 8,       kMaxRecordUnits};
     answer(out, rdata, rdata_len);
 }
 
@@ -207,6 +209,36 @@ void handleGetDeviceId(lmc_data_t *, msg_t *msg, unsigned char *rdata, unsigned 
     std::vector<uint8_t> out;
     if (!askController(msg, out)) out = {tvxsim::cc::kUnspecified};
     answer(out, rdata, rdata_len);
+}
+
+// ---- Sensor readings -------------------------------------------------------------------------
+
+constexpr unsigned char kGetSensorReading = 0x2D;
+cmd_handler_f originalGetSensorReading = nullptr;
+
+void handleGetSensorReading(lmc_data_t *mc, msg_t *msg, unsigned char *rdata, unsigned int *rdata_len, void *cb)
+{
+    originalGetSensorReading(mc, msg, rdata, rdata_len, cb);
+    Module &m = module();
+    if (!m.controller || msg->len < 1 || *rdata_len < 4 || rdata[0] != 0) return;
+    std::shared_ptr<const tvxsim::SdrModel> model;
+    try {
+        model = tvxsim::sdrModel(*m.controller);
+    } catch (const std::exception &e) {
+        logLine(e.what());
+        return;
+    }
+    const tvxsim::SensorDef *sensor = model->find(msg->rs_lun & 3, msg->data[0]);
+    if (!sensor) return;
+    constexpr unsigned char kUnavailable = 0x20;
+    if (sensor->poweredByHost && !m.powerOn) rdata[2] |= kUnavailable;
+    if (sensor->thresholdBased()) {
+        const bool isSigned = sensor->format == tvxsim::AnalogFormat::OnesComplement ||
+                              sensor->format == tvxsim::AnalogFormat::TwosComplement;
+        // Bits 7..6 of the threshold comparisons are reserved and sent as ones.
+        uint8_t bits = isSigned ? tvxsim::thresholdStatus(*sensor, rdata[1]) : (rdata[3] & 0x3F);
+        rdata[3] = static_cast<unsigned char>(0xC0 | bits);
+    }
 }
 
 // ---- Chassis power ----------------------------------------------------------------------------
@@ -291,13 +323,20 @@ extern "C" __attribute__((visibility("default"))) int ipmi_sim_module_init(sys_d
         cmd_handler_f handler;
     };
     const Std standard[] = {
-        {kNetFnStorage, 0x21, handleSdrAllocInfo},   {kNetFnApp, 0x02, handleReset},
-        {kNetFnApp, 0x03, handleReset},              {kNetFnStorage, 0x5C, handleGetUtcOffset},
-        {kNetFnStorage, 0x5D, handleSetUtcOffset},   {kNetFnSensorEvent, 0x16, handleAlertImmediate},
-        {kNetFnApp, 0x04, handleFromController},     {kNetFnApp, 0x06, handleFromController},
+        {kNetFnStorage, 0x21, handleSdrAllocInfo},
+        {kNetFnApp, 0x02, handleReset},
+        {kNetFnApp, 0x03, handleReset},
+        {kNetFnStorage, 0x5C, handleGetUtcOffset},
+        {kNetFnStorage, 0x5D, handleSetUtcOffset},
+        {kNetFnSensorEvent, 0x16, handleAlertImmediate},
+        {kNetFnApp, 0x04, handleFromController},
+        {kNetFnApp, 0x06, handleFromController},
         {kNetFnApp, 0x07, handleFromController},
     };
     for (const Std &s : standard) rv = rv ? rv : ipmi_emu_register_cmd_handler(s.netfn, s.cmd, s.handler, nullptr);
+    originalGetSensorReading = sensor_event_netfn_handlers[kGetSensorReading];
+    if (!rv && originalGetSensorReading)
+        rv = ipmi_emu_register_cmd_handler(kNetFnSensorEvent, kGetSensorReading, handleGetSensorReading, nullptr);
     const tvxsim::DeviceIdentity &id = m.controller->profile().device;
     if (!rv && (id.ipmiVersionBcd != 0x02 || id.busy || !id.auxFirmwareRevision))
         rv = ipmi_emu_register_cmd_handler(kNetFnApp, 0x01, handleGetDeviceId, nullptr);

@@ -6,13 +6,17 @@
 //   OpenClose   open and close one library session (what nearly every query of the library
 //               costs before its first request)
 //   RawRoundTrip  one request on an open session (Get Device ID)
-//   AgentPass   what the agent does for a sensor table: a session, Get Sensor Reading
-//               (0x04/0x2D) for every sensor the simulator has, close
+//   SdrCache    the library's SDR cache over LAN (getSDRInfo): the whole repository in the
+//               simulator's 36-byte answers
+//   AgentPass   what the agent does for a sensor table: a session, every sensor's reading
+//               and status (ipmiGetSensorReading, ipmiSdrGetStatus), close; the others send
+//               the same Get Sensor Reading requests (0x04/0x2D)
 //
 // Run: build/bench/bench/lan_bench   (see bench/README.md for the figures)
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <fstream>
 #include <memory>
@@ -32,31 +36,9 @@ extern char **environ;
 
 namespace {
 
-constexpr int kSensors = 16;
-
-// A full sensor record (temperature, threshold based, degrees C, M=1) for sensor `number`.
-std::string fullSensorSdr(int number)
-{
-    char id[16];
-    int n = std::snprintf(id, sizeof id, "Temp %d", number);
-    std::vector<int> body = {0x20, 0x00, number,                   // owner, LUN, sensor number
-                             0x03, 0x01, 0x7F, 0x68, 0x01, 0x01,   // processor 1, init, caps, temperature, threshold
-                             0x00, 0x00, 0x00, 0x00, 0x3F, 0x3F,   // event masks, readable thresholds
-                             0x00, 0x01, 0x00, 0x00,               // unsigned, degrees C, linear
-                             0x01, 0x00, 0x00, 0x00, 0x00, 0x00,   // M = 1, B = 0, exponents 0
-                             0x00, 0x28, 0x50, 0x05, 0xFF, 0x00,   // nominal, normal max/min, range
-                             0x5F, 0x5A, 0x55, 0x00, 0x00, 0x00,   // upper NR, C, NC; lower ones
-                             0x00, 0x00, 0x00, 0x00, 0x00, 0xC0 | n};
-    std::string line = "main_sdr_add 0x20 0x00 0x00 0x51 0x01 " + std::to_string(body.size() + n);
-    char buf[8];
-    for (int b : body) std::snprintf(buf, sizeof buf, " 0x%02x", b), line += buf;
-    for (int i = 0; i < n; ++i) std::snprintf(buf, sizeof buf, " 0x%02x", static_cast<unsigned char>(id[i])), line += buf;
-    return line;
-}
-
 struct Bed {
     std::unique_ptr<tvxsim::ipmisim::Peer> peer;
-    std::vector<uint8_t> sensors; // found by walking the SDR repository
+    std::vector<uint8_t> sensors; // the sensor records' numbers, from the SDR cache
     std::string execFile;         // ipmitool exec: one raw command per line
     std::string rawFile;          // ipmi-raw: one request per line
 };
@@ -71,32 +53,24 @@ Bed &bed()
         o.profilePath = std::string(TVX_MACHINES_DIR) + "/default.json";
         o.modulePath = TVX_IPMI_SIM_MODULE;
         o.workDir = work + "/sim";
-        for (int s = 1; s <= kSensors; ++s) {
-            o.extraCommands.push_back(fullSensorSdr(s));
-            o.extraCommands.push_back("sensor_add 0x20 0 " + std::to_string(s) + " 0x01 0x01");
-            o.extraCommands.push_back("sensor_set_value 0x20 0 " + std::to_string(s) + " " + std::to_string(30 + s) + " 0");
-        }
         b.peer = std::make_unique<tvxsim::ipmisim::Peer>(o);
         return b;
     }();
     return made;
 }
 
-// The sensor numbers of the repository's full and compact sensor records: Get SDR with
-// reservation 0 (which ipmi_sim accepts), header first, then the key by the record's type.
+// The sensor numbers of the repository's full and compact sensor records.
 std::vector<uint8_t> discoverSensors(IpmiSession *s)
 {
     std::vector<uint8_t> found;
-    uint16_t id = 0;
-    for (int guard = 0; guard < 1024 && id != 0xFFFF; ++guard) {
-        uint8_t rq[6] = {0x00, 0x00, static_cast<uint8_t>(id), static_cast<uint8_t>(id >> 8), 0x00, 0x08};
-        uint8_t rs[64];
-        uint32_t len = sizeof rs;
-        if (LIBIPMI_Send_RAW_IPMI2_0_Command(s, 0, 0x28, 0x23, rq, sizeof rq, rs, &len, 60) != 0 || len < 11) break;
-        uint8_t type = rs[3 + 3];
-        if (type == 0x01 || type == 0x02) found.push_back(rs[3 + 7]);
-        id = static_cast<uint16_t>(rs[1] | rs[2] << 8);
+    SDRInfo info{};
+    if (getSDRInfo(s, &info) != 1) std::abort();
+    for (uint32_t i = 0; i < info.count; ++i) {
+        const uint8_t *r = getSdrByIndex(i, &info);
+        if (r[TVX_SDR_POS_RECORD_TYPE] == TVX_SDR_FULL_SENSOR || r[TVX_SDR_POS_RECORD_TYPE] == TVX_SDR_COMPACT_SENSOR)
+            found.push_back(r[TVX_SDR_POS_SENSOR_NUMBER]);
     }
+    freeSDRInfo(&info);
     return found;
 }
 
@@ -146,21 +120,41 @@ void BM_Library_RawRoundTrip(benchmark::State &state)
     reportHandshakes(state);
 }
 
+void BM_Library_SdrCache(benchmark::State &state)
+{
+    selectLan(state.range(0));
+    IpmiSession *s = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
+    uint64_t requests = ipmihost_request_count();
+    uint32_t records = 0;
+    for (auto _ : state) {
+        SDRInfo info{};
+        if (getSDRInfo(s, &info) != 1) state.SkipWithError("no SDR cache");
+        records = info.count;
+        freeSDRInfo(&info);
+    }
+    state.counters["records"] = records;
+    state.counters["requests/iter"] = benchmark::Counter(static_cast<double>(ipmihost_request_count() - requests),
+                                                         benchmark::Counter::kAvgIterations);
+    ipmiHelperCloseSession(&s);
+    reportHandshakes(state);
+}
+
 void BM_Library_AgentPass(benchmark::State &state)
 {
     selectLan(state.range(0));
     const auto &sensors = bed().sensors;
-    uint8_t rs[16];
+    std::size_t statusBytes = 0;
     for (auto _ : state) {
         IpmiSession *s = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
         for (uint8_t n : sensors) {
-            uint32_t len = sizeof rs;
-            uint8_t rq = n;
-            if (ipmiSendCmd(s, TVX_NETFN_SENSOR, 0x2D, 1, &rq, &len, rs) != 1 || rs[0] != 0)
-                state.SkipWithError("reading failed");
+            uint8_t reading = 0;
+            uint16_t bits = 0;
+            if (ipmiGetSensorReading(s, n, &reading, &bits) != 1) state.SkipWithError("reading failed");
+            statusBytes += std::strlen(ipmiSdrGetStatus(bits & 0x3F));
         }
         ipmiHelperCloseSession(&s);
     }
+    benchmark::DoNotOptimize(statusBytes);
     state.counters["sensors"] = static_cast<double>(sensors.size());
     reportHandshakes(state);
 }
@@ -190,14 +184,14 @@ int spawnWait(const std::vector<std::string> &args, const std::string &stdinFile
 std::vector<std::string> ipmitoolArgs()
 {
     const auto &p = *bed().peer;
-    return {"ipmitool", "-I", "lanplus", "-H", "127.0.0.1", "-p", std::to_string(p.port()), "-U", "admin", "-P",
-            "secret", "-C", "3"};
+    return {"ipmitool", "-I",    "lanplus", "-H",     "127.0.0.1", "-p", std::to_string(p.port()),
+            "-U",       "admin", "-P",      "secret", "-C",        "3"};
 }
 
 std::vector<std::string> ipmiRawArgs()
 {
-    return {"ipmi-raw", "-D", "LAN_2_0", "-h", bed().peer->hostPort(), "-u", "admin", "-p", "secret", "-l", "ADMIN",
-            "-I", "3", "-W", "opensesspriv"};
+    return {"ipmi-raw", "-D", "LAN_2_0", "-h", bed().peer->hostPort(), "-u", "admin", "-p", "secret", "-l",
+            "ADMIN",    "-I", "3",       "-W", "opensesspriv"};
 }
 
 char hexByte[8];
@@ -290,6 +284,7 @@ void BM_IpmiRaw_AgentPass_OneSession(benchmark::State &state)
 // Argument: 1 with the connection pool, 0 without.
 BENCHMARK(BM_Library_OpenClose)->ArgName("pool")->Arg(1)->Arg(0)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Library_RawRoundTrip)->ArgName("pool")->Arg(1)->Arg(0)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Library_SdrCache)->ArgName("pool")->Arg(1)->Arg(0)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Library_AgentPass)->ArgName("pool")->Arg(1)->Arg(0)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Ipmitool_RawRoundTrip)->Unit(benchmark::kMillisecond)->Iterations(20);
 BENCHMARK(BM_IpmiRaw_RawRoundTrip)->Unit(benchmark::kMillisecond)->Iterations(20);

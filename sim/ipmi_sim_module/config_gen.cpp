@@ -1,6 +1,7 @@
 #include "config_gen.h"
 
 #include <cstdio>
+#include <string_view>
 
 #include "sdr.h"
 #include "sel_model.h"
@@ -29,7 +30,18 @@ std::string quoted(const std::string &text, const char *what)
 // prefix, since a leading 0 would be read as octal.
 class Commands {
 public:
-    void line(const std::string &text) { text_ += text + "\n"; }
+    void line(const std::string &text)
+    {
+        text_ += text;
+        text_ += '\n';
+    }
+    // A command and its arguments, separated by spaces.
+    template <typename... Words> void command(std::string_view name, const Words &...words)
+    {
+        text_ += name;
+        ((text_ += ' ', text_ += std::string_view(words)), ...);
+        text_ += '\n';
+    }
     // A comment stays on its line whatever the text holds.
     void comment(std::string text)
     {
@@ -60,7 +72,10 @@ void emitController(const Profile &p, Commands &out)
 std::string byteList(std::span<const uint8_t> bytes)
 {
     std::string s;
-    for (uint8_t b : bytes) s += " " + hex(b);
+    for (uint8_t b : bytes) {
+        s += ' ';
+        s += hex(b);
+    }
     return s;
 }
 
@@ -71,7 +86,7 @@ void emitSdrs(const Profile &p, Commands &out)
     const SdrModel model = parseSdrModel(p);
     if (model.records.empty()) return;
     out.comment("SDR repository: " + std::to_string(model.records.size()) + " records");
-    for (const SdrRecord &r : model.records) out.line("main_sdr_add " + hex(kBmcAddress) + byteList(r.bytes));
+    for (const SdrRecord &r : model.records) out.command("main_sdr_add", hex(kBmcAddress) + byteList(r.bytes));
 }
 
 // The sensors with their values now. ipmi_sim takes a sensor's event masks from its SDR,
@@ -85,8 +100,8 @@ void emitSensors(const Profile &p, Commands &out)
     out.comment("Sensors");
     const nlohmann::json noState = nlohmann::json::object();
     for (const SensorDef &s : model.sensors) {
-        const std::string where = hex(kBmcAddress) + " " + std::to_string(s.lun) + " " + hex(s.number);
-        out.line("sensor_add " + where + " " + hex(s.sensorType) + " " + hex(s.eventType));
+        const std::string mc = hex(kBmcAddress), lun = std::to_string(s.lun), number = hex(s.number);
+        out.command("sensor_add", mc, lun, number, hex(s.sensorType), hex(s.eventType));
         const SensorNow now = sensorNow(s, noState);
         if (s.thresholdBased()) {
             // Thresholds as the SDR gives them, readable; the enable string runs from the upper
@@ -94,23 +109,24 @@ void emitSensors(const Profile &p, Commands &out)
             std::string enabled, values;
             for (int i = 5; i >= 0; --i) {
                 enabled += s.thresholds[i] ? '1' : '0';
-                values += " " + hex(s.thresholds[i].value_or(0));
+                values += ' ';
+                values += hex(s.thresholds[i].value_or(0));
             }
-            out.line("sensor_set_threshold " + where + " readable " + enabled + values);
-            out.line("sensor_set_hysteresis " + where + " readable " + hex(s.hysteresisPositive) + " " +
-                     hex(s.hysteresisNegative));
+            out.command("sensor_set_threshold", mc, lun, number, "readable", enabled + values);
+            out.command("sensor_set_hysteresis", mc, lun, number, "readable", hex(s.hysteresisPositive),
+                        hex(s.hysteresisNegative));
         }
-        if (s.format != AnalogFormat::None) out.line("sensor_set_value " + where + " " + hex(now.reading) + " 0");
+        if (s.format != AnalogFormat::None) out.command("sensor_set_value", mc, lun, number, hex(now.reading), "0");
         if (!s.thresholdBased())
             for (int bit = 0; bit < 15; ++bit)
-                if (now.state & (1u << bit)) out.line("sensor_set_bit " + where + " " + std::to_string(bit) + " 1 0");
+                if (now.state & (1u << bit))
+                    out.command("sensor_set_bit", mc, lun, number, std::to_string(bit), "1", "0");
         // Scanning or events off: the event masks go with them (ipmi_sim sets all in one
         // command, 15 bits each).
         if (!now.scanning || !now.events) {
             const std::string none(15, '0');
-            out.line("sensor_set_event_support " + where + (now.events ? " enable" : " disable") +
-                     (now.scanning ? " scanning" : " no-scanning") + " none " + none + " " + none + " " + none + " " +
-                     none);
+            out.command("sensor_set_event_support", mc, lun, number, now.events ? "enable" : "disable",
+                        now.scanning ? "scanning" : "no-scanning", "none", none, none, none, none);
         }
     }
 }
@@ -125,9 +141,9 @@ void emitSel(const Profile &p, Commands &out)
     if (!(p.device.additionalSupport & kSelDevice)) return;
     const sel::Model model = sel::parseModel(p);
     out.comment("System event log");
-    out.line("sel_enable " + hex(kBmcAddress) + " " + std::to_string(model.capacity) + " 0x0a");
+    out.command("sel_enable", hex(kBmcAddress), std::to_string(model.capacity), "0x0a");
     for (const sel::Entry &e : model.records)
-        out.line("sel_add " + hex(kBmcAddress) + byteList(std::span<const uint8_t>(e.record).subspan(2)));
+        out.command("sel_add", hex(kBmcAddress) + byteList(std::span<const uint8_t>(e.record).subspan(2)));
 }
 
 // One part of the machine. Sections run in order; the SDR repository must come before the

@@ -277,6 +277,20 @@ int chassisGet(lmc_data_t *, int op, unsigned char *val, void *)
     }
 }
 
+// Event texts come in chunks of the profile's size; a chunk's answer (text size, length,
+// the chunk and its terminator) must fit behind the IANA number, so the chunks are made
+// small enough for ipmi_sim. The library follows whatever chunk size the controller uses.
+void fitTextChunks(tvxsim::Profile &profile)
+{
+    constexpr int kLargestChunk = kMaxOemDataAfterIana - 4;
+    auto found = profile.document.find("event_texts");
+    if (found == profile.document.end() || !found->is_object()) return;
+    nlohmann::json &texts = *found;
+    const nlohmann::json &size = texts["chunk_size"];
+    if (!size.is_number_integer() || size.get<int>() > kLargestChunk)
+        texts["chunk_size"] = static_cast<unsigned>(kLargestChunk);
+}
+
 std::string option(const char *opts, const char *name)
 {
     std::string all = opts ? opts : "";
@@ -312,7 +326,9 @@ extern "C" __attribute__((visibility("default"))) int ipmi_sim_module_init(sys_d
         return EINVAL;
     }
     try {
-        m.controller = std::make_unique<tvxsim::Controller>(tvxsim::loadProfile(m.profilePath), "");
+        tvxsim::Profile profile = tvxsim::loadProfile(m.profilePath);
+        fitTextChunks(profile);
+        m.controller = std::make_unique<tvxsim::Controller>(std::move(profile), "");
     } catch (const std::exception &e) {
         logLine(e.what());
         return EINVAL;

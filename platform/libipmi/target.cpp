@@ -63,8 +63,14 @@ std::shared_ptr<Target> makeTarget(const std::string &spec, const std::string &s
         }
         return makeMachineTarget(path, stateDir, reset);
     }
-    if (spec == "script:" || spec == "script") return scriptTarget();
-    if (spec.rfind("lan://", 0) == 0) return makeLanTarget(spec);
+    const bool script = spec == "script:" || spec == "script", lan = spec.rfind("lan://", 0) == 0;
+    if (reset && (script || lan)) {
+        // Only a virtual machine has a profile to start afresh from.
+        setLastError("\"" + lan::redact(spec) + "\" is not a virtual machine: nothing to start afresh");
+        return nullptr;
+    }
+    if (script) return scriptTarget();
+    if (lan) return makeLanTarget(spec);
     if (endsWith(spec, ".json")) return makeMachineTarget(spec, stateDir, reset);
     // A mistyped LAN target may carry a password: never repeat it.
     setLastError("unknown target \"" + lan::redact(spec) +

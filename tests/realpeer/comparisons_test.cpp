@@ -430,6 +430,12 @@ TEST(RealPeer, TvxctlNeverShowsThePassword)
     EXPECT_NE(target.out.find("admin@" + peer.hostPort()), std::string::npos) << target.out;
     EXPECT_EQ(target.out.find(password), std::string::npos) << target.out;
 
+    // A real controller has no profile to start afresh from.
+    Outcome reset = tvxctl(&peer, {"reset"});
+    EXPECT_EQ(reset.exitCode, 1);
+    EXPECT_NE(reset.err.find("is not a virtual machine"), std::string::npos) << reset.err;
+    EXPECT_EQ(reset.err.find(password), std::string::npos) << reset.err;
+
     // Refused: the message names the user and host, never the password given.
     Outcome refused =
         run({TVX_TVXCTL, "--target",

@@ -1,23 +1,11 @@
 // tvxctl as a user runs it: a separate process per command, every one with its own state
 // directory and home, output and exit status checked.
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <map>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
+#include "scratch.h"
 #include "tvxctl_runner.h"
 
 extern char **environ;
@@ -26,15 +14,8 @@ using nlohmann::json;
 
 namespace {
 
-std::string readFile(const std::string &path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-void writeFile(const std::string &path, const std::string &text) { std::ofstream(path, std::ios::binary) << text; }
+using tvxtest::readFile;
+using tvxtest::writeFile;
 
 using tvxtest::Outcome;
 
@@ -102,14 +83,10 @@ class Tvxctl : public testing::Test {
 protected:
     void SetUp() override
     {
-        std::string tmpl = (std::filesystem::temp_directory_path() / "tvx-clitest-XXXXXX").string();
-        ASSERT_NE(mkdtemp(tmpl.data()), nullptr);
-        dir_ = tmpl;
-        std::filesystem::create_directory(dir_ + "/home");
+        dir_ = scratch_.path();
         oddPath_ = dir_ + "/odd.json";
         writeFile(oddPath_, kOddMachine.dump(2));
     }
-    void TearDown() override { std::filesystem::remove_all(dir_); }
 
     std::string stateDir() const { return dir_ + "/state"; }
 
@@ -120,6 +97,7 @@ protected:
         return tvxtest::runTvxctl(TVXCTL_PATH, dir_, args, extraEnv);
     }
 
+    tvxtest::TempDir scratch_;
     std::string dir_, oddPath_;
 };
 
@@ -147,31 +125,6 @@ TEST_F(Tvxctl, DevidJsonDescribesTheProfile)
         EXPECT_EQ(j["aux_firmware_revision"], json(std::vector<int>(id.begin() + 11, id.end())));
         EXPECT_EQ(j["additional_device_support"].size(), controller["additional_device_support"].size());
     }
-}
-
-TEST_F(Tvxctl, DevidTextShowsTheProfile)
-{
-    Outcome r = run({"--machine", oddPath_, "devid"});
-    ASSERT_EQ(r.code, 0) << r;
-    std::map<std::string, std::string> rows;
-    std::istringstream lines(r.out);
-    for (std::string line; std::getline(lines, line);) {
-        auto colon = line.find(" : ");
-        if (colon == std::string::npos) continue;
-        std::string name = line.substr(0, colon);
-        name.erase(name.find_last_not_of(' ') + 1);
-        rows[name] = line.substr(colon + 3);
-    }
-    EXPECT_EQ(rows["Device ID"], "33");
-    EXPECT_EQ(rows["Firmware Revision"], "12.09");
-    EXPECT_EQ(rows["IPMI Version"], "1.5");
-    EXPECT_EQ(rows["Manufacturer ID"], "703710 (0x0ABCDE)");
-    EXPECT_EQ(rows["Product ID"], "48879 (0xBEEF)");
-    EXPECT_EQ(rows["Aux Firmware Rev Info"], "0xde 0xad 0xbe 0xef");
-    EXPECT_EQ(rows["Provides Device SDRs"], "no");
-    EXPECT_EQ(rows["Device Available"].rfind("no", 0), 0u);
-    EXPECT_NE(r.out.find("SEL Device"), std::string::npos);
-    EXPECT_NE(r.out.find("Bridge"), std::string::npos);
 }
 
 TEST_F(Tvxctl, RawDeviceIdPrintsTheProfileBytes)
@@ -328,81 +281,4 @@ TEST_F(Tvxctl, ResetRecoversFromACorruptStateFile)
     EXPECT_EQ(r.out, " 00 00\n");
 }
 
-TEST_F(Tvxctl, HelpExitsZero)
-{
-    for (const char *flag : {"--help", "-h"}) {
-        Outcome r = run({flag});
-        EXPECT_EQ(r.code, 0) << r;
-        EXPECT_EQ(r.out.rfind("usage: tvxctl", 0), 0u) << r;
-        for (const char *cmd : {"devid", "raw NETFN CMD", "reset", "target"}) EXPECT_NE(r.out.find(cmd), std::string::npos) << cmd;
-        EXPECT_EQ(r.err, "");
-    }
-}
-
 } // namespace
-
-namespace {
-
-int jsonNumber(const json &v) { return v.is_string() ? std::stoi(v.get<std::string>(), nullptr, 0) : v.get<int>(); }
-
-// The status word the table shows for a threshold sensor of the profile, from its raw reading
-// and thresholds compared in the sensor's number format.
-std::string expectedThresholdStatus(const json &s)
-{
-    bool isSigned = s.value("format", std::string("unsigned")) != "unsigned";
-    auto value = [&](const json &v) {
-        int n = jsonNumber(v);
-        return isSigned && n > 127 ? n - 256 : n;
-    };
-    int reading = value(s["reading"]);
-    const json t = s.value("thresholds", json::object());
-    auto at = [&](const char *k, bool upper) {
-        return t.contains(k) && (upper ? reading >= value(t[k]) : reading <= value(t[k]));
-    };
-    if (at("lnr", false)) return "LowNRecov";
-    if (at("unr", true)) return "UpNRecov";
-    if (at("lc", false)) return "LowCrit";
-    if (at("uc", true)) return "UpCrit";
-    if (at("lnc", false)) return "LowWarn";
-    if (at("unc", true)) return "UpWarn";
-    return "OK";
-}
-
-} // namespace
-
-TEST_F(Tvxctl, SdrListsEverySensorOfTheProfile)
-{
-    json profile = json::parse(readFile(std::string(TVX_MACHINES_DIR) + "/default.json"));
-    Outcome r = run({"--json", "sdr"});
-    ASSERT_EQ(r.code, 0) << r;
-    json rows = json::parse(r.out);
-    const json &sensors = profile["sensors"];
-    ASSERT_EQ(rows.size(), sensors.size() + profile.value("fru_locators", json::array()).size() +
-                               profile.value("mc_locators", json::array()).size());
-    for (size_t i = 0; i < sensors.size(); ++i) {
-        const json &s = sensors[i], &row = rows[i];
-        SCOPED_TRACE(s["name"].get<std::string>());
-        EXPECT_EQ(row["record_id"], i + 1);
-        EXPECT_EQ(row["name"], s["name"]);
-        EXPECT_EQ(row["sensor_number"], jsonNumber(s["number"]));
-        EXPECT_EQ(row["entity"], std::to_string(jsonNumber(s["entity"])) + "." + std::to_string(jsonNumber(s["instance"])));
-        if (jsonNumber(s["event_reading_type"]) == 0x01 && s["record"] == "full") {
-            EXPECT_TRUE(row["value"].is_number());
-            EXPECT_FALSE(row["unit"].is_null());
-            EXPECT_EQ(row["status"], expectedThresholdStatus(s));
-        } else {
-            EXPECT_TRUE(row["value"].is_null());
-            EXPECT_EQ(row["state_bits"], jsonNumber(s["state"]));
-            EXPECT_NE(row["status"], "") << "the first asserted state is named";
-        }
-    }
-    // The table shows the same rows, one line each after the heading.
-    Outcome text = run({"sdr"});
-    ASSERT_EQ(text.code, 0) << text;
-    std::istringstream lines(text.out);
-    std::string line;
-    size_t count = 0;
-    while (std::getline(lines, line)) ++count;
-    EXPECT_EQ(count, rows.size() + 1);
-    EXPECT_NE(text.out.find("UpWarn"), std::string::npos) << "the default machine has one sensor at a warning";
-}

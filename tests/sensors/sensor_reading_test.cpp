@@ -2,51 +2,23 @@
 // and what each kind of answer turns into.
 #include <cstdlib>
 #include <cstring>
-#include <string>
-#include <vector>
 
-#include <gtest/gtest.h>
-
-#include "libipmi.h"
-#include "libipmi_host.h"
-#include "tvx_toipmi.h"
+#include "scripted.h"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-class Scripted : public ::testing::Test {
+class Scripted : public ScriptTest {
 protected:
     void SetUp() override
     {
-        ipmihost_select_script();
-        ipmihost_script_reset();
-        session_ = ipmiOpenSession(4, "", nullptr, 0, nullptr);
-        ASSERT_NE(session_, nullptr);
-    }
-    void TearDown() override
-    {
-        ipmiHelperCloseSession(&session_);
-        EXPECT_EQ(ipmihost_script_mismatches(), 0u) << ipmihost_script_last_mismatch();
-        EXPECT_EQ(ipmihost_script_pending(), 0u);
-        ipmihost_select_default();
+        ScriptTest::SetUp();
+        open();
     }
     static void expect(uint8_t netFnLun, uint8_t cmd, const Bytes &req, uint16_t status, const Bytes &res)
     {
-        ipmihost_script_expect(netFnLun, cmd, req.data(), static_cast<uint32_t>(req.size()), status,
-                               res.empty() ? nullptr : res.data(), static_cast<uint32_t>(res.size()));
+        expectRequest(netFnLun, cmd, req, status, res);
     }
-    // The last raw call that reached the platform.
-    static ipmihost_call lastRaw()
-    {
-        ipmihost_call c{};
-        for (size_t i = ipmihost_script_call_count(); i-- > 0;) {
-            ipmihost_script_call(i, &c);
-            if (c.kind == IPMIHOST_CALL_RAW) break;
-        }
-        return c;
-    }
-    IpmiSession *session_ = nullptr;
+    static ipmihost_call lastRaw() { return rawSince().back(); }
 };
 
 TEST_F(Scripted, SensorReadingAnswers)

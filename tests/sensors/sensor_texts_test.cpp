@@ -99,20 +99,6 @@ TEST(SensorTexts, SensorTypeNames)
     for (const auto &c : cases) EXPECT_EQ(ipmiSdrGetSensorTypeDesc(c.type), c.text) << std::hex << c.type;
 }
 
-TEST(SensorTexts, StaticBuffersAreReusedAndIndependent)
-{
-    char *type = ipmiSdrGetSensorTypeDesc(0x01);
-    char *again = ipmiSdrGetSensorTypeDesc(0x02);
-    EXPECT_EQ(type, again);
-    EXPECT_STREQ(type, "Voltage");
-    // The type name survives later OEM lookups: it is copied out of their buffer.
-    char *fan = ipmiSdrGetSensorTypeDesc(0xE6);
-    char *oem = oemval2str(15000, 0xC0, ipmi_oem_sdr_type_vals);
-    EXPECT_NE(fan, oem);
-    EXPECT_STREQ(fan, "Fan Status");
-    EXPECT_STREQ(oem, "OEM Firmware Info");
-}
-
 TEST(SensorTexts, OemValueLookup)
 {
     EXPECT_STREQ(oemval2str(15000, 0xC0, ipmi_oem_sdr_type_vals), "OEM Firmware Info");
@@ -131,18 +117,6 @@ TEST(SensorTexts, OemValueLookup)
     while (row->text) ++row;
     EXPECT_EQ(row - ipmi_oem_sdr_type_vals, 17);
     EXPECT_EQ(row->vendor, 0xFFFF);
-}
-
-TEST(SensorTexts, UnitNames)
-{
-    EXPECT_STREQ(getUnitDesc(0), "unspecified");
-    EXPECT_STREQ(getUnitDesc(1), "C");
-    EXPECT_STREQ(getUnitDesc(4), "Volt");
-    EXPECT_STREQ(getUnitDesc(18), "RPM");
-    EXPECT_STREQ(getUnitDesc(90), "uncorrectable error");
-    EXPECT_STREQ(getUnitDesc(91), "fatal error");
-    EXPECT_STREQ(getUnitDesc(92), "grams");
-    for (uint32_t code : {93u, 255u, 0xFFFFFFFFu}) EXPECT_STREQ(getUnitDesc(code), "unknown");
 }
 
 } // namespace

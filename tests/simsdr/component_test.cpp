@@ -80,36 +80,5 @@ TEST(OemSubFunctions, DispatchBySelectorToEachHandler)
         << "a command without handlers";
 }
 
-TEST(ComponentStatus, ThroughTheLibrary)
-{
-    TempDir dir;
-    std::string profile = dir.file("components.json", componentProfile().dump());
-    ASSERT_EQ(ipmihost_select_machine(profile.c_str(), dir.path().c_str()), 0) << ipmihost_last_error();
-    IpmiSession *s = ipmiOpenSession(TVX_PRIV_ADMIN, "admin", nullptr, 0, nullptr);
-    ASSERT_NE(s, nullptr);
-
-    const uint8_t cpu[2] = {0x01, 0x01}, riser[2] = {0x05, 0x02}, unknown[2] = {0x07, 0x07};
-    ComponentStatus *st = oemGetComponentStatus(s, cpu);
-    ASSERT_NE(st, nullptr);
-    EXPECT_EQ(st->componentId[1], 0x01);
-    EXPECT_EQ(st->componentBytes[0], 0x03);
-    EXPECT_EQ(st->status, 2);
-    EXPECT_EQ(st->componentByte, 5);
-    EXPECT_EQ(st->nameLength, 4);
-    EXPECT_STREQ(st->name, "CPU1");
-    std::free(st);
-
-    st = oemGetComponentStatus(s, riser);
-    ASSERT_NE(st, nullptr);
-    EXPECT_EQ(st->status, -2) << "completion code 0x02 with the same layout";
-    EXPECT_EQ(std::string(st->name, st->nameLength), "Riser");
-    std::free(st);
-
-    EXPECT_EQ(oemGetComponentStatus(s, unknown), nullptr);
-
-    ipmiHelperCloseSession(&s);
-    ipmihost_select_default();
-}
-
 } // namespace
 } // namespace simsdr

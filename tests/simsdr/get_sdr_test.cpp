@@ -1,12 +1,7 @@
 // Reading the repository: information, allocation, reservations, Get SDR with offsets and
 // lengths and each of its completion codes, and the default machine walked along its
 // next-record IDs through the platform library.
-#include <cstring>
-#include <set>
-
-#include "libipmi_host.h"
 #include "simsdr_util.h"
-#include "tvx_toipmi.h"
 
 namespace simsdr {
 namespace {
@@ -39,16 +34,6 @@ TEST(RepositoryInfo, AnswersCountsSpaceTimestampsAndAllocation)
               (Bytes{0x00, 0x64, 0x00, 0x10, 0x00, 0x5B, 0x00, 0x5B, 0x00, 0x04}));
     EXPECT_EQ(send(c, kNetFnStorage, 0x20, {0x00}), Bytes{0xC7});
     EXPECT_EQ(send(c, kNetFnStorage, 0x21, {0x00}), Bytes{0xC7});
-}
-
-TEST(RepositoryInfo, EmptyRepository)
-{
-    tvxsim::Controller c(profileOf(baseProfile()), "");
-    Bytes info = send(c, kNetFnStorage, 0x20, {});
-    ASSERT_EQ(info.size(), 15u);
-    EXPECT_EQ(le16(info, 2), 0) << "no records";
-    EXPECT_EQ(le16(info, 4), 0xFFFE) << "4096 units of 16 bytes: 64 KB - 2 or more";
-    EXPECT_EQ(getSdr(c, 0, 0, 0, 0xFF), Bytes{0xCB});
 }
 
 TEST(Reservation, EachReservationCancelsThePreviousOne)
@@ -144,107 +129,6 @@ TEST(GetSdr, OffsetsLengthsReservationsAndCompletionCodes)
         EXPECT_EQ(Bytes(r.begin() + 3, r.end()),
                   Bytes(rec.begin() + static_cast<long>(k.offset), rec.begin() + static_cast<long>(k.offset + k.n)));
     }
-}
-
-// The default machine through the platform library, as any client reads it.
-class DefaultMachine : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        ASSERT_EQ(ipmihost_select_machine(nullptr, dir.path().c_str()), 0) << ipmihost_last_error();
-        session = ipmiOpenSession(TVX_PRIV_ADMIN, "admin", nullptr, 0, nullptr);
-        ASSERT_NE(session, nullptr);
-    }
-    void TearDown() override
-    {
-        ipmiHelperCloseSession(&session);
-        ipmihost_select_default();
-    }
-    Bytes request(uint8_t netFn, uint8_t cmd, Bytes data)
-    {
-        uint8_t rsp[300];
-        uint32_t len = sizeof rsp;
-        if (!ipmiSendCmd(session, static_cast<uint8_t>(netFn << 2), cmd, static_cast<uint32_t>(data.size()),
-                         data.empty() ? nullptr : data.data(), &len, rsp))
-            return {};
-        return Bytes(rsp, rsp + len);
-    }
-
-    TempDir dir;
-    IpmiSession *session = nullptr;
-};
-
-TEST_F(DefaultMachine, WalkAlongNextRecordIds)
-{
-    Bytes info = request(kNetFnStorage, 0x20, {});
-    Bytes alloc = request(kNetFnStorage, 0x21, {});
-    ASSERT_EQ(info.size(), 15u);
-    ASSERT_EQ(alloc.size(), 10u);
-    const std::size_t slot = static_cast<std::size_t>(le16(alloc, 3)) * alloc[9];
-    EXPECT_EQ(slot, 64u);
-
-    std::vector<Bytes> records;
-    uint16_t id = 0, expectId = 1;
-    while (records.size() < 1000) {
-        Bytes r = request(kNetFnStorage, 0x23,
-                          {0, 0, static_cast<uint8_t>(id), static_cast<uint8_t>(id >> 8), 0, 0xFF});
-        ASSERT_GE(r.size(), 3u + 5u);
-        ASSERT_EQ(r[0], 0x00);
-        Bytes rec(r.begin() + 3, r.end());
-        EXPECT_EQ(le16(rec, 0), expectId++);
-        EXPECT_EQ(rec[2], 0x51);
-        EXPECT_EQ(rec[4], rec.size() - 5);
-        EXPECT_LE(rec.size(), slot);
-        records.push_back(rec);
-        id = le16(r, 1);
-        if (id == 0xFFFF) break;
-    }
-    ASSERT_EQ(records.size(), le16(info, 2)) << "the walk meets every record the repository counts";
-
-    // What the machine holds: locators for the chassis and the board, the controller's own
-    // locator, an ID string that uses all 16 characters, unique sensor numbers that all
-    // answer, and for each fan a full speed sensor with a compact status record.
-    std::set<uint8_t> numbers, fruEntities, fanSpeed, fanStatus;
-    int mcLocators = 0, sixteen = 0, warnings = 0, processorTemps = 0;
-    for (const Bytes &rec : records) {
-        uint8_t type = rec[3];
-        std::size_t nameAt = type == 0x01 ? 48 : type == 0x02 ? 32 : 16;
-        ASSERT_EQ(rec.size(), nameAt + (rec[nameAt - 1] & 0x1F));
-        if (rec.size() - nameAt == 16) ++sixteen;
-        if (type == 0x11) fruEntities.insert(rec[12]);
-        if (type == 0x12) ++mcLocators;
-        if (type != 0x01 && type != 0x02) continue;
-        EXPECT_TRUE(numbers.insert(rec[7]).second) << "sensor number " << int(rec[7]) << " used twice";
-        if (rec[12] == 0x04) fanSpeed.insert(rec[9]);
-        if (rec[12] == 0xE6 && rec[13] == 0x6F && type == 0x02) fanStatus.insert(rec[9]);
-        if (type == 0x01 && rec[12] == 0x01 && rec[8] == 0x03) ++processorTemps;
-        Bytes reading = request(kNetFnSensor, 0x2D, {rec[7]});
-        ASSERT_GE(reading.size(), 4u) << "sensor " << int(rec[7]);
-        EXPECT_EQ(reading[0], 0x00);
-        if (rec[13] == 0x01 && (reading[3] & 0x3F)) ++warnings;
-    }
-    EXPECT_EQ(fruEntities, (std::set<uint8_t>{0x07, 0x17, 0x0A}));
-    EXPECT_EQ(mcLocators, 1);
-    EXPECT_GE(sixteen, 1);
-    EXPECT_EQ(processorTemps, 2);
-    EXPECT_EQ(fanSpeed.size(), 4u);
-    EXPECT_EQ(fanStatus, fanSpeed);
-    EXPECT_EQ(warnings, 1) << "one sensor at a threshold makes the tables interesting";
-
-    // The library's lookups over a cache holding these records find the fan status records
-    // and skip everything that is not a compact sensor record.
-    SDRInfo cache{static_cast<uint32_t>(slot), static_cast<uint8_t *>(std::calloc(records.size(), slot)),
-                  static_cast<uint32_t>(records.size())};
-    ASSERT_NE(cache.records, nullptr);
-    for (std::size_t i = 0; i < records.size(); ++i)
-        std::memcpy(cache.records + i * slot, records[i].data(), records[i].size());
-    const uint8_t *fan3 = findCompactSdrByEntity(0x1D, 3, 0xE6, &cache);
-    ASSERT_NE(fan3, nullptr);
-    EXPECT_EQ(std::string(reinterpret_cast<const char *>(fan3) + 32, 11), "FAN3 Status");
-    ListNode *temps = nullptr;
-    EXPECT_EQ(ipmiFindSensorByType(&temps, TVX_SDR_FULL_SENSOR, 0x01, &cache), 6u);
-    freeList(&temps);
-    freeSDRInfo(&cache);
 }
 
 } // namespace

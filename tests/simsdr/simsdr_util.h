@@ -14,6 +14,7 @@
 
 #include "controller.h"
 #include "sdr.h"
+#include "scratch.h"
 
 namespace simsdr {
 
@@ -23,32 +24,7 @@ constexpr uint8_t kNetFnSensor = 0x04;
 constexpr uint8_t kNetFnStorage = 0x0A;
 constexpr uint8_t kNetFnOemGroup = 0x2E;
 
-class TempDir {
-public:
-    TempDir()
-    {
-        std::string tmpl = (std::filesystem::temp_directory_path() / "simsdr-XXXXXX").string();
-        std::vector<char> buf(tmpl.begin(), tmpl.end());
-        buf.push_back('\0');
-        if (!mkdtemp(buf.data())) throw std::runtime_error("mkdtemp failed");
-        path_ = buf.data();
-    }
-    ~TempDir()
-    {
-        std::error_code ec;
-        std::filesystem::remove_all(path_, ec);
-    }
-    const std::string &path() const { return path_; }
-    std::string file(const std::string &name, const std::string &text) const
-    {
-        std::string p = path_ + "/" + name;
-        std::ofstream(p) << text;
-        return p;
-    }
-
-private:
-    std::string path_;
-};
+using tvxtest::TempDir;
 
 // A profile with a controller and nothing else; tests add their sections.
 inline nlohmann::json baseProfile()

@@ -57,96 +57,6 @@ uint8_t flagsOf(const std::string &severity)
     return 0xFF;
 }
 
-TEST_F(EventTexts, ErrorCodesOfTheProfilesEntries)
-{
-    start();
-    const json &recs = profile_["sel"]["records"];
-    auto labelOf = [&](const json &rec) {
-        std::string sev = rec.contains("severity") ? rec["severity"].get<std::string>()
-                                                   : profile_["event_texts"]["codes"][rec["error_code"].get<std::string>()].value("severity", "info");
-        return Label{rec["error_code"], flagsOf(sev), rec.value("parameters", std::vector<std::string>{})};
-    };
-    const struct {
-        uint16_t id;
-        int record; // index in the profile, -1: none
-    } cases[] = {{1, 0}, {0x0000, 0}, {2, 1}};
-    for (const auto &c : cases) {
-        for (uint8_t selector : {0x00, 0x01, 0xFF}) {
-            Bytes r = text(kErrorCode, {selector, uint8_t(c.id), uint8_t(c.id >> 8)});
-            ASSERT_EQ(r.at(0), 0x00) << c.id;
-            EXPECT_EQ(parseLabel(r), labelOf(recs[c.record])) << c.id;
-        }
-    }
-    EXPECT_EQ(text(kErrorCode, {0, 3, 0}), Bytes{0xCB});    // an OEM record without a code
-    EXPECT_EQ(text(kErrorCode, {0, 0xFF, 0xFF}), Bytes{0xCB}); // the last one, the same
-    EXPECT_EQ(text(kErrorCode, {0, 9, 0}), Bytes{0xCB});
-    EXPECT_EQ(text(kErrorCode, {0, 1}), Bytes{0xC7});
-    EXPECT_EQ(text(0x70, {0}), Bytes{0xC1}); // a sub-function nobody offers
-}
-
-TEST_F(EventTexts, TextChunksAddUpToTheTextInTheLanguageAskedFor)
-{
-    start();
-    const unsigned chunk = profile_["event_texts"]["chunk_size"];
-    for (const auto &[code, def] : profile_["event_texts"]["codes"].items()) {
-        for (uint16_t lang : {0x0409, 0x0407, 0x040C}) {
-            char key[8];
-            std::snprintf(key, sizeof key, "0x%04X", lang);
-            std::string want = def["texts"].contains(key) ? def["texts"][key] : def["texts"]["0x0409"];
-            std::string got;
-            unsigned requests = 0;
-            for (uint16_t offset = 0;;) {
-                Bytes req = codeBytes(code);
-                req.insert(req.end(), {uint8_t(offset), uint8_t(offset >> 8), 0x00, uint8_t(lang), uint8_t(lang >> 8), 0x00});
-                Bytes r = text(kTextChunk, req);
-                ++requests;
-                ASSERT_EQ(r.at(0), 0x00) << code;
-                ASSERT_EQ(le16(r, 1), want.size()) << code;
-                unsigned c = r.at(3);
-                EXPECT_LE(c, chunk);
-                ASSERT_EQ(r.size(), 4u + c + 1) << code;
-                EXPECT_EQ(r.back(), 0x00);
-                got.append(r.begin() + 4, r.begin() + 4 + c);
-                offset = static_cast<uint16_t>(offset + c);
-                if (offset >= want.size() || requests > 100) break;
-            }
-            EXPECT_EQ(got, want) << code << " " << key;
-            EXPECT_EQ(requests, std::max<std::size_t>(1, (want.size() + chunk - 1) / chunk)) << code;
-        }
-    }
-    Bytes past = codeBytes("00000002");
-    std::string oemText = profile_["event_texts"]["codes"]["00000002"]["texts"]["0x0409"];
-    uint16_t end = static_cast<uint16_t>(oemText.size());
-    past.insert(past.end(), {uint8_t(end), uint8_t(end >> 8), 0, 0x09, 0x04, 0});
-    EXPECT_EQ(text(kTextChunk, past), (Bytes{0x00, uint8_t(end), 0x00, 0x00, 0x00})); // nothing left
-    past[4] = uint8_t(end + 1);
-    EXPECT_EQ(text(kTextChunk, past), Bytes{0xC9});
-    EXPECT_EQ(text(kTextChunk, {0xDE, 0xAD, 0xBE, 0xEF, 0, 0, 0, 0x09, 0x04, 0}), Bytes{0xCB});
-    EXPECT_EQ(text(kTextChunk, {0, 0, 0, 1, 0, 0, 0, 0x09, 0x04}), Bytes{0xC7});
-}
-
-TEST_F(EventTexts, EntryTextCarriesWhatFitsSixtyFourBytes)
-{
-    start();
-    const json &recs = profile_["sel"]["records"];
-    for (uint16_t id : {1, 2}) {
-        const json &rec = recs[id - 1];
-        std::string full = message(profile_, rec, "0x0409");
-        Bytes r = text(kEntryText, {uint8_t(id), 0});
-        ASSERT_EQ(r.at(0), 0x00);
-        EXPECT_LE(r.size() + 3, 64u); // with the IANA echo
-        EXPECT_EQ(le16(r, 1), id);
-        EXPECT_EQ(Bytes(r.begin() + 3, r.begin() + 7), codeBytes(rec["error_code"]));
-        EXPECT_EQ(r.at(8), rec.value("parameters", json::array()).size());
-        EXPECT_EQ(le16(r, 9), id == 1 ? 2 : 3); // the next record
-        EXPECT_EQ(r.at(11), full.size());
-        std::string shown(r.begin() + 12, r.end());
-        EXPECT_EQ(shown, full.substr(0, std::min<std::size_t>(full.size(), 49)));
-    }
-    EXPECT_EQ(text(kEntryText, {3, 0}), Bytes{0xCB});
-    EXPECT_EQ(text(kEntryText, {1}), Bytes{0xC7});
-}
-
 TEST_F(EventTexts, EntryAsTextComesWholeWithItsFollowUps)
 {
     start();
@@ -211,32 +121,6 @@ TEST_F(EventTexts, EntryAsTextComesWholeWithItsFollowUps)
     EXPECT_EQ(text(kFollowUp, {}), Bytes{0xC7});
 }
 
-TEST_F(EventTexts, FollowUpsOfSeveralTextsInterleave)
-{
-    start();
-    auto ask = [&](uint16_t lang) {
-        Bytes r = text(kEntryAsText, {0, 1, 0, 0, uint8_t(lang), uint8_t(lang >> 8), 4, 0, 0});
-        return std::make_pair(r.at(20), std::string(r.begin() + 21, r.end() - 1));
-    };
-    auto [h1, en] = ask(0x0409);
-    auto [h2, de] = ask(0x0407);
-    ASSERT_NE(h1, 0);
-    ASSERT_NE(h2, 0);
-    EXPECT_NE(h1, h2);
-    for (int i = 0; i < 100; ++i) {
-        bool more = false;
-        for (auto [h, s] : {std::pair<uint8_t, std::string *>{h1, &en}, {h2, &de}}) {
-            Bytes f = text(kFollowUp, {h});
-            if (f.at(0) != 0x00) continue;
-            s->append(f.begin() + 4, f.end() - 1);
-            more = more || le16(f, 1) != 0;
-        }
-        if (!more) break;
-    }
-    EXPECT_EQ(en, message(profile_, profile_["sel"]["records"][0], "0x0409"));
-    EXPECT_EQ(de, message(profile_, profile_["sel"]["records"][0], "0x0407"));
-}
-
 TEST_F(EventTexts, RecordsAddedAtRunTimeAreLabelledBySensorEvent)
 {
     json doc = smallMachine();
@@ -292,22 +176,6 @@ TEST_F(EventTexts, RecordsAddedAtRunTimeAreLabelledBySensorEvent)
     oem[2] = 0xC0;
     uint16_t id = le16(storage(kAdd, oem), 1);
     EXPECT_EQ(text(kErrorCode, {0, uint8_t(id), uint8_t(id >> 8)}), Bytes{0xCB});
-}
-
-TEST_F(EventTexts, AMachineWithoutTextsHasNone)
-{
-    json doc = smallMachine();
-    doc.erase("event_texts");
-    for (auto &rec : doc["sel"]["records"]) {
-        rec.erase("error_code");
-        rec.erase("parameters");
-        rec.erase("severity");
-    }
-    start(doc);
-    EXPECT_EQ(text(kErrorCode, {0, 1, 0}), Bytes{0xCB});
-    EXPECT_EQ(text(kEntryAsText, {0, 1, 0, 0, 0, 0, 0, 0, 0}), Bytes{0xCB});
-    EXPECT_EQ(text(kTextChunk, {0, 0, 0, 1, 0, 0, 0, 0x09, 0x04, 0}), Bytes{0xCB});
-    EXPECT_EQ(le16(storage(kGetSelInfo), 2), doc["sel"]["records"].size());
 }
 
 // Requests of any length and content to every command of the log and its texts are answered

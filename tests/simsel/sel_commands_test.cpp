@@ -59,83 +59,6 @@ TEST_F(SelCommands, MalformedAndMisplacedRequestsGetTheirCompletionCodes)
     EXPECT_EQ(le16(storage(kGetSelInfo), 2), profile_["sel"]["records"].size());
 }
 
-TEST_F(SelCommands, InfoAndAllocationDescribeTheProfileLog)
-{
-    start();
-    const unsigned capacity = profile_["sel"]["capacity"];
-    const unsigned entries = static_cast<unsigned>(profile_["sel"]["records"].size());
-    Bytes info = storage(kGetSelInfo);
-    ASSERT_EQ(info.size(), 15u);
-    EXPECT_EQ(info[0], 0x00);
-    EXPECT_EQ(info[1], 0x51);
-    EXPECT_EQ(le16(info, 2), entries);
-    EXPECT_EQ(le16(info, 4), (capacity - entries) * 16);
-    EXPECT_EQ(le32(info, 6), lastAddOf(profile_));
-    EXPECT_EQ(le32(info, 10), timeOf(profile_["sel"]["last_erase"]));
-    EXPECT_EQ(info[14], 0x03); // reserve and allocation information; no overflow
-
-    Bytes alloc = storage(kGetAllocInfo);
-    ASSERT_EQ(alloc.size(), 10u);
-    EXPECT_EQ(le16(alloc, 1), capacity);
-    EXPECT_EQ(le16(alloc, 3), 16);
-    EXPECT_EQ(le16(alloc, 5), capacity - entries);
-    EXPECT_EQ(le16(alloc, 7), capacity - entries);
-    EXPECT_EQ(alloc[9], 1);
-}
-
-TEST_F(SelCommands, RecordsReadWholeAndInPiecesAlongTheNextIds)
-{
-    start();
-    std::vector<Bytes> expected = profileRecords(profile_);
-    // Whole records from the first along the next IDs.
-    std::vector<Bytes> seen;
-    uint16_t id = 0x0000;
-    for (int guard = 0; guard < 10; ++guard) {
-        Bytes r = entry(id);
-        ASSERT_EQ(r.size(), 19u) << "record " << id;
-        seen.emplace_back(r.begin() + 3, r.end());
-        id = le16(r, 1);
-        if (id == 0xFFFF) break;
-    }
-    EXPECT_EQ(seen, expected);
-    Bytes last = entry(0xFFFF);
-    ASSERT_EQ(last.size(), 19u);
-    EXPECT_EQ(Bytes(last.begin() + 3, last.end()), expected.back());
-    EXPECT_EQ(le16(last, 1), 0xFFFF);
-
-    // The same bytes in pieces of 5 under a reservation; the count is cut at the record's end.
-    uint16_t res = reserve();
-    for (std::size_t i = 0; i < expected.size(); ++i) {
-        Bytes whole;
-        for (uint8_t off = 0; off < 16; off += 5) {
-            Bytes r = storage(kGetEntry, {uint8_t(res), uint8_t(res >> 8), uint8_t(i + 1), 0, off, 5});
-            ASSERT_EQ(r[0], 0x00);
-            whole.insert(whole.end(), r.begin() + 3, r.end());
-        }
-        EXPECT_EQ(whole, expected[i]);
-    }
-}
-
-TEST_F(SelCommands, AnswersLongerThanTheControllerAllowsAreRefusedWithCA)
-{
-    json doc = smallMachine();
-    doc["sel"]["max_read_bytes"] = 8;
-    start(doc);
-    Bytes expected = profileRecords(doc)[0];
-    EXPECT_EQ(entry(1), Bytes{0xCA});
-    uint16_t res = reserve();
-    const struct {
-        uint8_t offset, count, cc;
-    } cases[] = {{0, 8, 0x00}, {8, 0xFF, 0x00}, {0, 9, 0xCA}, {4, 0xFF, 0xCA}, {12, 0xFF, 0x00}};
-    for (const auto &c : cases) {
-        Bytes r = storage(kGetEntry, {uint8_t(res), uint8_t(res >> 8), 1, 0, c.offset, c.count});
-        ASSERT_EQ(r[0], c.cc) << int(c.offset) << "+" << int(c.count);
-        if (c.cc) continue;
-        std::size_t n = c.count == 0xFF ? 16u - c.offset : c.count;
-        EXPECT_EQ(Bytes(r.begin() + 3, r.end()), Bytes(expected.begin() + c.offset, expected.begin() + c.offset + n));
-    }
-}
-
 TEST_F(SelCommands, AddAssignsIdsAndStampsTheTimeByRecordType)
 {
     json doc = smallMachine();
@@ -250,25 +173,6 @@ TEST_F(SelCommands, ClockAndUtcOffsetAreKeptInTheState)
         tvxsim::Controller c(tvxsim::parseProfile(doc.dump(), "utc.json"), elsewhere.path());
         EXPECT_EQ(c.handle(kStorage, 0, kGetUtc, {}).bytes, o.answer) << o.setting;
     }
-}
-
-TEST_F(SelCommands, HostClockRunsWithTheProfilesOffset)
-{
-    json doc = smallMachine();
-    doc["sel"]["clock"] = {{"offset_seconds", 86400}};
-    start(doc);
-    uint32_t before = static_cast<uint32_t>(std::time(nullptr) + 86400);
-    uint32_t now = le32(storage(kGetTime), 1);
-    uint32_t after = static_cast<uint32_t>(std::time(nullptr) + 86400);
-    EXPECT_LE(before, now);
-    EXPECT_LE(now, after);
-    // Setting the time moves the offset, so the clock keeps running from there.
-    time_t t0 = std::time(nullptr);
-    ASSERT_EQ(storage(kSetTime, {0x00, 0x00, 0x00, 0x40}), Bytes{0x00});
-    now = le32(storage(kGetTime), 1);
-    time_t t1 = std::time(nullptr);
-    EXPECT_LE(0x40000000u, now);
-    EXPECT_LE(now, 0x40000000u + static_cast<uint32_t>(t1 - t0));
 }
 
 TEST_F(SelCommands, ChangesPersistAcrossControllersOnTheSameState)

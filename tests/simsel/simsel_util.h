@@ -17,7 +17,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "sim_test_util.h"
+#include "scratch.h"
 
 namespace simsel {
 
@@ -25,9 +25,9 @@ using nlohmann::json;
 using Bytes = std::vector<uint8_t>;
 
 // Scratch directories and files, as the other controller tests use them.
-using simtest::TempDir;
-using simtest::readFile;
-using simtest::writeFile;
+using tvxtest::TempDir;
+using tvxtest::readFile;
+using tvxtest::writeFile;
 
 #ifdef TVX_MACHINES_DIR
 inline json defaultProfile() { return json::parse(readFile(std::string(TVX_MACHINES_DIR) + "/default.json")); }

@@ -10,10 +10,7 @@
 
 namespace {
 
-using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
+using namespace testing::internal;
 
 constexpr uint16_t kTimeout = LIBIPMI_STATUS_TIMEOUT;
 
@@ -125,17 +122,9 @@ testing::AssertionResult sameOutput(const std::string &actual, const std::string
     return testing::AssertionFailure() << "output was:\n[" << actual << "]\nexpected:\n[" << expected << "]";
 }
 
-const Controller kFull = {deviceId(0x01, 0x23, {0x02, 0x05, 0x00, 'a'}),
-                          textVar("R1.12.0"),
-                          textVar("1.75.32 2024-03-11"),
-                          textVar("RX2540 M7"),
-                          textVar("YM3K004711"),
-                          textVar("build-host-07"),
-                          textVar("Debian 12"),
-                          1,
-                          1,
-                          true,
-                          textVar("INV-0042")};
+const Controller kFull = {deviceId(0x01, 0x23, {0x02, 0x05, 0x00, 'a'}), textVar("R1.12.0"), textVar("1.75.32 2024-03-11"),
+                          textVar("RX2540 M7"), textVar("YM3K004711"), textVar("build-host-07"), textVar("Debian 12"), 1, 1,
+                          true, textVar("INV-0042")};
 
 const std::string kStars = "**************************************************\r\n";
 const std::string kWelcome = "*    Welcome to TALVIREN Remote Manager          *\r\n";

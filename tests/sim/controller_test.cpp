@@ -74,66 +74,6 @@ INSTANTIATE_TEST_SUITE_P(
 
 // ---- Faults from the profile ---------------------------------------------------------------------
 
-struct FaultCase {
-    const char *name;
-    json fault; // netfn/command added by the test
-    bool answered;
-    std::function<Bytes(const Bytes &)> expect; // from the undamaged answer
-};
-
-void PrintTo(const FaultCase &c, std::ostream *os) { *os << c.name; }
-
-class ProfileFault : public testing::TestWithParam<FaultCase> {};
-
-Bytes xorData(Bytes b, uint8_t with)
-{
-    for (std::size_t i = 1; i < b.size(); ++i) b[i] ^= with;
-    return b;
-}
-
-TEST_P(ProfileFault, DamagesOneAnswer)
-{
-    Controller plain(profileOf(tvxtest::baseProfile()), "");
-    const Bytes good = send(plain, kApp, kGetDeviceId).bytes;
-    ASSERT_EQ(good.size(), 16u);
-    json doc = tvxtest::baseProfile();
-    json fault = GetParam().fault;
-    fault["netfn"] = kApp;
-    fault["command"] = kGetDeviceId;
-    fault["count"] = 1;
-    doc["faults"] = {fault};
-    Controller c(profileOf(doc), "");
-
-    Reply selfTest = send(c, kApp, kSelfTest); // another command is not hit
-    EXPECT_EQ(selfTest.bytes, (Bytes{0x00, 0x55, 0x00}));
-    Reply hit = send(c, kApp, kGetDeviceId);
-    EXPECT_EQ(hit.answered, GetParam().answered);
-    if (GetParam().answered) {
-        EXPECT_EQ(hit.bytes, GetParam().expect(good));
-    }
-    Reply after = send(c, kApp, kGetDeviceId); // count 1: used up
-    EXPECT_TRUE(after.answered);
-    EXPECT_EQ(after.bytes, good);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, ProfileFault,
-    testing::Values(
-        FaultCase{"CompletionCode", {{"kind", "completion_code"}, {"value", "0xC0"}}, true, [](const Bytes &) { return Bytes{0xC0}; }},
-        FaultCase{"NoAnswer", {{"kind", "no_answer"}}, false, nullptr},
-        FaultCase{"ShortToThree", {{"kind", "short"}, {"value", 3}}, true, [](const Bytes &g) { return Bytes(g.begin(), g.begin() + 3); }},
-        FaultCase{"ShortToNothing", {{"kind", "short"}, {"value", 0}}, true, [](const Bytes &) { return Bytes{}; }},
-        FaultCase{"ShortLongerThanAnswer", {{"kind", "short"}, {"value", 200}}, true, [](const Bytes &g) { return g; }},
-        FaultCase{"Long", {{"kind", "long"}, {"value", 2}}, true,
-                  [](const Bytes &g) {
-                      Bytes b = g;
-                      b.insert(b.end(), {0xEE, 0xEE});
-                      return b;
-                  }},
-        FaultCase{"GarbledDefault", {{"kind", "garbled"}}, true, [](const Bytes &g) { return xorData(g, 0xA5); }},
-        FaultCase{"GarbledValue", {{"kind", "garbled"}, {"value", 0x0F}}, true, [](const Bytes &g) { return xorData(g, 0x0F); }}),
-    [](const testing::TestParamInfo<FaultCase> &i) { return std::string(i.param.name); });
-
 TEST(ProfileFault, MatchPrefixAndCountAndNoExecution)
 {
     json doc = tvxtest::baseProfile();

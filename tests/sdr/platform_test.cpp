@@ -1,13 +1,103 @@
-// The SDR repository operations through the scripted exchange: the two information records,
-// and the walk that reads every record into slots.
+// The platform library's SDR repository and sensor operations through the scripted exchange:
+// the information records, the walk that reads every record into slots, and Get Sensor
+// Reading, with the exact requests and what each kind of answer may overwrite.
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <functional>
+#include <gtest/gtest.h>
+#include <initializer_list>
 
-#include "script_session.h"
+#include "libipmi.h"
+#include "libipmi_host.h"
 #include "tvx_toipmi.h"
 
 namespace platform_test {
+using Bytes = std::vector<uint8_t>;
+
+constexpr uint8_t kNetFnLunSensor = 0x04 << 2;
+constexpr uint8_t kNetFnLunStorage = 0x0A << 2;
+constexpr int kTimeout = 60;
+
+inline Bytes cat(std::initializer_list<Bytes> parts)
+{
+    Bytes out;
+    for (const Bytes &p : parts) out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+
+inline Bytes le16(uint16_t v) { return {static_cast<uint8_t>(v & 0xFF), static_cast<uint8_t>(v >> 8)}; }
+
+// Opens a session on the scripted exchange; at the end every announced request must have
+// been sent and nothing else.
+class ScriptSession : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_EQ(ipmihost_select_script(), 0) << ipmihost_last_error();
+        ipmihost_script_reset();
+        open();
+    }
+
+    void TearDown() override
+    {
+        if (opened_) LIBIPMI_CloseSession(session());
+        EXPECT_EQ(ipmihost_script_mismatches(), 0u) << ipmihost_script_last_mismatch();
+        EXPECT_EQ(ipmihost_script_pending(), 0u) << "announced requests were not sent";
+        ipmihost_script_reset();
+        ipmihost_select_default();
+    }
+
+    void open()
+    {
+        ASSERT_EQ(LIBIPMI_Create_IPMI_Local_Session_Ext(session(), nullptr, nullptr, nullptr, nullptr, nullptr, 0,
+                                                        nullptr, 2, 5),
+                  LIBIPMI_STATUS_OK);
+        opened_ = true;
+    }
+
+    void close()
+    {
+        ASSERT_EQ(LIBIPMI_CloseSession(session()), LIBIPMI_STATUS_OK);
+        opened_ = false;
+    }
+
+    IpmiSession *session() { return reinterpret_cast<IpmiSession *>(block_); }
+
+    static void expect(uint8_t netFnLun, uint8_t cmd, const Bytes &req, const Bytes &res,
+                       uint16_t status = LIBIPMI_STATUS_OK)
+    {
+        ASSERT_EQ(ipmihost_script_expect(netFnLun, cmd, req.data(), static_cast<uint32_t>(req.size()), status,
+                                          res.data(), static_cast<uint32_t>(res.size())),
+                  0);
+    }
+
+    // The raw requests that reached the platform, as "netFnLun/cmd: data" lines.
+    static std::vector<std::string> sentRequests()
+    {
+        std::vector<std::string> out;
+        for (size_t i = 0; i < ipmihost_script_call_count(); ++i) {
+            ipmihost_call c{};
+            if (ipmihost_script_call(i, &c) != 0 || c.kind != IPMIHOST_CALL_RAW) continue;
+            char buf[16];
+            std::snprintf(buf, sizeof buf, "%02x/%02x:", c.netFnLun, c.command);
+            std::string line = buf;
+            for (uint32_t k = 0; k < c.reqLen && c.reqData; ++k) {
+                std::snprintf(buf, sizeof buf, " %02x", c.reqData[k]);
+                line += buf;
+            }
+            out.push_back(line);
+        }
+        return out;
+    }
+
+    static size_t rawRequestCount() { return sentRequests().size(); }
+
+private:
+    alignas(8) uint8_t block_[LIBIPMI_SESSION_SIZE] = {};
+    bool opened_ = false;
+};
+
 namespace {
 
 constexpr uint8_t kGetRepoInfo = 0x20;
@@ -468,6 +558,62 @@ TEST_F(SdrRepository, WalksThatFailStopWithAClearStatus)
         EXPECT_EQ(ipmihost_script_pending(), 0u);
         EXPECT_EQ(ipmihost_script_mismatches(), 0u) << ipmihost_script_last_mismatch();
     }
+}
+
+constexpr uint8_t kGetSensorReading = 0x2D;
+constexpr uint8_t kUnset = 0x5A; // what the caller put in the record beforehand
+constexpr size_t kRecordSize = sizeof(SensorReadingResponse);
+constexpr size_t kReadingGuard = 16;
+
+using SensorReading = ScriptSession;
+
+TEST_F(SensorReading, CopiesExactlyTheBytesThatArrived)
+{
+    struct Case {
+        const char *name;
+        Bytes answer;
+        uint16_t scriptedStatus;
+        uint16_t status;
+        size_t stored; // leading bytes taken from the answer; the rest stays kUnset
+    };
+    const Case cases[] = {
+        {"reading and flags only", {0x00, 0x42, 0xC0}, 0, LIBIPMI_STATUS_OK, 3},
+        {"with states 0-7", {0x00, 0x42, 0xC0, 0x81}, 0, LIBIPMI_STATUS_OK, 4},
+        {"with states 0-14", {0x00, 0x42, 0xC0, 0x81, 0x7F}, 0, LIBIPMI_STATUS_OK, 5},
+        {"longer answer is cut to the record", {0x00, 0x42, 0xC0, 0x81, 0x7F, 0x99, 0x98}, 0, LIBIPMI_STATUS_OK, 5},
+        {"without flags", {0x00, 0x42}, 0, LIBIPMI_STATUS_BAD_RESPONSE, 0},
+        {"absent sensor", {0xCB}, LIBIPMI_STATUS_COMPLETION_CODE(0xCB), LIBIPMI_STATUS_COMPLETION_CODE(0xCB), 1},
+        {"completion code in the answer decides", {0xCC}, 0, LIBIPMI_STATUS_COMPLETION_CODE(0xCC), 1},
+        {"no answer", {}, LIBIPMI_STATUS_TIMEOUT, LIBIPMI_STATUS_TIMEOUT, 0},
+        {"transport failure", {}, LIBIPMI_STATUS_TRANSPORT, LIBIPMI_STATUS_TRANSPORT, 0},
+    };
+    uint8_t sensor = 0x30;
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        ++sensor;
+        expect(kNetFnLunSensor, kGetSensorReading, {sensor}, c.answer, c.scriptedStatus);
+        Bytes record(kRecordSize + kReadingGuard, kUnset);
+        SensorReadingRequest req{sensor};
+        EXPECT_EQ(IPMICMD_GetSensorReading(session(), &req, reinterpret_cast<SensorReadingResponse *>(record.data()),
+                                           kTimeout),
+                  c.status);
+        Bytes want(kRecordSize + kReadingGuard, kUnset);
+        std::copy_n(c.answer.begin(), c.stored, want.begin());
+        EXPECT_EQ(record, want);
+    }
+}
+
+TEST_F(SensorReading, BadArgumentsSendNothing)
+{
+    alignas(8) uint8_t notOpen[LIBIPMI_SESSION_SIZE] = {};
+    SensorReadingRequest req{1};
+    SensorReadingResponse res{};
+    EXPECT_EQ(IPMICMD_GetSensorReading(session(), nullptr, &res, kTimeout), LIBIPMI_STATUS_INVALID_ARGUMENT);
+    EXPECT_EQ(IPMICMD_GetSensorReading(session(), &req, nullptr, kTimeout), LIBIPMI_STATUS_INVALID_ARGUMENT);
+    EXPECT_EQ(IPMICMD_GetSensorReading(nullptr, &req, &res, kTimeout), LIBIPMI_STATUS_NO_SESSION);
+    EXPECT_EQ(IPMICMD_GetSensorReading(reinterpret_cast<IpmiSession *>(notOpen), &req, &res, kTimeout),
+              LIBIPMI_STATUS_NO_SESSION);
+    EXPECT_EQ(rawRequestCount(), 0u);
 }
 
 } // namespace

@@ -27,13 +27,6 @@ std::string text(const json &profile, const char *id, std::size_t index = 0)
     return t.is_array() ? t[index].get<std::string>() : t.get<std::string>();
 }
 
-// A heap block from the library as bytes (freed); empty for null.
-Bytes take(uint8_t *p, std::size_t n)
-{
-    Bytes b = p ? Bytes(p, p + n) : Bytes{};
-    std::free(p);
-    return b;
-}
 
 class DefaultMachine : public testing::Test {
 protected:
@@ -96,40 +89,6 @@ TEST_F(DefaultMachine, PowerLedsAndResetAreSeenByTheNextRequest)
     EXPECT_EQ(ipmiPowerOffSource(s_, 0x106), 1); // the low byte is sent
     EXPECT_EQ(state()["chassis"]["power_on_source"], 0x05);
     EXPECT_EQ(state()["chassis"]["power_off_source"], 0x06);
-}
-
-TEST_F(DefaultMachine, LanSettingsOfEachChannel)
-{
-    EXPECT_EQ(getChannel(s_), 1u);
-    EXPECT_EQ(ipmiGetAddressSource(s_), profile_["lan"]["channels"][0]["address_source"] == "static" ? 1 : 2);
-    const struct {
-        int (*set)(IpmiSession *, const uint8_t *);
-        uint8_t *(*get)(IpmiSession *);
-        Bytes value;
-    } settings[] = {{ipmiSetIpAddress, ipmiGetIpAddress, {192, 168, 40, 17}},
-                    {ipmiSetNetMask, ipmiGetNetMask, {255, 255, 252, 0}},
-                    {ipmiSetDefaultGateway, ipmiGetDefaultGateway, {192, 168, 40, 1}},
-                    {ipmiSetMacAddress, ipmiGetMacAddress, {0x02, 0x11, 0x22, 0x33, 0x44, 0x55}}};
-    for (const auto &s : settings) {
-        EXPECT_EQ(s.set(s_, s.value.data()), 1);
-        EXPECT_EQ(take(s.get(s_), s.value.size()), s.value);
-    }
-    EXPECT_EQ(ipmiSetAddressSource(s_, 2), 1);
-    EXPECT_EQ(ipmiGetAddressSource(s_), 2);
-    // Refused by the controller: the setting stays.
-    const Bytes multicast = {0x01, 0x00, 0x5E, 0x00, 0x00, 0x01}, gapped = {255, 0, 255, 0};
-    EXPECT_EQ(ipmiSetMacAddress(s_, multicast.data()), 0);
-    EXPECT_EQ(ipmiSetNetMask(s_, gapped.data()), 0);
-    EXPECT_EQ(ipmiSetAddressSource(s_, 9), 0);
-    EXPECT_EQ(take(ipmiGetMacAddress(s_), 6), settings[3].value);
-    EXPECT_EQ(state()["lan"]["1"]["ip_address"], "192.168.40.17");
-    // Channel 2 keeps its own settings; the library only ever uses the first LAN channel.
-    LanConfigSetRequest set = {2, 3, {172, 16, 5, 9}};
-    uint8_t cc = 0xFF;
-    EXPECT_EQ(IPMICMD_SetLANConfig(s_, &set, 6, &cc, 60), 0);
-    EXPECT_EQ(cc, 0x00);
-    EXPECT_EQ(take(ipmiGetIpAddress(s_), 4), settings[0].value);
-    EXPECT_EQ(state()["lan"]["2"]["ip_address"], "172.16.5.9");
 }
 
 TEST_F(DefaultMachine, ConfigurationVariablesAndConsoleLog)

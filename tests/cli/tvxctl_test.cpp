@@ -56,17 +56,6 @@ std::vector<uint8_t> deviceIdBytes(const json &c)
     return d;
 }
 
-std::string rawText(const std::vector<uint8_t> &data)
-{
-    std::string s;
-    char buf[4];
-    for (std::size_t i = 0; i < data.size(); ++i) {
-        std::snprintf(buf, sizeof buf, " %02x", data[i]);
-        s += buf;
-        if (i % 16 == 15 && i + 1 < data.size()) s += "\n";
-    }
-    return s + "\n";
-}
 
 // A machine unlike the default one in every field the identity shows.
 const json kOddMachine = json::parse(R"({
@@ -127,17 +116,6 @@ TEST_F(Tvxctl, DevidJsonDescribesTheProfile)
     }
 }
 
-TEST_F(Tvxctl, RawDeviceIdPrintsTheProfileBytes)
-{
-    Outcome def = run({"raw", "0x06", "0x01"});
-    ASSERT_EQ(def.code, 0) << def;
-    EXPECT_EQ(def.out, rawText(deviceIdBytes(defaultController())));
-    // Decimal and octal numbers are accepted too: 6 and 01.
-    Outcome odd = run({"--machine=" + oddPath_, "raw", "6", "01"});
-    ASSERT_EQ(odd.code, 0) << odd;
-    EXPECT_EQ(odd.out, rawText(deviceIdBytes(kOddMachine["controller"])));
-}
-
 TEST_F(Tvxctl, BadUsageExitsTwoWithAReason)
 {
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
@@ -182,35 +160,6 @@ TEST_F(Tvxctl, RefusedCommandExitsOneWithTheCompletionCode)
     EXPECT_EQ(j["completion_code"], 0xC1);
     EXPECT_EQ(j["completion_code_text"], "Invalid command");
     EXPECT_EQ(j["data"], json::array());
-}
-
-TEST_F(Tvxctl, ProfileFaultsReachTheUser)
-{
-    json doc = kOddMachine;
-    doc["faults"] = {{{"netfn", 6}, {"command", 4}, {"kind", "long"}, {"value", 20}},
-                     {{"netfn", 6}, {"command", 7}, {"kind", "no_answer"}},
-                     {{"netfn", 6}, {"command", 1}, {"kind", "short"}, {"value", 0}},
-                     {{"netfn", 6}, {"command", 6}, {"kind", "completion_code"}, {"value", "0xC0"}}};
-    writeFile(oddPath_, doc.dump());
-    std::vector<uint8_t> selfTest = {0x55, 0x00};
-    selfTest.insert(selfTest.end(), 20, 0xEE);
-    Outcome r = run({"--machine", oddPath_, "raw", "0x06", "0x04"});
-    EXPECT_EQ(r.code, 0) << r;
-    EXPECT_EQ(r.out, rawText(selfTest)); // 22 bytes: sixteen on the first line
-
-    const std::vector<std::pair<std::vector<std::string>, std::string>> failing = {
-        {{"raw", "0x06", "0x07"}, "time-out"},
-        {{"raw", "0x06", "0x01"}, "malformed"},
-        {{"raw", "0x06", "0x06", "0x83", "0x7f"}, "rsp=0xc0): Node busy"},
-        {{"devid"}, "identity could not be read"},
-    };
-    for (const auto &[args, reason] : failing) {
-        std::vector<std::string> full = {"--machine", oddPath_};
-        full.insert(full.end(), args.begin(), args.end());
-        r = run(full);
-        EXPECT_EQ(r.code, 1) << r;
-        EXPECT_NE(r.err.find(reason), std::string::npos) << r;
-    }
 }
 
 TEST_F(Tvxctl, BadProfileIsNamedWithThePlace)

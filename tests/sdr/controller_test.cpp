@@ -121,22 +121,6 @@ TEST(Reservation, EachReservationCancelsThePreviousOne)
     EXPECT_EQ(send(c, kNetFnStorage, 0x22, {0x00}), Bytes{0xC7});
 }
 
-// Programs sharing a machine share its controller: one's reservation cancels the other's,
-// and numbering goes on where the last program left it.
-TEST(Reservation, IsSharedByProgramsUsingTheSameMachine)
-{
-    TempDir dir;
-    tvxsim::Controller first(profileOf(smallRepository()), dir.path());
-    tvxsim::Controller second(profileOf(smallRepository()), dir.path());
-    Bytes a = send(first, kNetFnStorage, 0x22, {});
-    Bytes b = send(second, kNetFnStorage, 0x22, {});
-    ASSERT_EQ(a.size(), 3u);
-    ASSERT_EQ(b.size(), 3u);
-    EXPECT_EQ(le16(b, 1), le16(a, 1) + 1);
-    EXPECT_EQ(getSdr(first, le16(a, 1), 1, 5, 4), Bytes{0xC5});
-    EXPECT_EQ(getSdr(first, le16(b, 1), 1, 5, 4)[0], 0x00);
-}
-
 TEST(GetSdr, OffsetsLengthsReservationsAndCompletionCodes)
 {
     tvxsim::Controller c(profileOf(smallRepository()), "");
@@ -301,27 +285,6 @@ TEST_F(RecordLayout, FullSensorRecord)
     expectIdString(r, 48, "Exhaust Temp");
 }
 
-TEST_F(RecordLayout, CompactSensorRecordWithSixteenCharacterName)
-{
-    const Bytes &r = records.at(1).record;
-    expectFields(r, {
-        {1, 0x02, "record ID LS"}, {4, 0x02, "compact sensor record"},
-        {6, 0x20, "owner: the controller"}, {7, 0x00, "channel 0, LUN 0"}, {8, 0x07, "sensor number"},
-        {9, 0x1D, "entity ID"}, {10, 0x02, "instance 2"},
-        {11, 0x41, "init scanning, scanning enabled, no events"}, {12, 0x40, "auto re-arm only"},
-        {13, 0xE6, "sensor type"}, {14, 0x6F, "sensor-specific"},
-        {15, 0x03, "assertion mask LS"}, {16, 0x00, "assertion mask MS"},
-        {17, 0x01, "deassertion mask LS"}, {18, 0x00, "deassertion mask MS"},
-        {19, 0xFF, "reading mask LS"}, {20, 0x00, "reading mask MS"},
-        {21, 0xC0, "no analog reading"}, {22, 0x00, "base unit"}, {23, 0x00, "modifier unit"},
-        {24, 0x81, "direction output, one sensor"}, {25, 0x00, "instance sharing"},
-        {26, 0x00, "positive hysteresis"}, {27, 0x00, "negative hysteresis"},
-        {28, 0x00, "reserved"}, {29, 0x00, "reserved"}, {30, 0x00, "reserved"}, {31, 0x00, "OEM"},
-    });
-    expectIdString(r, 32, "FAN2 Status Long");
-    EXPECT_EQ(r.size(), 48u) << "the largest compact record";
-}
-
 nlohmann::json sensorProfile()
 {
     nlohmann::json doc = baseProfile();
@@ -458,22 +421,6 @@ TEST(SensorReading, ThresholdsAndHysteresis)
     }
 }
 
-// A state file edited by hand with values of the wrong type: the sensor reads its profile
-// values instead of failing.
-TEST(SensorReading, IgnoresStateValuesOfTheWrongType)
-{
-    tvxsim::Controller c(profileOf(sensorProfile()), "");
-    c.control([](tvxsim::Context &ctx) {
-        ctx.state["sensors"]["0:0x01"] = {{"reading", "high"}, {"scanning", 3}, {"unavailable", nullptr}};
-        ctx.state["sensors"]["0:0x10"] = {{"state", 0x10000}};
-        ctx.state["chassis"] = "off";
-        ctx.changed();
-    });
-    EXPECT_EQ(reading(c, 1), (Bytes{0x00, 50, 0xC0, 0xC0}));
-    EXPECT_EQ(reading(c, 16), (Bytes{0x00, 0x00, 0xC0, 0x81, 0xC0}));
-    EXPECT_EQ(reading(c, 18), (Bytes{0x00, 40, 0xC0, 0xC0}));
-}
-
 std::string runTvxctl(const std::string &args)
 {
     std::string cmd = std::string(TVXCTL_PATH) + " " + args + " 2>&1";
@@ -585,28 +532,6 @@ TEST(ComponentStatus, AnswersTheProfilesComponents)
     }
 }
 
-// Each subsystem registers its own sub-functions of a command; each handler sees the bytes
-// after the selector.
-TEST(OemSubFunctions, DispatchBySelectorToEachHandler)
-{
-    static const tvxsim::Subsystem echo = {
-        "echo",
-        [](tvxsim::Controller &ctl) {
-            ctl.onOemSub(0xF5, 0x72, [](tvxsim::Context &, const tvxsim::Request &req, tvxsim::Response &rsp) {
-                rsp.u8(0x72);
-                rsp.append(req.data);
-            });
-        },
-        nullptr};
-    const tvxsim::Subsystem subsystems[] = {tvxsim::kComponentSubsystem, echo};
-    tvxsim::Controller c(profileOf(componentProfile()), "", subsystems);
-    EXPECT_EQ(oem(c, {0x72, 0xAA, 0xBB}), (Bytes{0x00, 0xD9, 0x7E, 0x00, 0x72, 0xAA, 0xBB}));
-    EXPECT_EQ(oem(c, {0x72}), (Bytes{0x00, 0xD9, 0x7E, 0x00, 0x72}));
-    EXPECT_EQ(oem(c, {0x40, 0x05, 0x02, 0x01})[0], 0x02);
-    EXPECT_EQ(send(c, kNetFnOemGroup, 0xF6, {0xD9, 0x7E, 0x00, 0x40}), (Bytes{0xC1, 0xD9, 0x7E, 0x00}))
-        << "a command without handlers";
-}
-
 nlohmann::json validProfile()
 {
     nlohmann::json doc = baseProfile();
@@ -634,20 +559,41 @@ std::string loadError(const nlohmann::json &doc)
     return "(accepted)";
 }
 
-TEST(SdrProfile, SignedFormatsTakeNegativeValues)
+TEST(SdrProfile, BadValuesNameFilePointerAndProblem)
 {
-    nlohmann::json doc = validProfile();
-    doc["sensors"][0]["format"] = "twos_complement";
-    doc["sensors"][0]["reading"] = "-3";
-    doc["sensors"][0]["thresholds"] = {{"lnc", -128}, {"unc", 127}};
-    EXPECT_EQ(loadError(doc), "(accepted)");
-    doc["sensors"][0]["thresholds"]["lnc"] = -129;
-    EXPECT_NE(loadError(doc).find("/sensors/0/thresholds/lnc: expected a raw byte (0 to 255) or a negative two's"),
-              std::string::npos);
-    doc["sensors"][0]["format"] = "ones_complement";
-    doc["sensors"][0]["thresholds"]["lnc"] = -128;
-    EXPECT_NE(loadError(doc).find("/sensors/0/thresholds/lnc: expected a raw byte (0 to 255) or a negative ones'"),
-              std::string::npos);
+    struct Case {
+        const char *pointer; // where to put the value
+        nlohmann::json value;
+        const char *message; // what the error must contain after "test.json: "
+    } cases[] = {
+        {"/sensors/0/number", 255, "/sensors/0/number: expected an integer from 0 to 254"},
+        {"/sensors/0/name", "Temp\xc3\xa9rature", "/sensors/0/name: \"Temp\xc3\xa9rature\": only printable ASCII"},
+        {"/sensors/0/thresholds/unc", 10, "/sensors/0/thresholds/unc: unc (10) must lie above lnc (20)"},
+        {"/sensors/0/thresholds/lnr", 25, "/sensors/0/thresholds/lnc: lnc (20) must lie at or above lnr (25)"},
+        {"/sensors/0/m", 600, "/sensors/0/m: expected an integer from -512 to 511"},
+        {"/sensors/0/linearization", "0x20", "/sensors/0/linearization: linearization 0x20 is reserved"},
+        {"/sensors/0/state", 1, "/sensors/0/state: a threshold-based sensor's state follows"},
+        {"/sensors/0/readable_thresholds", {"unr"},
+         "/sensors/0/readable_thresholds/0: threshold \"unr\" is readable but has no value"},
+        {"/sensors/1/m", 2, "/sensors/1/m: \"m\" belongs to full sensor records only"},
+        {"/sensors/1/reading_mask", 1, "/sensors/1/state: state 0x0002 has bits outside reading_mask 0x0001"},
+        {"/sensors/1/number", 1, "/sensors/1/number: sensor number 0x01 on LUN 0 is already used by /sensors/0"},
+        {"/sdr/max_record_units", 2, "/sensors/0: the record takes 57 bytes, more than the largest record"},
+        {"/sdr/allocation_units", 5, "/sdr/allocation_units: the records take 11 allocation units, more than the 5"},
+        {"/fru_locators/0/address", "0x21", "/fru_locators/0/address: expected an IPMB slave address in its 8-bit form"},
+        {"/fru_locators/1", {{"name", "Again"}, {"fru_id", 0}, {"entity", 7}, {"instance", 2}},
+         "/fru_locators/1/fru_id: FRU device 0x00 of controller 0x20 is already described by /fru_locators/0"},
+        {"/components/1", {{"key", "01 01"}, {"id", "00 02"}, {"bytes", "00 00 00"}, {"status", 0}, {"name", "X"}},
+         "/components/1/key: the key is already used by /components/0"},
+    };
+    for (const Case &k : cases) {
+        SCOPED_TRACE(k.pointer);
+        nlohmann::json doc = validProfile();
+        doc[nlohmann::json::json_pointer(k.pointer)] = k.value;
+        std::string error = loadError(doc);
+        EXPECT_EQ(error.rfind("test.json: ", 0), 0u) << error;
+        EXPECT_NE(error.find(k.message), std::string::npos) << error;
+    }
 }
 
 // A bad profile given to the platform library stops everything: the selection fails with

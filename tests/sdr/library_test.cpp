@@ -85,17 +85,6 @@ TEST(SdrCache, IndexLookupAndEmptyCaches)
     EXPECT_EQ(getSdrByIndex(0, &zeroSlot), nullptr);
 }
 
-TEST(SdrCache, FreeIsIdempotent)
-{
-    Cache c(16, {{0x01, 1, 3, 1, 1}});
-    freeSDRInfo(c.get());
-    EXPECT_EQ(c.get()->records, nullptr);
-    EXPECT_EQ(c.get()->count, 0u);
-    EXPECT_EQ(c.get()->recordSize, 0u);
-    freeSDRInfo(c.get());
-    freeSDRInfo(nullptr);
-}
-
 TEST(SdrCache, FindByTypeCopiesFullAndCompactRecordsInOrder)
 {
     Cache c(64, {{0x01, 1, 3, 1, 0x01}, {0x02, 2, 3, 1, 0x01}, {0x01, 3, 3, 2, 0x01}, {0x01, 4, 3, 2, 0x02},
@@ -327,13 +316,6 @@ TEST(SensorTexts, DiscreteStateLookup)
         // The offset pointer is optional.
         EXPECT_EQ(ipmiGetDiscreteState(c.sensorType, c.eventType, c.low, c.high, nullptr), text);
     }
-}
-
-TEST(SensorTexts, DiscreteStateWithNoLowBitsLeavesTheOffsetAlone)
-{
-    int32_t offset = 42;
-    EXPECT_EQ(ipmiGetDiscreteState(0x0C, 0x6F, 0x00, 0x02, &offset), nullptr);
-    EXPECT_EQ(offset, 42);
 }
 
 TEST(SensorTexts, SensorTypeNames)

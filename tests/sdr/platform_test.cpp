@@ -243,23 +243,6 @@ TEST_F(SdrRepository, InfoRecordsStoreWhatArrivedAndMapStatus)
     }
 }
 
-TEST_F(SdrRepository, BadArgumentsSendNothing)
-{
-    alignas(8) uint8_t notOpen[LIBIPMI_SESSION_SIZE] = {};
-    auto *other = reinterpret_cast<IpmiSession *>(notOpen);
-    SdrRepositoryAllocInfo alloc{};
-    SdrRepositoryInfo repo{};
-    uint8_t buffer[64];
-    EXPECT_EQ(IPMICMD_GetSDRRepositoryAllocInfo(session(), nullptr, kTimeout), LIBIPMI_STATUS_INVALID_ARGUMENT);
-    EXPECT_EQ(IPMICMD_GetSDRRepositoryInfo(session(), nullptr, kTimeout), LIBIPMI_STATUS_INVALID_ARGUMENT);
-    EXPECT_EQ(LIBIPMI_HL_GetAllSDRs(session(), nullptr, 64, kTimeout), LIBIPMI_STATUS_INVALID_ARGUMENT);
-    EXPECT_EQ(IPMICMD_GetSDRRepositoryAllocInfo(nullptr, &alloc, kTimeout), LIBIPMI_STATUS_NO_SESSION);
-    EXPECT_EQ(IPMICMD_GetSDRRepositoryAllocInfo(other, &alloc, kTimeout), LIBIPMI_STATUS_NO_SESSION);
-    EXPECT_EQ(IPMICMD_GetSDRRepositoryInfo(other, &repo, kTimeout), LIBIPMI_STATUS_NO_SESSION);
-    EXPECT_EQ(LIBIPMI_HL_GetAllSDRs(other, buffer, sizeof buffer, kTimeout), LIBIPMI_STATUS_NO_SESSION);
-    EXPECT_EQ(rawRequestCount(), 0u);
-}
-
 // ---- The walk --------------------------------------------------------------------------
 
 TEST_F(SdrRepository, SmallRepositoryOneRequestPerRecordInRepositoryOrder)
@@ -279,15 +262,6 @@ TEST_F(SdrRepository, SmallRepositoryOneRequestPerRecordInRepositoryOrder)
     EXPECT_TRUE(buf.guardIntact());
     // Allocation info, one reservation, one Get SDR per record.
     EXPECT_EQ(rawRequestCount(), 5u);
-}
-
-TEST_F(SdrRepository, EmptyRepositoryZeroesTheBuffer)
-{
-    announce({allocStep(16, 4), reserveStep(0x0001), refusedStep(0x0001, 0x0000, 0, 0xFF, 0xCB)});
-    Buffer buf(128);
-    ASSERT_EQ(LIBIPMI_HL_GetAllSDRs(session(), buf.data(), buf.size, kTimeout), LIBIPMI_STATUS_OK);
-    EXPECT_TRUE(std::all_of(buf.bytes.begin(), buf.bytes.begin() + buf.size, [](uint8_t x) { return x == 0; }));
-    EXPECT_TRUE(buf.guardIntact());
 }
 
 TEST_F(SdrRepository, AllocationInfoTheCallerJustReadIsNotAskedAgain)
@@ -312,32 +286,6 @@ TEST_F(SdrRepository, AllocationInfoTheCallerJustReadIsNotAskedAgain)
     ASSERT_EQ(LIBIPMI_HL_GetAllSDRs(session(), buf.data(), buf.size, kTimeout), LIBIPMI_STATUS_OK);
     EXPECT_TRUE(buf.slotHolds(64, 1, b));
     EXPECT_EQ(rawRequestCount(), 8u);
-}
-
-TEST_F(SdrRepository, AllocationInfoIsForgottenOnCloseAndAfterAFailedAnswer)
-{
-    const Bytes a = makeRecord(0x0001, 0x12, 10);
-    SdrRepositoryAllocInfo alloc{};
-    Buffer buf(32);
-
-    // Remembered on this session, then the session closes and the block is opened again.
-    announce({allocStep(16, 2)});
-    ASSERT_EQ(IPMICMD_GetSDRRepositoryAllocInfo(session(), &alloc, kTimeout), LIBIPMI_STATUS_OK);
-    close();
-    open();
-    announce({allocStep(16, 2), reserveStep(1), wholeStep(1, 0, 0xFFFF, a)});
-    ASSERT_EQ(LIBIPMI_HL_GetAllSDRs(session(), buf.data(), buf.size, kTimeout), LIBIPMI_STATUS_OK);
-
-    // A later refused or short answer replaces what was remembered.
-    const std::vector<Step> refusals[] = {{{kGetAllocInfo, {}, {0xC1}, LIBIPMI_STATUS_COMPLETION_CODE(0xC1)}},
-                                          {{kGetAllocInfo, {}, {0x00, 0x10, 0x00}}}};
-    for (const auto &refusal : refusals) {
-        announce(refusal);
-        EXPECT_NE(IPMICMD_GetSDRRepositoryAllocInfo(session(), &alloc, kTimeout), LIBIPMI_STATUS_OK);
-        announce({allocStep(16, 2), reserveStep(2), wholeStep(2, 0, 0xFFFF, a)});
-        ASSERT_EQ(LIBIPMI_HL_GetAllSDRs(session(), buf.data(), buf.size, kTimeout), LIBIPMI_STATUS_OK);
-    }
-    EXPECT_TRUE(buf.slotHolds(32, 0, a));
 }
 
 // A controller that returns at most 33 record bytes per Get SDR (0xCA for more), as a real
@@ -446,18 +394,6 @@ TEST_F(SdrRepository, LostReservationRestartsTheWalkFromTheFirstRecord)
     EXPECT_TRUE(buf.slotHolds(32, 1, b));
     EXPECT_TRUE(buf.slotHolds(32, 2, c));
     EXPECT_EQ(rawRequestCount(), steps.size());
-}
-
-TEST_F(SdrRepository, ReadingInPiecesSurvivesALostReservation)
-{
-    const Bytes a = makeRecord(0x0001, 0x01, 40);
-    announce({allocStep(64, 1), reserveStep(1), refusedStep(1, 0, 0, 0xFF, 0xCA), pieceStep(1, 0, 0xFFFF, a, 0, 5),
-              refusedStep(1, 0, 5, 40, 0xC5),
-              // The restarted walk reads in pieces straight away.
-              reserveStep(2), pieceStep(2, 0, 0xFFFF, a, 0, 5), pieceStep(2, 0, 0xFFFF, a, 5, 40)});
-    Buffer buf(64);
-    ASSERT_EQ(LIBIPMI_HL_GetAllSDRs(session(), buf.data(), buf.size, kTimeout), LIBIPMI_STATUS_OK);
-    EXPECT_TRUE(buf.slotHolds(64, 0, a));
 }
 
 TEST_F(SdrRepository, ReservationLostEveryTimeFailsAfterBoundedRestarts)
@@ -601,19 +537,6 @@ TEST_F(SensorReading, CopiesExactlyTheBytesThatArrived)
         std::copy_n(c.answer.begin(), c.stored, want.begin());
         EXPECT_EQ(record, want);
     }
-}
-
-TEST_F(SensorReading, BadArgumentsSendNothing)
-{
-    alignas(8) uint8_t notOpen[LIBIPMI_SESSION_SIZE] = {};
-    SensorReadingRequest req{1};
-    SensorReadingResponse res{};
-    EXPECT_EQ(IPMICMD_GetSensorReading(session(), nullptr, &res, kTimeout), LIBIPMI_STATUS_INVALID_ARGUMENT);
-    EXPECT_EQ(IPMICMD_GetSensorReading(session(), &req, nullptr, kTimeout), LIBIPMI_STATUS_INVALID_ARGUMENT);
-    EXPECT_EQ(IPMICMD_GetSensorReading(nullptr, &req, &res, kTimeout), LIBIPMI_STATUS_NO_SESSION);
-    EXPECT_EQ(IPMICMD_GetSensorReading(reinterpret_cast<IpmiSession *>(notOpen), &req, &res, kTimeout),
-              LIBIPMI_STATUS_NO_SESSION);
-    EXPECT_EQ(rawRequestCount(), 0u);
 }
 
 } // namespace

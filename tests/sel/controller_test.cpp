@@ -276,13 +276,6 @@ Label parseLabel(const Bytes &r)
     return l;
 }
 
-uint8_t flagsOf(const std::string &severity)
-{
-    const char *names[] = {"info", "minor", "major", "critical"};
-    for (uint8_t i = 0; i < 4; ++i)
-        if (severity == names[i]) return static_cast<uint8_t>(i << 4);
-    return 0xFF;
-}
 
 TEST_F(EventTexts, EntryAsTextComesWholeWithItsFollowUps)
 {
@@ -527,35 +520,6 @@ TEST(SelProfile, BadSectionsAreNamedWithTheirPlace)
         // Nothing started: no state was written.
         EXPECT_TRUE(std::filesystem::is_empty(state.path())) << c.message;
     }
-}
-
-TEST(SelProfile, EveryRecordFormAndTheDefaultsAreAccepted)
-{
-    json doc = smallMachine();
-    doc["sel"].erase("capacity");
-    doc["sel"]["records"] = json::parse(R"([
-      {"type": "system", "time": "0x6A0D0F68", "generator": "0x41", "channel_lun": 2, "revision": 3, "sensor_type": 1,
-       "sensor": 2, "event_type": 1, "direction": "deassertion", "data": [1, 2, 3]},
-      {"type": "oem_timestamped", "time": 5, "manufacturer_id": "0x123456", "data": "1 2 3 4 5 6"},
-      {"type": "oem", "record_type": "0xFF", "data": "00 01 02 03 04 05 06 07 08 09 0a 0b 0c"},
-      {"type": "other", "record_type": "0x01", "data": "00 01 02 03 04 05 06 07 08 09 0a 0b 0c", "error_code": "00000002"}
-    ])");
-    TempDir state;
-    tvxsim::Controller ctl(tvxsim::parseProfile(doc.dump(), "forms.json"), state.path());
-    std::vector<Bytes> want = profileRecords(doc);
-    for (uint16_t id = 1; id <= want.size(); ++id) {
-        Bytes r = ctl.handle(0x0A, 0, 0x43, Bytes{0, 0, uint8_t(id), 0, 0, 0xFF}).bytes;
-        ASSERT_EQ(r.size(), 19u);
-        EXPECT_EQ(Bytes(r.begin() + 3, r.end()), want[id - 1]) << id;
-    }
-    // The default capacity and the default UTC offset (unspecified).
-    Bytes alloc = ctl.handle(0x0A, 0, 0x41, {}).bytes;
-    EXPECT_EQ(alloc.at(1) | alloc.at(2) << 8, 512);
-    json noOffset = smallMachine();
-    noOffset["sel"].erase("utc_offset_minutes");
-    TempDir other;
-    tvxsim::Controller c2(tvxsim::parseProfile(noOffset.dump(), "nooffset.json"), other.path());
-    EXPECT_EQ(c2.handle(0x0A, 0, 0x5C, {}).bytes, (Bytes{0x00, 0xFF, 0x07}));
 }
 
 } // namespace

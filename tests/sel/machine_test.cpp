@@ -93,36 +93,6 @@ TEST_F(Library, TextsAreTheProfilesMessagesInEnglishAndGerman)
     EXPECT_EQ(severities, (std::set<std::string>{"INFO", "MINOR", "MAJOR", "CRITICAL"}));
 }
 
-TEST_F(Library, ErrorCodesAndChunkedTextsComeInTheRequestsTheyNeed)
-{
-    start();
-    std::vector<Bytes> recs = profileRecords(profile_);
-    const unsigned chunk = profile_["event_texts"]["chunk_size"];
-    unsigned multiChunk = 0;
-    for (std::size_t i = 0; i < recs.size(); ++i) {
-        const json &rec = records()[i];
-        ErrorCodeRecord *code = getErrorCode(session_, recs[i].data(), 0);
-        ASSERT_NE(code, nullptr);
-        char hex[9];
-        std::snprintf(hex, sizeof hex, "%02X%02X%02X%02X", code->errorCode[0], code->errorCode[1], code->errorCode[2],
-                      code->errorCode[3]);
-        EXPECT_EQ(hex, rec["error_code"].get<std::string>());
-        std::vector<std::string> params(code->params, code->params + code->paramCount);
-        EXPECT_EQ(params, rec.value("parameters", std::vector<std::string>{}));
-        for (const char *lcid : {"0x0409", "0x0407"}) {
-            std::string text = profile_["event_texts"]["codes"][hex]["texts"][lcid];
-            ipmihost_reset_request_count();
-            EXPECT_EQ(takeString(getSelTextByErrorCode(session_, code, nullptr, 0, 0, uint16_t(std::stoul(lcid, nullptr, 16)))),
-                      text);
-            std::size_t chunks = std::max<std::size_t>(1, (text.size() + chunk - 1) / chunk);
-            EXPECT_EQ(ipmihost_request_count(), chunks) << hex << " " << lcid;
-            multiChunk += chunks > 1;
-        }
-        freeErrorCode(code);
-    }
-    EXPECT_GT(multiChunk, 10u) << "the default log has texts longer than one chunk";
-}
-
 TEST_F(Library, EntryTextsAndFollowUpsCarryTheWholeMessage)
 {
     start();

@@ -280,24 +280,6 @@ TEST_F(SelText, LongLinesAreCutKeepingTimeAndSeverity)
     EXPECT_EQ(take(buildSelTextString(session_, kRecord.data(), 3, 0, 0, 0x0409)), longText.substr(0, 254));
 }
 
-TEST_F(SelText, ComposedLineFailures)
-{
-    // No error code: no text is asked for.
-    expectErrorCode(3, 0x0042, LIBIPMI_STATUS_TIMEOUT, {});
-    EXPECT_EQ(buildSelTextString(session_, kRecord.data(), 3, 1, 1, 0x0409), nullptr);
-    // No text.
-    expectErrorCode(3, 0x0042, 0, errorCodeAnswer(kCode, 0x30, {"A"}));
-    expect(kOem, kOemCmd, chunkRequest(kCode, 0, 3, 0x0409), LIBIPMI_STATUS_TIMEOUT, {});
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(buildSelTextString(session_, kRecord.data(), 3, 1, 1, 0x0409), nullptr);
-    EXPECT_DIAG(testing::internal::GetCapturedStderr(),
-                "\nipmihelpers.cpp:{line} (getSelTextByErrorCode) Failed to send request with error 0x300\n");
-    ipmihost_script_reset();
-    EXPECT_EQ(buildSelTextString(nullptr, kRecord.data(), 3, 1, 1, 0x0409), nullptr);
-    EXPECT_EQ(buildSelTextString(session_, nullptr, 3, 1, 1, 0x0409), nullptr);
-    EXPECT_TRUE(raw().empty());
-}
-
 TEST_F(SelText, WholeLogAsText)
 {
     const Bytes r1 = kRecord;

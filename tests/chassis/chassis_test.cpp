@@ -135,14 +135,12 @@ TEST_F(ChassisTest, ConfigSpaceVariables)
         Bytes value; // at the start of the buffer; the rest stays 0xEE
         const char *diag;
     } reads[] = {
-        {0, readAnswer({0x00, 0x01, 0x00}), 3, {0x00, 0x01, 0x00}, ""},
-        {0, readAnswer({}), 0, {}, ""},
+        {0, readAnswer({0x00, 0x01, 0x00}), 3, {0x00, 0x01, 0x00}, ""}, {0, readAnswer({}), 0, {}, ""},
         {0, readAnswer(longest), 250, longest, ""},
         {0, cat({readAnswer(longest), Bytes(45, 0x33)}), 250, longest, ""}, // longer than the answer buffer
         {0, oemAnswer({0x05, 'a', 'b'}), -1, {}, ""},                         // length byte beyond the bytes
         {0, oemAnswer(cat({{0xFF}, longest})), -1, {}, ""},                   // ... beyond the buffer
-        {0, oemAnswer({}, 0xCB), -1, {}, ""},
-        {0, oemAnswer({0x01, 'x'}, 0xD4), -1, {}, ""},
+        {0, oemAnswer({}, 0xCB), -1, {}, ""}, {0, oemAnswer({0x01, 'x'}, 0xD4), -1, {}, ""},
         {0x01CB, {0xCB}, -1, {}, "ipmihelpers.cpp:{line}: error code = 1cb\n"},
         {kTimeout, {}, -1, {}, "ipmihelpers.cpp:{line}: error code = 3\n"},
         {kLink, {}, -1, {}, "ipmihelpers.cpp:{line}: error code = 4\n"},

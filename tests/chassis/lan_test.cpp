@@ -49,14 +49,11 @@ TEST_F(LanTest, FindsTheFirstLanChannel)
         std::vector<Channel> answers;
         unsigned channel;
     } cases[] = {
-        {kLanAt3, 3},
-        {{{0, 1, kLan}}, 1},
+        {kLanAt3, 3}, {{{0, 1, kLan}}, 1},
         {{{0, 2, kLan}, {0, 5, kLan}, {0, 3, kLan}}, 3},      // the channel must answer with its own number
         {{{0, 0x11, kLan}, {0, 2, kLan}}, 2},                 // reserved bits of the number
         {{{0, 1, 0x84}, {0, 2, 0x44}, {0, 3, kLan}}, 3},     // reserved bits of the medium
-        {{{0x01CC, 0, 0}, {kTimeout, 0, 0}, {0x01C1, 0, 0}, {0, 4, kLan}}, 4},
-        {last, 15},
-        {noLanChannel(), 0},
+        {{{0x01CC, 0, 0}, {kTimeout, 0, 0}, {0x01C1, 0, 0}, {0, 4, kLan}}, 4}, {last, 15}, {noLanChannel(), 0},
     };
     for (const auto &c : cases) {
         size_t from = ipmihost_script_call_count();
@@ -91,8 +88,7 @@ TEST_F(LanTest, ReadsParameters)
         {raw, 2, 0, {0x00, 0x11, 0x15, 0x15, 0x14}, {0x00, 0x11, 0x15, 0x15, 0x14, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
                                                       0, 0, 0, 0, 0, 0, 0, 0, 0, 0}},
         {[](IpmiSession *x) { return _ipmiGetLanParameter(x, 0x1A); }, 0x1A, 0, full27, full27},
-        {ipmiGetIpAddress, 3, 0x0180, {0x80}, {}},
-        {ipmiGetNetMask, 6, kTimeout, {}, {}},
+        {ipmiGetIpAddress, 3, 0x0180, {0x80}, {}}, {ipmiGetNetMask, 6, kTimeout, {}, {}},
         {ipmiGetDefaultGateway, 12, LIBIPMI_STATUS_TRANSPORT, {}, {}},
     };
     for (const auto &c : cases) {

@@ -19,44 +19,6 @@ using tvxtest::writeFile;
 
 using tvxtest::Outcome;
 
-// The identity bytes of Get Device ID that a profile's "controller" section describes.
-std::vector<uint8_t> deviceIdBytes(const json &c)
-{
-    auto num = [&](const char *key, unsigned dflt) -> unsigned {
-        if (!c.contains(key)) return dflt;
-        const json &v = c[key];
-        return v.is_string() ? static_cast<unsigned>(std::stoul(v.get<std::string>(), nullptr, 0)) : v.get<unsigned>();
-    };
-    static const char *support[8] = {"sensor", "sdr_repository", "sel", "fru_inventory", "event_receiver", "event_generator", "bridge", "chassis"};
-    std::string fw = c["firmware_revision"], ipmi = c.value("ipmi_version", std::string("2.0"));
-    unsigned major = std::stoul(fw.substr(0, fw.find('.'))), minorBcd = std::stoul(fw.substr(fw.find('.') + 1), nullptr, 16);
-    unsigned supportBits = 0;
-    for (const auto &name : c.value("additional_device_support", json::array()))
-        for (unsigned b = 0; b < 8; ++b)
-            if (name == support[b]) supportBits |= 1u << b;
-    unsigned mfr = num("manufacturer_id", 0), product = num("product_id", 0);
-    std::vector<uint8_t> d = {uint8_t(num("device_id", 0x20)),
-                              uint8_t(num("device_revision", 1) | (c.value("provides_device_sdrs", false) ? 0x80 : 0)),
-                              uint8_t(major | (c.value("device_busy", false) ? 0x80 : 0)),
-                              uint8_t(minorBcd),
-                              uint8_t((ipmi[2] - '0') << 4 | (ipmi[0] - '0')),
-                              uint8_t(supportBits),
-                              uint8_t(mfr),
-                              uint8_t(mfr >> 8),
-                              uint8_t(mfr >> 16),
-                              uint8_t(product),
-                              uint8_t(product >> 8)};
-    const json &aux = c["aux_firmware_revision"];
-    if (aux.is_string()) {
-        std::istringstream words(aux.get<std::string>());
-        for (std::string w; words >> w;) d.push_back(uint8_t(std::stoul(w, nullptr, 16)));
-    } else {
-        for (const auto &b : aux) d.push_back(b.get<uint8_t>());
-    }
-    return d;
-}
-
-
 // A machine unlike the default one in every field the identity shows.
 const json kOddMachine = json::parse(R"({
   "controller": {
@@ -90,49 +52,18 @@ protected:
     std::string dir_, oddPath_;
 };
 
-json defaultController() { return json::parse(readFile(std::string(TVX_MACHINES_DIR) + "/default.json"))["controller"]; }
-
-TEST_F(Tvxctl, DevidJsonDescribesTheProfile)
-{
-    const std::vector<std::pair<std::vector<std::string>, json>> machines = {
-        {{"--json", "devid"}, defaultController()},
-        {{"--json", "--machine", oddPath_, "devid"}, kOddMachine["controller"]},
-    };
-    for (const auto &[args, controller] : machines) {
-        Outcome r = run(args);
-        ASSERT_EQ(r.code, 0) << r;
-        json j = json::parse(r.out);
-        std::vector<uint8_t> id = deviceIdBytes(controller);
-        EXPECT_EQ(j["device_id"], id[0]);
-        EXPECT_EQ(j["device_revision"], id[1] & 0x0F);
-        EXPECT_EQ(j["provides_device_sdrs"], controller.value("provides_device_sdrs", false));
-        EXPECT_EQ(j["device_available"], !controller.value("device_busy", false));
-        EXPECT_EQ(j["firmware_revision"], controller["firmware_revision"]);
-        EXPECT_EQ(j["ipmi_version"], controller["ipmi_version"]);
-        EXPECT_EQ(j["manufacturer_id"], id[6] | id[7] << 8 | id[8] << 16);
-        EXPECT_EQ(j["product_id"], id[9] | id[10] << 8);
-        EXPECT_EQ(j["aux_firmware_revision"], json(std::vector<int>(id.begin() + 11, id.end())));
-        EXPECT_EQ(j["additional_device_support"].size(), controller["additional_device_support"].size());
-    }
-}
 
 TEST_F(Tvxctl, BadUsageExitsTwoWithAReason)
 {
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
-        {{"raw", "0x40", "0x01"}, "invalid NETFN \"0x40\""},
-        {{"raw", "six", "0x01"}, "invalid NETFN"},
-        {{"raw", "0x06", "0x100"}, "invalid CMD \"0x100\""},
-        {{"raw", "0x06", "-1"}, "invalid CMD"},
+        {{"raw", "0x40", "0x01"}, "invalid NETFN \"0x40\""}, {{"raw", "six", "0x01"}, "invalid NETFN"},
+        {{"raw", "0x06", "0x100"}, "invalid CMD \"0x100\""}, {{"raw", "0x06", "-1"}, "invalid CMD"},
         {{"raw", "0x06", "0x06", "0x83", "0x1ff"}, "invalid data byte \"0x1ff\""},
         {{"raw", "0x06", "0x06", "0x83", "7f"}, "invalid data byte \"7f\""},
-        {{"raw", "0x06"}, "raw needs NETFN and CMD"},
-        {{"devid", "extra"}, "devid takes no arguments"},
-        {{"reset", "now"}, "reset takes no arguments"},
-        {{"frobnicate"}, "unknown command \"frobnicate\""},
-        {{"--verbose", "devid"}, "unknown option \"--verbose\""},
-        {{"devid", "--state"}, "--state needs a value"},
-        {{"--machine", "a.json", "--target", "default", "devid"}, "give one"},
-        {{}, "usage: tvxctl"},
+        {{"raw", "0x06"}, "raw needs NETFN and CMD"}, {{"devid", "extra"}, "devid takes no arguments"},
+        {{"reset", "now"}, "reset takes no arguments"}, {{"frobnicate"}, "unknown command \"frobnicate\""},
+        {{"--verbose", "devid"}, "unknown option \"--verbose\""}, {{"devid", "--state"}, "--state needs a value"},
+        {{"--machine", "a.json", "--target", "default", "devid"}, "give one"}, {{}, "usage: tvxctl"},
     };
     for (const auto &[args, reason] : cases) {
         Outcome r = run(args);
@@ -169,8 +100,7 @@ TEST_F(Tvxctl, BadProfileIsNamedWithThePlace)
     const std::string bad = dir_ + "/bad.json";
     writeFile(bad, doc.dump());
     for (const auto &[args, env] : std::vector<std::pair<std::vector<std::string>, std::vector<std::string>>>{
-             {{"--machine", bad, "devid"}, {}},
-             {{"--target", "machine:" + bad, "raw", "0x06", "0x01"}, {}},
+             {{"--machine", bad, "devid"}, {}}, {{"--target", "machine:" + bad, "raw", "0x06", "0x01"}, {}},
              {{"devid"}, {"TVX_IPMI_TARGET=" + bad}},
          }) {
         Outcome r = run(args, env);

@@ -146,10 +146,8 @@ TEST(State, ChangeSeenByNewControllerAndByOneAlreadyRunning)
 TEST(State, CorruptStateFileIsNamedAndResetRecovers)
 {
     const std::vector<std::pair<std::string, std::string>> corrupt = {
-        {"garbage", "\x01not json at all"},
-        {"no format", R"({"state": {"acpi": {"system": 3, "device": 0}}})"},
-        {"other format", R"({"format": 99, "state": {}})"},
-        {"no state", R"({"format": 1})"},
+        {"garbage", "\x01not json at all"}, {"no format", R"({"state": {"acpi": {"system": 3, "device": 0}}})"},
+        {"other format", R"({"format": 99, "state": {}})"}, {"no state", R"({"format": 1})"},
         {"not an object", "[1, 2]"},
     };
     for (const auto &[what, text] : corrupt) {

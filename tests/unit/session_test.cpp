@@ -208,14 +208,9 @@ TEST_F(SessionTest, DeviceIdIsTheAnswerOrAZeroRecord)
         Bytes response;
         std::string diag; // empty: the record is the answer's data
     } cases[] = {
-        {0, kDeviceId, ""},
-        {0x0003, {}, sendFailed},
-        {0x01C0, {0xC0}, sendFailed},
-        {0x01C1, deviceIdOf(16), sendFailed},
-        {0, deviceIdOf(12), wrongSize},
-        {0, deviceIdOf(17), wrongSize},
-        {0, {0x00}, wrongSize},
-        {0, {}, wrongSize},
+        {0, kDeviceId, ""}, {0x0003, {}, sendFailed}, {0x01C0, {0xC0}, sendFailed},
+        {0x01C1, deviceIdOf(16), sendFailed}, {0, deviceIdOf(12), wrongSize}, {0, deviceIdOf(17), wrongSize},
+        {0, {0x00}, wrongSize}, {0, {}, wrongSize},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.response.size());

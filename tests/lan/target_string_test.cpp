@@ -53,7 +53,7 @@ TEST(LanTarget, ValidStringsSelectWhatTheySay)
 {
     PasswordEnv env(nullptr);
     struct Case {
-        const char *spec;
+        const char *target;
         const char *host;
         bool ipv6;
         uint16_t port;
@@ -79,9 +79,9 @@ TEST(LanTarget, ValidStringsSelectWhatTheySay)
          osp | IPMI_WORKAROUND_FLAGS_OUTOFBAND_2_0_AUTHENTICATION_CAPABILITIES},
     };
     for (const Case &c : cases) {
-        SCOPED_TRACE(c.spec);
+        SCOPED_TRACE(c.target);
         std::string error;
-        auto cfg = parseTarget(c.spec, error);
+        auto cfg = parseTarget(c.target, error);
         ASSERT_TRUE(cfg) << error;
         EXPECT_EQ(cfg->host, c.host);
         EXPECT_EQ(cfg->ipv6, c.ipv6);
@@ -109,7 +109,7 @@ TEST(LanTarget, RefusesBadStringsWithoutRepeatingThePassword)
 {
     PasswordEnv env(nullptr);
     struct Case {
-        const char *spec;
+        const char *target;
         const char *says;
     };
     const Case cases[] = {
@@ -132,13 +132,13 @@ TEST(LanTarget, RefusesBadStringsWithoutRepeatingThePassword)
         {"lan://admin:Hunter2Secret%2@h", "malformed"},
     };
     for (const Case &c : cases) {
-        SCOPED_TRACE(c.spec);
+        SCOPED_TRACE(c.target);
         std::string error;
-        EXPECT_FALSE(parseTarget(c.spec, error));
+        EXPECT_FALSE(parseTarget(c.target, error));
         EXPECT_NE(error.find(c.says), std::string::npos) << error;
         EXPECT_EQ(error.find("Hunter2"), std::string::npos) << error;
         // The same through the control API, whose message is what tvxctl prints.
-        EXPECT_EQ(ipmihost_select_target(c.spec, nullptr), -1);
+        EXPECT_EQ(ipmihost_select_target(c.target, nullptr), -1);
         std::string last = ipmihost_last_error();
         EXPECT_EQ(last.find("Hunter2"), std::string::npos) << last;
     }

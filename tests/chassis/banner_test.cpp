@@ -10,10 +10,7 @@
 
 namespace {
 
-using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
+using namespace testing::internal;
 
 constexpr uint16_t kTimeout = LIBIPMI_STATUS_TIMEOUT;
 
@@ -44,9 +41,9 @@ struct Var {
     Bytes answer;
 };
 
-Var text(const std::string &t)
+Var textVar(const std::string &t)
 {
-    return {0, oemAnswer(cat({static_cast<uint8_t>(t.size())}, Bytes(t.begin(), t.end())))};
+    return {0, oemAnswer(cat({{static_cast<uint8_t>(t.size())}, text(t)}))};
 }
 const Var kEmpty = {0, oemAnswer({0x00})};
 const Var kAbsent = {0, oemAnswer({}, 0xCB)};
@@ -62,7 +59,7 @@ struct Controller {
 
 Bytes deviceId(uint8_t fw1, uint8_t fw2, Bytes aux)
 {
-    return cat({0x00, 0x20, 0x81, fw1, fw2, 0x02, 0xBF, 0xD9, 0x7E, 0x00, 0x4D, 0x0B}, aux);
+    return cat({{0x00, 0x20, 0x81, fw1, fw2, 0x02, 0xBF, 0xD9, 0x7E, 0x00, 0x4D, 0x0B}, aux});
 }
 
 void expectVariable(uint16_t variable, const Var &v)
@@ -81,7 +78,7 @@ void expectDeviceId(const Controller &c)
 void expectAddress(const Bytes &address)
 {
     expectRequest(0x18, 0x42, {0x01}, 0, {0x00, 0x01, 0x04, 0x01, 0x80, 0xD9, 0x7E, 0x00, 0x00, 0x00});
-    expectRequest(0x30, 0x02, {0x01, 0x03, 0x00, 0x00}, 0, cat({0x00, 0x11}, address));
+    expectRequest(0x30, 0x02, {0x01, 0x03, 0x00, 0x00}, 0, cat({{0x00, 0x11}, address}));
 }
 
 void expectStandard(const Controller &c)
@@ -125,17 +122,9 @@ testing::AssertionResult sameOutput(const std::string &actual, const std::string
     return testing::AssertionFailure() << "output was:\n[" << actual << "]\nexpected:\n[" << expected << "]";
 }
 
-const Controller kFull = {deviceId(0x01, 0x23, {0x02, 0x05, 0x00, 'a'}),
-                          text("R1.12.0"),
-                          text("1.75.32 2024-03-11"),
-                          text("RX2540 M7"),
-                          text("YM3K004711"),
-                          text("build-host-07"),
-                          text("Debian 12"),
-                          1,
-                          1,
-                          true,
-                          text("INV-0042")};
+const Controller kFull = {deviceId(0x01, 0x23, {0x02, 0x05, 0x00, 'a'}), textVar("R1.12.0"), textVar("1.75.32 2024-03-11"),
+                          textVar("RX2540 M7"), textVar("YM3K004711"), textVar("build-host-07"), textVar("Debian 12"), 1, 1,
+                          true, textVar("INV-0042")};
 
 const std::string kStars = "**************************************************\r\n";
 const std::string kWelcome = "*    Welcome to TALVIREN Remote Manager          *\r\n";
@@ -178,7 +167,7 @@ TEST_F(BannerTest, Address127_1_2_1IsBoard0)
     size_t from = ipmihost_script_call_count();
     expectAddress({127, 1, 2, 1});
     EXPECT_EQ(ipmiGetSbNumber(s), 0u);
-    expectSent(s, from, {{0x18, 0x42, {0x01}}, {0x30, 0x02, {0x01, 0x03, 0x00, 0x00}}}, kAnyCapacity, "first");
+    expectSent(s, from, {{0x18, 0x42, {0x01}}, {0x30, 0x02, {0x01, 0x03, 0x00, 0x00}}});
 
     from = ipmihost_script_call_count();
     EXPECT_EQ(ipmiGetSbSlaveAddr(s), 0xC0);
@@ -291,9 +280,9 @@ TEST_F(BannerTest, Address127_1_2_5IsStandardAndItsBanners)
              "\nAsset Tag    : Unknown\r\n\r\n",
          kDeviceIdFailed + "ipmihelpers.cpp:{line}: error code = 3\n"},
         {"long texts, unknown error LED",
-         {deviceId(0x02, 0x10, {0x03, 0x07, 0x00, 0x00}), text("ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789abcd"),
-          text("0123456789abcdefghijklmnopqrstuvwxyzABCD"), text("T"), text("I"), text(name250), text("O"), 3, 0,
-          true, text("A")},
+         {deviceId(0x02, 0x10, {0x03, 0x07, 0x00, 0x00}), textVar("ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789abcd"),
+          textVar("0123456789abcdefghijklmnopqrstuvwxyzABCD"), textVar("T"), textVar("I"), textVar(name250), textVar("O"), 3, 0,
+          true, textVar("A")},
          kStars + kWelcome +
              "*    Firmware Revision 3.07                      *\n"
              "*    SDR ABCDEFGHIJKLMNOPQRSTUVWXYZ0123          *\n"
@@ -309,7 +298,7 @@ TEST_F(BannerTest, Address127_1_2_5IsStandardAndItsBanners)
              "\nAsset Tag    : A\r\n\r\n",
          ""},
         {"critical, short texts",
-         {deviceId(0xFF, 0x99, {0xFF, 0xFF, 0x00, 'z'}), text("X"), text("Y"), kAbsent, kAbsent, kAbsent, kAbsent, 2,
+         {deviceId(0xFF, 0x99, {0xFF, 0xFF, 0x00, 'z'}), textVar("X"), textVar("Y"), kAbsent, kAbsent, kAbsent, kAbsent, 2,
           1, false, kEmpty},
          kStars + kWelcome +
              "*    Firmware Revision 255.255z (FF.153)         *\n"

@@ -1,23 +1,11 @@
 // tvxctl as a user runs it: a separate process per command, every one with its own state
 // directory and home, output and exit status checked.
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <map>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
+#include "scratch.h"
 #include "tvxctl_runner.h"
 
 extern char **environ;
@@ -26,66 +14,10 @@ using nlohmann::json;
 
 namespace {
 
-std::string readFile(const std::string &path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-void writeFile(const std::string &path, const std::string &text) { std::ofstream(path, std::ios::binary) << text; }
+using tvxtest::readFile;
+using tvxtest::writeFile;
 
 using tvxtest::Outcome;
-
-// The identity bytes of Get Device ID that a profile's "controller" section describes.
-std::vector<uint8_t> deviceIdBytes(const json &c)
-{
-    auto num = [&](const char *key, unsigned dflt) -> unsigned {
-        if (!c.contains(key)) return dflt;
-        const json &v = c[key];
-        return v.is_string() ? static_cast<unsigned>(std::stoul(v.get<std::string>(), nullptr, 0)) : v.get<unsigned>();
-    };
-    static const char *support[8] = {"sensor", "sdr_repository", "sel", "fru_inventory", "event_receiver", "event_generator", "bridge", "chassis"};
-    std::string fw = c["firmware_revision"], ipmi = c.value("ipmi_version", std::string("2.0"));
-    unsigned major = std::stoul(fw.substr(0, fw.find('.'))), minorBcd = std::stoul(fw.substr(fw.find('.') + 1), nullptr, 16);
-    unsigned supportBits = 0;
-    for (const auto &name : c.value("additional_device_support", json::array()))
-        for (unsigned b = 0; b < 8; ++b)
-            if (name == support[b]) supportBits |= 1u << b;
-    unsigned mfr = num("manufacturer_id", 0), product = num("product_id", 0);
-    std::vector<uint8_t> d = {uint8_t(num("device_id", 0x20)),
-                              uint8_t(num("device_revision", 1) | (c.value("provides_device_sdrs", false) ? 0x80 : 0)),
-                              uint8_t(major | (c.value("device_busy", false) ? 0x80 : 0)),
-                              uint8_t(minorBcd),
-                              uint8_t((ipmi[2] - '0') << 4 | (ipmi[0] - '0')),
-                              uint8_t(supportBits),
-                              uint8_t(mfr),
-                              uint8_t(mfr >> 8),
-                              uint8_t(mfr >> 16),
-                              uint8_t(product),
-                              uint8_t(product >> 8)};
-    const json &aux = c["aux_firmware_revision"];
-    if (aux.is_string()) {
-        std::istringstream words(aux.get<std::string>());
-        for (std::string w; words >> w;) d.push_back(uint8_t(std::stoul(w, nullptr, 16)));
-    } else {
-        for (const auto &b : aux) d.push_back(b.get<uint8_t>());
-    }
-    return d;
-}
-
-std::string rawText(const std::vector<uint8_t> &data)
-{
-    std::string s;
-    char buf[4];
-    for (std::size_t i = 0; i < data.size(); ++i) {
-        std::snprintf(buf, sizeof buf, " %02x", data[i]);
-        s += buf;
-        if (i % 16 == 15 && i + 1 < data.size()) s += "\n";
-    }
-    return s + "\n";
-}
 
 // A machine unlike the default one in every field the identity shows.
 const json kOddMachine = json::parse(R"({
@@ -102,14 +34,10 @@ class Tvxctl : public testing::Test {
 protected:
     void SetUp() override
     {
-        std::string tmpl = (std::filesystem::temp_directory_path() / "tvx-clitest-XXXXXX").string();
-        ASSERT_NE(mkdtemp(tmpl.data()), nullptr);
-        dir_ = tmpl;
-        std::filesystem::create_directory(dir_ + "/home");
+        dir_ = scratch_.path();
         oddPath_ = dir_ + "/odd.json";
         writeFile(oddPath_, kOddMachine.dump(2));
     }
-    void TearDown() override { std::filesystem::remove_all(dir_); }
 
     std::string stateDir() const { return dir_ + "/state"; }
 
@@ -120,88 +48,22 @@ protected:
         return tvxtest::runTvxctl(TVXCTL_PATH, dir_, args, extraEnv);
     }
 
+    tvxtest::TempDir scratch_;
     std::string dir_, oddPath_;
 };
 
-json defaultController() { return json::parse(readFile(std::string(TVX_MACHINES_DIR) + "/default.json"))["controller"]; }
-
-TEST_F(Tvxctl, DevidJsonDescribesTheProfile)
-{
-    const std::vector<std::pair<std::vector<std::string>, json>> machines = {
-        {{"--json", "devid"}, defaultController()},
-        {{"--json", "--machine", oddPath_, "devid"}, kOddMachine["controller"]},
-    };
-    for (const auto &[args, controller] : machines) {
-        Outcome r = run(args);
-        ASSERT_EQ(r.code, 0) << r;
-        json j = json::parse(r.out);
-        std::vector<uint8_t> id = deviceIdBytes(controller);
-        EXPECT_EQ(j["device_id"], id[0]);
-        EXPECT_EQ(j["device_revision"], id[1] & 0x0F);
-        EXPECT_EQ(j["provides_device_sdrs"], controller.value("provides_device_sdrs", false));
-        EXPECT_EQ(j["device_available"], !controller.value("device_busy", false));
-        EXPECT_EQ(j["firmware_revision"], controller["firmware_revision"]);
-        EXPECT_EQ(j["ipmi_version"], controller["ipmi_version"]);
-        EXPECT_EQ(j["manufacturer_id"], id[6] | id[7] << 8 | id[8] << 16);
-        EXPECT_EQ(j["product_id"], id[9] | id[10] << 8);
-        EXPECT_EQ(j["aux_firmware_revision"], json(std::vector<int>(id.begin() + 11, id.end())));
-        EXPECT_EQ(j["additional_device_support"].size(), controller["additional_device_support"].size());
-    }
-}
-
-TEST_F(Tvxctl, DevidTextShowsTheProfile)
-{
-    Outcome r = run({"--machine", oddPath_, "devid"});
-    ASSERT_EQ(r.code, 0) << r;
-    std::map<std::string, std::string> rows;
-    std::istringstream lines(r.out);
-    for (std::string line; std::getline(lines, line);) {
-        auto colon = line.find(" : ");
-        if (colon == std::string::npos) continue;
-        std::string name = line.substr(0, colon);
-        name.erase(name.find_last_not_of(' ') + 1);
-        rows[name] = line.substr(colon + 3);
-    }
-    EXPECT_EQ(rows["Device ID"], "33");
-    EXPECT_EQ(rows["Firmware Revision"], "12.09");
-    EXPECT_EQ(rows["IPMI Version"], "1.5");
-    EXPECT_EQ(rows["Manufacturer ID"], "703710 (0x0ABCDE)");
-    EXPECT_EQ(rows["Product ID"], "48879 (0xBEEF)");
-    EXPECT_EQ(rows["Aux Firmware Rev Info"], "0xde 0xad 0xbe 0xef");
-    EXPECT_EQ(rows["Provides Device SDRs"], "no");
-    EXPECT_EQ(rows["Device Available"].rfind("no", 0), 0u);
-    EXPECT_NE(r.out.find("SEL Device"), std::string::npos);
-    EXPECT_NE(r.out.find("Bridge"), std::string::npos);
-}
-
-TEST_F(Tvxctl, RawDeviceIdPrintsTheProfileBytes)
-{
-    Outcome def = run({"raw", "0x06", "0x01"});
-    ASSERT_EQ(def.code, 0) << def;
-    EXPECT_EQ(def.out, rawText(deviceIdBytes(defaultController())));
-    // Decimal and octal numbers are accepted too: 6 and 01.
-    Outcome odd = run({"--machine=" + oddPath_, "raw", "6", "01"});
-    ASSERT_EQ(odd.code, 0) << odd;
-    EXPECT_EQ(odd.out, rawText(deviceIdBytes(kOddMachine["controller"])));
-}
 
 TEST_F(Tvxctl, BadUsageExitsTwoWithAReason)
 {
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
-        {{"raw", "0x40", "0x01"}, "invalid NETFN \"0x40\""},
-        {{"raw", "six", "0x01"}, "invalid NETFN"},
-        {{"raw", "0x06", "0x100"}, "invalid CMD \"0x100\""},
-        {{"raw", "0x06", "-1"}, "invalid CMD"},
+        {{"raw", "0x40", "0x01"}, "invalid NETFN \"0x40\""}, {{"raw", "six", "0x01"}, "invalid NETFN"},
+        {{"raw", "0x06", "0x100"}, "invalid CMD \"0x100\""}, {{"raw", "0x06", "-1"}, "invalid CMD"},
         {{"raw", "0x06", "0x06", "0x83", "0x1ff"}, "invalid data byte \"0x1ff\""},
         {{"raw", "0x06", "0x06", "0x83", "7f"}, "invalid data byte \"7f\""},
-        {{"raw", "0x06"}, "raw needs NETFN and CMD"},
-        {{"devid", "extra"}, "devid takes no arguments"},
-        {{"reset", "now"}, "reset takes no arguments"},
-        {{"frobnicate"}, "unknown command \"frobnicate\""},
-        {{"--verbose", "devid"}, "unknown option \"--verbose\""},
-        {{"devid", "--state"}, "--state needs a value"},
-        {{"--machine", "a.json", "--target", "default", "devid"}, "give one"},
-        {{}, "usage: tvxctl"},
+        {{"raw", "0x06"}, "raw needs NETFN and CMD"}, {{"devid", "extra"}, "devid takes no arguments"},
+        {{"reset", "now"}, "reset takes no arguments"}, {{"frobnicate"}, "unknown command \"frobnicate\""},
+        {{"--verbose", "devid"}, "unknown option \"--verbose\""}, {{"devid", "--state"}, "--state needs a value"},
+        {{"--machine", "a.json", "--target", "default", "devid"}, "give one"}, {{}, "usage: tvxctl"},
     };
     for (const auto &[args, reason] : cases) {
         Outcome r = run(args);
@@ -231,35 +93,6 @@ TEST_F(Tvxctl, RefusedCommandExitsOneWithTheCompletionCode)
     EXPECT_EQ(j["data"], json::array());
 }
 
-TEST_F(Tvxctl, ProfileFaultsReachTheUser)
-{
-    json doc = kOddMachine;
-    doc["faults"] = {{{"netfn", 6}, {"command", 4}, {"kind", "long"}, {"value", 20}},
-                     {{"netfn", 6}, {"command", 7}, {"kind", "no_answer"}},
-                     {{"netfn", 6}, {"command", 1}, {"kind", "short"}, {"value", 0}},
-                     {{"netfn", 6}, {"command", 6}, {"kind", "completion_code"}, {"value", "0xC0"}}};
-    writeFile(oddPath_, doc.dump());
-    std::vector<uint8_t> selfTest = {0x55, 0x00};
-    selfTest.insert(selfTest.end(), 20, 0xEE);
-    Outcome r = run({"--machine", oddPath_, "raw", "0x06", "0x04"});
-    EXPECT_EQ(r.code, 0) << r;
-    EXPECT_EQ(r.out, rawText(selfTest)); // 22 bytes: sixteen on the first line
-
-    const std::vector<std::pair<std::vector<std::string>, std::string>> failing = {
-        {{"raw", "0x06", "0x07"}, "time-out"},
-        {{"raw", "0x06", "0x01"}, "malformed"},
-        {{"raw", "0x06", "0x06", "0x83", "0x7f"}, "rsp=0xc0): Node busy"},
-        {{"devid"}, "identity could not be read"},
-    };
-    for (const auto &[args, reason] : failing) {
-        std::vector<std::string> full = {"--machine", oddPath_};
-        full.insert(full.end(), args.begin(), args.end());
-        r = run(full);
-        EXPECT_EQ(r.code, 1) << r;
-        EXPECT_NE(r.err.find(reason), std::string::npos) << r;
-    }
-}
-
 TEST_F(Tvxctl, BadProfileIsNamedWithThePlace)
 {
     json doc = kOddMachine;
@@ -267,8 +100,7 @@ TEST_F(Tvxctl, BadProfileIsNamedWithThePlace)
     const std::string bad = dir_ + "/bad.json";
     writeFile(bad, doc.dump());
     for (const auto &[args, env] : std::vector<std::pair<std::vector<std::string>, std::vector<std::string>>>{
-             {{"--machine", bad, "devid"}, {}},
-             {{"--target", "machine:" + bad, "raw", "0x06", "0x01"}, {}},
+             {{"--machine", bad, "devid"}, {}}, {{"--target", "machine:" + bad, "raw", "0x06", "0x01"}, {}},
              {{"devid"}, {"TVX_IPMI_TARGET=" + bad}},
          }) {
         Outcome r = run(args, env);
@@ -328,81 +160,4 @@ TEST_F(Tvxctl, ResetRecoversFromACorruptStateFile)
     EXPECT_EQ(r.out, " 00 00\n");
 }
 
-TEST_F(Tvxctl, HelpExitsZero)
-{
-    for (const char *flag : {"--help", "-h"}) {
-        Outcome r = run({flag});
-        EXPECT_EQ(r.code, 0) << r;
-        EXPECT_EQ(r.out.rfind("usage: tvxctl", 0), 0u) << r;
-        for (const char *cmd : {"devid", "raw NETFN CMD", "reset", "target"}) EXPECT_NE(r.out.find(cmd), std::string::npos) << cmd;
-        EXPECT_EQ(r.err, "");
-    }
-}
-
 } // namespace
-
-namespace {
-
-int jsonNumber(const json &v) { return v.is_string() ? std::stoi(v.get<std::string>(), nullptr, 0) : v.get<int>(); }
-
-// The status word the table shows for a threshold sensor of the profile, from its raw reading
-// and thresholds compared in the sensor's number format.
-std::string expectedThresholdStatus(const json &s)
-{
-    bool isSigned = s.value("format", std::string("unsigned")) != "unsigned";
-    auto value = [&](const json &v) {
-        int n = jsonNumber(v);
-        return isSigned && n > 127 ? n - 256 : n;
-    };
-    int reading = value(s["reading"]);
-    const json t = s.value("thresholds", json::object());
-    auto at = [&](const char *k, bool upper) {
-        return t.contains(k) && (upper ? reading >= value(t[k]) : reading <= value(t[k]));
-    };
-    if (at("lnr", false)) return "LowNRecov";
-    if (at("unr", true)) return "UpNRecov";
-    if (at("lc", false)) return "LowCrit";
-    if (at("uc", true)) return "UpCrit";
-    if (at("lnc", false)) return "LowWarn";
-    if (at("unc", true)) return "UpWarn";
-    return "OK";
-}
-
-} // namespace
-
-TEST_F(Tvxctl, SdrListsEverySensorOfTheProfile)
-{
-    json profile = json::parse(readFile(std::string(TVX_MACHINES_DIR) + "/default.json"));
-    Outcome r = run({"--json", "sdr"});
-    ASSERT_EQ(r.code, 0) << r;
-    json rows = json::parse(r.out);
-    const json &sensors = profile["sensors"];
-    ASSERT_EQ(rows.size(), sensors.size() + profile.value("fru_locators", json::array()).size() +
-                               profile.value("mc_locators", json::array()).size());
-    for (size_t i = 0; i < sensors.size(); ++i) {
-        const json &s = sensors[i], &row = rows[i];
-        SCOPED_TRACE(s["name"].get<std::string>());
-        EXPECT_EQ(row["record_id"], i + 1);
-        EXPECT_EQ(row["name"], s["name"]);
-        EXPECT_EQ(row["sensor_number"], jsonNumber(s["number"]));
-        EXPECT_EQ(row["entity"], std::to_string(jsonNumber(s["entity"])) + "." + std::to_string(jsonNumber(s["instance"])));
-        if (jsonNumber(s["event_reading_type"]) == 0x01 && s["record"] == "full") {
-            EXPECT_TRUE(row["value"].is_number());
-            EXPECT_FALSE(row["unit"].is_null());
-            EXPECT_EQ(row["status"], expectedThresholdStatus(s));
-        } else {
-            EXPECT_TRUE(row["value"].is_null());
-            EXPECT_EQ(row["state_bits"], jsonNumber(s["state"]));
-            EXPECT_NE(row["status"], "") << "the first asserted state is named";
-        }
-    }
-    // The table shows the same rows, one line each after the heading.
-    Outcome text = run({"sdr"});
-    ASSERT_EQ(text.code, 0) << text;
-    std::istringstream lines(text.out);
-    std::string line;
-    size_t count = 0;
-    while (std::getline(lines, line)) ++count;
-    EXPECT_EQ(count, rows.size() + 1);
-    EXPECT_NE(text.out.find("UpWarn"), std::string::npos) << "the default machine has one sensor at a warning";
-}

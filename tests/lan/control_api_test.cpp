@@ -5,17 +5,6 @@
 #include "libipmi.h"
 #include "libipmi_host.h"
 
-TEST(LanControlApi, StatisticsNeedALanTarget)
-{
-    ipmihost_lan_statistics st{};
-    ASSERT_EQ(ipmihost_select_target("script:", nullptr), 0);
-    EXPECT_EQ(ipmihost_lan_stats(&st), -1);
-    EXPECT_NE(std::string(ipmihost_last_error()).find("not a LAN target"), std::string::npos);
-    EXPECT_EQ(ipmihost_lan_drop_connections(), -1);
-    EXPECT_EQ(ipmihost_lan_stats(nullptr), -1);
-    ipmihost_select_default();
-}
-
 TEST(LanControlApi, NobodyListeningTimesOutAndCountsTheFailure)
 {
     // Port 9 (discard) on loopback: nothing answers, and the short time-out ends it.

@@ -213,14 +213,10 @@ TEST_F(SelLog, UtcOffset)
         Bytes answer;
         int16_t want;
     } cases[] = {
-        {"unspecified", 0, {0x00, 0xFF, 0x07}, 2047},
-        {"minus one hour", 0, {0x00, 0xC4, 0xFF}, -60},
-        {"plus 90 minutes", 0, {0x00, 0x5A, 0x00}, 90},
-        {"zero", 0, {0x00, 0x00, 0x00}, 0},
-        {"only the completion code", 0, {0x00}, -1},
-        {"completion code", 0x01C1, {0xC1}, -1},
-        {"completion code with data", 0x01D4, {0xD4, 0x3C, 0x00}, -1},
-        {"no answer", LIBIPMI_STATUS_TIMEOUT, {}, -1},
+        {"unspecified", 0, {0x00, 0xFF, 0x07}, 2047}, {"minus one hour", 0, {0x00, 0xC4, 0xFF}, -60},
+        {"plus 90 minutes", 0, {0x00, 0x5A, 0x00}, 90}, {"zero", 0, {0x00, 0x00, 0x00}, 0},
+        {"only the completion code", 0, {0x00}, -1}, {"completion code", 0x01C1, {0xC1}, -1},
+        {"completion code with data", 0x01D4, {0xD4, 0x3C, 0x00}, -1}, {"no answer", LIBIPMI_STATUS_TIMEOUT, {}, -1},
     };
     for (const auto &c : cases) {
         ipmihost_script_reset();

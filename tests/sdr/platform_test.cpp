@@ -1,13 +1,53 @@
-// The SDR repository operations through the scripted exchange: the two information records,
-// and the walk that reads every record into slots.
+// The platform library's SDR repository and sensor operations through the scripted exchange:
+// the information records, the walk that reads every record into slots, and Get Sensor
+// Reading, with the exact requests and what each kind of answer may overwrite.
 #include <algorithm>
 #include <cstring>
 #include <functional>
 
-#include "script_session.h"
-#include "tvx_toipmi.h"
+#include "scripted.h"
 
 namespace platform_test {
+
+constexpr uint8_t kNetFnLunSensor = 0x04 << 2, kNetFnLunStorage = 0x0A << 2;
+constexpr int kTimeout = 60;
+
+// A session block of the platform's own, opened on the scripted exchange.
+class ScriptSession : public ScriptTest {
+protected:
+    void SetUp() override
+    {
+        ScriptTest::SetUp();
+        open();
+    }
+    void TearDown() override
+    {
+        if (opened_) LIBIPMI_CloseSession(session());
+        ScriptTest::TearDown();
+    }
+    void open()
+    {
+        ASSERT_EQ(LIBIPMI_Create_IPMI_Local_Session_Ext(session(), nullptr, nullptr, nullptr, nullptr, nullptr, 0, nullptr, 2, 5),
+                  LIBIPMI_STATUS_OK);
+        opened_ = true;
+    }
+    void close()
+    {
+        ASSERT_EQ(LIBIPMI_CloseSession(session()), LIBIPMI_STATUS_OK);
+        opened_ = false;
+    }
+    IpmiSession *session() { return reinterpret_cast<IpmiSession *>(block_); }
+    static void expect(uint8_t netFnLun, uint8_t cmd, const Bytes &req, const Bytes &res, uint16_t status = LIBIPMI_STATUS_OK)
+    {
+        expectRequest(netFnLun, cmd, req, status, res);
+    }
+    static size_t rawRequestCount() { return rawSince().size(); }
+
+private:
+    alignas(8) uint8_t block_[LIBIPMI_SESSION_SIZE] = {};
+    bool opened_ = false;
+};
+
 namespace {
 
 constexpr uint8_t kGetRepoInfo = 0x20;
@@ -153,23 +193,6 @@ TEST_F(SdrRepository, InfoRecordsStoreWhatArrivedAndMapStatus)
     }
 }
 
-TEST_F(SdrRepository, BadArgumentsSendNothing)
-{
-    alignas(8) uint8_t notOpen[LIBIPMI_SESSION_SIZE] = {};
-    auto *other = reinterpret_cast<IpmiSession *>(notOpen);
-    SdrRepositoryAllocInfo alloc{};
-    SdrRepositoryInfo repo{};
-    uint8_t buffer[64];
-    EXPECT_EQ(IPMICMD_GetSDRRepositoryAllocInfo(session(), nullptr, kTimeout), LIBIPMI_STATUS_INVALID_ARGUMENT);
-    EXPECT_EQ(IPMICMD_GetSDRRepositoryInfo(session(), nullptr, kTimeout), LIBIPMI_STATUS_INVALID_ARGUMENT);
-    EXPECT_EQ(LIBIPMI_HL_GetAllSDRs(session(), nullptr, 64, kTimeout), LIBIPMI_STATUS_INVALID_ARGUMENT);
-    EXPECT_EQ(IPMICMD_GetSDRRepositoryAllocInfo(nullptr, &alloc, kTimeout), LIBIPMI_STATUS_NO_SESSION);
-    EXPECT_EQ(IPMICMD_GetSDRRepositoryAllocInfo(other, &alloc, kTimeout), LIBIPMI_STATUS_NO_SESSION);
-    EXPECT_EQ(IPMICMD_GetSDRRepositoryInfo(other, &repo, kTimeout), LIBIPMI_STATUS_NO_SESSION);
-    EXPECT_EQ(LIBIPMI_HL_GetAllSDRs(other, buffer, sizeof buffer, kTimeout), LIBIPMI_STATUS_NO_SESSION);
-    EXPECT_EQ(rawRequestCount(), 0u);
-}
-
 // ---- The walk --------------------------------------------------------------------------
 
 TEST_F(SdrRepository, SmallRepositoryOneRequestPerRecordInRepositoryOrder)
@@ -189,15 +212,6 @@ TEST_F(SdrRepository, SmallRepositoryOneRequestPerRecordInRepositoryOrder)
     EXPECT_TRUE(buf.guardIntact());
     // Allocation info, one reservation, one Get SDR per record.
     EXPECT_EQ(rawRequestCount(), 5u);
-}
-
-TEST_F(SdrRepository, EmptyRepositoryZeroesTheBuffer)
-{
-    announce({allocStep(16, 4), reserveStep(0x0001), refusedStep(0x0001, 0x0000, 0, 0xFF, 0xCB)});
-    Buffer buf(128);
-    ASSERT_EQ(LIBIPMI_HL_GetAllSDRs(session(), buf.data(), buf.size, kTimeout), LIBIPMI_STATUS_OK);
-    EXPECT_TRUE(std::all_of(buf.bytes.begin(), buf.bytes.begin() + buf.size, [](uint8_t x) { return x == 0; }));
-    EXPECT_TRUE(buf.guardIntact());
 }
 
 TEST_F(SdrRepository, AllocationInfoTheCallerJustReadIsNotAskedAgain)
@@ -222,32 +236,6 @@ TEST_F(SdrRepository, AllocationInfoTheCallerJustReadIsNotAskedAgain)
     ASSERT_EQ(LIBIPMI_HL_GetAllSDRs(session(), buf.data(), buf.size, kTimeout), LIBIPMI_STATUS_OK);
     EXPECT_TRUE(buf.slotHolds(64, 1, b));
     EXPECT_EQ(rawRequestCount(), 8u);
-}
-
-TEST_F(SdrRepository, AllocationInfoIsForgottenOnCloseAndAfterAFailedAnswer)
-{
-    const Bytes a = makeRecord(0x0001, 0x12, 10);
-    SdrRepositoryAllocInfo alloc{};
-    Buffer buf(32);
-
-    // Remembered on this session, then the session closes and the block is opened again.
-    announce({allocStep(16, 2)});
-    ASSERT_EQ(IPMICMD_GetSDRRepositoryAllocInfo(session(), &alloc, kTimeout), LIBIPMI_STATUS_OK);
-    close();
-    open();
-    announce({allocStep(16, 2), reserveStep(1), wholeStep(1, 0, 0xFFFF, a)});
-    ASSERT_EQ(LIBIPMI_HL_GetAllSDRs(session(), buf.data(), buf.size, kTimeout), LIBIPMI_STATUS_OK);
-
-    // A later refused or short answer replaces what was remembered.
-    const std::vector<Step> refusals[] = {{{kGetAllocInfo, {}, {0xC1}, LIBIPMI_STATUS_COMPLETION_CODE(0xC1)}},
-                                          {{kGetAllocInfo, {}, {0x00, 0x10, 0x00}}}};
-    for (const auto &refusal : refusals) {
-        announce(refusal);
-        EXPECT_NE(IPMICMD_GetSDRRepositoryAllocInfo(session(), &alloc, kTimeout), LIBIPMI_STATUS_OK);
-        announce({allocStep(16, 2), reserveStep(2), wholeStep(2, 0, 0xFFFF, a)});
-        ASSERT_EQ(LIBIPMI_HL_GetAllSDRs(session(), buf.data(), buf.size, kTimeout), LIBIPMI_STATUS_OK);
-    }
-    EXPECT_TRUE(buf.slotHolds(32, 0, a));
 }
 
 // A controller that returns at most 33 record bytes per Get SDR (0xCA for more), as a real
@@ -358,18 +346,6 @@ TEST_F(SdrRepository, LostReservationRestartsTheWalkFromTheFirstRecord)
     EXPECT_EQ(rawRequestCount(), steps.size());
 }
 
-TEST_F(SdrRepository, ReadingInPiecesSurvivesALostReservation)
-{
-    const Bytes a = makeRecord(0x0001, 0x01, 40);
-    announce({allocStep(64, 1), reserveStep(1), refusedStep(1, 0, 0, 0xFF, 0xCA), pieceStep(1, 0, 0xFFFF, a, 0, 5),
-              refusedStep(1, 0, 5, 40, 0xC5),
-              // The restarted walk reads in pieces straight away.
-              reserveStep(2), pieceStep(2, 0, 0xFFFF, a, 0, 5), pieceStep(2, 0, 0xFFFF, a, 5, 40)});
-    Buffer buf(64);
-    ASSERT_EQ(LIBIPMI_HL_GetAllSDRs(session(), buf.data(), buf.size, kTimeout), LIBIPMI_STATUS_OK);
-    EXPECT_TRUE(buf.slotHolds(64, 0, a));
-}
-
 TEST_F(SdrRepository, ReservationLostEveryTimeFailsAfterBoundedRestarts)
 {
     std::vector<Step> steps = {allocStep(32, 1)};
@@ -467,6 +443,49 @@ TEST_F(SdrRepository, WalksThatFailStopWithAClearStatus)
         EXPECT_TRUE(buf.guardIntact());
         EXPECT_EQ(ipmihost_script_pending(), 0u);
         EXPECT_EQ(ipmihost_script_mismatches(), 0u) << ipmihost_script_last_mismatch();
+    }
+}
+
+constexpr uint8_t kGetSensorReading = 0x2D;
+constexpr uint8_t kUnset = 0x5A; // what the caller put in the record beforehand
+constexpr size_t kRecordSize = sizeof(SensorReadingResponse);
+constexpr size_t kReadingGuard = 16;
+
+using SensorReading = ScriptSession;
+
+TEST_F(SensorReading, CopiesExactlyTheBytesThatArrived)
+{
+    struct Case {
+        const char *name;
+        Bytes answer;
+        uint16_t scriptedStatus;
+        uint16_t status;
+        size_t stored; // leading bytes taken from the answer; the rest stays kUnset
+    };
+    const Case cases[] = {
+        {"reading and flags only", {0x00, 0x42, 0xC0}, 0, LIBIPMI_STATUS_OK, 3},
+        {"with states 0-7", {0x00, 0x42, 0xC0, 0x81}, 0, LIBIPMI_STATUS_OK, 4},
+        {"with states 0-14", {0x00, 0x42, 0xC0, 0x81, 0x7F}, 0, LIBIPMI_STATUS_OK, 5},
+        {"longer answer is cut to the record", {0x00, 0x42, 0xC0, 0x81, 0x7F, 0x99, 0x98}, 0, LIBIPMI_STATUS_OK, 5},
+        {"without flags", {0x00, 0x42}, 0, LIBIPMI_STATUS_BAD_RESPONSE, 0},
+        {"absent sensor", {0xCB}, LIBIPMI_STATUS_COMPLETION_CODE(0xCB), LIBIPMI_STATUS_COMPLETION_CODE(0xCB), 1},
+        {"completion code in the answer decides", {0xCC}, 0, LIBIPMI_STATUS_COMPLETION_CODE(0xCC), 1},
+        {"no answer", {}, LIBIPMI_STATUS_TIMEOUT, LIBIPMI_STATUS_TIMEOUT, 0},
+        {"transport failure", {}, LIBIPMI_STATUS_TRANSPORT, LIBIPMI_STATUS_TRANSPORT, 0},
+    };
+    uint8_t sensor = 0x30;
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        ++sensor;
+        expect(kNetFnLunSensor, kGetSensorReading, {sensor}, c.answer, c.scriptedStatus);
+        Bytes record(kRecordSize + kReadingGuard, kUnset);
+        SensorReadingRequest req{sensor};
+        EXPECT_EQ(IPMICMD_GetSensorReading(session(), &req, reinterpret_cast<SensorReadingResponse *>(record.data()),
+                                           kTimeout),
+                  c.status);
+        Bytes want(kRecordSize + kReadingGuard, kUnset);
+        std::copy_n(c.answer.begin(), c.stored, want.begin());
+        EXPECT_EQ(record, want);
     }
 }
 

@@ -1,5 +1,5 @@
-// Helpers shared by the virtual controller's tests: a private state directory per test and
-// machine profiles written on the fly.
+// Scratch directories and files for the tests that run a virtual controller, and a small
+// machine profile distinct from the default one in every identity field.
 #pragma once
 
 #include <cstdint>
@@ -9,27 +9,25 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 #include <nlohmann/json.hpp>
 
-namespace simtest {
+namespace tvxtest {
 
-using Bytes = std::vector<uint8_t>;
+using nlohmann::json;
 
 // A directory that exists for the life of the object.
 class TempDir {
 public:
     TempDir()
     {
-        std::string tmpl = (std::filesystem::temp_directory_path() / "tvx-simtest-XXXXXX").string();
+        std::string tmpl = (std::filesystem::temp_directory_path() / "tvx-test-XXXXXX").string();
         if (!mkdtemp(tmpl.data())) throw std::runtime_error("mkdtemp failed");
         path_ = tmpl;
     }
     ~TempDir()
     {
         std::error_code ec;
-        std::filesystem::permissions(path_, std::filesystem::perms::owner_all, ec);
         std::filesystem::remove_all(path_, ec);
     }
     TempDir(const TempDir &) = delete;
@@ -56,20 +54,12 @@ inline std::string readFile(const std::string &path)
     return s.str();
 }
 
-// A small valid machine, distinct from the default one in every identity field.
-inline nlohmann::json baseProfile()
+inline json readJson(const std::string &path) { return json::parse(readFile(path)); }
+
+inline json baseProfile()
 {
-    return nlohmann::json::parse(R"({
-      "description": "test machine",
-      "controller": {
-        "device_id": 32,
-        "firmware_revision": "1.07",
-        "ipmi_version": "2.0",
-        "manufacturer_id": 32473,
-        "product_id": "0x1234",
-        "aux_firmware_revision": [1, 2, 3, 4]
-      }
-    })");
+    return json::parse(R"({"description": "test machine", "controller": {"device_id": 32, "firmware_revision": "1.07",
+      "ipmi_version": "2.0", "manufacturer_id": 32473, "product_id": "0x1234", "aux_firmware_revision": [1, 2, 3, 4]}})");
 }
 
-} // namespace simtest
+} // namespace tvxtest

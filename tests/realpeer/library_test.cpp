@@ -171,10 +171,10 @@ TEST(RealPeerLibrary, FailuresMapToTheirStatuses)
         EXPECT_NE(why.find(c.says), std::string::npos) << why;
         EXPECT_EQ(why.find("Wrong-Pa55"), std::string::npos) << why;
         // Through libtvx_toipmi: no session, the library's own diagnostic, no password.
-        StderrCapture err;
+        testing::internal::CaptureStderr();
         IpmiSession *s = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
+        std::string text = testing::internal::GetCapturedStderr();
         EXPECT_EQ(s, nullptr);
-        std::string text = err.text();
         char code[32];
         std::snprintf(code, sizeof code, "error 0x%x", c.status);
         EXPECT_NE(text.find("failed to create ipmi session with " + std::string(code)), std::string::npos) << text;

@@ -129,32 +129,6 @@ Outcome ipmitool(const tvxsim::ipmisim::Peer &peer, const std::vector<std::strin
     return run(argv);
 }
 
-StderrCapture::StderrCapture()
-{
-    path_ = std::string(TVX_REALPEER_WORK) + "/stderr-" + std::to_string(::getpid());
-    std::fflush(stderr);
-    saved_ = ::dup(2);
-    int fd = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    ::dup2(fd, 2);
-    ::close(fd);
-}
-
-StderrCapture::~StderrCapture()
-{
-    if (saved_ >= 0) {
-        std::fflush(stderr);
-        ::dup2(saved_, 2);
-        ::close(saved_);
-    }
-    ::unlink(path_.c_str());
-}
-
-std::string StderrCapture::text()
-{
-    std::fflush(stderr);
-    return readFile(path_);
-}
-
 uint16_t raw(IpmiSession *session, uint8_t netFn, uint8_t command, const std::vector<uint8_t> &request,
              std::vector<uint8_t> &response)
 {

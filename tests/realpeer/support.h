@@ -36,18 +36,6 @@ Outcome tvxctl(const tvxsim::ipmisim::Peer *peer, const std::vector<std::string>
 // ipmitool -I lanplus against the peer as its first user, cipher suite 3.
 Outcome ipmitool(const tvxsim::ipmisim::Peer &peer, const std::vector<std::string> &args);
 
-// Everything written to the standard error stream while it lives.
-class StderrCapture {
-public:
-    StderrCapture();
-    ~StderrCapture();
-    std::string text();
-
-private:
-    int saved_ = -1;
-    std::string path_;
-};
-
 // A library session (ipmiOpenSession), closed at the end of the scope.
 class LibSession {
 public:

@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "fru.h"
+
 namespace tvxsim::ipmisim {
 namespace {
 
@@ -62,6 +64,21 @@ void emitSel(const Profile &p, Commands &out)
     out.line("sel_enable " + hex(kBmcAddress) + " 1000 0x0a");
 }
 
+// FRU devices (mc_add_fru_data): the bytes the virtual controller serves, from the one
+// encoder. ipmi_sim reads FRU data by bytes only, so a device accessed by words is refused.
+void emitFru(const Profile &p, Commands &out)
+{
+    for (const FruDevice &d : parseFruModel(p).devices) {
+        if (d.wordAccess)
+            throw ProfileError(p.file + ": " + d.pointer + "/word_access: ipmi_sim serves FRU data by bytes only");
+        out.comment("FRU device " + std::to_string(d.id));
+        std::string line = "mc_add_fru_data " + hex(kBmcAddress) + " " + hex(d.id) + " " +
+                           hex(static_cast<unsigned>(d.image.size()), 4) + " data";
+        for (uint8_t b : d.image) line += " " + hex(b);
+        out.line(line);
+    }
+}
+
 // One part of the machine. Sections run in order; the SDR repository must come before the
 // sensors (ipmi_sim takes a sensor's thresholds from its SDR), mc_enable comes after all.
 struct Section {
@@ -75,6 +92,7 @@ constexpr Section kSections[] = {
     // sensor_set_threshold), SEL entries (sel_add) and FRU data (mc_add_fru_data) are
     // emitted here from their profile sections as those are added.
     {"sel", emitSel},
+    {"fru", emitFru},
 };
 
 } // namespace

@@ -13,8 +13,9 @@ uint16_t key(uint8_t netFn, uint8_t command) { return static_cast<uint16_t>((net
 
 std::span<const Subsystem> Controller::standardSubsystems()
 {
-    static const Subsystem all[] = {kAppSubsystem,           kChassisSubsystem, kConfigSpaceSubsystem, kLanSubsystem,
-                                    kSdrRepositorySubsystem, kSensorSubsystem,  kComponentSubsystem,   kSelSubsystem};
+    static const Subsystem all[] = {kAppSubsystem,       kChassisSubsystem,       kConfigSpaceSubsystem,
+                                    kLanSubsystem,       kSdrRepositorySubsystem, kSensorSubsystem,
+                                    kComponentSubsystem, kSelSubsystem,           kFruSubsystem};
     return all;
 }
 

@@ -162,5 +162,6 @@ extern const Subsystem kChassisSubsystem;
 extern const Subsystem kConfigSpaceSubsystem;
 extern const Subsystem kLanSubsystem;
 extern const Subsystem kSelSubsystem;
+extern const Subsystem kFruSubsystem;
 
 } // namespace tvxsim

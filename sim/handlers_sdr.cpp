@@ -8,8 +8,9 @@
 //   0xCB  no record with that ID (or the repository is empty)
 //   0xC9  the offset lies at or beyond the end of the record
 //   0xCA  the bytes asked for run past the end of the record, or are more than one answer
-//         carries (/sdr/max_read_bytes); 0xFF asks for the rest of the record, which must fit
-//         one answer as well
+//         carries (/sdr/max_read_bytes, and /controller/max_response_length less the
+//         completion code and next record ID); 0xFF asks for the rest of the record, which
+//         must fit one answer as well
 #include <algorithm>
 
 #include "controller.h"
@@ -95,7 +96,9 @@ void getSdr(const SdrModel &m, Context &ctx, const Request &req, Response &rsp)
     if (offset >= record.size()) return rsp.fail(cc::kParameterOutOfRange);
     std::size_t rest = record.size() - offset;
     std::size_t n = count == 0xFF ? rest : count;
-    if (n > rest || n > m.options.maxReadBytes) return rsp.fail(cc::kCannotReturnBytes);
+    std::size_t limit = m.options.maxReadBytes;
+    if (ctx.profile.maxResponseLength != 0) limit = std::min(limit, ctx.profile.maxResponseLength - 3);
+    if (n > rest || n > limit) return rsp.fail(cc::kCannotReturnBytes);
     std::size_t next = static_cast<std::size_t>(index) + 1;
     rsp.u16(next < m.records.size() ? m.records[next].id : 0xFFFF);
     rsp.append(std::span<const uint8_t>(record).subspan(offset, n));

@@ -250,7 +250,7 @@ DeviceIdentity parseController(const Node &c)
 {
     c.allowOnly({"device_id", "device_revision", "provides_device_sdrs", "firmware_revision", "device_busy",
                  "ipmi_version", "additional_device_support", "manufacturer_id", "product_id",
-                 "aux_firmware_revision", "oem_iana"});
+                 "aux_firmware_revision", "oem_iana", "max_response_length"});
     DeviceIdentity d;
     if (auto n = c.find("device_id")) d.deviceId = n->byte();
     uint8_t rev = 1;
@@ -326,11 +326,13 @@ Profile parseProfile(const std::string &text, const std::string &displayName)
     }
     Node root = p.root();
     root.allowOnly({"description", "controller", "faults", "sdr", "sensors", "fru_locators", "mc_locators",
-                    "components", "chassis", "leds", "config_space", "console", "lan", "sel", "event_texts"});
+                    "components", "chassis", "leds", "config_space", "console", "lan", "sel", "event_texts", "fru"});
     if (auto d = root.find("description")) p.description = d->string();
     Node controller = root.at("controller");
     p.device = parseController(controller);
     if (auto n = controller.find("oem_iana")) p.oemIana = static_cast<uint32_t>(n->integer(0, 0xFFFFFF));
+    // Small enough for the smallest controllers, large enough to read an SDR header in one go.
+    if (auto n = controller.find("max_response_length")) p.maxResponseLength = n->integer(12, 1024);
     if (auto faults = root.find("faults")) {
         for (std::size_t i = 0; i < faults->size(); ++i) p.faults.push_back(parseFault(faults->at(i)));
     }

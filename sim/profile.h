@@ -94,6 +94,9 @@ struct Profile {
     std::string description;
     uint32_t oemIana = kVendorIana;
     DeviceIdentity device;
+    // The longest answer the controller sends, completion code included (0: no limit beyond
+    // what each command carries); reads asking for more are refused with 0xCA.
+    std::size_t maxResponseLength = 0;
     std::vector<Fault> faults;
     MachineSettings settings; // chassis, LEDs, configuration space, console log, LAN channels
     nlohmann::json document; // the whole profile, for the subsystems that read more of it

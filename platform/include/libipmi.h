@@ -294,7 +294,13 @@ LIBIPMI_API uint16_t LIBIPMI_HL_SoftOff(IpmiSession *s, int timeout);
 LIBIPMI_API uint16_t LIBIPMI_HL_GetChassisStatus(IpmiSession *s, int timeout, ChassisStatus *status);
 
 /* FRU. Texts are zero-terminated, belong to the platform and stay valid until the session
-   is closed. On success *length is the FRU inventory area size. */
+   is closed. On success *length is the FRU inventory area size.
+   Bytes 0-7 of the record are the FRU's common header as it stands: the area offsets are
+   the header's own bytes, in units of 8 bytes (read "offsets in bytes, multiples of 8" as
+   "offsets counting 8-byte blocks"; 0 still means "no such area"). An area that fails its
+   checks (checksum, length, format version, end marker) is left out and its offset byte
+   set to 0; a bad common header fails the call (LIBIPMI_STATUS_BAD_RESPONSE). Absent fields
+   have type/length 0 and text NULL; binary fields read as lower-case hex digits. */
 LIBIPMI_API uint16_t LIBIPMI_HL_GetFRUData(IpmiSession *s, uint8_t fruDeviceId, uint32_t *length,
         FruData *record, int timeout);
 

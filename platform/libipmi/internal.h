@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <span>
@@ -96,6 +97,13 @@ struct SessionData {
     // array in LIBIPMI_HL_GetAllSELEntries (absent until reported).
     std::optional<uint16_t> selCount;
     std::optional<SdrRepositoryAllocInfo> sdrAllocInfo;
+    // What LIBIPMI_HL_GetFRUData handed out (texts and custom-field arrays, from malloc):
+    // callers may use them until the session closes, so every read adds to this list and
+    // nothing is freed before the close.
+    struct FreeBlock {
+        void operator()(void *p) const { std::free(p); }
+    };
+    std::vector<std::unique_ptr<void, FreeBlock>> fruBlocks;
 };
 // The data of an open session (null when it is not open). A session is used by one caller
 // at a time, so the pointer stays valid until that caller closes it.

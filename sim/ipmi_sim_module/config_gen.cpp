@@ -6,6 +6,8 @@
 #include "sdr.h"
 #include "sel_model.h"
 
+#include "fru.h"
+
 namespace tvxsim::ipmisim {
 namespace {
 
@@ -146,6 +148,21 @@ void emitSel(const Profile &p, Commands &out)
         out.command("sel_add", hex(kBmcAddress) + byteList(std::span<const uint8_t>(e.record).subspan(2)));
 }
 
+// FRU devices (mc_add_fru_data): the bytes the virtual controller serves, from the one
+// encoder. ipmi_sim reads FRU data by bytes only, so a device accessed by words is refused.
+void emitFru(const Profile &p, Commands &out)
+{
+    for (const FruDevice &d : parseFruModel(p).devices) {
+        if (d.wordAccess)
+            throw ProfileError(p.file + ": " + d.pointer + "/word_access: ipmi_sim serves FRU data by bytes only");
+        out.comment("FRU device " + std::to_string(d.id));
+        std::string line = "mc_add_fru_data " + hex(kBmcAddress) + " " + hex(d.id) + " " +
+                           hex(static_cast<unsigned>(d.image.size()), 4) + " data";
+        for (uint8_t b : d.image) line += " " + hex(b);
+        out.line(line);
+    }
+}
+
 // One part of the machine. Sections run in order; the SDR repository must come before the
 // sensors (ipmi_sim takes a sensor's thresholds from its SDR), mc_enable comes after all.
 struct Section {
@@ -158,6 +175,7 @@ constexpr Section kSections[] = {
     {"sdr", emitSdrs},
     {"sensors", emitSensors},
     {"sel", emitSel},
+    {"fru", emitFru},
 };
 
 } // namespace

@@ -74,6 +74,9 @@ private:
 // A number as C writes it (0x1f, 31, 037) within [0, max].
 bool parseNumber(const std::string &text, unsigned long max, unsigned long &out);
 
+// An SDR record's ID string (8-bit, 6-bit packed or BCD plus), never read past recordBytes.
+std::string sdrIdString(const uint8_t *rec, size_t recordBytes);
+
 using Command = int (*)(const Options &, const std::vector<std::string> &args);
 int cmdDevid(const Options &, const std::vector<std::string> &);
 int cmdRaw(const Options &, const std::vector<std::string> &);
@@ -87,5 +90,6 @@ int cmdLed(const Options &, const std::vector<std::string> &);
 int cmdLan(const Options &, const std::vector<std::string> &);
 int cmdConfig(const Options &, const std::vector<std::string> &);
 int cmdConsoleLog(const Options &, const std::vector<std::string> &);
+int cmdFru(const Options &, const std::vector<std::string> &);
 
 } // namespace tvxctl

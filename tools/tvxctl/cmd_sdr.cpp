@@ -29,42 +29,6 @@ size_t idStringOffset(uint8_t type)
     }
 }
 
-// Decodes an ID string: 8-bit ASCII, 6-bit packed ASCII or BCD plus, never past the record.
-std::string idString(const uint8_t *rec, size_t recordBytes)
-{
-    size_t at = idStringOffset(rec[3]);
-    if (at == 0 || at >= recordBytes) return "";
-    uint8_t typeLength = rec[at];
-    size_t n = typeLength & 0x1F;
-    if (at + 1 + n > recordBytes) n = recordBytes - at - 1;
-    const uint8_t *s = rec + at + 1;
-    std::string out;
-    switch (typeLength >> 6) {
-    case 3: // 8-bit
-        for (size_t i = 0; i < n && s[i]; ++i) out += static_cast<char>(s[i]);
-        break;
-    case 2: // 6-bit packed: four characters in three bytes, from ' ' (0x20)
-        for (size_t bit = 0; bit + 6 <= n * 8; bit += 6) {
-            unsigned v = 0;
-            for (int b = 0; b < 6; ++b) v |= ((s[(bit + b) / 8] >> ((bit + b) % 8)) & 1u) << b;
-            out += static_cast<char>(0x20 + v);
-        }
-        while (!out.empty() && out.back() == ' ') out.pop_back();
-        break;
-    case 1: { // BCD plus
-        static const char digits[] = "0123456789 -.:,_";
-        for (size_t i = 0; i < n; ++i) {
-            out += digits[s[i] & 0x0F];
-            out += digits[s[i] >> 4];
-        }
-        break;
-    }
-    default:
-        break;
-    }
-    return out;
-}
-
 std::string unitText(const uint8_t *rec)
 {
     uint8_t units1 = rec[20];
@@ -99,7 +63,7 @@ Row describe(IpmiSession *session, const uint8_t *rec, size_t slot)
     Row r;
     r.recordId = rec[0] | rec[1] << 8;
     r.type = rec[3];
-    r.name = idString(rec, slot);
+    r.name = sdrIdString(rec, slot);
     if (r.type == kFruLocator || r.type == kMcLocator) {
         r.entity = rec[12];
         r.instance = rec[13];
@@ -166,6 +130,42 @@ Row describe(IpmiSession *session, const uint8_t *rec, size_t slot)
 }
 
 } // namespace
+
+// Decodes an ID string: 8-bit ASCII, 6-bit packed ASCII or BCD plus, never past the record.
+std::string sdrIdString(const uint8_t *rec, size_t recordBytes)
+{
+    size_t at = idStringOffset(rec[3]);
+    if (at == 0 || at >= recordBytes) return "";
+    uint8_t typeLength = rec[at];
+    size_t n = typeLength & 0x1F;
+    if (at + 1 + n > recordBytes) n = recordBytes - at - 1;
+    const uint8_t *s = rec + at + 1;
+    std::string out;
+    switch (typeLength >> 6) {
+    case 3: // 8-bit
+        for (size_t i = 0; i < n && s[i]; ++i) out += static_cast<char>(s[i]);
+        break;
+    case 2: // 6-bit packed: four characters in three bytes, from ' ' (0x20)
+        for (size_t bit = 0; bit + 6 <= n * 8; bit += 6) {
+            unsigned v = 0;
+            for (int b = 0; b < 6; ++b) v |= ((s[(bit + b) / 8] >> ((bit + b) % 8)) & 1u) << b;
+            out += static_cast<char>(0x20 + v);
+        }
+        while (!out.empty() && out.back() == ' ') out.pop_back();
+        break;
+    case 1: { // BCD plus
+        static const char digits[] = "0123456789 -.:,_";
+        for (size_t i = 0; i < n; ++i) {
+            out += digits[s[i] & 0x0F];
+            out += digits[s[i] >> 4];
+        }
+        break;
+    }
+    default:
+        break;
+    }
+    return out;
+}
 
 int cmdSdr(const Options &opt, const std::vector<std::string> &args)
 {

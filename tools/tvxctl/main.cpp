@@ -28,6 +28,7 @@ const Subcommand kCommands[] = {
     {"sel info", cmdSel, "sel info", "entries, capacity, last addition and erase, UTC offset"},
     {"sel clear", cmdSel, "sel clear", "erase the log"},
     {"sel add", cmdSel, "sel add TYPE SENSOR EVTYPE D1 D2 D3", "add a system event record"},
+    {"fru", cmdFru, "fru [ID]", "FRU inventory: chassis, board and product areas of every FRU device"},
     {"banner", cmdBanner, "banner", "the console's login banner, exactly as the library writes it"},
     {"power", cmdPower, "power [status|on|off|cycle|reset|soft]", "chassis power state and control"},
     {"led", cmdLed, "led [status] | led identify on|off", "identify LED and system status (error LED)"},

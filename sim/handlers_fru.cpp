@@ -1,0 +1,67 @@
+// FRU inventory commands (Storage, NetFn 0x0A) over the profile's FRU devices.
+//
+// Get FRU Inventory Area Info: 0xC7 unless the request is the one device ID byte, 0xCB for
+// a device the profile does not describe; else the size in bytes and the access type (bit 0:
+// by words).
+//
+// Read FRU Data, checked in this order:
+//   0xC7  the request is not 4 bytes long (device ID, offset LSB first, count)
+//   0xCB  no such device
+//   0xCC  a count of 0
+//   0xC9  the offset lies at or beyond the end of the inventory area
+//   0xCA  the count is more than one answer carries (/controller/max_response_length less
+//         the completion code and the count byte)
+// A read running past the end answers the bytes up to the end. Devices accessed by words
+// take the offset and count in words and answer the count in words.
+#include <algorithm>
+
+#include "controller.h"
+#include "fru.h"
+
+namespace tvxsim {
+namespace {
+
+constexpr uint8_t kNetFnStorage = 0x0A;
+constexpr uint8_t kGetFruInventoryAreaInfo = 0x10;
+constexpr uint8_t kReadFruData = 0x11;
+
+void areaInfo(const FruModel &m, const Request &req, Response &rsp)
+{
+    if (req.data.size() != 1) return rsp.fail(cc::kRequestLengthInvalid);
+    const FruDevice *d = m.find(req.data[0]);
+    if (!d) return rsp.fail(cc::kNotPresent);
+    rsp.u16(static_cast<uint16_t>(d->image.size()));
+    rsp.u8(d->wordAccess ? 0x01 : 0x00);
+}
+
+void readData(const FruModel &m, const Context &ctx, const Request &req, Response &rsp)
+{
+    if (req.data.size() != 4) return rsp.fail(cc::kRequestLengthInvalid);
+    const FruDevice *d = m.find(req.data[0]);
+    if (!d) return rsp.fail(cc::kNotPresent);
+    const std::size_t unit = d->wordAccess ? 2 : 1;
+    const std::size_t offset = static_cast<std::size_t>(req.data[1] | req.data[2] << 8) * unit;
+    const std::size_t count = static_cast<std::size_t>(req.data[3]) * unit;
+    if (count == 0) return rsp.fail(cc::kInvalidDataField);
+    if (offset >= d->image.size()) return rsp.fail(cc::kParameterOutOfRange);
+    const std::size_t limit = ctx.profile.maxResponseLength;
+    if (limit != 0 && count + 2 > limit) return rsp.fail(cc::kCannotReturnBytes);
+    const std::size_t n = std::min(count, d->image.size() - offset);
+    rsp.u8(static_cast<uint8_t>(n / unit));
+    rsp.append(std::span<const uint8_t>(d->image).subspan(offset, n / unit * unit));
+}
+
+void install(Controller &c)
+{
+    std::shared_ptr<const FruModel> m = fruModel(c);
+    c.on(kNetFnStorage, kGetFruInventoryAreaInfo,
+         [m](Context &, const Request &req, Response &rsp) { areaInfo(*m, req, rsp); });
+    c.on(kNetFnStorage, kReadFruData,
+         [m](Context &ctx, const Request &req, Response &rsp) { readData(*m, ctx, req, rsp); });
+}
+
+} // namespace
+
+const Subsystem kFruSubsystem = {"fru", install, nullptr};
+
+} // namespace tvxsim

@@ -1,0 +1,203 @@
+// The virtual controller's FRU devices: texts in every encoding written into a profile come
+// back from LIBIPMI_HL_GetFRUData over the controller's real path (answers limited to 20
+// bytes, so every area is read in chunks), the controller's completion codes, profile
+// errors, and tvxctl fru.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include "controller.h"
+#include "fru.h"
+#include "libipmi.h"
+#include "libipmi_host.h"
+#include "tvxctl_runner.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using nlohmann::json;
+
+json profile()
+{
+    return json::parse(R"({
+      "controller": {"firmware_revision": "1.00", "manufacturer_id": 1, "product_id": 1, "max_response_length": 20},
+      "fru_locators": [{"name": "Board", "fru_id": 0, "entity": "0x07", "instance": 1},
+                       {"name": "Words", "fru_id": 5, "entity": "0x0A", "instance": 1}],
+      "fru": [
+        {"fru_id": 0, "size": 300, "internal_use": "aa bb",
+         "chassis": {"type": "0x17", "part_number": {"bcd": "12-34.5 6"}, "serial_number": {"6bit": "SER#42_X"},
+                     "custom": [{"binary": "00 ff 7e"}, {"ascii": "Latin \u00e9"}]},
+         "board": {"mfg_date": "1996-01-02", "manufacturer": "ACME", "product_name": {"6bit": "BOARD-7"},
+                   "serial_number": {"bcd": "0123456789"}, "part_number": {"binary": "de ad"}},
+         "product": {"manufacturer": "ACME", "name": "Widget", "part_number": {"6bit": "W-1"},
+                     "version": {"bcd": "2.0"}, "serial_number": "SN 0001", "asset_tag": "AT",
+                     "fru_file_id": {"6bit": "F"}, "custom": ["one", {"bcd": "7"}]}},
+        {"fru_id": 5, "word_access": true, "product": {"name": "Worded"}}
+      ]})");
+}
+
+struct TempFile {
+    std::string dir, path;
+    explicit TempFile(const json &doc)
+    {
+        std::string tmpl = (std::filesystem::temp_directory_path() / "fru-test-XXXXXX").string();
+        if (!mkdtemp(tmpl.data())) throw std::runtime_error("mkdtemp failed");
+        dir = tmpl;
+        path = dir + "/fru.json";
+        std::ofstream(path) << doc.dump();
+    }
+    ~TempFile() { std::filesystem::remove_all(dir); }
+};
+
+std::string text(const FruField &f)
+{
+    const char *t = f.text;
+    return t ? t : "(null)";
+}
+
+} // namespace
+
+TEST(FruController, EveryEncodingComesBackThroughThePlatform)
+{
+    TempFile file(profile());
+    ASSERT_EQ(ipmihost_select_machine(file.path.c_str(), file.dir.c_str()), 0) << ipmihost_last_error();
+    alignas(8) uint8_t block[LIBIPMI_SESSION_SIZE] = {};
+    auto *s = reinterpret_cast<IpmiSession *>(block);
+    ASSERT_EQ(LIBIPMI_Create_IPMI_Local_Session_Ext(s, nullptr, nullptr, nullptr, nullptr, nullptr, 0, nullptr, 2, 5),
+              0);
+    FruData r{}, words{};
+    uint32_t length = 0, wordLength = 0;
+    ASSERT_EQ(LIBIPMI_HL_GetFRUData(s, 0, &length, &r, 60), 0) << ipmihost_last_error();
+    // A second read on the session leaves the first one's texts valid until the close.
+    ASSERT_EQ(LIBIPMI_HL_GetFRUData(s, 5, &wordLength, &words, 60), 0);
+    EXPECT_EQ(length, 300u);
+    EXPECT_EQ(Bytes(r.internalUse, r.internalUse + 8), (Bytes{0x01, 0xAA, 0xBB, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(r.chassisType, 0x17);
+    EXPECT_EQ(Bytes(r.boardMfgDateTime, r.boardMfgDateTime + 3), (Bytes{0xA0, 0x05, 0x00})); // 1440 minutes
+    const struct {
+        FruField FruData::*field;
+        uint8_t typeLength;
+        const char *text;
+    } kFields[] = {
+        {&FruData::chassisPartNumber, 0x45, "12-34.5 6"},
+        {&FruData::chassisSerialNumber, 0x86, "SER#42_X"},
+        {&FruData::boardManufacturer, 0xC4, "ACME"},
+        {&FruData::boardProductName, 0x86, "BOARD-7"},
+        {&FruData::boardSerialNumber, 0x45, "0123456789"},
+        {&FruData::boardPartNumber, 0x02, "dead"},
+        {&FruData::boardFruFileId, 0xC0, ""},
+        {&FruData::productManufacturer, 0xC4, "ACME"},
+        {&FruData::productName, 0xC6, "Widget"},
+        {&FruData::productPartNumber, 0x83, "W-1"},
+        {&FruData::productVersion, 0x42, "2.0"},
+        {&FruData::productSerialNumber, 0xC7, "SN 0001"},
+        {&FruData::productAssetTag, 0xC2, "AT"},
+        {&FruData::productFruFileId, 0x81, "F"},
+    };
+    for (const auto &f : kFields) {
+        SCOPED_TRACE(f.text);
+        const FruField field = r.*f.field;
+        EXPECT_EQ(field.typeLength, f.typeLength);
+        EXPECT_EQ(text(field), f.text);
+    }
+    ASSERT_EQ(r.chassisCustomCount, 2);
+    EXPECT_STREQ(r.chassisCustomFields[0], "00ff7e");
+    EXPECT_STREQ(r.chassisCustomFields[1], "Latin \xC3\xA9");
+    EXPECT_EQ(r.boardCustomCount, 0);
+    char **boardCustom = r.boardCustomFields; // copied out of the packed record
+    EXPECT_EQ(boardCustom, nullptr);
+    ASSERT_EQ(r.productCustomCount, 2);
+    EXPECT_STREQ(r.productCustomFields[1], "7");
+    EXPECT_EQ(text(words.productName), "Worded");
+    EXPECT_EQ(words.chassisOffset, 0);
+    // An absent device: the controller's completion code, nothing written.
+    FruData none{};
+    EXPECT_EQ(LIBIPMI_HL_GetFRUData(s, 9, &length, &none, 60), LIBIPMI_STATUS_COMPLETION_CODE(0xCB));
+    EXPECT_EQ(none.formatVersion, 0);
+    EXPECT_EQ(LIBIPMI_CloseSession(s), 0);
+    ipmihost_select_default();
+}
+
+TEST(FruController, CompletionCodesAndTheResponseLimit)
+{
+    tvxsim::Profile p = tvxsim::parseProfile(profile().dump(), "fru.json");
+    const Bytes image = tvxsim::parseFruModel(p).devices.at(1).image;
+    tvxsim::Controller c(p, "");
+    const struct {
+        uint8_t command;
+        Bytes request, answer;
+    } kCases[] = {
+        {0x10, {0}, {0x00, 0x2C, 0x01, 0x00}},
+        {0x10, {5}, {0x00, static_cast<uint8_t>(image.size()), 0x00, 0x01}},
+        {0x10, {}, {0xC7}},
+        {0x10, {9}, {0xCB}},
+        {0x11, {0, 0, 0}, {0xC7}},
+        {0x11, {9, 0, 0, 1}, {0xCB}},
+        {0x11, {0, 0, 0, 0}, {0xCC}},
+        {0x11, {0, 0x2C, 0x01, 1}, {0xC9}},
+        {0x11, {0, 0, 0, 19}, {0xCA}},
+        {0x11, {0, 0x2A, 0x01, 18}, {0x00, 2, 0xFF, 0xFF}}, // the bytes up to the end
+        {0x11, {5, 1, 0, 2}, {0x00, 2, image[2], image[3], image[4], image[5]}},
+        {0x11, {5, 0, 0, 10}, {0xCA}},   // 10 words are 20 bytes
+        {0x23, {0, 0, 0, 0, 0, 17}, {}}, // Get SDR: 17 record bytes fit 20
+        {0x23, {0, 0, 0, 0, 0, 18}, {0xCA}},
+    };
+    for (const auto &k : kCases) {
+        SCOPED_TRACE(testing::Message() << "command " << int(k.command) << " request size " << k.request.size());
+        tvxsim::Reply reply = c.handle(0x0A, 0, k.command, k.request);
+        ASSERT_TRUE(reply.answered);
+        if (k.answer.empty()) EXPECT_EQ(reply.bytes.size(), 20u);
+        else EXPECT_EQ(reply.bytes, k.answer);
+    }
+}
+
+TEST(FruController, BadProfilesNameTheirPlace)
+{
+    const struct {
+        const char *fru;
+        const char *message;
+    } kCases[] = {
+        {R"([{"fru_id": 0, "board": {"serial_number": {"bcd": "12A"}}}])",
+         "/fru/0/board/serial_number/bcd: BCD plus holds only"},
+        {R"([{"fru_id": 0, "product": {"name": {"6bit": "lower"}}}])", "/fru/0/product/name/6bit: 6-bit packed"},
+        {R"([{"fru_id": 0, "chassis": {"part_number": "X"}}])", "/fru/0/chassis/part_number: a one-character"},
+        {R"([{"fru_id": 0, "product": {"name": {"bcd": "1", "6bit": "A"}}}])", "/fru/0/product/name: expected one of"},
+        {R"([{"fru_id": 0, "board": {"manufacturer": "0123456789012345678901234567890123456789012345678901234567890123"}}])",
+         "/fru/0/board/manufacturer: the field takes 64 bytes"},
+        {R"([{"fru_id": 0, "board": {"mfg_date": "2024-02-30"}}])", "/fru/0/board/mfg_date: expected minutes"},
+        {R"([{"fru_id": 0, "size": 16, "board": {}}])", "/fru/0/size: the FRU data takes 24 bytes"},
+        {R"([{"fru_id": 0, "raw": "01", "board": {}}])", "/fru/0/board: a device given as \"raw\""},
+        {R"([{"fru_id": 0}, {"fru_id": "0x00"}])", "/fru/1/fru_id: FRU device 0x00 is already described by /fru/0"},
+        {R"([{"fru_id": 0, "word_access": true, "size": 33}])", "/fru/0: a device accessed by words"},
+    };
+    for (const auto &k : kCases) {
+        SCOPED_TRACE(k.fru);
+        json doc = profile();
+        doc["fru"] = json::parse(k.fru);
+        try {
+            tvxsim::parseFruModel(tvxsim::parseProfile(doc.dump(), "bad.json"));
+            ADD_FAILURE() << "accepted";
+        } catch (const tvxsim::ProfileError &e) {
+            EXPECT_NE(std::string(e.what()).find(std::string("bad.json: ") + k.message), std::string::npos) << e.what();
+        }
+    }
+}
+
+TEST(FruController, TvxctlListsTheLocatedDevices)
+{
+    TempFile file(profile());
+    auto all = tvxtest::runTvxctl(TVXCTL_PATH, file.dir, {"--machine", file.path, "--json", "fru"});
+    ASSERT_EQ(all.code, 0) << all;
+    json list = json::parse(all.out);
+    ASSERT_EQ(list.size(), 2u);
+    EXPECT_EQ(list[0]["name"], "Board");
+    EXPECT_EQ(list[0]["board"]["mfg_date"], "1996-01-02T00:00:00Z");
+    EXPECT_EQ(list[0]["chassis"]["custom"], json({"00ff7e", "Latin \u00e9"}));
+    EXPECT_EQ(list[1]["product"]["name"], "Worded");
+    auto absent = tvxtest::runTvxctl(TVXCTL_PATH, file.dir, {"--machine", file.path, "fru", "9"});
+    EXPECT_EQ(absent.code, 1) << absent;
+    EXPECT_NE(absent.out.find("FRU 9: "), std::string::npos) << absent;
+}

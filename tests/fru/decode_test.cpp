@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "fru.h"
-#include "script_session.h"
+#include "platform_session.h"
 
 using namespace platform_test;
 
@@ -40,7 +40,7 @@ struct Case {
     // completion code (hex) instead, "<N" only the first N bytes.
     const char *reads;
     uint16_t status;
-    uint8_t chassisOffset, boardOffset; // in the record, on success
+    uint8_t chassisOffset = 0, boardOffset = 0; // in the record, on success
 };
 
 const Case kCases[] = {
@@ -117,7 +117,9 @@ TEST_F(FruDecode, DamagedImagesAndAwkwardControllers)
         EXPECT_EQ(rec.chassisPartNumber.typeLength, c.chassisOffset ? 0xC2 : 0);
         EXPECT_STREQ(maker, c.boardOffset ? "ACME" : nullptr);
         EXPECT_EQ(rec.boardCustomCount, c.boardOffset ? 1 : 0);
-        if (c.boardOffset) EXPECT_STREQ(rec.boardCustomFields[0], "C1");
+        if (c.boardOffset) {
+            EXPECT_STREQ(rec.boardCustomFields[0], "C1");
+        }
         EXPECT_EQ(rec.productOffset, 0);
         EXPECT_EQ(rec.productManufacturer.typeLength, 0);
     }

@@ -292,65 +292,67 @@ uint16_t decode(FruReader &reader, FruData &rec, Texts &texts)
         }
     }
 
+    // Each area present is read and decoded; one that cannot be trusted is left out: its
+    // offset cleared, its fields absent.
     std::vector<uint8_t> area;
-    if (rec.chassisOffset != 0) {
-        status = readArea(reader, rec.chassisOffset, area);
-        if (status != LIBIPMI_STATUS_OK) return status;
-        char **custom = nullptr;
-        uint8_t count = 0;
-        if (!area.empty() &&
-            decodeFields(area, 3, {&rec.chassisPartNumber, &rec.chassisSerialNumber}, custom, count, texts)) {
-            rec.chassisFormatVersion = area[0];
-            rec.chassisLength = area[1];
-            rec.chassisType = area[2];
-            rec.chassisCustomFields = custom;
-            rec.chassisCustomCount = count;
-        } else {
-            rec.chassisOffset = 0;
-            rec.chassisPartNumber = rec.chassisSerialNumber = FruField{0, nullptr};
+    auto decodeArea = [&](uint8_t offset, std::size_t firstField, std::initializer_list<FruField *> fields,
+                          char **&custom, uint8_t &count) -> uint16_t {
+        area.clear();
+        custom = nullptr;
+        count = 0;
+        if (offset == 0) return LIBIPMI_STATUS_OK;
+        uint16_t read = readArea(reader, offset, area);
+        if (read != LIBIPMI_STATUS_OK) return read;
+        if (area.empty() || !decodeFields(area, firstField, fields, custom, count, texts)) {
+            area.clear();
+            for (FruField *f : fields) *f = FruField{0, nullptr};
         }
+        return LIBIPMI_STATUS_OK;
+    };
+    char **custom = nullptr;
+    uint8_t count = 0;
+
+    status = decodeArea(rec.chassisOffset, 3, {&rec.chassisPartNumber, &rec.chassisSerialNumber}, custom, count);
+    if (status != LIBIPMI_STATUS_OK) return status;
+    if (area.empty()) {
+        rec.chassisOffset = 0;
+    } else {
+        rec.chassisFormatVersion = area[0];
+        rec.chassisLength = area[1];
+        rec.chassisType = area[2];
+        rec.chassisCustomFields = custom;
+        rec.chassisCustomCount = count;
     }
-    if (rec.boardOffset != 0) {
-        status = readArea(reader, rec.boardOffset, area);
-        if (status != LIBIPMI_STATUS_OK) return status;
-        char **custom = nullptr;
-        uint8_t count = 0;
-        if (!area.empty() && decodeFields(area, 6,
-                                          {&rec.boardManufacturer, &rec.boardProductName, &rec.boardSerialNumber,
-                                           &rec.boardPartNumber, &rec.boardFruFileId},
-                                          custom, count, texts)) {
-            rec.boardFormatVersion = area[0];
-            rec.boardLength = area[1];
-            rec.boardLanguage = area[2];
-            std::memcpy(rec.boardMfgDateTime, area.data() + 3, 3);
-            rec.boardCustomFields = custom;
-            rec.boardCustomCount = count;
-        } else {
-            rec.boardOffset = 0;
-            rec.boardManufacturer = rec.boardProductName = rec.boardSerialNumber = rec.boardPartNumber =
-                rec.boardFruFileId = FruField{0, nullptr};
-        }
+
+    status = decodeArea(rec.boardOffset, 6,
+                        {&rec.boardManufacturer, &rec.boardProductName, &rec.boardSerialNumber, &rec.boardPartNumber,
+                         &rec.boardFruFileId},
+                        custom, count);
+    if (status != LIBIPMI_STATUS_OK) return status;
+    if (area.empty()) {
+        rec.boardOffset = 0;
+    } else {
+        rec.boardFormatVersion = area[0];
+        rec.boardLength = area[1];
+        rec.boardLanguage = area[2];
+        std::memcpy(rec.boardMfgDateTime, area.data() + 3, 3);
+        rec.boardCustomFields = custom;
+        rec.boardCustomCount = count;
     }
-    if (rec.productOffset != 0) {
-        status = readArea(reader, rec.productOffset, area);
-        if (status != LIBIPMI_STATUS_OK) return status;
-        char **custom = nullptr;
-        uint8_t count = 0;
-        if (!area.empty() &&
-            decodeFields(area, 3,
-                         {&rec.productManufacturer, &rec.productName, &rec.productPartNumber, &rec.productVersion,
-                          &rec.productSerialNumber, &rec.productAssetTag, &rec.productFruFileId},
-                         custom, count, texts)) {
-            rec.productFormatVersion = area[0];
-            rec.productLength = area[1];
-            rec.productLanguage = area[2];
-            rec.productCustomFields = custom;
-            rec.productCustomCount = count;
-        } else {
-            rec.productOffset = 0;
-            rec.productManufacturer = rec.productName = rec.productPartNumber = rec.productVersion =
-                rec.productSerialNumber = rec.productAssetTag = rec.productFruFileId = FruField{0, nullptr};
-        }
+
+    status = decodeArea(rec.productOffset, 3,
+                        {&rec.productManufacturer, &rec.productName, &rec.productPartNumber, &rec.productVersion,
+                         &rec.productSerialNumber, &rec.productAssetTag, &rec.productFruFileId},
+                        custom, count);
+    if (status != LIBIPMI_STATUS_OK) return status;
+    if (area.empty()) {
+        rec.productOffset = 0;
+    } else {
+        rec.productFormatVersion = area[0];
+        rec.productLength = area[1];
+        rec.productLanguage = area[2];
+        rec.productCustomFields = custom;
+        rec.productCustomCount = count;
     }
     return texts.failed ? LIBIPMI_STATUS_NO_MEMORY : LIBIPMI_STATUS_OK;
 }

@@ -13,6 +13,7 @@
 #include "fru.h"
 #include "libipmi.h"
 #include "libipmi_host.h"
+#include "scratch.h"
 #include "tvxctl_runner.h"
 
 namespace {
@@ -39,17 +40,11 @@ json profile()
       ]})");
 }
 
+// A scratch directory holding the profile as fru.json.
 struct TempFile {
-    std::string dir, path;
-    explicit TempFile(const json &doc)
-    {
-        std::string tmpl = (std::filesystem::temp_directory_path() / "fru-test-XXXXXX").string();
-        if (!mkdtemp(tmpl.data())) throw std::runtime_error("mkdtemp failed");
-        dir = tmpl;
-        path = dir + "/fru.json";
-        std::ofstream(path) << doc.dump();
-    }
-    ~TempFile() { std::filesystem::remove_all(dir); }
+    tvxtest::TempDir scratch;
+    std::string dir = scratch.path(), path = scratch.file("fru.json");
+    explicit TempFile(const json &doc) { tvxtest::writeFile(path, doc.dump()); }
 };
 
 std::string text(const FruField &f)

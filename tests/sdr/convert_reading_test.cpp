@@ -51,7 +51,10 @@ Record makeFullRecord(const Factors &f, std::mt19937 &rng)
     return r;
 }
 
-int inRange(std::mt19937 &rng, int lo, int hi) { return lo + static_cast<int>(rng() % static_cast<unsigned>(hi - lo + 1)); }
+int inRange(std::mt19937 &rng, int lo, int hi)
+{
+    return lo + static_cast<int>(rng() % static_cast<unsigned>(hi - lo + 1));
+}
 
 class ConvertReading : public ::testing::Test {
 protected:
@@ -75,15 +78,19 @@ TEST_F(ConvertReading, AgreesWithFreeIpmiOnEveryRawValue)
             for (int i = 0; i < kRecordsPerKind; ++i) {
                 // Exponentials overflow quickly: keep some of their records small enough to compare.
                 const bool small = (lin == 4 || lin == 5 || lin == 6) && i % 2 == 0;
-                Factors f{inRange(rng, -512, 511), inRange(rng, -512, 511), inRange(rng, -8, 7), inRange(rng, -8, 7),
-                          format, lin};
+                Factors f{inRange(rng, -512, 511),
+                          inRange(rng, -512, 511),
+                          inRange(rng, -8, 7),
+                          inRange(rng, -8, 7),
+                          format,
+                          lin};
                 if (small) {
                     f.m = inRange(rng, -8, 8);
                     f.b = inRange(rng, -20, 20);
                     f.k1 = inRange(rng, -2, 0);
                     f.k2 = inRange(rng, -3, -1);
                 }
-                sawNegativeM |= f.m < 0, sawPositiveM |= f.m > 0, sawNegativeB |= f.b < 0, sawPositiveB |= f.b > 0;
+                sawNegativeM |= f.m<0, sawPositiveM |= f.m> 0, sawNegativeB |= f.b<0, sawPositiveB |= f.b> 0;
                 Record rec = makeFullRecord(f, rng);
 
                 int8_t rExp = 0, bExp = 0;
@@ -117,9 +124,9 @@ TEST_F(ConvertReading, AgreesWithFreeIpmiOnEveryRawValue)
                     // reciprocal of zero (which FreeIPMI reports as 0).
                     bool representable = std::isfinite(reference) && std::fabs(reference) <= FLT_MAX &&
                                          !(lin == kInverse && reference == 0.0);
-                    SCOPED_TRACE(::testing::Message() << "format " << int(format) << " lin " << int(lin) << " M " << f.m
-                                                      << " B " << f.b << " K1 " << f.k1 << " K2 " << f.k2 << " raw "
-                                                      << raw << " reference " << reference);
+                    SCOPED_TRACE(::testing::Message()
+                                 << "format " << int(format) << " lin " << int(lin) << " M " << f.m << " B " << f.b
+                                 << " K1 " << f.k1 << " K2 " << f.k2 << " raw " << raw << " reference " << reference);
                     if (!representable) {
                         ASSERT_NE(rc, 0);
                         ASSERT_EQ(value, kUnchanged);

@@ -45,16 +45,10 @@ TEST(SelRawLine, RecordTypes)
          selRecord(0xFFFE, 0x02, 0, {0xAB, 0x83, 0x0C, 0xDE, 0xF0, 0x6F, 0xA1, 0xB2, 0xC3}),
          "FFFE 01-Jan-1970 00:00:00 Addr:AB:131, EvM:0C, Sens:DE:F0, Trig:6F, Data:A1:B2:C3"},
         {"type 0x01", selRecord(0x0002, 0x01, k16Nov2026, {0x20}), "0002 " + unknown},
-        {"type 0xBF", selRecord(0x0BCD, 0xBF, k16Nov2026, {0x20}), "0BCD " + unknown},
         {"type 0x00", selRecord(0x0000, 0x00, 0, {}), "0000 " + unknown},
         {"OEM timestamped 0xC0",
          selRecord(0x0003, 0xC0, k03Feb2001, {0x11, 0x22, 0x33, 0xA0, 0xA1, 0xA2, 0xA3, 0xA4, 0xFA}),
          "0003 03-Feb-2001 04:05:06 OEM: 11:22:33, Data:A0:A1:A2:A3:A4:FA"},
-        {"OEM timestamped 0xDF", selRecord(0x0010, 0xDF, k16Nov2026, {0x01, 0x02, 0x03, 4, 5, 6, 7, 8, 9}),
-         "0010 16-Nov-2026 21:45:12 OEM: 01:02:03, Data:04:05:06:07:08:09"},
-        {"OEM untimed 0xE0",
-         Bytes{0x04, 0x00, 0xE0, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08, 0x09, 0x0A, 0x0B, 0x0C, 0x0D},
-         "0004 -OEM-" + std::string(15, ' ') + " OEM: Data:01:02:03:04-05:06:07:08-09:0A:0B:0C-0D"},
         {"OEM untimed 0xFF",
          Bytes{0x05, 0x01, 0xFF, 0xF0, 0xE1, 0xD2, 0xC3, 0xB4, 0xA5, 0x96, 0x87, 0x78, 0x69, 0x5A, 0x4B, 0x3C},
          "0105 -OEM-" + std::string(15, ' ') + " OEM: Data:F0:E1:D2:C3-B4:A5:96:87-78:69:5A:4B-3C"},
@@ -83,10 +77,6 @@ TEST(SelRawLine, ConvertTimeIsUtcWithEnglishMonths)
         EXPECT_STREQ(buf, "16-Nov-2026 21:45:12 ") << locale;
     }
     std::setlocale(LC_ALL, "C");
-    const time_t may = 1780000000; // 28-May-2026 20:26:40
-    char buf[25];
-    EXPECT_EQ(convertTime(&may, buf, sizeof buf), 21u);
-    EXPECT_STREQ(buf, "28-May-2026 20:26:40 ");
     // 21 characters and the terminator need 22 bytes.
     char small[22];
     EXPECT_EQ(convertTime(&t, small, 21), 0u);
@@ -118,13 +108,6 @@ TEST_F(SelLog, RawStringsInLogOrderAndReversed)
         expectRawNodes(list);
         freeList(&list);
     }
-    for (int reverse : {0, 1}) {
-        expectCount(1);
-        expectEntry(0x0000, 0xFFFF, r1);
-        ListNode *list = ipmiGetSelRawStrings(session_, reverse);
-        EXPECT_EQ(lines(list), std::vector<std::string>{kExampleLine});
-        freeList(&list);
-    }
     for (const ipmihost_call &c : raw()) EXPECT_EQ(c.timeout, 60);
 }
 
@@ -138,14 +121,6 @@ TEST_F(SelLog, RawStringsEmptyAndFailing)
         {"empty log", [] { expectCount(0); }, ""},
         {"count fails", [] { expectCount(0, LIBIPMI_STATUS_TIMEOUT); },
          "\nipmihelpers.cpp:{line} (ipmiGetSelRawStrings) Failed to get count of sel entries\n"},
-        {"count answered with a completion code", [] { expect(kStorage, 0x40, {}, 0x01C1, {0xC1}); },
-         "\nipmihelpers.cpp:{line} (ipmiGetSelRawStrings) Failed to get count of sel entries\n"},
-        {"first record fails",
-         [] {
-             expectCount(2);
-             expect(kStorage, 0x43, {0, 0, 0, 0, 0, 0xFF}, LIBIPMI_STATUS_TIMEOUT, {});
-         },
-         "\nipmihelpers.cpp:{line} (ipmiGetSelRawStrings) Failed to get sel entries\n"},
         {"second record fails",
          [] {
              expectCount(2);
@@ -176,7 +151,6 @@ TEST_F(SelLog, Summary)
         SelSummary want;
     } cases[] = {
         {"all answered", 0, 0, 0, {7, 512, k16Nov2026, k03Feb2001}},
-        {"count fails", LIBIPMI_STATUS_TIMEOUT, 0, 0, {0, 512, k16Nov2026, k03Feb2001}},
         {"allocation fails", 0, LIBIPMI_STATUS_TRANSPORT, 0, {7, 0, k16Nov2026, k03Feb2001}},
         {"info answered with a completion code", 0, 0, 0x01D5, {7, 512, 0, 0}},
         {"all fail", LIBIPMI_STATUS_TIMEOUT, LIBIPMI_STATUS_TIMEOUT, LIBIPMI_STATUS_TIMEOUT, {0, 0, 0, 0}},
@@ -213,10 +187,9 @@ TEST_F(SelLog, UtcOffset)
         Bytes answer;
         int16_t want;
     } cases[] = {
-        {"unspecified", 0, {0x00, 0xFF, 0x07}, 2047}, {"minus one hour", 0, {0x00, 0xC4, 0xFF}, -60},
-        {"plus 90 minutes", 0, {0x00, 0x5A, 0x00}, 90}, {"zero", 0, {0x00, 0x00, 0x00}, 0},
-        {"only the completion code", 0, {0x00}, -1}, {"completion code", 0x01C1, {0xC1}, -1},
-        {"completion code with data", 0x01D4, {0xD4, 0x3C, 0x00}, -1}, {"no answer", LIBIPMI_STATUS_TIMEOUT, {}, -1},
+        {"unspecified", 0, {0x00, 0xFF, 0x07}, 2047},  {"minus one hour", 0, {0x00, 0xC4, 0xFF}, -60},
+        {"only the completion code", 0, {0x00}, -1},   {"completion code with data", 0x01D4, {0xD4, 0x3C, 0x00}, -1},
+        {"no answer", LIBIPMI_STATUS_TIMEOUT, {}, -1},
     };
     for (const auto &c : cases) {
         ipmihost_script_reset();
@@ -245,7 +218,6 @@ TEST_F(SelLog, ClearReservesThenErases)
     } cases[] = {
         {"reserved", 0, {0x00, 0x34, 0x12}, {0x34, 0x12}, 0, 1},
         {"reservation refused", 0x01C1, {0xC1, 0x34, 0x12}, {0x00, 0x00}, 0, 1},
-        {"no reservation answer", LIBIPMI_STATUS_TIMEOUT, {}, {0x00, 0x00}, 0, 1},
         {"clear not answered", 0, {0x00, 0x01, 0x00}, {0x01, 0x00}, LIBIPMI_STATUS_TIMEOUT, 0},
     };
     for (const auto &c : cases) {
@@ -254,10 +226,7 @@ TEST_F(SelLog, ClearReservesThenErases)
                c.clearStatus ? Bytes{} : Bytes{0x00, 0x01});
         EXPECT_EQ(ipmiClearEventLog(session_), c.want) << c.what;
     }
-    for (const ipmihost_call &c : raw()) {
-        EXPECT_EQ(c.payloadType, 0);
-        EXPECT_EQ(c.timeout, 60);
-    }
+    for (const ipmihost_call &c : raw()) EXPECT_EQ(c.timeout, 60);
     ipmihost_script_reset();
     EXPECT_EQ(ipmiClearEventLog(nullptr), 0);
     EXPECT_TRUE(raw().empty());
@@ -276,9 +245,10 @@ TEST_F(SelLog, WriteAddsSystemEventRecord)
         std::string diag;
     } cases[] = {
         {"added", 0, {0x00, 0x10, 0x00}, 1, ""},
-        {"completion code", 0x01C4, {0xC4}, 0,
-         "\nipmihelpers.cpp:{line} (ipmiWriteSelEntry) Failed to send request with error 0xc401\n"},
-        {"no answer", LIBIPMI_STATUS_TIMEOUT, {}, 0,
+        {"no answer",
+         LIBIPMI_STATUS_TIMEOUT,
+         {},
+         0,
          "\nipmihelpers.cpp:{line} (ipmiWriteSelEntry) Failed to send request with error 0x300\n"},
     };
     for (const auto &c : cases) {

@@ -41,7 +41,9 @@ protected:
     {
         std::memset(block_, 0, sizeof block_);
         uint8_t priv = 4;
-        ASSERT_EQ(LIBIPMI_Create_IPMI_Local_Session_Ext(session(), nullptr, nullptr, &priv, nullptr, nullptr, 0, nullptr, 0, 0), 0)
+        ASSERT_EQ(LIBIPMI_Create_IPMI_Local_Session_Ext(session(), nullptr, nullptr, &priv, nullptr, nullptr, 0,
+                                                        nullptr, 0, 0),
+                  0)
             << ipmihost_last_error();
         open_ = true;
     }
@@ -52,12 +54,13 @@ protected:
         std::memset(res, 0x5A, sizeof res);
         uint32_t len = sizeof res;
         uint16_t st = LIBIPMI_Send_RAW_IPMI2_0_Command(session(), 0, static_cast<uint8_t>(netFn << 2), cmd,
-                                                       req.empty() ? nullptr : req.data(), static_cast<uint32_t>(req.size()), res,
-                                                       &len, 5);
+                                                       req.empty() ? nullptr : req.data(),
+                                                       static_cast<uint32_t>(req.size()), res, &len, 5);
         EXPECT_LE(len, sizeof res);
         return {st, Bytes(res, res + std::min<uint32_t>(len, sizeof res))};
     }
-    static ipmihost_fault fault(uint8_t netFn, uint8_t cmd, int kind, uint8_t value = 0, uint32_t count = 0, Bytes match = {})
+    static ipmihost_fault fault(uint8_t netFn, uint8_t cmd, int kind, uint8_t value = 0, uint32_t count = 0,
+                                Bytes match = {})
     {
         ipmihost_fault f{};
         f.netFn = netFn;

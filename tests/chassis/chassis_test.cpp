@@ -123,6 +123,7 @@ TEST_F(ChassisTest, OperationsSendTheirRequestAndMapTheAnswer)
     }
 }
 
+// Without a session nothing is sent, and the operations say nothing.
 TEST_F(ChassisTest, NoSessionSendsNothing)
 {
     std::string err = stderrOf([] {
@@ -139,6 +140,32 @@ TEST_F(ChassisTest, NoSessionSendsNothing)
         EXPECT_EQ(ipmiConsoleLogGetState(nullptr, &state), 0);
         EXPECT_EQ(state, 7u);
         EXPECT_EQ(ipmiConsoleLogStart(nullptr), 0);
+        // The event log and its texts: nothing, zeros, or the caller's buffer untouched.
+        EXPECT_EQ(ipmiGetSelRawStrings(nullptr, 0), nullptr);
+        EXPECT_EQ(ipmiGetSelTimeUtcOffset(nullptr), -1);
+        EXPECT_EQ(ipmiClearEventLog(nullptr) + ipmiWriteSelEntry(nullptr, 1, 2, 3, 4, 5, 6), 0);
+        SelSummary summary = ipmiGetSelInfo(nullptr);
+        SelEntryText entry = getSELEntryText(nullptr, 0x1234);
+        EXPECT_EQ(Bytes(reinterpret_cast<uint8_t *>(&summary), reinterpret_cast<uint8_t *>(&summary + 1)),
+                  Bytes(sizeof summary, 0));
+        EXPECT_EQ(Bytes(reinterpret_cast<uint8_t *>(&entry), reinterpret_cast<uint8_t *>(&entry + 1)),
+                  Bytes(sizeof entry, 0));
+        const uint8_t record[16] = {0x42, 0x01, 0x02};
+        ErrorCodeRecord *code = getErrorCode(nullptr, record, 0x09);
+        ASSERT_NE(code, nullptr);
+        EXPECT_EQ(Bytes(code->errorCode, code->errorCode + 4), Bytes(4, 0));
+        EXPECT_EQ(code->paramCount + code->flags, 0);
+        EXPECT_EQ(code->params, nullptr);
+        char mine[4] = "xy";
+        EXPECT_EQ(getSelTextByErrorCode(nullptr, code, mine, 0, 0, 0x0409), mine);
+        EXPECT_STREQ(mine, "xy");
+        EXPECT_EQ(getSelTextByErrorCode(nullptr, nullptr, nullptr, 0, 0, 0x0409), nullptr);
+        freeErrorCode(code);
+        freeErrorCode(nullptr);
+        EXPECT_EQ(ipmiInterpretSELEntryUsTextFollowUp(nullptr, 0x5C, 10), nullptr);
+        iESLText text = ipmiGetiESLSELEntryAsText(nullptr, 0x02, 0x1234, 0x07, 0x0908, 0x0A, 0x0B);
+        EXPECT_EQ(text.nextId + text.textSize, 0);
+        EXPECT_EQ(text.text, nullptr);
     });
     EXPECT_EQ(err, "");
     // Chassis control alone reports the missing session.

@@ -60,8 +60,6 @@ TEST(OemFrame, RefusesOrDispatches)
     }
 }
 
-// ---- Faults from the profile ---------------------------------------------------------------------
-
 TEST(ProfileFault, MatchPrefixAndCountAndNoExecution)
 {
     json doc = tvxtest::baseProfile();
@@ -97,42 +95,6 @@ TEST(ProfileFault, MatchPrefixAndCountAndNoExecution)
     // Nothing of the refused requests reached the state file either.
     Controller next(profileOf(doc), dir.path());
     EXPECT_EQ(acpi(next), (Bytes{0x00, 0x00, 0x00}));
-}
-
-// ---- State ---------------------------------------------------------------------------------------
-
-TEST(State, ChangeSeenByNewControllerAndByOneAlreadyRunning)
-{
-    TempDir dir;
-    const auto profile = profileOf(tvxtest::baseProfile());
-    Controller running(profile, dir.path());
-    EXPECT_EQ(acpi(running), (Bytes{0x00, 0x00, 0x00}));
-
-    // Another process changes the machine.
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        int rc = 1;
-        try {
-            Controller other(profile, dir.path());
-            rc = send(other, kApp, kSetAcpi, {0x83, 0x7F}).bytes == Bytes{0x00} ? 0 : 1;
-        } catch (...) {
-        }
-        _exit(rc);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-
-    EXPECT_EQ(acpi(running), (Bytes{0x00, 0x03, 0x00}));
-    Controller fresh(profile, dir.path());
-    EXPECT_EQ(acpi(fresh), (Bytes{0x00, 0x03, 0x00}));
-    // An unsupported state is refused and leaves the stored one alone.
-    EXPECT_EQ(send(fresh, kApp, kSetAcpi, {0x81, 0x84}).bytes, Bytes{0xC9});
-    EXPECT_EQ(acpi(running), (Bytes{0x00, 0x03, 0x00}));
-
-    fresh.reset();
-    EXPECT_EQ(acpi(running), (Bytes{0x00, 0x00, 0x00}));
 }
 
 TEST(State, CorruptStateFileIsNamedAndResetRecovers)

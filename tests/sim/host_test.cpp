@@ -121,28 +121,17 @@ TEST_F(Host, EachInjectedFaultKindBecomesItsStatus)
     }
 }
 
-TEST_F(Host, RefusedOrLostRequestsAreNotCarriedOut)
+TEST_F(Host, ALostRequestIsNotCarriedOutAndFaultsCanBeCleared)
 {
-    ipmihost_reset_request_count();
-    ipmihost_fault lost = fault(0x06, 0x06, IPMIHOST_FAULT_NO_ANSWER, 0, 1, {0x83});
+    ipmihost_fault lost = fault(0x06, 0x06, IPMIHOST_FAULT_NO_ANSWER, 0, 0, {0x83});
     ASSERT_EQ(ipmihost_inject_fault(&lost), 0);
+    ipmihost_reset_request_count();
     EXPECT_EQ(raw(0x06, 0x06, {0x83, 0x7F}).status, LIBIPMI_STATUS_TIMEOUT);
     EXPECT_EQ(raw(0x06, 0x07).bytes, (Bytes{0x00, 0x00, 0x00}));
+    EXPECT_EQ(ipmihost_request_count(), 2u); // the lost request counts too
+    ipmihost_clear_faults();
     EXPECT_EQ(raw(0x06, 0x06, {0x83, 0x7F}).status, LIBIPMI_STATUS_OK);
     EXPECT_EQ(raw(0x06, 0x07).bytes, (Bytes{0x00, 0x03, 0x00}));
-    EXPECT_EQ(ipmihost_request_count(), 4u); // the lost request counts too
-
-    ipmihost_fault busy = fault(0x06, 0x06, IPMIHOST_FAULT_COMPLETION_CODE, 0xC0);
-    ASSERT_EQ(ipmihost_inject_fault(&busy), 0);
-    for (int i = 0; i < 2; ++i) {
-        Result r = raw(0x06, 0x06, {0x80, 0x80});
-        EXPECT_EQ(r.status, LIBIPMI_STATUS_COMPLETION_CODE(0xC0));
-        EXPECT_EQ(r.bytes, Bytes{0xC0});
-    }
-    EXPECT_EQ(raw(0x06, 0x07).bytes, (Bytes{0x00, 0x03, 0x00}));
-    ipmihost_clear_faults();
-    EXPECT_EQ(raw(0x06, 0x06, {0x80, 0x80}).status, LIBIPMI_STATUS_OK);
-    EXPECT_EQ(raw(0x06, 0x07).bytes, (Bytes{0x00, 0x00, 0x00}));
 }
 
 TEST_F(Host, BadProfileKeepsThePreviousMachine)

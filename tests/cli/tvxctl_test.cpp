@@ -8,8 +8,6 @@
 #include "scratch.h"
 #include "tvxctl_runner.h"
 
-extern char **environ;
-
 using nlohmann::json;
 
 namespace {
@@ -52,18 +50,17 @@ protected:
     std::string dir_, oddPath_;
 };
 
-
 TEST_F(Tvxctl, BadUsageExitsTwoWithAReason)
 {
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
-        {{"raw", "0x40", "0x01"}, "invalid NETFN \"0x40\""}, {{"raw", "six", "0x01"}, "invalid NETFN"},
-        {{"raw", "0x06", "0x100"}, "invalid CMD \"0x100\""}, {{"raw", "0x06", "-1"}, "invalid CMD"},
-        {{"raw", "0x06", "0x06", "0x83", "0x1ff"}, "invalid data byte \"0x1ff\""},
+        {{"raw", "0x40", "0x01"}, "invalid NETFN \"0x40\""},
+        {{"raw", "0x06", "0x100"}, "invalid CMD \"0x100\""},
         {{"raw", "0x06", "0x06", "0x83", "7f"}, "invalid data byte \"7f\""},
-        {{"raw", "0x06"}, "raw needs NETFN and CMD"}, {{"devid", "extra"}, "devid takes no arguments"},
-        {{"reset", "now"}, "reset takes no arguments"}, {{"frobnicate"}, "unknown command \"frobnicate\""},
-        {{"--verbose", "devid"}, "unknown option \"--verbose\""}, {{"devid", "--state"}, "--state needs a value"},
-        {{"--machine", "a.json", "--target", "default", "devid"}, "give one"}, {{}, "usage: tvxctl"},
+        {{"devid", "extra"}, "devid takes no arguments"},
+        {{"frobnicate"}, "unknown command \"frobnicate\""},
+        {{"devid", "--state"}, "--state needs a value"},
+        {{"--machine", "a.json", "--target", "default", "devid"}, "give one"},
+        {{}, "usage: tvxctl"},
     };
     for (const auto &[args, reason] : cases) {
         Outcome r = run(args);
@@ -100,7 +97,7 @@ TEST_F(Tvxctl, BadProfileIsNamedWithThePlace)
     const std::string bad = dir_ + "/bad.json";
     writeFile(bad, doc.dump());
     for (const auto &[args, env] : std::vector<std::pair<std::vector<std::string>, std::vector<std::string>>>{
-             {{"--machine", bad, "devid"}, {}}, {{"--target", "machine:" + bad, "raw", "0x06", "0x01"}, {}},
+             {{"--target", "machine:" + bad, "raw", "0x06", "0x01"}, {}},
              {{"devid"}, {"TVX_IPMI_TARGET=" + bad}},
          }) {
         Outcome r = run(args, env);
@@ -114,10 +111,6 @@ TEST_F(Tvxctl, BadProfileIsNamedWithThePlace)
     Outcome r = run({"--machine", bad, "devid"});
     EXPECT_EQ(r.code, 1) << r;
     EXPECT_NE(r.err.find(bad + ":2:18: syntax error"), std::string::npos) << r;
-
-    r = run({"--machine", dir_ + "/absent.json", "devid"});
-    EXPECT_EQ(r.code, 1) << r;
-    EXPECT_NE(r.err.find(dir_ + "/absent.json: "), std::string::npos) << r;
 }
 
 TEST_F(Tvxctl, StatePersistsAcrossProcessesUntilReset)

@@ -99,24 +99,19 @@ TEST(ProfileFault, MatchPrefixAndCountAndNoExecution)
 
 TEST(State, CorruptStateFileIsNamedAndResetRecovers)
 {
-    const std::vector<std::pair<std::string, std::string>> corrupt = {
-        {"garbage", "\x01not json at all"},
-        {"other format", R"({"format": 99, "state": {}})"},
-        {"no state", R"({"format": 1})"},
-    };
-    for (const auto &[what, text] : corrupt) {
-        SCOPED_TRACE(what);
+    for (const char *text : {"\x01not json at all", R"({"format": 99, "state": {}})", R"({"format": 1})"}) {
         TempDir dir;
         const auto profile = profileOf(tvxtest::baseProfile(), "box.json");
         const std::string path = dir.path() + "/box.state.json";
         tvxtest::writeFile(path, text);
+        std::string error;
         try {
             Controller c(profile, dir.path());
-            ADD_FAILURE() << "corrupt state accepted";
         } catch (const tvxsim::ProfileError &e) {
-            EXPECT_EQ(std::string(e.what()).rfind(path + ": ", 0), 0u) << e.what();
-            EXPECT_NE(std::string(e.what()).find("corrupt"), std::string::npos) << e.what();
+            error = e.what();
         }
+        EXPECT_EQ(error.rfind(path + ": ", 0), 0u) << error;
+        EXPECT_NE(error.find("corrupt"), std::string::npos) << error;
         tvxsim::StateStore store(dir.path(), profile, [] { return json{{"acpi", {{"system", 0}, {"device", 0}}}}; });
         EXPECT_THROW(store.open(), tvxsim::ProfileError);
         store.reset();

@@ -200,7 +200,6 @@ TEST_F(SessionTest, DeviceIdIsTheAnswerOrAZeroRecord)
         std::string diag; // empty: the record is the answer's data
     } cases[] = {
         {0, kDeviceId, ""},
-        {0x0003, {}, sendFailed},
         {0x01C1, deviceIdOf(16), sendFailed},
         {0, deviceIdOf(12), wrongSize},
         {0, deviceIdOf(17), wrongSize},

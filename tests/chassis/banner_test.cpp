@@ -171,28 +171,13 @@ TEST_F(BannerTest, AddressChoosesBoardAndBox)
 {
     const std::string name250(250, 'n');
     const Controller kNothing = {{}, kEmpty, kAbsent, kEmpty, kAbsent, kNoAnswer, kEmpty, 0, 0, false, kAbsent};
-    const Controller kLong = {deviceId(0x02, 0x10, {0x03, 0x07, 0x00, 0x00}),
-                              textVar("ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789abcd"),
-                              textVar("0123456789abcdefghijklmnopqrstuvwxyzABCD"),
-                              textVar("T"),
-                              textVar("I"),
-                              textVar(name250),
-                              textVar("O"),
-                              3,
-                              0,
-                              true,
-                              textVar("A")};
-    const Controller kCritical = {deviceId(0xFF, 0x99, {0xFF, 0xFF, 0x00, 'z'}),
-                                  textVar("X"),
-                                  textVar("Y"),
-                                  kAbsent,
-                                  kAbsent,
-                                  kAbsent,
-                                  kAbsent,
-                                  2,
-                                  1,
-                                  false,
-                                  kEmpty};
+    // clang-format off
+    const Controller kLong = {deviceId(0x02, 0x10, {0x03, 0x07, 0x00, 0x00}), textVar("ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789abcd"),
+                              textVar("0123456789abcdefghijklmnopqrstuvwxyzABCD"), textVar("T"), textVar("I"), textVar(name250),
+                              textVar("O"), 3, 0, true, textVar("A")};
+    const Controller kCritical = {deviceId(0xFF, 0x99, {0xFF, 0xFF, 0x00, 'z'}), textVar("X"), textVar("Y"), kAbsent, kAbsent,
+                                  kAbsent, kAbsent, 2, 1, false, kEmpty};
+    // clang-format on
     Controller board3 = kFull;
     board3.deviceId = deviceId(0x02, 0x10, {0x03, 0x07, 0x00, 0x00});
     board3.build = kAbsent;
@@ -311,12 +296,11 @@ TEST_F(BannerTest, ShortBoxOnItsOwn)
     };
     for (const auto &c : cases) {
         expectShort({c.deviceId, {}, c.build, {}, {}, {}, {}, 0, 0, false, {}});
-        CaptureStderr();
-        CaptureStdout();
-        int result = KV_rmMenu(s);
-        std::string out = GetCapturedStdout();
-        std::string err = GetCapturedStderr();
-        EXPECT_GE(result, 0) << c.what;
+        std::string out, err = stderrOf([&] {
+                             CaptureStdout();
+                             EXPECT_GE(KV_rmMenu(s), 0);
+                             out = GetCapturedStdout();
+                         });
         EXPECT_TRUE(sameOutput(out, c.out)) << c.what;
         EXPECT_DIAG(err, c.err) << c.what;
     }

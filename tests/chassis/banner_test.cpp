@@ -172,10 +172,13 @@ TEST_F(BannerTest, AddressChoosesBoardAndBox)
     const std::string name250(250, 'n');
     const Controller kNothing = {{}, kEmpty, kAbsent, kEmpty, kAbsent, kNoAnswer, kEmpty, 0, 0, false, kAbsent};
     // clang-format off
-    const Controller kLong = {deviceId(0x02, 0x10, {0x03, 0x07, 0x00, 0x00}), textVar("ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789abcd"),
-                              textVar("0123456789abcdefghijklmnopqrstuvwxyzABCD"), textVar("T"), textVar("I"), textVar(name250),
+    const Controller kLong = {deviceId(0x02, 0x10, {0x03, 0x07, 0x00, 0x00}),
+     textVar("ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789abcd"),
+                              textVar("0123456789abcdefghijklmnopqrstuvwxyzABCD"), textVar("T"), textVar("I"),
+                               textVar(name250),
                               textVar("O"), 3, 0, true, textVar("A")};
-    const Controller kCritical = {deviceId(0xFF, 0x99, {0xFF, 0xFF, 0x00, 'z'}), textVar("X"), textVar("Y"), kAbsent, kAbsent,
+    const Controller kCritical = {deviceId(0xFF, 0x99, {0xFF, 0xFF, 0x00, 'z'}), textVar("X"), textVar("Y"), kAbsent,
+     kAbsent,
                                   kAbsent, kAbsent, 2, 1, false, kEmpty};
     // clang-format on
     Controller board3 = kFull;

@@ -35,6 +35,12 @@ std::string failedSend(const std::string &fn, const std::string &error)
     return "\nipmihelpers.cpp:{line} (" + fn + ") Failed to send request with error " + error + "\n";
 }
 
+// An operation with its argument.
+template <class F> std::function<int(IpmiSession *)> with(F f, int arg)
+{
+    return [f, arg](IpmiSession *s) { return int(f(s, arg)); };
+}
+
 // Every operation that sends one request and gives a number back: the request, the answer, and
 // what the number and the diagnostics become.
 TEST_F(ChassisTest, OperationsSendTheirRequestAndMapTheAnswer)
@@ -69,25 +75,28 @@ TEST_F(ChassisTest, OperationsSendTheirRequestAndMapTheAnswer)
         {{0x00, 0x01, {}}, 0, {0x00, 0x00, 0x10, 0x40}, ipmiChassisPowerStatus, 0, "", kAnyCapacity},
         {{0x00, 0x01, {}}, kTimeout, {}, ipmiChassisPowerStatus, 0, "", kAnyCapacity},
         // Controller reset: 1 is warm, anything else cold; only the platform status counts.
-        {{0x18, 0x03, {}}, 0, {0xC0}, [](IpmiSession *x) { return ipmiReset(x, 1); }, 1},
-        {{0x18, 0x02, {}}, 0, {0x00}, [](IpmiSession *x) { return ipmiReset(x, 257); }, 1},
-        {{0x18, 0x02, {}}, 0x01C0, {0xC0}, [](IpmiSession *x) { return ipmiReset(x, 0); }, 0},
+        {{0x18, 0x03, {}}, 0, {0xC0}, with(ipmiReset, 1), 1},
+        {{0x18, 0x02, {}}, 0, {0x00}, with(ipmiReset, 257), 1},
+        {{0x18, 0x02, {}}, 0x01C0, {0xC0}, with(ipmiReset, 0), 0},
         // Chassis and graceful control: the low byte of the code.
-        {{0x00, 0x02, {0xA5}}, 0, {0x00}, [](IpmiSession *x) { return ipmiSendChassisControl(x, 0x1A5); }, 1},
-        {{0x00, 0x02, {0x02}}, 0, {0xC1}, [](IpmiSession *x) { return ipmiSendChassisControl(x, 2); }, 0},
-        {{0x00, 0x02, {0x03}}, 0, {}, [](IpmiSession *x) { return ipmiSendChassisControl(x, 3); }, 0},
-        {{0x00, 0x02, {0x05}}, kTimeout, {}, [](IpmiSession *x) { return ipmiSendChassisControl(x, 5); }, 0, failedRaw("ipmiSendChassisControl")},
-        {{0xB8, 0x02, oem({0xA5})}, 0, oemAnswer({}), [](IpmiSession *x) { return ipmiSendGracefullControl(x, 0x1A5); }, 1},
-        {{0xB8, 0x02, oem({0x02})}, 0, oemAnswer({}, 0xC1), [](IpmiSession *x) { return ipmiSendGracefullControl(x, 2); }, 0},
-        {{0xB8, 0x02, oem({0x05})}, kLink, {}, [](IpmiSession *x) { return ipmiSendGracefullControl(x, 5); }, 0, failedRaw("ipmiSendGracefullControl")},
+        {{0x00, 0x02, {0xA5}}, 0, {0x00}, with(ipmiSendChassisControl, 0x1A5), 1},
+        {{0x00, 0x02, {0x02}}, 0, {0xC1}, with(ipmiSendChassisControl, 2), 0},
+        {{0x00, 0x02, {0x03}}, 0, {}, with(ipmiSendChassisControl, 3), 0},
+        {{0x00, 0x02, {0x05}}, kTimeout, {}, with(ipmiSendChassisControl, 5), 0, failedRaw("ipmiSendChassisControl")},
+        {{0xB8, 0x02, oem({0xA5})}, 0, oemAnswer({}), with(ipmiSendGracefullControl, 0x1A5), 1},
+        {{0xB8, 0x02, oem({0x02})}, 0, oemAnswer({}, 0xC1), with(ipmiSendGracefullControl, 2), 0},
+        {{0xB8, 0x02, oem({0x05})}, kLink, {}, with(ipmiSendGracefullControl, 5), 0,
+         failedRaw("ipmiSendGracefullControl")},
         // Power sources: the low byte; a failure shows the request.
-        {{0xB8, 0x01, oem({0x1B, 0, 0, 0, 0x01, 0xA0})}, 0, oemAnswer({}), [](IpmiSession *x) { return ipmiPowerOnSource(x, 0x3A0); }, 1},
-        {{0xB8, 0x01, oem({0x1B, 0, 0, 0, 0x01, 0x5A})}, 0, oemAnswer({}, 0xCC), [](IpmiSession *x) { return ipmiPowerOnSource(x, 0x5A); }, 0, failedSend("ipmiPowerOnSource", "0x0") + sourceRaw + "0x5a\n"},
-        {{0xB8, 0x01, oem({0x1B, 0, 0, 0, 0x01, 0x01})}, kTimeout, {}, [](IpmiSession *x) { return ipmiPowerOnSource(x, 1); }, 0, failedSend("ipmiPowerOnSource", "0x300") + sourceRaw + "0x1\n"},
-        {{0xB8, 0x01, oem({0x17, 0, 0, 0, 0x01, 0x05})}, 0, oemAnswer({}), [](IpmiSession *x) { return ipmiPowerOffSource(x, 5); }, 1},
+        {{0xB8, 0x01, oem({0x1B, 0, 0, 0, 0x01, 0xA0})}, 0, oemAnswer({}), with(ipmiPowerOnSource, 0x3A0), 1},
+        {{0xB8, 0x01, oem({0x1B, 0, 0, 0, 0x01, 0x5A})}, 0, oemAnswer({}, 0xCC), with(ipmiPowerOnSource, 0x5A), 0,
+         failedSend("ipmiPowerOnSource", "0x0") + sourceRaw + "0x5a\n"},
+        {{0xB8, 0x01, oem({0x1B, 0, 0, 0, 0x01, 0x01})}, kTimeout, {}, with(ipmiPowerOnSource, 1), 0,
+         failedSend("ipmiPowerOnSource", "0x300") + sourceRaw + "0x1\n"},
+        {{0xB8, 0x01, oem({0x17, 0, 0, 0, 0x01, 0x05})}, 0, oemAnswer({}), with(ipmiPowerOffSource, 5), 1},
         // LEDs: setting returns the platform status itself; the completion code is not looked at.
-        {{0xB8, 0xF5, oem({0xB0, 0x01})}, 0, oemAnswer({}, 0xC1), [](IpmiSession *x) { return ipmiSetIdenLed(x, 0x101); }, 0},
-        {{0xB8, 0xF5, oem({0xB0, 0x00})}, kTimeout, {}, [](IpmiSession *x) { return ipmiSetIdenLed(x, 0); }, kTimeout},
+        {{0xB8, 0xF5, oem({0xB0, 0x01})}, 0, oemAnswer({}, 0xC1), with(ipmiSetIdenLed, 0x101), 0},
+        {{0xB8, 0xF5, oem({0xB0, 0x00})}, kTimeout, {}, with(ipmiSetIdenLed, 0), kTimeout},
         {{0xB8, 0xF5, oem({0xB1})}, 0, oemAnswer({0x03}), ipmiGetIdenLed, 1},
         {{0xB8, 0xF5, oem({0xB1})}, 0, oemAnswer({0x02}), ipmiGetIdenLed, 0},
         {{0xB8, 0xF5, oem({0xB1})}, 0x01C1, oemAnswer({0x03}, 0xC1), ipmiGetIdenLed, 0},
@@ -95,18 +104,25 @@ TEST_F(ChassisTest, OperationsSendTheirRequestAndMapTheAnswer)
         {{0xB8, 0xF5, oem({0xB3})}, 0, oemAnswer({0x03}, 0xC1), ipmiGetErrLed, 0},
         {{0xB8, 0xF5, oem({0xB3})}, kTimeout, {}, ipmiGetErrLed, 0},
         // Configuration space: a write, the reset of the whole space.
-        {{0xB8, 0xE0, oem({0x02, 1, 0x3A, 0x1A, 4, 0xC0, 0xA8, 0x01, 0x02})}, 0, oemAnswer({}), writeAddr, 1, "", kAnyCapacity},
-        {{0xB8, 0xE0, oem({0x02, 1, 0x3A, 0x1A, 4, 0xC0, 0xA8, 0x01, 0x02})}, 0, oemAnswer({}, 0xC1), writeAddr, 0, writeFn + "read config space variable, completion code = 0xc1\n", kAnyCapacity},
-        {{0xB8, 0xE0, oem({0x02, 1, 0x3A, 0x1A, 4, 0xC0, 0xA8, 0x01, 0x02})}, kLink, {}, writeAddr, 0, writeFn + "send request with error 0x400\n", kAnyCapacity},
+        {{0xB8, 0xE0, oem({0x02, 1, 0x3A, 0x1A, 4, 0xC0, 0xA8, 0x01, 0x02})}, 0, oemAnswer({}), writeAddr, 1, "",
+         kAnyCapacity},
+        {{0xB8, 0xE0, oem({0x02, 1, 0x3A, 0x1A, 4, 0xC0, 0xA8, 0x01, 0x02})}, 0, oemAnswer({}, 0xC1), writeAddr, 0,
+         writeFn + "read config space variable, completion code = 0xc1\n", kAnyCapacity},
+        {{0xB8, 0xE0, oem({0x02, 1, 0x3A, 0x1A, 4, 0xC0, 0xA8, 0x01, 0x02})}, kLink, {}, writeAddr, 0,
+         writeFn + "send request with error 0x400\n", kAnyCapacity},
         {{0xB8, 0xF5, oem({0xE0, 'C', 'L', 'R', 0xAA})}, 0, oemAnswer({}), ipmiResetConfigSpace, 1, "", 255},
-        {{0xB8, 0xF5, oem({0xE0, 'C', 'L', 'R', 0xAA})}, 0, oemAnswer({}, 0xC1), ipmiResetConfigSpace, 0, failedRaw("ipmiResetConfigSpace"), 255},
+        {{0xB8, 0xF5, oem({0xE0, 'C', 'L', 'R', 0xAA})}, 0, oemAnswer({}, 0xC1), ipmiResetConfigSpace, 0,
+         failedRaw("ipmiResetConfigSpace"), 255},
         // The console log: its state variable (kept when the answer is not one byte), logging on
         // and off through it, and clearing, which returns the platform status.
         {{0xB8, 0xE0, oem({0x01, 0x00, 0x30, 0x16})}, 0, readAnswer({0x02}), consoleState, 2, "", kAnyCapacity},
         {{0xB8, 0xE0, oem({0x01, 0x00, 0x30, 0x16})}, 0, readAnswer({0x01, 0x01}), consoleState, 7, "", kAnyCapacity},
         {{0xB8, 0xE0, oem({0x01, 0x00, 0x30, 0x16})}, 0, oemAnswer({}, 0xCB), consoleState, 7, "", kAnyCapacity},
-        {{0xB8, 0xE0, oem({0x02, 0x00, 0x30, 0x16, 0x01, 0x01})}, 0, oemAnswer({}), ipmiConsoleLogStart, 0, "", kAnyCapacity},
-        {{0xB8, 0xE0, oem({0x02, 0x00, 0x30, 0x16, 0x01, 0x00})}, 0, oemAnswer({}, 0xD5), ipmiConsoleLogStop, 0, writeFn + "read config space variable, completion code = 0xd5\n\nipmihelpers.cpp:{line} (ipmiConsoleLogStop) Failed to set ConfConsLoggingEnable variable\n", kAnyCapacity},
+        {{0xB8, 0xE0, oem({0x02, 0x00, 0x30, 0x16, 0x01, 0x01})}, 0, oemAnswer({}), ipmiConsoleLogStart, 0, "",
+         kAnyCapacity},
+        {{0xB8, 0xE0, oem({0x02, 0x00, 0x30, 0x16, 0x01, 0x00})}, 0, oemAnswer({}, 0xD5), ipmiConsoleLogStop, 0,
+         writeFn + "read config space variable, completion code = 0xd5\n\nipmihelpers.cpp:{line} (ipmiConsoleLogStop) "
+                   "Failed to set ConfConsLoggingEnable variable\n", kAnyCapacity},
         {{0xB8, 0xF5, oem({0x09, 0x07})}, 0, oemAnswer({}, 0xC1), ipmiConsoleLogClear, 0, "", kAnyCapacity},
         {{0xB8, 0xF5, oem({0x09, 0x07})}, kTimeout, {}, ipmiConsoleLogClear, kTimeout, "", kAnyCapacity},
         // clang-format on

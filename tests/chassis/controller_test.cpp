@@ -21,13 +21,15 @@ json machine()
     doc["leds"] = {{"error", "warning"}};
     doc["config_space"] =
         json::parse(R"({"0x0201": {"name": "SystemName", "text": "box-1"}, "0x0072": {"u16": [60, 70]},
-      "0x0300": {"text": "abcd", "max_length": 4}, "0x0400": {"bytes": {"2": "aa bb"}}, "0x1A3A": {"ipv6": "fd00::1"}})");
+      "0x0300": {"text": "abcd", "max_length": 4}, "0x0400": {"bytes": {"2": "aa bb"}},
+      "0x1A3A": {"ipv6": "fd00::1"}})");
     doc["console"] = {
         {"logging", false}, {"capacity", 40}, {"log", {"old line"}}, {"boot_lines", {"BIOS 1.0", "login:"}}};
     doc["lan"] = json::parse(R"({"channels": [
       {"number": 1, "medium": "802.3", "ip_address": "10.1.2.3", "subnet_mask": "255.255.0.0",
        "default_gateway": "10.1.0.1", "mac_address": "02:00:00:00:00:01", "address_source": "static"},
-      {"number": 2, "medium": "802.3", "ip_address": "10.9.9.9", "address_source": "dhcp"}, {"number": 3, "medium": "serial"}]})");
+      {"number": 2, "medium": "802.3", "ip_address": "10.9.9.9", "address_source": "dhcp"},
+      {"number": 3, "medium": "serial"}]})");
     return doc;
 }
 
@@ -64,24 +66,31 @@ TEST(ChassisCommands, AnswerByteForByte)
           {kOem, 0xF5, oem({0xB1, 0x00}), oemAnswer(0xC7)}, {kOem, 0xF5, oem({0xB2}), oemAnswer(0xC1)}}},
         {"configuration space", {{kOem, 0xE0, oem({0x01, 1, 0x72, 0x00}), oemAnswer(0x00, {2, 70, 0})},
           {kOem, 0xE0, oem({0x01, 2, 0x00, 0x04}), oemAnswer(0x00, {2, 0xAA, 0xBB})},
-          {kOem, 0xE0, oem({0x01, 0, 0x3A, 0x1A}), oemAnswer(0x00, {16, 0xFD, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1})},
-          {kOem, 0xE0, oem({0x01, 2, 0x72, 0x00}), oemAnswer(0xCB)}, {kOem, 0xE0, oem({0x01, 0, 0x01}), oemAnswer(0xC7)},
+          {kOem, 0xE0, oem({0x01, 0, 0x3A, 0x1A}),
+           oemAnswer(0x00, {16, 0xFD, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1})},
+          {kOem, 0xE0, oem({0x01, 2, 0x72, 0x00}), oemAnswer(0xCB)}, {kOem, 0xE0, oem({0x01, 0, 0x01}),
+           oemAnswer(0xC7)},
           {kOem, 0xE0, oem({0x03, 0, 0x01, 0x02}), oemAnswer(0xCC)},
           {kOem, 0xE0, oem({0x02, 0, 0x01, 0x02, 4, 'a', 'b', 'c'}), oemAnswer(0xC7)},
           {kOem, 0xE0, oem({0x02, 0, 0x00, 0x03, 5, '1', '2', '3', '4', '5'}), oemAnswer(0xC8)},
           {kOem, 0xE0, oem({0x02, 0, 0x72, 0x00, 1, 9}), oemAnswer(0xCC)},
           {kOem, 0xE0, oem({0x02, 0, 0x30, 0x16, 1, 2}), oemAnswer(0xCC)},
           {kOem, 0xE0, oem({0x02, 5, 0x01, 0x02, 1, 'x'}), oemAnswer(0xCB)},
-          {kOem, 0xF5, oem({0xE0, 'C', 'L', 'X', 0xAA}), oemAnswer(0xCC)}, {kOem, 0xF5, oem({0x09, 0x01}), oemAnswer(0xCC)},
+          {kOem, 0xF5, oem({0xE0, 'C', 'L', 'X', 0xAA}), oemAnswer(0xCC)}, {kOem, 0xF5, oem({0x09, 0x01}),
+           oemAnswer(0xCC)},
           {kOem, 0xE0, oem({0x01, 0, 0x01, 0x02}), oemAnswer(0x00, {5, 'b', 'o', 'x', '-', '1'})}}},
-        {"LAN channels and parameters", {{kApp, 0x42, {0x0E}, {0x00, 1, 0x04, 0x01, 0x80, 0xF2, 0x1B, 0x00, 0x00, 0x00}},
+        {"LAN channels and parameters",
+         {{kApp, 0x42, {0x0E}, {0x00, 1, 0x04, 0x01, 0x80, 0xF2, 0x1B, 0x00, 0x00, 0x00}},
           {kApp, 0x42, {4}, {0xCC}}, {kApp, 0x42, {1, 0}, {0xC7}},
-          {kTransport, 0x02, {1, 13, 0, 0}, {0x00, 0x11, 0, 0, 0, 0, 0, 0}}, {kTransport, 0x02, {0x81, 3, 0, 0}, {0x00, 0x11}},
+          {kTransport, 0x02, {1, 13, 0, 0}, {0x00, 0x11, 0, 0, 0, 0, 0, 0}}, {kTransport, 0x02, {0x81, 3, 0, 0},
+           {0x00, 0x11}},
           {kTransport, 0x02, {1, 2, 0, 0}, {0x80}}, {kTransport, 0x02, {3, 3, 0, 0}, {0xCC}},
           {kTransport, 0x01, {0x0E, 13, 2, 0, 0, 0, 0, 0x0F}, {0x00}},
-          {kTransport, 0x02, {1, 13, 0, 0}, {0x00, 0x11, 2, 0, 0, 0, 0, 0x0F}}, {kTransport, 0x01, {1, 1, 0x15}, {0x82}},
+          {kTransport, 0x02, {1, 13, 0, 0}, {0x00, 0x11, 2, 0, 0, 0, 0, 0x0F}}, {kTransport, 0x01, {1, 1, 0x15},
+           {0x82}},
           {kTransport, 0x01, {1, 3, 1, 2, 3}, {0xC7}}, {kTransport, 0x01, {1, 6, 255, 0, 255, 0}, {0xCC}},
-          {kTransport, 0x01, {1, 5, 1, 0, 0, 0, 0, 1}, {0xCC}}, {kTransport, 0x02, {1, 3, 0, 0}, {0x00, 0x11, 10, 1, 2, 3}}}},
+          {kTransport, 0x01, {1, 5, 1, 0, 0, 0, 0, 1}, {0xCC}}, {kTransport, 0x02, {1, 3, 0, 0},
+           {0x00, 0x11, 10, 1, 2, 3}}}},
         {"set in progress and commit", {{kTransport, 0x01, {1, 0, 1}, {0x00}}, {kTransport, 0x01, {1, 0, 1}, {0x81}},
           {kTransport, 0x01, {1, 3, 10, 1, 2, 99}, {0x00}},
           {kTransport, 0x02, {1, 3, 0, 0}, {0x00, 0x11, 10, 1, 2, 3}}, // not yet committed

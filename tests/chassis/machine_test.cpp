@@ -136,7 +136,8 @@ TEST_F(Cli, ChangesAreSeenByTheNextCommandAndTheBanner)
     steps({
         // clang-format off
         {{"power", "off"}, 0, "Chassis Power Control: Down/Off\n"}, {{"power", "status"}, 0, "Chassis Power is off\n"},
-        {{"power", "cycle"}, 1, "the controller refused power cycle"}, {{"power", "on"}, 0, "Chassis Power Control: Up/On\n"},
+        {{"power", "cycle"}, 1, "the controller refused power cycle"}, {{"power", "on"}, 0,
+         "Chassis Power Control: Up/On\n"},
         {{"power", "soft"}, 0, "Chassis Power Control: Soft\n"}, {{"power"}, 0, "Chassis Power is off\n"},
         {{"led", "identify", "on"}, 0, "Identify LED on\n"},
         {{"led", "status"}, 0, "Identify LED  : on\nSystem status : OK (error LED 0)\n"},
@@ -144,9 +145,11 @@ TEST_F(Cli, ChangesAreSeenByTheNextCommandAndTheBanner)
         {{"lan", "set", "mac", "02:AA:bb:cc:dd:0e"}, 0, "Set mac to 02:AA:bb:cc:dd:0e\n"},
         {{"lan", "set", "source", "dhcp"}, 0, "Set source to dhcp\n"},
         {{"lan"}, 0, "Channel            : 1\nIP Address Source  : dhcp\nIP Address         : 10.20.30.77\n"
-                     "Subnet Mask        : 255.255.255.0\nMAC Address        : 02:aa:bb:cc:dd:0e\nDefault Gateway IP : 10.20.30.1\n"},
+                     "Subnet Mask        : 255.255.255.0\nMAC Address        : 02:aa:bb:cc:dd:0e\n"
+                     "Default Gateway IP : 10.20.30.1\n"},
         {{"lan", "set", "mac", "01:00:5e:00:00:01"}, 1, "the controller refused the mac setting"},
-        {{"config", "set", "0x0201", "0", "web-07"}, 0, "Written 6 bytes.\n"}, {{"config", "get", "0x0201"}, 0, "web-07\n"},
+        {{"config", "set", "0x0201", "0", "web-07"}, 0, "Written 6 bytes.\n"}, {{"config", "get", "0x0201"}, 0,
+         "web-07\n"},
         {{"config", "set", "--hex", "0x0072", "2", "2c", "01"}, 0, "Written 2 bytes.\n"},
         {{"config", "get", "--hex", "0x0072", "2"}, 0, "2c 01\n"},
         {{"config", "get", "0x0201", "3"}, 1, "cannot read variable 0x0201 index 3"},
@@ -183,8 +186,10 @@ TEST_F(Cli, BadArgumentsExitTwo)
         {{"lan", "set", "ip", "10.20.30.400"}, "invalid IPv4 address \"10.20.30.400\""},
         {{"lan", "set", "mac", "02:00:00:00:00:0g"}, "invalid MAC"}, {{"lan", "set", "ip"}, "usage: tvxctl lan"},
         {{"lan", "set", "source", "manual"}, "invalid address source \"manual\""},
-        {{"power", "sideways"}, "unknown power action \"sideways\""}, {{"led", "identify", "blink"}, "usage: tvxctl led"},
-        {{"config", "get", "0x10000"}, "invalid variable ID"}, {{"config", "set", "0x0201", "256", "x"}, "invalid index \"256\""},
+        {{"power", "sideways"}, "unknown power action \"sideways\""}, {{"led", "identify", "blink"},
+         "usage: tvxctl led"},
+        {{"config", "get", "0x10000"}, "invalid variable ID"}, {{"config", "set", "0x0201", "256", "x"},
+         "invalid index \"256\""},
         {{"config", "set", "0x0201", "0", std::string(251, 'x')}, "at most 250 bytes"},
         {{"console-log", "pause"}, "unknown console-log action \"pause\""},
         // clang-format on

@@ -138,8 +138,9 @@ TEST_F(SelCommands, StateIsKeptForTheNextControllerAndABrokenOneIsNamed)
     const std::size_t initial = profile_["sel"]["records"].size();
     EXPECT_EQ(le32(storage(kGetTime), 1), kFixedNow);
     EXPECT_EQ(storage(kGetUtc), (Bytes{0x00, 0xC4, 0xFF})); // -60 minutes
-    EXPECT_EQ(storage(kSetTime, {0x78, 0x56, 0x34, 0x12}), Bytes{0x00});
+    // The offset first: the time must be kept by its own request, not by a later one.
     EXPECT_EQ(storage(kSetUtc, {0xFF, 0x07}), Bytes{0x00});
+    EXPECT_EQ(storage(kSetTime, {0x78, 0x56, 0x34, 0x12}), Bytes{0x00});
     auto running = std::move(ctl_);
     start(); // another program on the same machine
     EXPECT_EQ(le32(storage(kGetTime), 1), 0x12345678u);

@@ -101,11 +101,14 @@ TEST_F(SelText, TextChunks)
         {"empty chunk ends the text", {{0, 0, chunkAnswer(10, 0, "")}}, "", ""},
         {"declared empty, text sent", {{0, 0, chunkAnswer(0, 3, "abc")}}, "", ""},
         {"no terminator, longer than declared", {{0, 0, chunkAnswer(3, 5, "hello", false)}}, "hel", ""},
-        {"no terminator in a middle chunk", {{0, 0, chunkAnswer(8, 4, "abcd", false)}, {4, 0, chunkAnswer(8, 4, "efgh")}},
+        {"no terminator in a middle chunk",
+         {{0, 0, chunkAnswer(8, 4, "abcd", false)}, {4, 0, chunkAnswer(8, 4, "efgh")}},
          "abcdefgh", ""},
-        {"later chunk runs past the declared size", {{0, 0, chunkAnswer(6, 4, "abcd")}, {4, 0, chunkAnswer(6, 4, "efgh")}},
+        {"later chunk runs past the declared size",
+         {{0, 0, chunkAnswer(6, 4, "abcd")}, {4, 0, chunkAnswer(6, 4, "efgh")}},
          "abcdef", ""},
-        {"later chunk refused", {{0, 0, chunkAnswer(10, 4, "abcd")}, {4, 0x01C9, {0xC9}}}, "abcd", kFailed + "0xc901\n"},
+        {"later chunk refused", {{0, 0, chunkAnswer(10, 4, "abcd")}, {4, 0x01C9, {0xC9}}}, "abcd",
+         kFailed + "0xc901\n"},
         {"first chunk not answered", {{0, LIBIPMI_STATUS_TRANSPORT, {}}}, nullptr, kFailed + "0x400\n"},
         // clang-format on
     };

@@ -328,19 +328,6 @@ TEST(ComponentStatus, AnswersTheProfilesComponents)
     }
 }
 
-json validProfile()
-{
-    json doc = baseProfile();
-    doc["sdr"] = {{"allocation_unit_size", 16}};
-    doc["sensors"] = json::parse(R"([
-      {"record": "full", "number": 1, "entity": 3, "instance": 1, "type": 1, "event_reading_type": 1,
-       "name": "CPU1 Temp", "reading": 40, "thresholds": {"lnc": 20, "unc": 80}},
-      {"record": "compact", "number": 2, "entity": 3, "instance": 1, "type": 7, "event_reading_type": "0x6F",
-       "name": "CPU1 Status", "state": 2}])");
-    doc["fru_locators"] = json::parse(R"([{"name": "System Board", "fru_id": 0, "entity": 7, "instance": 1}])");
-    return doc;
-}
-
 TEST(SdrProfile, BadValuesNameFilePointerAndProblem)
 {
     const struct {
@@ -351,13 +338,13 @@ TEST(SdrProfile, BadValuesNameFilePointerAndProblem)
         {"/sensors/0/colour", "red", "/sensors/0/colour: unknown key \"colour\""},
         {"/sensors/0/name", 5, "/sensors/0/name: expected a string"},
         {"/sensors/0/number", 255, "/sensors/0/number: expected an integer from 0 to 254"},
-        {"/sensors/0/thresholds/unc", 10, "/sensors/0/thresholds/unc: unc (10) must lie above lnc (20)"},
-        {"/sensors/1/m", 2, "/sensors/1/m: \"m\" belongs to full sensor records only"},
+        {"/sensors/0/thresholds/unc", 10, "/sensors/0/thresholds/unc: unc (10) must lie above lnc (30)"},
+        {"/sensors/5/m", 2, "/sensors/5/m: \"m\" belongs to full sensor records only"},
         {"/sensors/1/number", 1, "/sensors/1/number: sensor number 0x01 on LUN 0 is already used by /sensors/0"},
-        {"/sdr/allocation_units", 5, "/sdr/allocation_units: the records take 9 allocation units, more than the 5"},
+        {"/sdr/allocation_units", 5, "/sdr/allocation_units: the records take 32 allocation units, more than the 5"},
     };
     for (const auto &k : cases) {
-        json doc = validProfile();
+        json doc = sensorProfile();
         doc[json::json_pointer(k.pointer)] = k.value;
         std::string error = "(accepted)";
         try {

@@ -1,9 +1,10 @@
 // The login banner, the partitionable server's short box, and the system-board number that
-// chooses between them. The board number is determined once per process: each test that
-// relies on its first determination needs a process of its own.
+// chooses between them by the controller's LAN address. The board number is determined once
+// per process: each address is tried in a process of its own.
+#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <functional>
 #include <regex>
 
 #include "scripted.h"
@@ -14,25 +15,6 @@ using namespace testing::internal;
 
 constexpr uint16_t kTimeout = LIBIPMI_STATUS_TIMEOUT;
 
-// Whether a test of this process has already let the board number be determined.
-bool gBoardAsked = false;
-
-// For tests that need the board number still undetermined: true when this process is fresh;
-// otherwise the test is run in a new process of this program, and false is returned.
-bool freshBoardNumber()
-{
-    if (!gBoardAsked) {
-        gBoardAsked = true;
-        return true;
-    }
-    const testing::TestInfo *info = testing::UnitTest::GetInstance()->current_test_info();
-    char self[4096] = {};
-    EXPECT_GT(readlink("/proc/self/exe", self, sizeof self - 1), 0);
-    std::string command = std::string("'") + self + "' --gtest_filter=" + info->test_suite_name() + "." + info->name();
-    EXPECT_EQ(std::system(command.c_str()), 0) << command;
-    return false;
-}
-
 using BannerTest = ScriptTest;
 
 // One configuration-space variable as the controller answers it.
@@ -41,10 +23,7 @@ struct Var {
     Bytes answer;
 };
 
-Var textVar(const std::string &t)
-{
-    return {0, oemAnswer(cat({{static_cast<uint8_t>(t.size())}, text(t)}))};
-}
+Var textVar(const std::string &t) { return {0, oemAnswer(cat({{static_cast<uint8_t>(t.size())}, text(t)}))}; }
 const Var kEmpty = {0, oemAnswer({0x00})};
 const Var kAbsent = {0, oemAnswer({}, 0xCB)};
 const Var kNoAnswer = {kTimeout, {}};
@@ -74,9 +53,11 @@ void expectDeviceId(const Controller &c)
     else expectRequest(0x18, 0x01, {}, 0, c.deviceId);
 }
 
-// The controller's LAN address, read from LAN channel 1.
+// The controller's LAN address, read from LAN channel 1; none: no channel answers.
 void expectAddress(const Bytes &address)
 {
+    for (uint8_t ch = 1; address.empty() && ch <= 15; ++ch) expectRequest(0x18, 0x42, {ch}, 0x01CC, {0xCC});
+    if (address.empty()) return;
     expectRequest(0x18, 0x42, {0x01}, 0, {0x00, 0x01, 0x04, 0x01, 0x80, 0xD9, 0x7E, 0x00, 0x00, 0x00});
     expectRequest(0x30, 0x02, {0x01, 0x03, 0x00, 0x00}, 0, cat({{0x00, 0x11}, address}));
 }
@@ -122,9 +103,17 @@ testing::AssertionResult sameOutput(const std::string &actual, const std::string
     return testing::AssertionFailure() << "output was:\n[" << actual << "]\nexpected:\n[" << expected << "]";
 }
 
-const Controller kFull = {deviceId(0x01, 0x23, {0x02, 0x05, 0x00, 'a'}), textVar("R1.12.0"), textVar("1.75.32 2024-03-11"),
-                          textVar("RX2540 M7"), textVar("YM3K004711"), textVar("build-host-07"), textVar("Debian 12"), 1, 1,
-                          true, textVar("INV-0042")};
+const Controller kFull = {deviceId(0x01, 0x23, {0x02, 0x05, 0x00, 'a'}),
+                          textVar("R1.12.0"),
+                          textVar("1.75.32 2024-03-11"),
+                          textVar("RX2540 M7"),
+                          textVar("YM3K004711"),
+                          textVar("build-host-07"),
+                          textVar("Debian 12"),
+                          1,
+                          1,
+                          true,
+                          textVar("INV-0042")};
 
 const std::string kStars = "**************************************************\r\n";
 const std::string kWelcome = "*    Welcome to TALVIREN Remote Manager          *\r\n";
@@ -154,179 +143,134 @@ const std::string kFullShortBox = kShortTop +
 
 const std::string kDeviceIdFailed = "\nipmihelpers.cpp:{line} (ipmiGetDeviceId) Failed to send ipmi raw command.\n";
 
-TEST_F(BannerTest, Address127_1_2_1IsBoard0)
+// Runs f in a child process, where the board number is still undetermined; its failures are
+// reported there and make its exit status.
+void inFreshProcess(const std::function<void()> &f)
 {
-    if (!freshBoardNumber()) return;
-    IpmiSession *s = open();
-    // Without a session: 255, nothing asked, nothing remembered.
-    EXPECT_EQ(ipmiGetSbNumber(nullptr), 255u);
-    EXPECT_EQ(ipmiGetSbSlaveAddr(nullptr), 0x20);
-    EXPECT_EQ(ipmiIsKVSystem(nullptr), 0);
-    EXPECT_TRUE(rawSince(0).empty());
-
-    size_t from = ipmihost_script_call_count();
-    expectAddress({127, 1, 2, 1});
-    EXPECT_EQ(ipmiGetSbNumber(s), 0u);
-    expectSent(s, from, {{0x18, 0x42, {0x01}}, {0x30, 0x02, {0x01, 0x03, 0x00, 0x00}}});
-
-    from = ipmihost_script_call_count();
-    EXPECT_EQ(ipmiGetSbSlaveAddr(s), 0xC0);
-    EXPECT_EQ(ipmiIsKVSystem(s), 1);
-    EXPECT_EQ(ipmiGetSbNumber(nullptr), 255u);
-    EXPECT_EQ(ipmiGetSbNumber(s), 0u);
-    IpmiSession *other = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
-    ASSERT_NE(other, nullptr);
-    EXPECT_EQ(ipmiGetSbNumber(other), 0u);
-    EXPECT_EQ(ipmiGetSbSlaveAddr(other), 0xC0);
-    ipmiHelperCloseSession(&other);
-    EXPECT_TRUE(rawSince(from).empty()) << "the board number is asked once per process";
-
-    expectShort(kFull);
-    CaptureStdout();
-    int result = ipmiPrintLoginHeader(s);
-    EXPECT_TRUE(sameOutput(GetCapturedStdout(), kFullShortBox));
-    EXPECT_GE(result, 0);
+    std::fflush(stdout);
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        const testing::TestResult *result = testing::UnitTest::GetInstance()->current_test_info()->result();
+        int before = result->total_part_count();
+        f();
+        std::fflush(stdout);
+        _exit(result->total_part_count() == before ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the child process failed";
 }
 
-TEST_F(BannerTest, Address127_1_2_4IsBoard3)
+struct Banner {
+    Controller controller;
+    std::string out, err;
+};
+
+TEST_F(BannerTest, AddressChoosesBoardAndBox)
 {
-    if (!freshBoardNumber()) return;
-    IpmiSession *s = open();
-    // The banner itself determines the board and then shows the short box.
-    Controller c = kFull;
-    c.deviceId = deviceId(0x02, 0x10, {0x03, 0x07, 0x00, 0x00});
-    c.build = kAbsent;
-    expectAddress({127, 1, 2, 4});
-    expectShort(c);
-    CaptureStdout();
-    EXPECT_GE(ipmiPrintLoginHeader(s), 0);
-    // The fourth auxiliary byte 0 is written as it is.
-    const std::string revision("*  Firmware Revision 3.7\0 (2.16)          *\n", 44);
-    EXPECT_TRUE(sameOutput(GetCapturedStdout(),
-                           kShortTop + revision + "*  Firmware built {stamp}     *\r\n" + kShortBottom));
-
-    size_t from = ipmihost_script_call_count();
-    EXPECT_EQ(ipmiGetSbNumber(s), 3u);
-    EXPECT_EQ(ipmiGetSbSlaveAddr(s), 0xC6);
-    EXPECT_EQ(ipmiIsKVSystem(s), 1);
-    EXPECT_TRUE(rawSince(from).empty());
-}
-
-TEST_F(BannerTest, Address127_1_2_0IsStandard)
-{
-    if (!freshBoardNumber()) return;
-    IpmiSession *s = open();
-    expectAddress({127, 1, 2, 0});
-    expectStandard(kFull);
-    CaptureStdout();
-    EXPECT_GE(ipmiPrintLoginHeader(s), 0);
-    EXPECT_TRUE(sameOutput(GetCapturedStdout(), kFullBanner));
-
-    size_t from = ipmihost_script_call_count();
-    EXPECT_EQ(ipmiGetSbNumber(s), 255u);
-    EXPECT_EQ(ipmiGetSbSlaveAddr(s), 0x20);
-    EXPECT_EQ(ipmiIsKVSystem(s), 0);
-    EXPECT_TRUE(rawSince(from).empty());
-}
-
-TEST_F(BannerTest, UnreadableAddressStaysStandard)
-{
-    if (!freshBoardNumber()) return;
-    IpmiSession *s = open();
-    for (uint8_t ch = 1; ch <= 15; ++ch) expectRequest(0x18, 0x42, {ch}, 0x01CC, {0xCC});
-    EXPECT_EQ(ipmiIsKVSystem(s), 0);
-    EXPECT_EQ(rawSince(0).size(), 15u);
-
-    // Even a controller that would now answer 127.1.2.1 is not asked again.
-    IpmiSession *other = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
-    ASSERT_NE(other, nullptr);
-    EXPECT_EQ(ipmiGetSbNumber(other), 255u);
-    EXPECT_EQ(ipmiGetSbSlaveAddr(other), 0x20);
-    ipmiHelperCloseSession(&other);
-    EXPECT_EQ(rawSince(0).size(), 15u);
-}
-
-TEST_F(BannerTest, Address127_1_2_5IsStandardAndItsBanners)
-{
-    if (!freshBoardNumber()) return;
-    IpmiSession *s = open();
-    expectAddress({127, 1, 2, 5});
-    EXPECT_EQ(ipmiGetSbSlaveAddr(s), 0x20);
-    EXPECT_EQ(ipmiGetSbNumber(s), 255u);
-    EXPECT_EQ(ipmiIsKVSystem(s), 0);
-    EXPECT_EQ(rawSince(0).size(), 2u);
-
     const std::string name250(250, 'n');
-    const struct {
-        const char *what;
-        Controller controller;
-        std::string out;
-        std::string err;
-    } cases[] = {
-        {"all values", kFull, kFullBanner, ""},
-        {"nothing configured",
-         {{}, kEmpty, kAbsent, kEmpty, kAbsent, kNoAnswer, kEmpty, 0, 0, false, kAbsent},
+    const Controller kNothing = {{}, kEmpty, kAbsent, kEmpty, kAbsent, kNoAnswer, kEmpty, 0, 0, false, kAbsent};
+    // clang-format off
+    const Controller kLong = {deviceId(0x02, 0x10, {0x03, 0x07, 0x00, 0x00}),
+     textVar("ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789abcd"),
+                              textVar("0123456789abcdefghijklmnopqrstuvwxyzABCD"), textVar("T"), textVar("I"),
+                               textVar(name250),
+                              textVar("O"), 3, 0, true, textVar("A")};
+    const Controller kCritical = {deviceId(0xFF, 0x99, {0xFF, 0xFF, 0x00, 'z'}), textVar("X"), textVar("Y"), kAbsent,
+     kAbsent,
+                                  kAbsent, kAbsent, 2, 1, false, kEmpty};
+    // clang-format on
+    Controller board3 = kFull;
+    board3.deviceId = deviceId(0x02, 0x10, {0x03, 0x07, 0x00, 0x00});
+    board3.build = kAbsent;
+    const std::vector<Banner> standard = {
+        {kFull, kFullBanner, ""},
+        {kNothing,
          kStars + kWelcome +
              "*    Firmware Revision 0.00                      *\n"
              "*    SDR info is not available                   *\n"
              "*    Firmware built {stamp}         *\r\n" +
              kStars +
-             "\nSystem Type  : Unknown"
-             "\nSystem ID    : Unknown"
-             "\nSystem Name  : Unknown"
-             "\nSystem OS    : Unknown"
-             "\nSystem Status: OK (Identify LED is OFF)"
-             "\nPower Status : Off"
-             "\nAsset Tag    : Unknown\r\n\r\n",
+             "\nSystem Type  : Unknown\nSystem ID    : Unknown\nSystem Name  : Unknown\nSystem OS    : Unknown"
+             "\nSystem Status: OK (Identify LED is OFF)\nPower Status : Off\nAsset Tag    : Unknown\r\n\r\n",
          kDeviceIdFailed + "ipmihelpers.cpp:{line}: error code = 3\n"},
-        {"long texts, unknown error LED",
-         {deviceId(0x02, 0x10, {0x03, 0x07, 0x00, 0x00}), textVar("ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789abcd"),
-          textVar("0123456789abcdefghijklmnopqrstuvwxyzABCD"), textVar("T"), textVar("I"), textVar(name250), textVar("O"), 3, 0,
-          true, textVar("A")},
+        {kLong,
          kStars + kWelcome +
              "*    Firmware Revision 3.07                      *\n"
              "*    SDR ABCDEFGHIJKLMNOPQRSTUVWXYZ0123          *\n"
              "*    Firmware built 0123456789abcdefghijklmno    *\r\n" +
-             kStars +
-             "\nSystem Type  : T"
-             "\nSystem ID    : I"
-             "\nSystem Name  : " +
-             name250 +
-             "\nSystem OS    : O"
-             "\nSystem Status:  (Identify LED is OFF)"
-             "\nPower Status : On"
-             "\nAsset Tag    : A\r\n\r\n",
+             kStars + "\nSystem Type  : T\nSystem ID    : I\nSystem Name  : " + name250 +
+             "\nSystem OS    : O\nSystem Status:  (Identify LED is OFF)\nPower Status : On\nAsset Tag    : A\r\n\r\n",
          ""},
-        {"critical, short texts",
-         {deviceId(0xFF, 0x99, {0xFF, 0xFF, 0x00, 'z'}), textVar("X"), textVar("Y"), kAbsent, kAbsent, kAbsent, kAbsent, 2,
-          1, false, kEmpty},
+        {kCritical,
          kStars + kWelcome +
              "*    Firmware Revision 255.255z (FF.153)         *\n"
              "*    SDR X                                       *\n"
              "*    Firmware built                         Y    *\r\n" +
              kStars +
-             "\nSystem Type  : Unknown"
-             "\nSystem ID    : Unknown"
-             "\nSystem Name  : Unknown"
-             "\nSystem OS    : Unknown"
-             "\nSystem Status: CRITICAL (Identify LED is ON)"
-             "\nPower Status : Off"
-             "\nAsset Tag    : Unknown\r\n\r\n",
-         ""},
+             "\nSystem Type  : Unknown\nSystem ID    : Unknown\nSystem Name  : Unknown\nSystem OS    : Unknown"
+             "\nSystem Status: CRITICAL (Identify LED is ON)\nPower Status : Off\nAsset Tag    : Unknown\r\n\r\n",
+         ""}};
+    const struct {
+        Bytes address; // empty: no LAN channel answers
+        bool bannerFirst;
+        unsigned board;
+        int slave;
+        std::vector<Banner> banners; // a standard server shows the full banner, a board the short box
+    } cases[] = {
+        {{127, 1, 2, 1}, false, 0, 0xC0, {{kFull, kFullShortBox, ""}}},
+        // The banner itself determines the board; the fourth auxiliary byte 0 is written as it is.
+        {{127, 1, 2, 4},
+         true,
+         3,
+         0xC6,
+         {{board3,
+           kShortTop + std::string("*  Firmware Revision 3.7\0 (2.16)          *\n", 44) +
+               "*  Firmware built {stamp}     *\r\n" + kShortBottom,
+           ""}}},
+        {{127, 1, 2, 0}, true, 255, 0x20, {{kFull, kFullBanner, ""}}},
+        {{127, 1, 2, 5}, false, 255, 0x20, standard},
+        {{127, 1, 3, 1}, false, 255, 0x20, {}},
+        {{}, false, 255, 0x20, {}},
     };
     for (const auto &c : cases) {
-        size_t from = ipmihost_script_call_count();
-        expectStandard(c.controller);
-        CaptureStderr();
-        CaptureStdout();
-        int result = ipmiPrintLoginHeader(s);
-        std::string out = GetCapturedStdout();
-        std::string err = GetCapturedStderr();
-        EXPECT_GE(result, 0) << c.what;
-        EXPECT_TRUE(sameOutput(out, c.out)) << c.what;
-        EXPECT_DIAG(err, c.err) << c.what;
-        EXPECT_EQ(rawSince(from).size(), 11u) << c.what;
-        EXPECT_EQ(ipmihost_script_pending(), 0u) << c.what;
+        SCOPED_TRACE(testing::PrintToString(c.address));
+        inFreshProcess([&] {
+            IpmiSession *s = open();
+            // Without a session: 255, nothing asked, nothing remembered.
+            EXPECT_EQ(ipmiGetSbNumber(nullptr), 255u);
+            EXPECT_EQ(ipmiGetSbSlaveAddr(nullptr), 0x20);
+            expectAddress(c.address);
+            auto numbers = [&](IpmiSession *on) {
+                EXPECT_EQ(ipmiGetSbNumber(on), c.board);
+                EXPECT_EQ(ipmiGetSbSlaveAddr(on), c.slave);
+                EXPECT_EQ(ipmiIsKVSystem(on), c.board != 255);
+            };
+            size_t from = 0; // the address is asked for with the numbers or with the first banner
+            if (!c.bannerFirst) numbers(s), from = ipmihost_script_call_count();
+            for (const Banner &b : c.banners) {
+                c.board == 255 ? expectStandard(b.controller) : expectShort(b.controller);
+                std::string out, err = stderrOf([&] {
+                                     CaptureStdout();
+                                     EXPECT_GE(ipmiPrintLoginHeader(s), 0);
+                                     out = GetCapturedStdout();
+                                 });
+                EXPECT_TRUE(sameOutput(out, b.out));
+                EXPECT_DIAG(err, b.err);
+                EXPECT_EQ(rawSince(from).size(), (c.board == 255 ? 11u : 2u) + (from ? 0 : 2));
+                from = ipmihost_script_call_count();
+            }
+            // The board number is asked once per process, whatever the session.
+            from = ipmihost_script_call_count();
+            IpmiSession *other = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
+            numbers(other);
+            numbers(s);
+            ipmiHelperCloseSession(&other);
+            EXPECT_TRUE(rawSince(from).empty());
+            EXPECT_EQ(ipmihost_script_pending(), 0u);
+            EXPECT_EQ(ipmihost_script_mismatches(), 0u) << ipmihost_script_last_mismatch();
+        });
     }
 }
 
@@ -348,21 +292,18 @@ TEST_F(BannerTest, ShortBoxOnItsOwn)
          kShortTop + std::string("*  Firmware Revision 0.0\0 (0.00)          *\n", 44) +
              "*  Firmware built {stamp}     *\r\n" + kShortBottom,
          kDeviceIdFailed},
-        {"wide numbers, build text unanswered",
-         deviceId(0x8A, 0x05, {0x0C, 0x64, 0x00, 'b'}),
-         kNoAnswer,
+        {"wide numbers, build text unanswered", deviceId(0x8A, 0x05, {0x0C, 0x64, 0x00, 'b'}), kNoAnswer,
          kShortTop + "*  Firmware Revision 12.100b (8A.05)          *\n" + "*  Firmware built {stamp}     *\r\n" +
              kShortBottom,
          "ipmihelpers.cpp:{line}: error code = 3\n"},
     };
     for (const auto &c : cases) {
         expectShort({c.deviceId, {}, c.build, {}, {}, {}, {}, 0, 0, false, {}});
-        CaptureStderr();
-        CaptureStdout();
-        int result = KV_rmMenu(s);
-        std::string out = GetCapturedStdout();
-        std::string err = GetCapturedStderr();
-        EXPECT_GE(result, 0) << c.what;
+        std::string out, err = stderrOf([&] {
+                             CaptureStdout();
+                             EXPECT_GE(KV_rmMenu(s), 0);
+                             out = GetCapturedStdout();
+                         });
         EXPECT_TRUE(sameOutput(out, c.out)) << c.what;
         EXPECT_DIAG(err, c.err) << c.what;
     }

@@ -51,7 +51,10 @@ Record makeFullRecord(const Factors &f, std::mt19937 &rng)
     return r;
 }
 
-int inRange(std::mt19937 &rng, int lo, int hi) { return lo + static_cast<int>(rng() % static_cast<unsigned>(hi - lo + 1)); }
+int inRange(std::mt19937 &rng, int lo, int hi)
+{
+    return lo + static_cast<int>(rng() % static_cast<unsigned>(hi - lo + 1));
+}
 
 class ConvertReading : public ::testing::Test {
 protected:
@@ -75,15 +78,19 @@ TEST_F(ConvertReading, AgreesWithFreeIpmiOnEveryRawValue)
             for (int i = 0; i < kRecordsPerKind; ++i) {
                 // Exponentials overflow quickly: keep some of their records small enough to compare.
                 const bool small = (lin == 4 || lin == 5 || lin == 6) && i % 2 == 0;
-                Factors f{inRange(rng, -512, 511), inRange(rng, -512, 511), inRange(rng, -8, 7), inRange(rng, -8, 7),
-                          format, lin};
+                Factors f{inRange(rng, -512, 511),
+                          inRange(rng, -512, 511),
+                          inRange(rng, -8, 7),
+                          inRange(rng, -8, 7),
+                          format,
+                          lin};
                 if (small) {
                     f.m = inRange(rng, -8, 8);
                     f.b = inRange(rng, -20, 20);
                     f.k1 = inRange(rng, -2, 0);
                     f.k2 = inRange(rng, -3, -1);
                 }
-                sawNegativeM |= f.m < 0, sawPositiveM |= f.m > 0, sawNegativeB |= f.b < 0, sawPositiveB |= f.b > 0;
+                sawNegativeM |= f.m<0, sawPositiveM |= f.m> 0, sawNegativeB |= f.b<0, sawPositiveB |= f.b> 0;
                 Record rec = makeFullRecord(f, rng);
 
                 int8_t rExp = 0, bExp = 0;
@@ -117,9 +124,9 @@ TEST_F(ConvertReading, AgreesWithFreeIpmiOnEveryRawValue)
                     // reciprocal of zero (which FreeIPMI reports as 0).
                     bool representable = std::isfinite(reference) && std::fabs(reference) <= FLT_MAX &&
                                          !(lin == kInverse && reference == 0.0);
-                    SCOPED_TRACE(::testing::Message() << "format " << int(format) << " lin " << int(lin) << " M " << f.m
-                                                      << " B " << f.b << " K1 " << f.k1 << " K2 " << f.k2 << " raw "
-                                                      << raw << " reference " << reference);
+                    SCOPED_TRACE(::testing::Message()
+                                 << "format " << int(format) << " lin " << int(lin) << " M " << f.m << " B " << f.b
+                                 << " K1 " << f.k1 << " K2 " << f.k2 << " raw " << raw << " reference " << reference);
                     if (!representable) {
                         ASSERT_NE(rc, 0);
                         ASSERT_EQ(value, kUnchanged);
@@ -146,29 +153,18 @@ TEST_F(ConvertReading, RecordsWithoutAConvertibleReadingFailAndLeaveTheValue)
 {
     std::mt19937 rng(7u);
     auto with = [&](uint8_t format, uint8_t lin) { return makeFullRecord({10, -3, 1, -1, format, lin}, rng); };
-    struct Case {
-        const char *name;
-        Record rec;
-    };
-    std::vector<Case> cases;
-    for (uint8_t lin = 0; lin <= 11; ++lin) cases.push_back({"no analog reading", with(3, lin)});
-    for (uint8_t lin = 0x70; lin <= 0x7F; ++lin) cases.push_back({"OEM non-linear", with(0, lin)});
-    for (uint8_t lin : {12, 0x3F, 0x6F}) cases.push_back({"unknown linearization", with(2, lin)});
-    Record compact = with(0, 0);
-    compact[3] = 0x02;
-    cases.push_back({"compact sensor record", compact});
-    Record eventOnly = with(0, 0);
-    eventOnly[3] = 0x03;
-    cases.push_back({"event-only record", eventOnly});
-    Record tooShort = with(0, 0);
-    tooShort[4] = 24; // ends before the exponents
-    cases.push_back({"record ends before its factors", tooShort});
-
-    for (const Case &c : cases) {
-        SCOPED_TRACE(::testing::Message() << c.name << " lin " << int(c.rec[23] & 0x7F));
-        for (unsigned raw : {0u, 1u, 0x7Fu, 0x80u, 0xFFu}) {
+    std::vector<Record> cases;
+    for (uint8_t lin = 0; lin <= 11; ++lin) cases.push_back(with(3, lin));          // no analog reading
+    for (uint8_t lin : {0x70, 0x7F, 12, 0x3F, 0x6F}) cases.push_back(with(2, lin)); // OEM non-linear, unknown
+    // A compact or event-only record, and one that ends before its factors.
+    for (auto [at, byte] : {std::pair{3, 0x02}, {3, 0x03}, {4, 24}})
+        cases.push_back(with(0, 0)), cases.back()[at] = uint8_t(byte);
+    for (Record &rec : cases) {
+        SCOPED_TRACE(::testing::Message()
+                     << "type " << int(rec[3]) << " length " << int(rec[4]) << " lin " << int(rec[23] & 0x7F));
+        for (unsigned raw : {0u, 0x7Fu, 0x80u, 0xFFu}) {
             float value = kUnchanged;
-            EXPECT_NE(ipmi_convert_reading(const_cast<uint8_t *>(c.rec.data()), static_cast<uint8_t>(raw), &value), 0);
+            EXPECT_NE(ipmi_convert_reading(rec.data(), static_cast<uint8_t>(raw), &value), 0);
             EXPECT_EQ(value, kUnchanged);
         }
     }

@@ -32,7 +32,10 @@ inline Bytes selInfo(uint16_t entries, uint32_t addTime = 0, uint32_t eraseTime 
 {
     return cat({{0x00, 0x51}, le16(entries), le16(0x0800), le32(addTime), le32(eraseTime), {0x02}});
 }
-inline void expectCount(uint16_t n, uint16_t status = 0) { expect(kStorage, 0x40, {}, status, status ? Bytes{} : selInfo(n)); }
+inline void expectCount(uint16_t n, uint16_t status = 0)
+{
+    expect(kStorage, 0x40, {}, status, status ? Bytes{} : selInfo(n));
+}
 // One step of the walk: Get SEL Entry of a whole record, no reservation.
 inline void expectEntry(uint16_t id, uint16_t next, const Bytes &record)
 {

@@ -462,11 +462,3 @@ TEST(RealPeer, TvxctlNeverShowsThePassword)
     EXPECT_EQ(fromEnv.exitCode, 0) << fromEnv.err;
     EXPECT_NE(fromEnv.out.find("Product ID"), std::string::npos) << fromEnv.out;
 }
-
-TEST(RealPeer, TvxctlHelpDocumentsLanTargets)
-{
-    Outcome help = tvxctl(nullptr, {"--help"});
-    EXPECT_EQ(help.exitCode, 0);
-    EXPECT_NE(help.out.find("lan://"), std::string::npos) << help.out;
-    EXPECT_NE(help.out.find("TVX_IPMI_PASSWORD"), std::string::npos) << help.out;
-}

@@ -33,16 +33,19 @@ bool query()
 
 } // namespace
 
-TEST(RealPeerPool, SessionsInARowShareOneConnection)
+TEST(RealPeerPool, SessionsInARowShareOneConnectionUnlessThePoolIsOff)
 {
     auto &peer = defaultPeer();
-    ASSERT_EQ(ipmihost_select_target(peer.target().c_str(), nullptr), 0);
-    for (int i = 0; i < 5; ++i) ASSERT_TRUE(query()) << ipmihost_last_error();
-    auto st = stats();
-    EXPECT_EQ(st.handshakes, 1u);
-    EXPECT_EQ(st.requests, 5u);
-    EXPECT_EQ(st.reuses, 5u);
-    EXPECT_EQ(st.idle, 1u);
+    for (bool pooled : {false, true}) {
+        SCOPED_TRACE(pooled ? "pool" : "pool=0");
+        ASSERT_EQ(ipmihost_select_target(peer.target(pooled ? "" : "&pool=0").c_str(), nullptr), 0);
+        for (int i = 0; i < 5; ++i) ASSERT_TRUE(query()) << ipmihost_last_error();
+        auto st = stats();
+        EXPECT_EQ(st.handshakes, pooled ? 1u : 5u);
+        EXPECT_EQ(st.requests, 5u);
+        EXPECT_EQ(st.reuses, pooled ? 5u : 0u);
+        EXPECT_EQ(st.idle, pooled ? 1u : 0u);
+    }
     {
         // Sessions open at the same time still need one connection: it is borrowed per
         // request, not held by a session.
@@ -58,19 +61,6 @@ TEST(RealPeerPool, SessionsInARowShareOneConnection)
     EXPECT_EQ(stats().idle, 0u);
     ASSERT_TRUE(query());
     EXPECT_EQ(stats().handshakes, 2u);
-    ipmihost_select_default();
-}
-
-TEST(RealPeerPool, WithoutThePoolEverySessionHandshakes)
-{
-    auto &peer = defaultPeer();
-    ASSERT_EQ(ipmihost_select_target(peer.target("&pool=0").c_str(), nullptr), 0);
-    for (int i = 0; i < 5; ++i) ASSERT_TRUE(query()) << ipmihost_last_error();
-    auto st = stats();
-    EXPECT_EQ(st.handshakes, 5u);
-    EXPECT_EQ(st.requests, 5u);
-    EXPECT_EQ(st.reuses, 0u);
-    EXPECT_EQ(st.idle, 0u);
     ipmihost_select_default();
 }
 

@@ -123,8 +123,10 @@ Outcome tvxctl(const tvxsim::ipmisim::Peer *peer, const std::vector<std::string>
 Outcome ipmitool(const tvxsim::ipmisim::Peer &peer, const std::vector<std::string> &args)
 {
     const auto &u = peer.options().users.front();
-    std::vector<std::string> argv = {"ipmitool", "-I", "lanplus", "-H", "127.0.0.1", "-p", std::to_string(peer.port()),
-                                     "-U", u.name, "-P", u.password, "-C", "3", "-N", "1", "-R", "2"};
+    std::vector<std::string> argv = {
+        "ipmitool", "-I",   "lanplus", "-H",       "127.0.0.1", "-p", std::to_string(peer.port()),
+        "-U",       u.name, "-P",      u.password, "-C",        "3",  "-N",
+        "1",        "-R",   "2"};
     argv.insert(argv.end(), args.begin(), args.end());
     return run(argv);
 }

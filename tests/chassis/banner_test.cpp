@@ -22,9 +22,7 @@ struct Var {
 };
 
 Var textVar(const std::string &t) { return {0, oemAnswer(cat({{static_cast<uint8_t>(t.size())}, text(t)}))}; }
-const Var kEmpty = {0, oemAnswer({0x00})};
 const Var kAbsent = {0, oemAnswer({}, 0xCB)};
-const Var kNoAnswer = {kTimeout, {}};
 
 struct Controller {
     Bytes deviceId; // the Get Device ID answer; empty: no answer
@@ -138,8 +136,6 @@ const std::string kFullShortBox = kShortTop +
                                   "*  Firmware built 1.75.32 2024-03-11 *\r\n" +
                                   kShortBottom;
 
-const std::string kDeviceIdFailed = "\nipmihelpers.cpp:{line} (ipmiGetDeviceId) Failed to send ipmi raw command.\n";
-
 // Runs f in a child process, where the board number is still undetermined.
 void inFreshProcess(const std::function<void()> &f)
 {
@@ -165,6 +161,9 @@ struct Banner {
 
 TEST_F(BannerTest, AddressChoosesBoardAndBox)
 {
+    Controller board3 = kFull;
+    board3.deviceId = deviceId(0x02, 0x10, {0x03, 0x07, 0x00, 0x00});
+    board3.build = kAbsent;
     const struct {
         Bytes address; // empty: no LAN channel answers
         bool bannerFirst;
@@ -225,42 +224,6 @@ TEST_F(BannerTest, AddressChoosesBoardAndBox)
             EXPECT_EQ(ipmihost_script_mismatches(), 0u) << ipmihost_script_last_mismatch();
         });
     }
-}
-
-// The short box asked for directly: it does not look at the board number.
-TEST_F(BannerTest, ShortBoxOnItsOwn)
-{
-    IpmiSession *s = open();
-    const struct {
-        const char *what;
-        Bytes deviceId;
-        Var build;
-        std::string out;
-        std::string err;
-    } cases[] = {
-        {"all values", kFull.deviceId, kFull.build, kFullShortBox, ""},
-        {"no identity, no build text",
-         {},
-         kEmpty,
-         kShortTop + std::string("*  Firmware Revision 0.0\0 (0.00)          *\n", 44) +
-             "*  Firmware built {stamp}     *\r\n" + kShortBottom,
-         kDeviceIdFailed},
-        {"wide numbers, build text unanswered", deviceId(0x8A, 0x05, {0x0C, 0x64, 0x00, 'b'}), kNoAnswer,
-         kShortTop + "*  Firmware Revision 12.100b (8A.05)          *\n" + "*  Firmware built {stamp}     *\r\n" +
-             kShortBottom,
-         "ipmihelpers.cpp:{line}: error code = 3\n"},
-    };
-    for (const auto &c : cases) {
-        expectShort({c.deviceId, {}, c.build, {}, {}, {}, {}, 0, 0, false, {}});
-        std::string out, err = stderrOf([&] {
-                             CaptureStdout();
-                             EXPECT_GE(KV_rmMenu(s), 0);
-                             out = GetCapturedStdout();
-                         });
-        EXPECT_TRUE(sameOutput(out, c.out)) << c.what;
-        EXPECT_DIAG(err, c.err) << c.what;
-    }
-    EXPECT_EQ(rawSince(0).size(), 6u);
 }
 
 } // namespace

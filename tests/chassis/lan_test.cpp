@@ -94,9 +94,8 @@ TEST_F(LanTest, ReadsParameters)
         std::free(block);
         expectSent(s, from, sent);
     }
-    for (auto [status, answer, source] : {std::tuple{uint16_t(0), Bytes{0x00, 0x11, 0x02}, 2},
-                                          {0, {0x00, 0x11, 0x80}, -128},
-                                          {0x0180, {0x80}, -1}}) {
+    for (auto [status, answer, source] :
+         {std::tuple{uint16_t(0), Bytes{0x00, 0x11, 0x02}, 2}, {0, {0x00, 0x11, 0x80}, -128}, {0x0180, {0x80}, -1}}) {
         expectChannels(kLanAt3);
         expectRequest(0x30, 0x02, {0x03, 0x04, 0x00, 0x00}, status, answer);
         EXPECT_EQ(ipmiGetAddressSource(s), source);
@@ -139,8 +138,7 @@ TEST_F(LanTest, WritesParameters)
     }
     // Selectors without a known length, a missing value or session: nothing is sent.
     size_t before = ipmihost_script_call_count();
-    for (int selector : {0, 7, 255, -3})
-        EXPECT_EQ(_ipmiSetLanParameter(s, selector, six.data()), 0) << selector;
+    for (int selector : {0, 7, 255, -3}) EXPECT_EQ(_ipmiSetLanParameter(s, selector, six.data()), 0) << selector;
     EXPECT_EQ(_ipmiSetLanParameter(s, 3, nullptr), 0);
     EXPECT_EQ(ipmiSetIpAddress(nullptr, four.data()), 0);
     EXPECT_EQ(ipmiSetAddressSource(nullptr, 1), 0);

@@ -49,8 +49,7 @@ size_t length(const ListNode *l)
 
 TEST(SdrCache, LookupsByEntityIndexAndType)
 {
-    // A full record for the same entity and type comes first; an MC locator (0x12) with the same
-    // bytes; then two compact matches.
+    // A full record, an MC locator (0x12) with the same bytes, then compact matches.
     Cache c(64, {{0x01, 10, 0x1D, 1, 0x04},
                  {0x12, 10, 0x1D, 1, 0x04},
                  {0x02, 11, 0x1D, 1, 0x04},
@@ -77,8 +76,6 @@ TEST(SdrCache, LookupsByEntityIndexAndType)
     ASSERT_EQ(length(full), 5u);
     EXPECT_EQ(0, std::memcmp(full->next->next->data, c.slot(2), 48));
     EXPECT_EQ(full->next->next->data[48], 0);
-    EXPECT_EQ(addToList(&full, "x", 0) + addToList(&full, nullptr, 4), 0) << "nothing to add";
-    EXPECT_EQ(length(full), 5u);
     freeList(&full);
     EXPECT_EQ(full, nullptr);
     for (uint8_t other : {0x03, 0x12}) {
@@ -93,8 +90,7 @@ TEST(SdrCache, LookupsByEntityIndexAndType)
 
 TEST(SdrCache, FindByTypeNeverCopiesPastTheEndOfASmallCache)
 {
-    // 20-byte slots: a full record copy (64 bytes) of the last slot may take only what the
-    // cache still holds; the sanitizer run catches any read beyond it.
+    // 20-byte slots: the 64-byte copy of the last slot takes only what the cache holds.
     Cache c(20, {{0x01, 1, 3, 1, 0x01}, {0x01, 2, 3, 1, 0x01}});
     ListNode *list = nullptr;
     EXPECT_EQ(ipmiFindSensorByType(&list, 0x01, 0x01, c.get()), 2u);
@@ -158,12 +154,10 @@ TEST_F(Scripted, ComponentStatusRecord)
         std::string name;
     } cases[] = {
         {0, answer(0x00, {0x04, 'C', 'P', 'U', '1'}), 2, 4, "CPU1"},
-        {0, answer(0x00, {0x11, 'A', 'B'}), 2, 17, ""},        // name length too long
-        {0, answer(0x00, {0x08, 'a', 'b'}), 2, 8, "ab"},       // name cut by the answer
+        {0, answer(0x00, {0x11, 'A', 'B'}), 2, 17, ""}, // name length too long
         {0x0101, answer(0x01, {0x01, 'Z'}), -3, 1, "Z"},
-        {0x01CB, answer(0xCB, {}), -1, 0, ""},
         {0, {0x00, 0xD9, 0x7E, 0x00, 0x11, 0x22, 0x01, 0x02, 0x03, 0xFE}, 99, 0, ""}, // ten bytes
-        {0, {0x00, 0x01, 0x02, 0x03, 1, 2, 3, 4, 5, 6, 7, 8}, 99, 0, ""}, // another vendor
+        {0, {0x00, 0x01, 0x02, 0x03, 1, 2, 3, 4, 5, 6, 7, 8}, 99, 0, ""},             // another vendor
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(testing::Message() << c.answer.size() << " " << c.status);

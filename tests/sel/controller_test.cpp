@@ -26,7 +26,7 @@ TEST_F(SelCommands, MalformedAndMisplacedRequestsGetTheirCompletionCodes)
         {kAdd, Bytes(17, 0), 0xC7},
         {kClear, {0x77, 0x77, 'C', 'L', 'R', 0xAA}, 0xC5}, {kClear, {r0, r1, 'C', 'L', 'R'}, 0xC7},
         {kClear, {r0, r1, 'C', 'L', 'R', 0x55}, 0xCC},
-        {0x46, {0, 0, 1, 0}, 0xC1}, // Delete SEL Entry is not offered
+        {kSetUtc, {0xA1, 0x05}, 0xC9}, {0x46, {0, 0, 1, 0}, 0xC1}, // 1441 minutes; Delete SEL Entry is not offered
         // clang-format on
     };
     for (const auto &c : cases)
@@ -202,11 +202,12 @@ TEST_F(EventTexts, EntryAsTextComesWholeWithItsFollowUps)
         uint8_t form;
         uint16_t lang;
         uint8_t first;
-        const char *lcid; // the language the text is in
-    } cases[] = {{1, 0x03, 0x0407, 0, "0x0407"}, // first chunk length 0: the chunk size
+        const char *lcid;                         // the language the text is in
+    } cases[] = {{1, 0x03, 0x0407, 0, "0x0407"},  // first chunk length 0: the chunk size
                  {1, 0x02, 0x040C, 20, "0x0409"}, // a language without texts gets English
-                 {1, 0x01, 0x0409, 250, "0x0409"}, {0x0000, 0x00, 0x0000, 3, "0x0409"}, // ID 0: the first
-                 {1, 0x00, 0x0407, 2, "0x0407"}}; // the first chunk ends after half the ü of "Lü..."
+                 {1, 0x01, 0x0409, 250, "0x0409"},
+                 {0x0000, 0x00, 0x0000, 3, "0x0409"}, // ID 0: the first
+                 {1, 0x00, 0x0407, 2, "0x0407"}};     // the first chunk ends after half the ü of "Lü..."
     for (const auto &c : cases) {
         uint16_t id = c.id ? c.id : 1;
         const json &rec = recs[id - 1];

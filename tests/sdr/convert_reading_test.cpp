@@ -1,6 +1,4 @@
-// ipmi_convert_reading against FreeIPMI: generated full sensor records are parsed by
-// FreeIPMI's SDR parser (which checks that the records carry their factors where a full
-// sensor record keeps them) and every raw value is converted by both.
+// ipmi_convert_reading against FreeIPMI: random full records, every raw value converted by both.
 #include <gtest/gtest.h>
 
 #include <freeipmi/freeipmi.h>
@@ -28,9 +26,7 @@ struct Factors {
     uint8_t format, linearization;
 };
 
-// A full sensor record carrying the given factors; random bytes fill everything else, the
-// bits that share bytes with the factors too (units, tolerance, accuracy, the reserved bit
-// of the linearization byte), so a conversion that reads a neighbour shows.
+// A full sensor record with the factors; random bytes elsewhere, so reading a neighbour shows.
 Record makeFullRecord(const Factors &f, std::mt19937 &rng)
 {
     Record r;
@@ -110,9 +106,7 @@ TEST_F(ConvertReading, AgreesWithFreeIpmiOnEveryRawValue)
 
                 for (unsigned raw = 0; raw <= 0xFF; ++raw) {
                     double reference = 0;
-                    // FreeIPMI takes linearization 0x0B as 1/x^3; here it is the cube root,
-                    // the inverse of cube as sqrt is of sqr: FreeIPMI converts linearly, and
-                    // the test takes the cube root of that.
+                    // FreeIPMI takes 0x0B as 1/x^3, here it is the cube root: convert linearly, then cbrt.
                     const uint8_t referenceLin = parsedLin == kCubeRoot ? 0 : parsedLin;
                     ASSERT_EQ(ipmi_sensor_decode_value(rExp, bExp, m, b, referenceLin, parsedFormat,
                                                        static_cast<uint8_t>(raw), &reference),
@@ -120,8 +114,7 @@ TEST_F(ConvertReading, AgreesWithFreeIpmiOnEveryRawValue)
                     if (parsedLin == kCubeRoot) reference = std::cbrt(reference);
                     float value = kUnchanged;
                     int rc = ipmi_convert_reading(rec.data(), static_cast<uint8_t>(raw), &value);
-                    // No float for it: a logarithm of a non-positive number, an overflow, and the
-                    // reciprocal of zero (which FreeIPMI reports as 0).
+                    // No float for it: log of x <= 0, an overflow, 1/0 (FreeIPMI reports 0).
                     bool representable = std::isfinite(reference) && std::fabs(reference) <= FLT_MAX &&
                                          !(lin == kInverse && reference == 0.0);
                     SCOPED_TRACE(::testing::Message()
@@ -134,8 +127,7 @@ TEST_F(ConvertReading, AgreesWithFreeIpmiOnEveryRawValue)
                         continue;
                     }
                     ASSERT_EQ(rc, 0);
-                    // float against double: a few units in the last place of a float, and an
-                    // absolute floor for results at the bottom of the float range.
+                    // float against double: a few float ULPs, with an absolute floor.
                     double tolerance = std::max(std::fabs(reference) * 4 * FLT_EPSILON, 1e-37);
                     ASSERT_NEAR(value, reference, tolerance);
                     ++compared;

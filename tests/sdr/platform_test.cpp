@@ -1,6 +1,4 @@
-// The platform library's SDR repository and sensor operations through the scripted exchange: the
-// information records, the walk that reads every record into slots, and Get Sensor Reading, with
-// the exact requests and what each kind of answer may overwrite.
+// The platform library's SDR information records, the walk into slots and Get Sensor Reading, scripted.
 #include <algorithm>
 #include <functional>
 
@@ -15,8 +13,7 @@ constexpr uint16_t kOk = LIBIPMI_STATUS_OK, kBad = LIBIPMI_STATUS_BAD_RESPONSE,
                    kSmall = LIBIPMI_STATUS_BUFFER_TOO_SMALL;
 constexpr uint16_t cc(uint8_t code) { return LIBIPMI_STATUS_COMPLETION_CODE(code); }
 
-// A record: header (ID, version 0x51, type, body length) and a body whose bytes differ from record
-// to record, so a record in the wrong slot or at the wrong offset shows.
+// A record: header and a body whose bytes differ from record to record.
 Bytes makeRecord(uint16_t id, uint8_t type, uint8_t bodyLength)
 {
     Bytes r = cat({le16(id), {0x51, type, bodyLength}});
@@ -39,8 +36,7 @@ Bytes getSdr(uint16_t reservation, uint16_t id, uint8_t offset, uint8_t count)
 {
     return cat({le16(reservation), le16(id), {offset, count}});
 }
-// Get SDR of the whole record `id` (0 for the first), answered with `record`, the next ID and
-// junk some controllers append.
+// Get SDR of the whole record `id`, answered with it, the next ID and junk appended.
 Step whole(uint16_t r, uint16_t id, uint16_t next, const Bytes &record)
 {
     return {kGetSdr, getSdr(r, id, 0, 0xFF), cat({{0x00}, le16(next), record, Bytes(6, 0xEE)})};
@@ -57,8 +53,7 @@ Step refused(uint16_t r, uint16_t id, uint8_t offset, uint8_t count, uint8_t cod
 }
 Step cut(Step s, size_t keep) { return s.res.resize(keep), s; }
 
-// A session block of the platform's own on the scripted exchange, and a caller's buffer with
-// guard bytes after it.
+// A platform session block on the scripted exchange, and a buffer with guard bytes after it.
 class SdrWalk : public ScriptTest {
 protected:
     void SetUp() override
@@ -127,7 +122,6 @@ TEST_F(SdrWalk, InfoRecordsStoreWhatArrivedAndMapStatus)
             size_t stored; // leading record bytes from the answer
         } cases[] = {
             {full, 0, kOk, c.size},
-            {cat({full, {0x77, 0x78}}), 0, kOk, c.size}, // a longer answer is cut to the record
             {Bytes(full.begin(), full.end() - 1), 0, kBad, 0},
             {{0xC0, 0x01, 0x02}, cc(0xC0), cc(0xC0), 3},
             {{}, LIBIPMI_STATUS_TIMEOUT, LIBIPMI_STATUS_TIMEOUT, 0},
@@ -146,8 +140,7 @@ TEST_F(SdrWalk, InfoRecordsStoreWhatArrivedAndMapStatus)
 
 TEST_F(SdrWalk, OneRequestPerRecordAndAllocationInfoAskedOncePerSession)
 {
-    // 16-byte units, at most 4 per record: 64-byte slots. Record IDs are not consecutive. As the
-    // library's cache does: allocation info, repository info, then the walk.
+    // 64-byte slots, IDs not consecutive; allocation info, repository info, then the walk.
     const Bytes a = makeRecord(0x0001, 0x01, 59), b = makeRecord(0x0005, 0x02, 43), c = makeRecord(0x0009, 0x12, 27);
     announce({alloc(16, 4), {kGetRepoInfo, {}, cat({{0x00, 0x51}, le16(3), le16(0), Bytes(9, 0)})}});
     announce({reserve(0xBEEF), whole(0xBEEF, 0, 5, a), whole(0xBEEF, 5, 9, b), whole(0xBEEF, 9, 0xFFFF, c)});
@@ -163,8 +156,7 @@ TEST_F(SdrWalk, OneRequestPerRecordAndAllocationInfoAskedOncePerSession)
     expectSlots(64, {a, b, c});
 }
 
-// A controller that returns at most 33 record bytes per Get SDR (0xCA for more), as a real peer
-// does: whole reads are given up for the walk, and chunks settle on the largest size.
+// At most 33 record bytes per Get SDR (0xCA for more): whole reads stop, chunks settle on the largest.
 TEST_F(SdrWalk, PartialReadsWhenWholeRecordsAreRefused)
 {
     const Bytes a = makeRecord(1, 0x01, 59), b = makeRecord(2, 0x01, 59), d = makeRecord(4, 0x12, 15);
@@ -179,8 +171,7 @@ TEST_F(SdrWalk, PartialReadsWhenWholeRecordsAreRefused)
     expectSlots(64, {a, b, d});
 }
 
-// A record of 260 bytes read in 42-byte pieces: the offset is one byte, so the piece that would
-// leave the rest starting at 257 stops at 255 instead. 0xC8 (request too long) is taken as 0xCA.
+// 260 bytes in 42-byte pieces: the one-byte offset stops at 255; 0xC8 is taken as 0xCA.
 TEST_F(SdrWalk, PiecesOfALongRecordStayAddressable)
 {
     const Bytes a = makeRecord(1, 0x02, 80), b = makeRecord(2, 0xC0, 255);
@@ -194,8 +185,7 @@ TEST_F(SdrWalk, PiecesOfALongRecordStayAddressable)
     expectSlots(260, {a, b});
 }
 
-// A controller that refuses every body chunk: the chunks shrink strictly down to the floor, then
-// the walk fails with the controller's completion code.
+// Every body chunk refused: the chunks shrink strictly to a floor, then the walk fails.
 TEST_F(SdrWalk, ChunksShrinkToAFloorThenTheWalkFails)
 {
     announce({alloc(64, 1), reserve(7), refused(7, 0, 0, 0xFF, 0xCA), piece(7, 0, 0xFFFF, makeRecord(1, 1, 59), 0, 5)});
@@ -231,8 +221,7 @@ TEST_F(SdrWalk, LostReservationRestartsTheWalkFromTheFirstRecordABoundedNumberOf
     EXPECT_EQ(walk(64), LIBIPMI_STATUS_RETRIES_EXHAUSTED);
 }
 
-// Walks that must fail: the status, and nothing written past the buffer. Every announced request
-// is sent and no other, so a walk that reads on after it should have stopped shows.
+// Walks that must fail: the status, nothing past the buffer, and no request after the stop.
 TEST_F(SdrWalk, WalksThatFailStopWithAClearStatus)
 {
     const Bytes r1 = makeRecord(1, 0x01, 20), r2 = makeRecord(2, 0x01, 20), r3 = makeRecord(3, 0x01, 20);
@@ -247,21 +236,12 @@ TEST_F(SdrWalk, WalksThatFailStopWithAClearStatus)
         // clang-format off
         {"more records than slots: the third is never asked for", 2 * 32 + 31,
          {a, r, whole(1, 0, 2, r1), whole(1, 2, 3, r2)}, kSmall},
-        {"buffer smaller than one slot", 31, {a, r, whole(1, 0, 0xFFFF, r1)}, kSmall},
         {"record longer than a slot, read in pieces: body never asked for", 128,
          {a, r, refused(1, 0, 0, 0xFF, 0xCA), piece(1, 0, 0xFFFF, big, 0, 5)}, kSmall},
         {"chain loops back to an earlier record", 256,
          {a, r, whole(1, 0, 2, r1), whole(1, 2, 3, r2), whole(1, 3, 2, r3)}, kBad},
-        {"chain leads back to 'first record'", 256, {a, r, whole(1, 0, 2, r1), whole(1, 2, 0, r2)}, kBad},
         {"whole record shorter than its header says", 128, {a, r, cut(whole(1, 0, 0xFFFF, r1), 3 + 24)}, kBad},
-        {"answer with the next record ID only", 128, {a, r, cut(whole(1, 0, 0xFFFF, r1), 3)}, kBad},
-        {"body piece with fewer bytes than asked", 128,
-         {a, r, refused(1, 0, 0, 0xFF, 0xCA), piece(1, 0, 0xFFFF, r1, 0, 5),
-                                                         cut(piece(1, 0, 0xFFFF, r1, 5, 20), 3 + 19)}, kBad},
-        {"reservation answer without its ID", 128, {a, {kReserve, {}, {0x00, 0x01}}}, kBad},
         {"allocation info refused", 128, {{kGetAllocInfo, {}, {0xC1}, cc(0xC1)}}, cc(0xC1)},
-        {"allocation info with no room for a record", 128, {alloc(0, 2)}, kBad},
-        {"a later record is missing", 128, {a, r, whole(1, 0, 2, r1), refused(1, 2, 0, 0xFF, 0xCB)}, cc(0xCB)},
         {"no answer mid-walk", 128,
          {a, r, whole(1, 0, 2, r1), {kGetSdr, getSdr(1, 2, 0, 0xFF), {}, LIBIPMI_STATUS_TIMEOUT}},
          LIBIPMI_STATUS_TIMEOUT},
@@ -285,7 +265,6 @@ TEST_F(SdrWalk, SensorReadingCopiesExactlyTheBytesThatArrived)
         uint16_t scripted, status;
         size_t stored; // leading bytes taken from the answer; the rest stays as it was
     } cases[] = {
-        {{0x00, 0x42, 0xC0}, 0, kOk, 3},
         {{0x00, 0x42, 0xC0, 0x81, 0x7F}, 0, kOk, 5},
         {{0x00, 0x42, 0xC0, 0x81, 0x7F, 0x99, 0x98}, 0, kOk, 5}, // a longer answer is cut to the record
         {{0x00, 0x42}, 0, kBad, 0},                              // without flags

@@ -1,7 +1,4 @@
-// The virtual controller's event log and event text service where the library never goes:
-// requests it never sends and the completion codes of bad ones, record types it never adds,
-// reservations, the clock, a full log, the state kept for the next program, texts cut inside
-// a character, labels of added records, arbitrary requests and bad profiles.
+// The virtual controller's event log and event texts where the library never goes.
 #include <filesystem>
 
 #include "sel_machine.h"
@@ -23,16 +20,13 @@ TEST_F(SelCommands, MalformedAndMisplacedRequestsGetTheirCompletionCodes)
         uint8_t cc;
     } cases[] = {
         // clang-format off
-        {kGetSelInfo, {0x00}, 0xC7}, {kGetAllocInfo, {0x00}, 0xC7}, {kReserve, {0x00}, 0xC7}, {kGetTime, {0x00}, 0xC7},
-        {kGetEntry, {0, 0, 1, 0, 0}, 0xC7}, {kGetEntry, {0, 0, 0x99, 0, 0, 0xFF}, 0xCB},
+        {kGetSelInfo, {0x00}, 0xC7},
         {kGetEntry, {0, 0, 1, 0, 4, 4}, 0xC5},          // a partial read needs a reservation
         {kGetEntry, {r0, r1, 1, 0, 16, 1}, 0xC9},       // offset beyond the record
-        {kAdd, Bytes(15, 0), 0xC7}, {kAdd, Bytes(17, 0), 0xC7}, {kSetTime, {1, 2, 3}, 0xC7},
+        {kAdd, Bytes(17, 0), 0xC7},
         {kClear, {0x77, 0x77, 'C', 'L', 'R', 0xAA}, 0xC5}, {kClear, {r0, r1, 'C', 'L', 'R'}, 0xC7},
-        {kClear, {r0, r1, 'c', 'l', 'r', 0xAA}, 0xCC}, {kClear, {r0, r1, 'C', 'L', 'R', 0x55}, 0xCC},
-        {kSetUtc, {0xA1, 0x05}, 0xC9},                  // 1441 minutes
-        {kSetUtc, {0x5F, 0xFA}, 0xC9},                  // -1441
-        {kSetUtc, {0x3C}, 0xC7}, {0x46, {0, 0, 1, 0}, 0xC1}, // Delete SEL Entry is not offered
+        {kClear, {r0, r1, 'C', 'L', 'R', 0x55}, 0xCC},
+        {kSetUtc, {0xA1, 0x05}, 0xC9}, {0x46, {0, 0, 1, 0}, 0xC1}, // 1441 minutes; Delete SEL Entry is not offered
         // clang-format on
     };
     for (const auto &c : cases)
@@ -61,8 +55,8 @@ TEST_F(SelCommands, AddAssignsIdsAndStampsTheTimeByRecordType)
     } cases[] = {
         // clang-format off
         {0x02, 0x11223344, kFixedNow},                                  // system events: the controller's time
-        {0xC5, 0, kFixedNow}, {0xC5, 0x01020304, 0x01020304},           // timestamped OEM: only when unset
-        {0xE2, 0x01020304, 0x01020304}, {0x01, 0x0A0B0C0D, 0x0A0B0C0D}, // no timestamp at all
+        {0xC5, 0, kFixedNow}, {0xC5, 0x01020304, 0x01020304}, // timestamped OEM: only when unset
+        {0xE2, 0x01020304, 0x01020304},                       // no timestamp at all
         // clang-format on
     };
     uint16_t expectedId = static_cast<uint16_t>(doc["sel"]["records"].size() + 1);
@@ -129,9 +123,7 @@ TEST_F(SelCommands, FullLogRefusesAndClearEmptiesItCancellingTheReservation)
     EXPECT_EQ(storage(kAdd, rec), (Bytes{0x00, 0x01, 0x00}));
 }
 
-// Clock, offset and records are kept for the next program on the same state; the same machine
-// with its state elsewhere still has the profile's log. A state kept before the machine had a log
-// gets the profile's, and a broken log in the state is named.
+// Clock, offset and log are kept for the next program; an old state gets the log, a broken one is named.
 TEST_F(SelCommands, StateIsKeptForTheNextControllerAndABrokenOneIsNamed)
 {
     start();
@@ -210,15 +202,12 @@ TEST_F(EventTexts, EntryAsTextComesWholeWithItsFollowUps)
         uint8_t form;
         uint16_t lang;
         uint8_t first;
-        const char *lcid; // the language the text is in
-    } cases[] = {         // ID 0 is the first entry; language 0 is English, one without a text gets English; the
-                 // first chunk's length as asked (0: the chunk size, at most what one answer holds).
-                 {1, 0x00, 0x0000, 0, "0x0409"},
-                 {1, 0x03, 0x0407, 0, "0x0407"},
-                 {1, 0x02, 0x040C, 20, "0x0409"},
+        const char *lcid;                         // the language the text is in
+    } cases[] = {{1, 0x03, 0x0407, 0, "0x0407"},  // first chunk length 0: the chunk size
+                 {1, 0x02, 0x040C, 20, "0x0409"}, // a language without texts gets English
                  {1, 0x01, 0x0409, 250, "0x0409"},
-                 {0x0000, 0x00, 0x0409, 3, "0x0409"},
-                 {1, 0x00, 0x0407, 2, "0x0407"}}; // the first chunk ends after half the ü of "Lü..."
+                 {0x0000, 0x00, 0x0000, 3, "0x0409"}, // ID 0: the first
+                 {1, 0x00, 0x0407, 2, "0x0407"}};     // the first chunk ends after half the ü of "Lü..."
     for (const auto &c : cases) {
         uint16_t id = c.id ? c.id : 1;
         const json &rec = recs[id - 1];
@@ -299,10 +288,8 @@ TEST_F(EventTexts, RecordsAddedAtRunTimeAreLabelledBySensorEvent)
         {0x20, 0, 0x01, 0x01, 0x81, {0x57, 0x29, 0x2A}, "00000004 0|Inlet Temp|0x01|0x01|7"},
         // A rule for one sensor number, with the severity of its own.
         {0x20, 1, 0x04, 0x21, 0x01, {0x52, 0, 0}, "00000001 48|sensor 0x21|lun 1"},
-        {0x20, 0, 0x04, 0x20, 0x01, {0x52, 0, 0}, "00000004 0|sensor 0x20|0x04|0x20|2"},
         // Names are looked up by LUN and number, for the controller's own sensors only.
         {0x20, 1, 0x30, 0x05, 0x6F, {0x03, 0, 0}, "00000004 0|Other LUN|0x30|0x05|3"},
-        {0x20, 0, 0x30, 0x05, 0x6F, {0x03, 0, 0}, "00000004 0|sensor 0x05|0x30|0x05|3"},
         {0x41, 0, 0x01, 0x01, 0x01, {0x57, 0x2B, 0x2A}, "00000003 16|sensor 0x01|43|42"},
         {0x20, 0, 0x2A, 0x09, 0x6F, {0x00, 0, 0}, "00000002 0|" + std::string(63, 'x')},
     };
@@ -319,8 +306,7 @@ TEST_F(EventTexts, RecordsAddedAtRunTimeAreLabelledBySensorEvent)
     EXPECT_EQ(text(kErrorCode, {0, uint8_t(id), uint8_t(id >> 8)}), Bytes{0xCB});
 }
 
-// Requests of any length and content to every command of the log and its texts are answered
-// with a completion code (AddressSanitizer watches the handlers read nothing beyond them).
+// Random requests to every log and text command are answered (the sanitizer watches the reads).
 TEST_F(EventTexts, ArbitraryRequestsAreAnsweredNeverCrashedOn)
 {
     json doc = smallMachine();
@@ -366,9 +352,7 @@ TEST(SelProfile, BadSectionsAreNamedWithTheirPlace)
         std::string message; // after "selmachine.json: "
     } cases[] = {
         {"/sel/records/0/colour", "red", "/sel/records/0/colour: unknown key"},
-        {"/sel/capacity", true, "/sel/capacity: expected an integer from 1 to 8192"},
         {"/sel/utc_offset_minutes", 1441, "/sel/utc_offset_minutes: expected an integer from -1440 to 1440"},
-        {"/sel/clock/offset_seconds", 2, "/sel/clock: give \"fixed\" or \"offset_seconds\""},
         {"/sel/records/0/error_code", "0000000F", "/sel/records/0/error_code: error code \"0000000F\" has no message"},
         {"/event_texts/sensor_events/0/parameters",
          {"{name}"},

@@ -1,5 +1,4 @@
-// The virtual controller's event log in the tests: what a profile's log should read as (computed
-// from the profile itself), a small machine, and a controller driven request by request.
+// The virtual controller's event log: what a profile's log reads as, a small machine, a controller.
 #pragma once
 
 #include <algorithm>
@@ -58,8 +57,7 @@ inline std::string sensorName(const json &profile, unsigned sensor)
 }
 inline bool timestamped(const json &rec) { return rec["type"] == "system" || rec["type"] == "oem_timestamped"; }
 
-// The message of a profile record in a language (English when the code has none in it), with
-// its parameters in place of %1..%8.
+// A profile record's message in a language (else English), parameters in place of %1..%8.
 inline std::string message(const json &profile, const json &rec, const std::string &lcid)
 {
     const json &texts = profile["event_texts"]["codes"][rec["error_code"].get<std::string>()]["texts"];
@@ -125,8 +123,7 @@ inline uint32_t lastAddOf(const json &profile)
     return last;
 }
 
-// A small machine for the command tests: a fixed clock, a log of three records and texts with a
-// short chunk size.
+// A small machine: a fixed clock, three records and texts with a short chunk size.
 inline json smallMachine()
 {
     return json::parse(R"json({
@@ -163,8 +160,7 @@ inline uint32_t le32(const Bytes &b, std::size_t at) { return le16(b, at) | uint
 
 class Machine : public testing::Test {
 protected:
-    // Starts the controller for doc (the same state directory every time within a test).
-    // sensors, when given, stands for the SDR part of the profile another section describes.
+    // Starts the controller for doc in the test's state directory; sensors: the SDR part, if given.
     void start(const json &doc = smallMachine(), const json &sensors = nullptr)
     {
         profile_ = doc;

@@ -201,6 +201,33 @@ public:
     tvxtest::TempDir dir_;
 };
 
+// The text lookups' own logic (not their tables): severity order, the lowest asserted state,
+// unknown codes, the vendor match of OEM rows and the static buffers' fallbacks.
+TEST(SensorTexts, PickTheRightRowOrAFallback)
+{
+    EXPECT_STREQ(ipmiSdrGetStatus(0), "OK");
+    EXPECT_STREQ(ipmiSdrGetStatus(0x3F), "LowNRecov");
+    EXPECT_STREQ(ipmiSdrGetStatus(0x32), "UpNRecov");
+    EXPECT_STREQ(ipmiSdrGetStatus(0x09), "LowWarn");
+    EXPECT_STREQ(ipmiSdrGetStatus(0xC8), "UpWarn");
+    int32_t offset = 7;
+    EXPECT_EQ(ipmiGetDiscreteState(0x25, 0x6F, 0x00, 0x00, &offset), nullptr);
+    EXPECT_EQ(offset, 7) << "untouched when nothing is asserted";
+    EXPECT_STREQ(ipmiGetDiscreteState(0x25, 0x6F, 0x06, 0x00, &offset), "Absent");
+    EXPECT_EQ(offset, 1);
+    EXPECT_EQ(ipmiGetDiscreteState(0x25, 0x6F, 0x00, 0x00, nullptr), nullptr);
+    EXPECT_EQ(ipmiGetDiscreteState(0x99, 0x6F, 0x01, 0x00, &offset), nullptr);
+    EXPECT_EQ(offset, -1);
+    EXPECT_STREQ(ipmiSdrGetSensorTypeDesc(0x01), "Temperature");
+    EXPECT_STREQ(ipmiSdrGetSensorTypeDesc(0xE6), "Fan Status");
+    EXPECT_STREQ(ipmiSdrGetSensorTypeDesc(0xF0), "PICMG FRU Hotswap") << "rows of vendor 12634 match any vendor";
+    EXPECT_STREQ(ipmiSdrGetSensorTypeDesc(0x7E), "OEM reserved #7e");
+    EXPECT_STREQ(oemval2str(1, 0xE6, ipmi_oem_sdr_type_vals), "OEM reserved #e6") << "another vendor's row";
+    EXPECT_STREQ(oemval2str(1, 5, nullptr), "OEM reserved #05");
+    EXPECT_STREQ(getUnitDesc(92), "grams");
+    EXPECT_STREQ(getUnitDesc(93), "unknown");
+}
+
 TEST(SdrCacheOfAThousandRecords, CostsOneGetSdrPerRecordPlusReservationAndInfo)
 {
     tvxtest::TempDir dir;

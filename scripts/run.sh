@@ -13,7 +13,7 @@ if [ $# -gt 0 ]; then
 fi
 # The default machine, with its state in a scratch directory so the run starts from the profile.
 export TVX_IPMI_STATE_DIR=${TVX_IPMI_STATE_DIR:-$(mktemp -d)}
-for command in "devid" "--json devid" "banner" "sdr" "power status" "lan show"; do
+for command in "devid" "--json devid" "banner" "sdr" "fru 0" "sel --text" "power status" "lan show"; do
   echo "== tvxctl $command"
   # shellcheck disable=SC2086
   "$tvxctl" $command

@@ -9,42 +9,19 @@
 
 #include "generated_machine.h"
 #include "libipmi_host.h"
+#include "scratch_machine.h"
 #include "tvx_toipmi.h"
 
 namespace {
 
 using nlohmann::json;
 
-// A machine whose generated repository holds `count` sensors, selected with its state in a
-// scratch directory.
-class Repository {
-public:
-    explicit Repository(int count)
-    {
-        char pattern[] = "/tmp/tvx-bench-XXXXXX";
-        dir_ = mkdtemp(pattern);
-        nlohmann::json profile = tvxtest::generatedRepository(TVX_MACHINES_DIR, count);
-        std::string path = dir_ + "/bench.json";
-        std::ofstream(path) << profile.dump();
-        if (ipmihost_select_machine(path.c_str(), dir_.c_str()) != 0) std::abort();
-        session_ = ipmiOpenSession(4, "", nullptr, 0, nullptr);
-    }
-    ~Repository()
-    {
-        ipmiHelperCloseSession(&session_);
-        ipmihost_select_default();
-        std::system(("rm -rf " + dir_).c_str());
-    }
-    IpmiSession *session() const { return session_; }
-
-private:
-    std::string dir_;
-    IpmiSession *session_ = nullptr;
-};
+// A machine whose generated repository holds `count` sensors.
+nlohmann::json repository(int count) { return tvxtest::generatedRepository(TVX_MACHINES_DIR, count); }
 
 void BM_GetSDRInfo(benchmark::State &state)
 {
-    Repository repo(static_cast<int>(state.range(0)));
+    ScratchMachine repo(repository(static_cast<int>(state.range(0))));
     uint64_t requests = 0;
     for (auto _ : state) {
         SDRInfo info{};
@@ -62,7 +39,7 @@ BENCHMARK(BM_GetSDRInfo)->Arg(100)->Arg(1000)->Unit(benchmark::kMillisecond);
 // full record of a sensor type copied into a list.
 void BM_FindCompactSdrByEntity(benchmark::State &state)
 {
-    Repository repo(1000);
+    ScratchMachine repo(repository(1000));
     SDRInfo info{};
     getSDRInfo(repo.session(), &info);
     // An instance no record has: the lookup walks all 1,000 slots.
@@ -73,7 +50,7 @@ BENCHMARK(BM_FindCompactSdrByEntity);
 
 void BM_FindSensorByType(benchmark::State &state)
 {
-    Repository repo(1000);
+    ScratchMachine repo(repository(1000));
     SDRInfo info{};
     getSDRInfo(repo.session(), &info);
     for (auto _ : state) {
@@ -87,7 +64,7 @@ BENCHMARK(BM_FindSensorByType);
 
 void BM_GetSdrByIndexWalk(benchmark::State &state)
 {
-    Repository repo(1000);
+    ScratchMachine repo(repository(1000));
     SDRInfo info{};
     getSDRInfo(repo.session(), &info);
     for (auto _ : state)

@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "libipmi_host.h"
+#include "scratch_machine.h"
 #include "tvx_toipmi.h"
 
 namespace {
@@ -16,40 +17,19 @@ namespace {
 using nlohmann::json;
 
 // The default machine with a log of `count` entries (its own records over and over, with
-// their texts), selected with its state in a scratch directory.
-class Log {
-public:
-    explicit Log(int count)
-    {
-        char pattern[] = "/tmp/tvx-selbench-XXXXXX";
-        dir_ = mkdtemp(pattern);
-        std::ifstream in(std::string(TVX_MACHINES_DIR) + "/default.json");
-        json profile = json::parse(in);
-        const json base = profile["sel"]["records"];
-        json records = json::array();
-        for (int i = 0; i < count; ++i) records.push_back(base[static_cast<std::size_t>(i) % base.size()]);
-        profile["sel"]["records"] = records;
-        profile["sel"]["capacity"] = count;
-        profile["sel"]["clock"] = {{"fixed", "2026-11-16T21:45:12Z"}};
-        std::string path = dir_ + "/bench.json";
-        std::ofstream(path) << profile.dump();
-        if (ipmihost_select_machine(path.c_str(), dir_.c_str()) != 0) std::abort();
-        session_ = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
-        if (!session_) std::abort();
-    }
-    ~Log()
-    {
-        ipmiHelperCloseSession(&session_);
-        ipmihost_select_default();
-        std::error_code ec;
-        std::filesystem::remove_all(dir_, ec);
-    }
-    IpmiSession *session() const { return session_; }
-
-private:
-    std::string dir_;
-    IpmiSession *session_ = nullptr;
-};
+// their texts) and a fixed clock.
+json withLog(int count)
+{
+    std::ifstream in(std::string(TVX_MACHINES_DIR) + "/default.json");
+    json profile = json::parse(in);
+    const json base = profile["sel"]["records"];
+    json records = json::array();
+    for (int i = 0; i < count; ++i) records.push_back(base[static_cast<std::size_t>(i) % base.size()]);
+    profile["sel"]["records"] = records;
+    profile["sel"]["capacity"] = count;
+    profile["sel"]["clock"] = {{"fixed", "2026-11-16T21:45:12Z"}};
+    return profile;
+}
 
 void report(benchmark::State &state, uint64_t requests)
 {
@@ -59,7 +39,7 @@ void report(benchmark::State &state, uint64_t requests)
 
 void BM_SelRawStrings(benchmark::State &state)
 {
-    Log log(static_cast<int>(state.range(0)));
+    ScratchMachine log(withLog(static_cast<int>(state.range(0))));
     uint64_t requests = 0;
     for (auto _ : state) {
         ipmihost_reset_request_count();
@@ -74,7 +54,7 @@ BENCHMARK(BM_SelRawStrings)->Arg(100)->Arg(1000)->Unit(benchmark::kMillisecond);
 
 void BM_SelText(benchmark::State &state)
 {
-    Log log(static_cast<int>(state.range(0)));
+    ScratchMachine log(withLog(static_cast<int>(state.range(0))));
     uint64_t requests = 0;
     for (auto _ : state) {
         ipmihost_reset_request_count();

@@ -100,8 +100,8 @@ public:
     Controller(Profile profile, const std::string &stateDir, std::span<const Subsystem> subsystems,
                bool checkState = true);
 
-    void on(uint8_t netFn, uint8_t command, Handler h);  // a standard command
-    void onOem(uint8_t command, Handler h);              // an OEM/Group (0x2E) command
+    void on(uint8_t netFn, uint8_t command, Handler h); // a standard command
+    void onOem(uint8_t command, Handler h);             // an OEM/Group (0x2E) command
     // An OEM/Group command whose first byte after the IANA number selects a sub-function:
     // the handler sees the bytes after that selector. A command without any handler for its
     // sub-function answers 0xC1 (with the IANA number), one without selector byte 0xC7.
@@ -122,6 +122,15 @@ public:
     {
         auto it = parts_.find(name);
         return it == parts_.end() ? nullptr : std::static_pointer_cast<const T>(it->second);
+    }
+    // The part of that name, made by parse(profile) on first use and kept.
+    template <typename T, typename Parse>
+    std::shared_ptr<const T> attachedOrParsed(const std::string &name, Parse parse)
+    {
+        if (auto part = attachment<T>(name)) return part;
+        auto part = std::make_shared<const T>(parse(profile_));
+        attach<T>(name, part);
+        return part;
     }
 
     // Handles one request. Thread-safe; serialized with other programs on the same state.

@@ -338,10 +338,7 @@ FruModel parseFruModel(const Profile &profile)
 
 std::shared_ptr<const FruModel> fruModel(Controller &controller)
 {
-    if (auto m = controller.attachment<FruModel>("fru")) return m;
-    auto m = std::make_shared<const FruModel>(parseFruModel(controller.profile()));
-    controller.attach<FruModel>("fru", m);
-    return m;
+    return controller.attachedOrParsed<FruModel>("fru", parseFruModel);
 }
 
 } // namespace tvxsim

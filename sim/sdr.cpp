@@ -578,10 +578,7 @@ SdrModel parseSdrModel(const Profile &profile)
 
 std::shared_ptr<const SdrModel> sdrModel(Controller &controller)
 {
-    if (auto m = controller.attachment<SdrModel>("sdr")) return m;
-    auto m = std::make_shared<const SdrModel>(parseSdrModel(controller.profile()));
-    controller.attach<SdrModel>("sdr", m);
-    return m;
+    return controller.attachedOrParsed<SdrModel>("sdr", parseSdrModel);
 }
 
 int numericValue(AnalogFormat format, uint8_t raw)

@@ -88,6 +88,17 @@ void setSelectedTarget(std::shared_ptr<Target> target);
 void setLastError(const std::string &message);
 const char *lastError();
 
+// The current target as a transport's own target type, or null with the last error saying
+// what is selected instead (`kind`: "a LAN target", ...). The selection keeps it alive.
+template <typename T> T *currentTargetAs(const char *kind)
+{
+    uint16_t status = 0;
+    auto t = currentTarget(status);
+    auto *typed = dynamic_cast<T *>(t.get());
+    if (!typed && t) setLastError(std::string("the selected controller is not ") + kind + " (" + t->describe() + ")");
+    return typed;
+}
+
 // The link of an open session, or null.
 std::shared_ptr<Link> linkFor(IpmiSession *session);
 

@@ -336,14 +336,7 @@ uint16_t LanTarget::open(const OpenCall &, std::unique_ptr<Link> &link)
     return LIBIPMI_STATUS_OK;
 }
 
-LanTarget *currentLan()
-{
-    uint16_t status = 0;
-    auto t = currentTarget(status);
-    auto *lanTarget = dynamic_cast<LanTarget *>(t.get());
-    if (!lanTarget && t) setLastError("the selected controller is not a LAN target (" + t->describe() + ")");
-    return lanTarget;
-}
+LanTarget *currentLan() { return currentTargetAs<LanTarget>("a LAN target"); }
 
 } // namespace
 

@@ -59,14 +59,7 @@ private:
     std::shared_ptr<tvxsim::Controller> controller_;
 };
 
-SimTarget *currentSim()
-{
-    uint16_t status = 0;
-    auto t = currentTarget(status);
-    auto *sim = dynamic_cast<SimTarget *>(t.get());
-    if (!sim && t) setLastError("the selected controller is not a virtual controller (" + t->describe() + ")");
-    return sim;
-}
+SimTarget *currentSim() { return currentTargetAs<SimTarget>("a virtual controller"); }
 
 } // namespace
 

@@ -156,10 +156,8 @@ void emitFru(const Profile &p, Commands &out)
         if (d.wordAccess)
             throw ProfileError(p.file + ": " + d.pointer + "/word_access: ipmi_sim serves FRU data by bytes only");
         out.comment("FRU device " + std::to_string(d.id));
-        std::string line = "mc_add_fru_data " + hex(kBmcAddress) + " " + hex(d.id) + " " +
-                           hex(static_cast<unsigned>(d.image.size()), 4) + " data";
-        for (uint8_t b : d.image) line += " " + hex(b);
-        out.line(line);
+        out.command("mc_add_fru_data", hex(kBmcAddress), hex(d.id), hex(static_cast<unsigned>(d.image.size()), 4),
+                    "data" + byteList(d.image));
     }
 }
 
@@ -171,11 +169,7 @@ struct Section {
 };
 
 constexpr Section kSections[] = {
-    {"controller", emitController},
-    {"sdr", emitSdrs},
-    {"sensors", emitSensors},
-    {"sel", emitSel},
-    {"fru", emitFru},
+    {"controller", emitController}, {"sdr", emitSdrs}, {"sensors", emitSensors}, {"sel", emitSel}, {"fru", emitFru},
 };
 
 } // namespace

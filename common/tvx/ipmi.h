@@ -1,0 +1,176 @@
+// IPMI's numbers, named once for every layer: network functions, the commands this project
+// sends or answers, completion codes (one name each, with the text administrators read), and
+// the vendor's OEM/Group request frame.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+#include "tvx/wire.h"
+
+namespace tvx {
+
+namespace netfn {
+inline constexpr uint8_t kChassis = 0x00;
+inline constexpr uint8_t kBridge = 0x02;
+inline constexpr uint8_t kSensorEvent = 0x04;
+inline constexpr uint8_t kApp = 0x06;
+inline constexpr uint8_t kFirmware = 0x08;
+inline constexpr uint8_t kStorage = 0x0A;
+inline constexpr uint8_t kTransport = 0x0C;
+inline constexpr uint8_t kGroup = 0x2C;
+inline constexpr uint8_t kOem = 0x2E;
+// The NetFn/LUN byte of a request to LUN 0.
+constexpr uint8_t lun0(uint8_t netFn) { return static_cast<uint8_t>(netFn << 2); }
+} // namespace netfn
+
+namespace cmd {
+namespace chassis {
+inline constexpr uint8_t kGetCapabilities = 0x00;
+inline constexpr uint8_t kGetStatus = 0x01;
+inline constexpr uint8_t kControl = 0x02;
+inline constexpr uint8_t kIdentify = 0x04;
+inline constexpr uint8_t kSetPowerRestorePolicy = 0x06;
+inline constexpr uint8_t kGetSystemRestartCause = 0x07;
+inline constexpr uint8_t kSetSystemBootOptions = 0x08;
+inline constexpr uint8_t kGetSystemBootOptions = 0x09;
+} // namespace chassis
+namespace sensor {
+inline constexpr uint8_t kPlatformEvent = 0x02;
+inline constexpr uint8_t kGetPefCapabilities = 0x10;
+inline constexpr uint8_t kAlertImmediate = 0x16;
+inline constexpr uint8_t kGetDeviceSdrInfo = 0x20;
+inline constexpr uint8_t kGetDeviceSdr = 0x21;
+inline constexpr uint8_t kReserveDeviceSdrRepository = 0x22;
+inline constexpr uint8_t kGetSensorReadingFactors = 0x23;
+inline constexpr uint8_t kGetSensorHysteresis = 0x25;
+inline constexpr uint8_t kGetSensorThresholds = 0x27;
+inline constexpr uint8_t kGetSensorEventEnable = 0x29;
+inline constexpr uint8_t kGetSensorReading = 0x2D;
+inline constexpr uint8_t kGetSensorType = 0x2F;
+} // namespace sensor
+namespace app {
+inline constexpr uint8_t kGetDeviceId = 0x01;
+inline constexpr uint8_t kColdReset = 0x02;
+inline constexpr uint8_t kWarmReset = 0x03;
+inline constexpr uint8_t kGetSelfTestResults = 0x04;
+inline constexpr uint8_t kSetAcpiPowerState = 0x06;
+inline constexpr uint8_t kGetAcpiPowerState = 0x07;
+inline constexpr uint8_t kGetDeviceGuid = 0x08;
+inline constexpr uint8_t kGetSystemGuid = 0x37;
+inline constexpr uint8_t kGetChannelAuthCapabilities = 0x38;
+inline constexpr uint8_t kSendMessage = 0x34;
+inline constexpr uint8_t kGetChannelAccess = 0x41;
+inline constexpr uint8_t kGetChannelInfo = 0x42;
+} // namespace app
+namespace storage {
+inline constexpr uint8_t kGetFruInventoryAreaInfo = 0x10;
+inline constexpr uint8_t kReadFruData = 0x11;
+inline constexpr uint8_t kWriteFruData = 0x12;
+inline constexpr uint8_t kGetSdrRepositoryInfo = 0x20;
+inline constexpr uint8_t kGetSdrRepositoryAllocInfo = 0x21;
+inline constexpr uint8_t kReserveSdrRepository = 0x22;
+inline constexpr uint8_t kGetSdr = 0x23;
+inline constexpr uint8_t kGetSelInfo = 0x40;
+inline constexpr uint8_t kGetSelAllocInfo = 0x41;
+inline constexpr uint8_t kReserveSel = 0x42;
+inline constexpr uint8_t kGetSelEntry = 0x43;
+inline constexpr uint8_t kAddSelEntry = 0x44;
+inline constexpr uint8_t kDeleteSelEntry = 0x46;
+inline constexpr uint8_t kClearSel = 0x47;
+inline constexpr uint8_t kGetSelTime = 0x48;
+inline constexpr uint8_t kSetSelTime = 0x49;
+inline constexpr uint8_t kGetSelTimeUtcOffset = 0x5C;
+inline constexpr uint8_t kSetSelTimeUtcOffset = 0x5D;
+} // namespace storage
+namespace transport {
+inline constexpr uint8_t kSetLanConfig = 0x01;
+inline constexpr uint8_t kGetLanConfig = 0x02;
+} // namespace transport
+} // namespace cmd
+
+// Completion codes: one name per code.
+namespace cc {
+inline constexpr uint8_t kOk = 0x00;
+inline constexpr uint8_t kNodeBusy = 0xC0;
+inline constexpr uint8_t kInvalidCommand = 0xC1;
+inline constexpr uint8_t kInvalidForLun = 0xC2;
+inline constexpr uint8_t kTimeout = 0xC3;
+inline constexpr uint8_t kOutOfSpace = 0xC4;
+inline constexpr uint8_t kReservationCancelled = 0xC5;
+inline constexpr uint8_t kRequestDataTruncated = 0xC6;
+inline constexpr uint8_t kRequestLengthInvalid = 0xC7;
+inline constexpr uint8_t kRequestLengthExceeded = 0xC8;
+inline constexpr uint8_t kParameterOutOfRange = 0xC9;
+inline constexpr uint8_t kCannotReturnBytes = 0xCA;
+inline constexpr uint8_t kNotPresent = 0xCB;
+inline constexpr uint8_t kInvalidDataField = 0xCC;
+inline constexpr uint8_t kIllegalForType = 0xCD;
+inline constexpr uint8_t kCannotRespond = 0xCE;
+inline constexpr uint8_t kDuplicateRequest = 0xCF;
+inline constexpr uint8_t kSdrUpdateMode = 0xD0;
+inline constexpr uint8_t kFirmwareUpdateMode = 0xD1;
+inline constexpr uint8_t kInitInProgress = 0xD2;
+inline constexpr uint8_t kDestinationUnavailable = 0xD3;
+inline constexpr uint8_t kInsufficientPrivilege = 0xD4;
+inline constexpr uint8_t kNotSupportedInState = 0xD5;
+inline constexpr uint8_t kSubFunctionDisabled = 0xD6;
+inline constexpr uint8_t kUnspecified = 0xFF;
+
+// The text administrators know a completion code by (as IPMI names it).
+constexpr const char *text(uint8_t code)
+{
+    switch (code) {
+    case kOk: return "Command completed normally";
+    case kNodeBusy: return "Node busy";
+    case kInvalidCommand: return "Invalid command";
+    case kInvalidForLun: return "Invalid command on LUN";
+    case kTimeout: return "Timeout while processing command";
+    case kOutOfSpace: return "Out of space";
+    case kReservationCancelled: return "Reservation cancelled or invalid";
+    case kRequestDataTruncated: return "Request data truncated";
+    case kRequestLengthInvalid: return "Request data length invalid";
+    case kRequestLengthExceeded: return "Request data field length limit exceeded";
+    case kParameterOutOfRange: return "Parameter out of range";
+    case kCannotReturnBytes: return "Cannot return number of requested data bytes";
+    case kNotPresent: return "Requested sensor, data, or record not present";
+    case kInvalidDataField: return "Invalid data field in request";
+    case kIllegalForType: return "Command illegal for specified sensor or record type";
+    case kCannotRespond: return "Command response could not be provided";
+    case kDuplicateRequest: return "Cannot execute duplicated request";
+    case kSdrUpdateMode: return "SDR repository in update mode";
+    case kFirmwareUpdateMode: return "Device firmware in update mode";
+    case kInitInProgress: return "BMC initialization in progress";
+    case kDestinationUnavailable: return "Destination unavailable";
+    case kInsufficientPrivilege: return "Insufficient privilege level";
+    case kNotSupportedInState: return "Command not supported in present state";
+    case kSubFunctionDisabled: return "Command sub-function disabled or unavailable";
+    case kUnspecified: return "Unspecified error";
+    default: return code >= 0x01 && code <= 0x7E ? "Device-specific (OEM) completion code" : "Unknown completion code";
+    }
+}
+} // namespace cc
+
+// The OEM/Group frame: NetFn 0x2E; request bytes 0-2 the vendor's IANA enterprise number,
+// least significant byte first, then the command's own bytes; the answer repeats the number
+// after the completion code and carries its payload from kPayload on.
+namespace oem {
+inline constexpr uint32_t kVendorIana = 32473;
+inline constexpr wire::U8 kCompletionCode{0};
+inline constexpr wire::U24 kIanaEcho{1};
+inline constexpr std::size_t kPayload = 4; // first payload byte of an answer
+inline constexpr std::size_t kIanaSize = 3;
+
+// A request: the IANA number followed by the given bytes, e.g. request(0x40, key0, key1).
+template <typename... Bytes> constexpr std::array<uint8_t, kIanaSize + sizeof...(Bytes)> request(Bytes... bytes)
+{
+    return {static_cast<uint8_t>(kVendorIana), static_cast<uint8_t>(kVendorIana >> 8),
+            static_cast<uint8_t>(kVendorIana >> 16), static_cast<uint8_t>(bytes)...};
+}
+
+// Whether an answer repeats the vendor's IANA number after its completion code.
+constexpr bool echoesIana(wire::View answer) { return answer.get(kIanaEcho) == kVendorIana; }
+} // namespace oem
+
+} // namespace tvx

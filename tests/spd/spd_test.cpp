@@ -32,10 +32,10 @@ Decoded decode(Bytes image)
 }
 
 // An encoded module, changed afterwards (CRCs renewed) when `change` is given.
-Bytes generate(const spd::ModuleSpec &spec, const std::function<void(Bytes &)> &change = {})
+Bytes generate(const spd::Module &module, const std::function<void(Bytes &)> &change = {})
 {
     Bytes image(spd::kMaxSize);
-    image.resize(spd::encode(spec, image));
+    image.resize(spd::encode(module, image));
     if (change) change(image), spd::seal(image);
     return image;
 }
@@ -113,7 +113,7 @@ TEST(Spd, DecodersAgreeWithDecodeDimms)
 
 TEST(Spd, DecodersFollowTheLayout)
 {
-    const spd::ModuleSpec udimm3{spd::kDdr3, 0x02, 1600, 4096}, rdimm4{spd::kDdr4, 0x01, 2400, 16384, true},
+    const spd::Module udimm3{spd::kDdr3, 0x02, 1600, 4096}, rdimm4{spd::kDdr4, 0x01, 2400, 16384, true},
         udimm5{spd::kDdr5, 0x02, 4800, 16384};
     auto flipped = [](Bytes b, std::size_t at) { return b.at(at) ^= 0xFF, b; };
     auto cut = [](Bytes b, std::size_t size) { return b.resize(size), b; };

@@ -6,7 +6,7 @@
 set -euo pipefail
 packages=(g++ gcc make cmake pkg-config binutils libgtest-dev libgmock-dev libbenchmark-dev
           nlohmann-json3-dev
-          libfreeipmi-dev libopenipmi-dev openipmi ipmitool freeipmi-tools
+          libfreeipmi-dev libopenipmi-dev openipmi ipmitool freeipmi-tools i2c-tools
           smitools snmp erlang-snmp)
 missing=()
 for p in "${packages[@]}"; do

@@ -4,9 +4,16 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "tvx/wire.h"
 #include "tvx_toipmi.h"
 
 namespace {
+
+// The controller's IPv4 address on a system board of a partitionable server: 127.1.2.N,
+// where N - 1 is the board's number.
+constexpr tvx::wire::Run kBoardNetwork{0, 3};
+constexpr tvx::wire::U8 kBoardHost{3};
+constexpr uint8_t kBoardNetworkBytes[3] = {127, 1, 2};
 
 constexpr uint8_t kUndetermined = 254;
 constexpr uint8_t kNotPartitioned = 255;
@@ -42,7 +49,9 @@ TVX_API unsigned ipmiGetSbNumber(IpmiSession *session)
     if (!session) return kNotPartitioned;
     if (gSbNumber != kUndetermined) return gSbNumber;
     if (uint8_t *address = ipmiGetIpAddress(session)) {
-        if (address[0] == 127 && address[1] == 1 && address[2] == 2) gSbNumber = static_cast<uint8_t>(address[3] - 1);
+        const tvx::wire::View ip(address, 4);
+        if (std::memcmp(ip.get(kBoardNetwork).data(), kBoardNetworkBytes, sizeof kBoardNetworkBytes) == 0)
+            gSbNumber = static_cast<uint8_t>(ip.get(kBoardHost, uint8_t{0}) - 1);
         std::free(address);
     }
     if (gSbNumber > 3) gSbNumber = kNotPartitioned;

@@ -217,6 +217,7 @@ inline constexpr std::size_t kFirstField = 3; // part number, serial number, cus
 namespace board {
 inline constexpr U8 kLanguage{2};
 inline constexpr U24 kMfgMinutes{3}; // minutes since 1996-01-01 00:00 UTC
+inline constexpr wire::Run kMfgDateTime{3, 3}; // the same three bytes, as they stand
 inline constexpr std::size_t kFirstField = 6; // manufacturer, product name, serial, part number, FRU file ID
 } // namespace board
 namespace product {

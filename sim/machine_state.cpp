@@ -1,5 +1,7 @@
 #include "machine_state.h"
 
+#include "tvx/hex_string.h"
+
 #include <cstdio>
 
 namespace tvxsim::machine {
@@ -28,16 +30,7 @@ uint64_t number(const nlohmann::json &object, const char *key, uint64_t fallback
     return v <= max ? v : fallback;
 }
 
-std::string hexText(std::span<const uint8_t> bytes)
-{
-    std::string s;
-    char buf[3];
-    for (uint8_t b : bytes) {
-        std::snprintf(buf, sizeof buf, "%02x", b);
-        s += buf;
-    }
-    return s;
-}
+std::string hexText(std::span<const uint8_t> bytes) { return tvx::hexBytes(bytes, 0); }
 
 bool parseHex(const std::string &text, std::vector<uint8_t> &out)
 {

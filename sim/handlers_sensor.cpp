@@ -10,7 +10,7 @@ namespace {
 namespace sensor = tvx::cmd::sensor;
 namespace reading = tvx::sensor_reading;
 
-constexpr uint8_t kReservedAsOne = 0x80; // bit 7 of the last state byte reads as 1
+constexpr uint16_t kReservedAsOne = 0x8000; // bit 7 of the last state byte reads as 1
 
 // Get Sensor Reading: the reading, the flags and the state. A threshold-based sensor answers
 // one state byte, its threshold comparison status (bits 7..6 read as 1); a discrete sensor
@@ -34,8 +34,7 @@ void getReading(const SdrModel &m, Context &ctx, const Request &req, Response &r
         return;
     }
     uint16_t state = now.unavailable ? 0 : now.state;
-    rsp.u8(static_cast<uint8_t>(state));
-    rsp.u8(static_cast<uint8_t>(kReservedAsOne | (state >> 8 & 0x7F)));
+    rsp.u16(static_cast<uint16_t>(kReservedAsOne | (state & 0x7FFF)));
 }
 
 // Get Sensor Thresholds: the readable mask, then LNC, LC, LNR, UNC, UC, UNR (0 where not

@@ -1,6 +1,7 @@
 #include "machine_state.h"
 
 #include "tvx/hex_string.h"
+#include "tvx/wire.h"
 
 #include <cstdio>
 
@@ -80,7 +81,7 @@ std::optional<std::vector<uint8_t>> configValue(Context &ctx, uint16_t id, uint8
 bool consoleLogging(Context &ctx)
 {
     auto v = configValue(ctx, kVarConsoleLogging, 0);
-    return v && v->size() == 1 && (*v)[0] == 1;
+    return v && v->size() == 1 && tvx::wire::Reader(tvx::wire::View(*v)).u8() == 1;
 }
 
 void appendConsole(Context &ctx, const std::vector<std::string> &lines)

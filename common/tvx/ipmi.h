@@ -223,8 +223,11 @@ inline constexpr std::size_t kIanaSize = 3;
 // A request: the IANA number followed by the given bytes, e.g. request(0x40, key0, key1).
 template <typename... Bytes> constexpr std::array<uint8_t, kIanaSize + sizeof...(Bytes)> request(Bytes... bytes)
 {
-    return {static_cast<uint8_t>(kVendorIana), static_cast<uint8_t>(kVendorIana >> 8),
-            static_cast<uint8_t>(kVendorIana >> 16), static_cast<uint8_t>(bytes)...};
+    std::array<uint8_t, kIanaSize + sizeof...(Bytes)> out{};
+    wire::Writer w(out);
+    w.u24(kVendorIana);
+    (w.u8(static_cast<uint8_t>(bytes)), ...);
+    return out;
 }
 
 // Whether an answer repeats the vendor's IANA number after its completion code.

@@ -77,6 +77,10 @@ bool parseNumber(const std::string &text, unsigned long max, unsigned long &out)
 
 // An SDR record's ID string, from the bytes of its slot (never read past them).
 inline std::string sdrIdString(tvx::wire::View record) { return std::string(tvx::sdr::idString(record).view()); }
+inline std::string sdrIdString(const uint8_t *rec, size_t recordBytes)
+{
+    return sdrIdString(tvx::wire::View(rec, recordBytes));
+}
 
 using Command = int (*)(const Options &, const std::vector<std::string> &args);
 int cmdDevid(const Options &, const std::vector<std::string> &);

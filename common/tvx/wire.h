@@ -258,20 +258,15 @@ public:
         out_.insert(out_.end(), b.begin(), b.end());
         return *this;
     }
-    constexpr Appender &fill(std::size_t count, uint8_t value)
-    {
-        out_.insert(out_.end(), count, value);
-        return *this;
-    }
     // Stores a named field at its position, growing the container (with zeros) to reach it:
     // for a length or checksum known only once the rest is appended.
     template <typename T, std::size_t W> constexpr Appender &put(Field<T, W> f, T value)
     {
         if (out_.size() < f.end()) out_.resize(f.end(), 0);
-        for (std::size_t i = 0; i < W; ++i) out_[f.at + i] = static_cast<uint8_t>(static_cast<uint32_t>(value) >> (8 * i));
+        for (std::size_t i = 0; i < W; ++i)
+            out_[f.at + i] = static_cast<uint8_t>(static_cast<uint32_t>(value) >> (8 * i));
         return *this;
     }
-    constexpr std::size_t size() const { return out_.size(); }
 
 private:
     constexpr Appender &le(uint32_t v, std::size_t width)

@@ -121,21 +121,15 @@ int run(int argc, char **argv)
     if (!cmd) throw Failure{kExitUsage, "unknown command \"" + positional[0] + "\" (see tvxctl --help)"};
 
     // Choose the controller now, so that a bad profile or state is reported before anything.
-    std::string spec = opt.target;
-    if (!opt.machine.empty()) spec = "machine:" + opt.machine;
-    if (spec.empty()) {
-        const char *env = std::getenv(IPMIHOST_TARGET_ENV);
-        spec = env && *env ? env : "default";
-    }
-    std::string state = opt.state;
-    if (state.empty()) {
-        const char *env = std::getenv(IPMIHOST_STATE_ENV);
-        state = env ? env : "";
-    }
+    // What the user named goes to the platform as it stands; the platform decides what an
+    // unnamed target or state directory means (the environment's, else its defaults).
+    std::string spec = opt.machine.empty() ? opt.target : "machine:" + opt.machine;
+    const char *target = spec.empty() ? nullptr : spec.c_str();
+    const char *state = opt.state.empty() ? nullptr : opt.state.c_str();
     if (cmd->run == cmdReset && positional.size() > 1) throw Failure{kExitUsage, "reset takes no arguments"};
     // reset replaces the state without reading it, so it also mends a corrupt one.
-    int selected = cmd->run == cmdReset ? ipmihost_reset_target(spec.c_str(), state.empty() ? nullptr : state.c_str())
-                                        : ipmihost_select_target(spec.c_str(), state.empty() ? nullptr : state.c_str());
+    int selected =
+        cmd->run == cmdReset ? ipmihost_reset_target(target, state) : ipmihost_select_target(target, state);
     if (selected != 0) throw Failure{kExitFailed, ipmihost_last_error()};
 
     std::vector<std::string> args(positional.begin() + 1, positional.end());

@@ -342,7 +342,8 @@ TVX_API unsigned ipmiGetMemoryPolicy(IpmiSession *session);
    the 64 KiB the request's offset can address. */
 TVX_API int getMemorySPDdata(IpmiSession *session, uint8_t *buffer, unsigned size, uint8_t module);
 /* 1 when the controller's PCI slot table has an entry for slot with a device in it. The walk
-   ends at the end of the table, and after 256 entries at the latest. */
+   ends at the end of the table or at an entry too short to read, and after 256 entries at
+   the latest. */
 TVX_API int ipmiGetPciInfo(IpmiSession *session, uint8_t slot);
 /* The languages (LCIDs) the controller holds its texts in, at most 37. With *list NULL the list
    is allocated (the caller frees it), else the caller's array receives them. Returns their

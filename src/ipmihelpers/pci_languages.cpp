@@ -43,8 +43,12 @@ TVX_API int ipmiGetPciInfo(IpmiSession *session, uint8_t slot)
             return 0;
         if (entry.get(tvx::oem::kCompletionCode, uint8_t{0xFF}) != tvx::cc::kOk) return 0;
         if (!tvx::oem::echoesIana(entry)) return 0;
-        if (entry.get(hw::kPciSlot) == slot && entry.get(hw::kPciFirstId) != hw::kNoDevice &&
-            entry.get(hw::kPciSecondId) != hw::kNoDevice)
+        // An entry cut short (a short answer shortens the length for every later one) would
+        // show the bytes of an earlier entry: it ends the walk instead.
+        tvx::wire::View arrived = entry.first(length);
+        if (!arrived.has(hw::kPciSecondId)) return 0;
+        if (arrived.get(hw::kPciSlot) == slot && arrived.get(hw::kPciFirstId) != hw::kNoDevice &&
+            arrived.get(hw::kPciSecondId) != hw::kNoDevice)
             return 1;
     }
     return 0;

@@ -1,0 +1,151 @@
+// The virtual controller's processors, memory, PCI slots and languages: its answers and
+// refusals, the profile mistakes it names, and tvxctl showing the default machine.
+#include <gtest/gtest.h>
+
+#include "controller.h"
+#include "scratch.h"
+#include "tvxctl_runner.h"
+
+namespace {
+
+using nlohmann::json;
+using Bytes = std::vector<uint8_t>;
+
+json hardwareProfile()
+{
+    json p = tvxtest::baseProfile();
+    p["sensors"] = json::parse(R"([
+      {"record": "compact", "number": "0x38", "name": "CPU1", "entity": 3, "instance": 1, "type": 7,
+       "event_reading_type": "0x6F", "state": "0x0080"},
+      {"record": "compact", "number": "0x39", "name": "CPU2", "entity": 3, "instance": 2, "type": 7,
+       "event_reading_type": "0x6F", "state": "0x0000"}])");
+    p["processors"] = json::parse(R"([
+      {"socket": "CPU1", "sensor": "0x38", "manufacturer": "AMD", "model": "EPYC 9124", "signature": "0x00A10F11",
+       "family": "0x6B", "speed_mhz": {"current": 3000}, "cache_kb": {"l3": 32768}, "cores": 16},
+      {"socket": "CPU2", "sensor": "0x39", "present": false, "status": 6}])");
+    p["memory"] = json::parse(R"({"policy": 1, "modules": [
+      {"slot": "A1", "frequency": 4800, "capacity_mb": 65536, "spd": "12 00 0a"}, {"slot": "A2", "empty": true}]})");
+    return p;
+}
+
+Bytes answer(tvxsim::Controller &c, uint8_t command, const Bytes &data)
+{
+    Bytes request = {0xD9, 0x7E, 0x00};
+    request.insert(request.end(), data.begin(), data.end());
+    return c.handle(0x2E, 0, command, request).bytes;
+}
+
+TEST(HardwareController, AnswersAndRefusals)
+{
+    tvxsim::Controller c(tvxsim::parseProfile(hardwareProfile().dump(), "hw.json"), "");
+    const struct {
+        uint8_t command;
+        Bytes data;
+        Bytes answer; // after the IANA echo; a lone byte is the completion code
+    } cases[] = {
+        {0xF5, {0x4B, 1}, {0x00, 6}},
+        {0xF5, {0x4B, 2}, {0xC9}},
+        {0xF1, {0x15, 1}, {0xCB}},
+        {0xF1, {0x13, 0}, {0x00, 'E', 'P', 'Y', 'C', ' ', '9', '1', '2', '4'}},
+        {0xF1, {0x13}, {0xC7}},
+        {0xF5, {0x4A}, {0x00, 1, 1}},
+        {0xF5, {0x48, 1}, {0x00, 0}},
+        {0xF1, {0x18, 0}, {0x00, 0xC0, 0x12, 0x40, 0x80}},
+        {0xF1, {0x18, 1}, {0xCB}},
+        {0x07, {0x05, 0}, {0x00, 0, 1}},
+        {0xF1, {0x31, 0x81, 0, 1, 0, 64, 0}, {0x00, 0x00, 0x0A}},
+        {0xF1, {0x31, 0x81, 0, 3, 0, 64, 0}, {0xC9}},
+        {0xF1, {0x31, 0x80, 0, 0, 0, 64, 0}, {0xCC}},
+        {0xF1, {0x1A, 1, 0}, {0xC1}}, // no PCI table in this machine
+        {0xF5, {0x74}, {0xC1}},       // nor languages
+    };
+    for (const auto &x : cases) {
+        SCOPED_TRACE(testing::PrintToString(x.data));
+        Bytes got = answer(c, x.command, x.data);
+        ASSERT_GE(got.size(), 4u);
+        Bytes payload(got.begin() + 4, got.end());
+        payload.insert(payload.begin(), got[0]);
+        EXPECT_EQ(payload, x.answer);
+    }
+}
+
+TEST(HardwareController, ProfileMistakesAreNamed)
+{
+    const struct {
+        const char *pointer;
+        json value;
+        const char *message;
+    } cases[] = {
+        {"/processors/1/present", true, "/processors/1/sensor: the sensor's state lacks the presence bit"},
+        {"/processors/0/sensor", "0x40", "/processors/0/sensor: expected the number of a processor sensor"},
+        {"/processors/1/model", "X", "/processors/1/model: an absent processor has no details"},
+        {"/memory/modules/0/capacity_mb", 40000, "/memory/modules/0/capacity_mb: a capacity of 32768 MB or more"},
+        {"/memory/modules/1/spd", "00", "/memory/modules/1/spd: an empty slot holds no module"},
+        {"/memory/modules/0/spd", json{{"file", "missing.bin"}}, "/memory/modules/0/spd/file: missing.bin: cannot read"},
+        {"/memory/modules/0/size", 1, "/memory/modules/0/size: unknown key"},
+    };
+    for (const auto &x : cases) {
+        json p = hardwareProfile();
+        p[json::json_pointer(x.pointer)] = x.value;
+        try {
+            tvxsim::Controller c(tvxsim::parseProfile(p.dump(), "hw.json"), "");
+            ADD_FAILURE() << "accepted " << x.pointer;
+        } catch (const tvxsim::ProfileError &e) {
+            EXPECT_EQ(std::string(e.what()).rfind(std::string("hw.json: ") + x.message, 0), 0u) << e.what();
+        }
+    }
+}
+
+class HardwareCli : public testing::Test {
+protected:
+    json run(const std::vector<std::string> &args)
+    {
+        std::vector<std::string> all = {"--json"};
+        all.insert(all.end(), args.begin(), args.end());
+        tvxtest::Outcome r = tvxtest::runTvxctl(TVXCTL_PATH, scratch_.path(), all);
+        EXPECT_EQ(r.code, 0) << r;
+        return r.code == 0 ? json::parse(r.out) : json();
+    }
+    tvxtest::TempDir scratch_;
+};
+
+TEST_F(HardwareCli, DefaultMachineProcessorsAndMemory)
+{
+    json cpus = run({"cpu"});
+    ASSERT_EQ(cpus.size(), 2u);
+    for (const json &cpu : cpus) {
+        EXPECT_EQ(cpu["manufacturer"], "Intel");
+        EXPECT_EQ(cpu["model"], "Intel(R) Xeon(R) Gold 6426Y");
+        EXPECT_EQ(cpu["stepping"], 8);
+        EXPECT_EQ(cpu["logical_processors"], 32);
+        EXPECT_EQ(cpu["multithreading"], 3);
+        EXPECT_EQ(cpu["cache"]["l3"], 38400);
+        EXPECT_EQ(cpu["status_meaning"], "ok");
+    }
+    EXPECT_EQ(cpus[1]["sensor"], 0x39);
+
+    json memory = run({"memory"});
+    EXPECT_EQ(memory["max_index"], 15);
+    ASSERT_EQ(memory["modules"].size(), 16u);
+    EXPECT_EQ(memory["modules"][0]["status_meaning"], "warning");
+    EXPECT_EQ(memory["modules"][2]["capacity_mb"], 32768);
+    EXPECT_EQ(memory["modules"][2]["frequency"], 4800);
+    EXPECT_EQ(memory["modules"][3]["capacity_mb"], nullptr);
+    EXPECT_EQ(memory["modules"][14]["approval_meaning"], "not approved");
+}
+
+TEST_F(HardwareCli, DefaultMachinePciSlotsAndLanguages)
+{
+    json pci = run({"pci"});
+    ASSERT_EQ(pci["entries"].size(), 6u);
+    EXPECT_EQ(pci["entries"][0]["vendor_id"], "0x15b3");
+    EXPECT_EQ(pci["slots"][0], json({{"slot", 1}, {"occupied", true}}));
+    EXPECT_EQ(pci["slots"][1], json({{"slot", 2}, {"occupied", false}}));
+    EXPECT_EQ(pci["table_end"], nullptr);
+    json languages = run({"languages"});
+    ASSERT_EQ(languages.size(), 2u);
+    EXPECT_EQ(languages[0]["lcid"], "0x0409");
+    EXPECT_EQ(languages[1]["name"], "German (Germany)");
+}
+
+} // namespace

@@ -4,7 +4,7 @@
 set -euo pipefail
 packages=(g++ gcc make cmake pkg-config binutils libgtest-dev libgmock-dev libbenchmark-dev
           nlohmann-json3-dev
-          libfreeipmi-dev libopenipmi-dev openipmi ipmitool freeipmi-tools)
+          libfreeipmi-dev libopenipmi-dev openipmi ipmitool freeipmi-tools i2c-tools)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -9,6 +9,7 @@
 
 #include "controller.h"
 #include "sdr.h"
+#include "tvx/spd.h"
 
 namespace tvxsim {
 namespace {
@@ -16,7 +17,7 @@ namespace {
 constexpr uint8_t kProcessorSensorType = 0x07;
 constexpr uint16_t kProcessorPresent = 1u << 7; // sensor-specific offset 7: presence detected
 constexpr std::size_t kMaxModelName = 60;        // what a 64-byte answer buffer holds after the frame
-constexpr std::size_t kMaxSpdSize = 1024;         // the largest JEDEC SPD EEPROM (DDR5)
+constexpr std::size_t kMaxSpdSize = tvx::spd::kMaxSize; // the largest JEDEC SPD EEPROM (DDR5)
 constexpr uint32_t kGigabyteFlag = 0x8000;
 constexpr std::size_t kMaxLanguages = 0xFF;
 
@@ -116,13 +117,67 @@ std::vector<uint8_t> readImageFile(const Node &n, const Profile &profile)
     return image;
 }
 
-// The SPD image: a file (next to the profile unless the path is absolute), or its bytes.
-std::vector<uint8_t> parseSpd(const Node &n, const Profile &profile)
+struct Generation {
+    const char *name;
+    uint8_t type;
+};
+constexpr Generation kGenerations[] = {{"DDR3", tvx::spd::kDdr3}, {"DDR4", tvx::spd::kDdr4}, {"DDR5", tvx::spd::kDdr5}};
+
+// An image built by the JEDEC layouts from a few facts of the module and its capacity.
+std::vector<uint8_t> generateSpd(const Node &n, uint32_t capacityMb)
+{
+    n.allowOnly({"type", "module", "speed", "ecc", "lowest_mv", "manufacturer", "part_number"});
+    Node typeNode = n.at("type");
+    std::string typeName = typeNode.string();
+    tvx::spd::ModuleSpec spec{};
+    for (const Generation &g : kGenerations)
+        if (typeName == g.name) spec.type = g.type;
+    if (spec.type == 0) typeNode.fail("expected \"DDR3\", \"DDR4\" or \"DDR5\", got \"" + typeName + "\"");
+    Node moduleNode = n.at("module");
+    const char *const *names = tvx::spd::moduleTypeNames(spec.type);
+    if (moduleNode.json().is_string()) {
+        std::string name = moduleNode.string(), known;
+        for (uint8_t code = 0; code < 16; ++code) {
+            if (!names[code]) continue;
+            if (name == names[code]) spec.moduleType = code;
+            known += (known.empty() ? "" : ", ") + std::string(names[code]);
+        }
+        if (spec.moduleType == 0) moduleNode.fail("unknown " + typeName + " module type \"" + name + "\" (known: " + known + ")");
+    } else {
+        spec.moduleType = moduleNode.byte(); // a code of byte 3 as it stands
+    }
+    spec.mts = static_cast<uint16_t>(n.at("speed").integer(1, 0xFFFF));
+    spec.capacityMb = capacityMb;
+    if (auto v = n.find("ecc")) spec.ecc = v->boolean();
+    if (auto v = n.find("lowest_mv")) spec.lowestMv = static_cast<uint16_t>(v->integer(0, 0xFFFF));
+    if (auto v = n.find("manufacturer")) {
+        std::vector<uint8_t> id = v->bytes();
+        if (id.size() != 2) v->fail("expected the two JEP106 bytes as stored (continuation count, code), such as \"80 ce\"");
+        spec.manufacturer = static_cast<uint16_t>(tvx::wire::loadLe(id.data(), 2));
+    }
+    std::string part;
+    if (auto v = n.find("part_number")) part = textOf(*v, 30, "part number");
+    spec.partNumber = part.c_str();
+    std::vector<uint8_t> image(tvx::spd::kMaxSize, 0);
+    std::size_t size = tvx::spd::encode(spec, image);
+    if (size == 0)
+        n.fail("no " + typeName + " module of " + std::to_string(capacityMb) + " MB at " + std::to_string(spec.mts) +
+               " MT/s can be described: the speed must be one of the generation's speed bins, the capacity one that 1, "
+               "2 or 4 ranks of x4, x8 or x16 devices give, and a DDR3 lowest_mv 1500, 1350 or 1250");
+    image.resize(size);
+    return image;
+}
+
+// The SPD image: generated from a description, a file (next to the profile unless the path is
+// absolute), or its bytes.
+std::vector<uint8_t> parseSpd(const Node &n, const Profile &profile, uint32_t capacityMb)
 {
     std::vector<uint8_t> image;
-    if (n.json().is_object()) {
+    if (n.json().is_object() && n.has("file")) {
         n.allowOnly({"file"});
         image = readImageFile(n.at("file"), profile);
+    } else if (n.json().is_object()) {
+        image = generateSpd(n, capacityMb);
     } else {
         image = n.bytes();
     }
@@ -158,8 +213,9 @@ MemoryModule parseModule(const Node &n, const Profile &profile)
     }
     if (auto v = n.find("approved")) m.approved = v->boolean();
     m.frequency = static_cast<uint16_t>(n.at("frequency").integer(0, 0xFFFF));
-    m.capacity = capacityField(n.at("capacity_mb"));
-    if (auto v = n.find("spd")) m.spd = parseSpd(*v, profile);
+    Node capacity = n.at("capacity_mb");
+    m.capacity = capacityField(capacity);
+    if (auto v = n.find("spd")) m.spd = parseSpd(*v, profile, static_cast<uint32_t>(capacity.integer(1, 0x7FFFull * 1024)));
     return m;
 }
 

@@ -2,6 +2,8 @@
 // refusals, the profile mistakes it names, and tvxctl showing the default machine.
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "controller.h"
 #include "scratch.h"
 #include "tvxctl_runner.h"
@@ -132,7 +134,52 @@ TEST_F(HardwareCli, DefaultMachineProcessorsAndMemory)
     EXPECT_EQ(memory["modules"][2]["frequency"], 4800);
     EXPECT_EQ(memory["modules"][3]["capacity_mb"], nullptr);
     EXPECT_EQ(memory["modules"][14]["approval_meaning"], "not approved");
+    EXPECT_EQ(memory["modules"][2]["type"], "DDR5 SDRAM / RDIMM");
+    EXPECT_EQ(memory["modules"][2]["voltage_interface"], "1.1 V");
+    EXPECT_EQ(memory["modules"][2]["max_speed_mts"], 4800);
+
+    json spd = run({"memory", "spd", "0"});
+    EXPECT_EQ(spd["size_mb"], 32768);
+    EXPECT_EQ(spd["part_number"], "M321R4GA0BB0-CQK");
+    EXPECT_EQ(spd["crc"]["result"].get<std::string>().rfind("OK", 0), 0u);
 }
+
+#ifdef TVX_SPD_DATA
+// Real modules' images, served by a machine and read through the library in chunks, show what
+// decode-dimms (or, for DDR5, the JEDEC layout read by hand) says of them.
+TEST_F(HardwareCli, RealSpdImagesThroughTheWholePath)
+{
+    std::istringstream tsv(tvxtest::readFile(TVX_SPD_DATA "/expected.tsv"));
+    std::vector<std::vector<std::string>> rows;
+    for (std::string line; std::getline(tsv, line);) {
+        std::vector<std::string> cells;
+        std::istringstream fields(line);
+        for (std::string cell; std::getline(fields, cell, '\t');) cells.push_back(cell);
+        if (cells.size() >= 9 && cells[0] != "file") rows.push_back(cells);
+    }
+    ASSERT_FALSE(rows.empty());
+    json p = tvxtest::baseProfile();
+    for (const auto &row : rows)
+        p["memory"]["modules"].push_back({{"slot", row[0].substr(0, 16)}, {"frequency", std::stoi(row[3])},
+                                          {"capacity_mb", std::stoi(row[5])},
+                                          {"spd", {{"file", TVX_SPD_DATA "/" + row[0]}}}});
+    tvxtest::writeFile(scratch_.file("real.json"), p.dump());
+    auto squeeze = [](std::string s) { return std::erase(s, ' '), s; };
+    for (size_t i = 0; i < rows.size(); ++i) {
+        const auto &row = rows[i];
+        SCOPED_TRACE(row[0]);
+        json spd = run({"--machine", scratch_.file("real.json"), "memory", "spd", std::to_string(i)});
+        EXPECT_EQ(spd["fundamental_type"], row[1]);
+        EXPECT_EQ(spd["module_type"], row[2]);
+        EXPECT_EQ(spd["max_speed_mts"], std::stoi(row[3]));
+        EXPECT_EQ(spd["size_mb"], std::stoi(row[5]));
+        EXPECT_EQ(squeeze(spd["voltage_interface"].get<std::string>()), squeeze(row[6]));
+        auto firstWord = [](const std::string &t) { return t.substr(0, t.find(' ')); };
+        EXPECT_EQ(firstWord(spd["manufacturer"]), firstWord(row[7]));
+        EXPECT_EQ(spd["part_number"], row[8]);
+    }
+}
+#endif
 
 TEST_F(HardwareCli, DefaultMachinePciSlotsAndLanguages)
 {

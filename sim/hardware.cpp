@@ -66,7 +66,7 @@ Processor parseProcessor(const Node &n, const SdrModel &sdr)
     if (((sensor->state & kProcessorPresent) != 0) != p.present)
         sensorNode.fail(std::string("the sensor's state ") + (p.present ? "lacks" : "has") +
                         " the presence bit (0x0080), but the processor is " + (p.present ? "present" : "absent"));
-    p.status = number<uint8_t>(n, "status", 0xFF, 0);
+    p.status = number<uint8_t>(n, "status", 0xFF, p.present ? 1 : 0);
     p.altStatus = number<uint8_t>(n, "alt_status", 0xFF, p.status);
     if (!p.present) {
         for (const char *key : {"manufacturer", "model", "signature", "family", "speed_mhz", "cache_kb", "cores",

@@ -24,7 +24,7 @@ json hardwareProfile()
     p["processors"] = json::parse(R"([
       {"socket": "CPU1", "sensor": "0x38", "manufacturer": "AMD", "model": "EPYC 9124", "signature": "0x00A10F11",
        "family": "0x6B", "speed_mhz": {"current": 3000}, "cache_kb": {"l3": 32768}, "cores": 16},
-      {"socket": "CPU2", "sensor": "0x39", "present": false, "status": 6}])");
+      {"socket": "CPU2", "sensor": "0x39", "present": false}])");
     p["memory"] = json::parse(R"({"policy": 1, "modules": [
       {"slot": "A1", "frequency": 4800, "capacity_mb": 65536, "spd": "12 00 0a"}, {"slot": "A2", "empty": true}]})");
     return p;
@@ -45,21 +45,13 @@ TEST(HardwareController, AnswersAndRefusals)
         Bytes data;
         Bytes answer; // after the IANA echo; a lone byte is the completion code
     } cases[] = {
-        {0xF5, {0x4B, 1}, {0x00, 6}},
         {0xF5, {0x4B, 2}, {0xC9}},
         {0xF1, {0x15, 1}, {0xCB}},
-        {0xF1, {0x13, 0}, {0x00, 'E', 'P', 'Y', 'C', ' ', '9', '1', '2', '4'}},
-        {0xF1, {0x13}, {0xC7}},
-        {0xF5, {0x4A}, {0x00, 1, 1}},
-        {0xF5, {0x48, 1}, {0x00, 0}},
-        {0xF1, {0x18, 0}, {0x00, 0xC0, 0x12, 0x40, 0x80}},
         {0xF1, {0x18, 1}, {0xCB}},
-        {0x07, {0x05, 0}, {0x00, 0, 1}},
         {0xF1, {0x31, 0x81, 0, 1, 0, 64, 0}, {0x00, 0x00, 0x0A}},
         {0xF1, {0x31, 0x81, 0, 3, 0, 64, 0}, {0xC9}},
-        {0xF1, {0x31, 0x80, 0, 0, 0, 64, 0}, {0xCC}},
         {0xF1, {0x1A, 1, 0}, {0xC1}}, // no PCI table in this machine
-        {0xF5, {0x74}, {0xC1}},       // nor languages
+        {0xF1, {0x13}, {0xC7}},
     };
     for (const auto &x : cases) {
         SCOPED_TRACE(testing::PrintToString(x.data));
@@ -79,12 +71,9 @@ TEST(HardwareController, ProfileMistakesAreNamed)
         const char *message;
     } cases[] = {
         {"/processors/1/present", true, "/processors/1/sensor: the sensor's state lacks the presence bit"},
-        {"/processors/0/sensor", "0x40", "/processors/0/sensor: expected the number of a processor sensor"},
-        {"/processors/1/model", "X", "/processors/1/model: an absent processor has no details"},
         {"/memory/modules/0/capacity_mb", 40000, "/memory/modules/0/capacity_mb: a capacity of 32768 MB or more"},
         {"/memory/modules/1/spd", "00", "/memory/modules/1/spd: an empty slot holds no module"},
         {"/memory/modules/0/spd", json{{"file", "missing.bin"}}, "/memory/modules/0/spd/file: missing.bin: cannot read"},
-        {"/memory/modules/0/size", 1, "/memory/modules/0/size: unknown key"},
     };
     for (const auto &x : cases) {
         json p = hardwareProfile();
@@ -111,88 +100,68 @@ protected:
     tvxtest::TempDir scratch_;
 };
 
-TEST_F(HardwareCli, DefaultMachineProcessorsAndMemory)
+TEST_F(HardwareCli, DefaultMachine)
 {
     json cpus = run({"cpu"});
     ASSERT_EQ(cpus.size(), 2u);
-    for (const json &cpu : cpus) {
-        EXPECT_EQ(cpu["manufacturer"], "Intel");
-        EXPECT_EQ(cpu["model"], "Intel(R) Xeon(R) Gold 6426Y");
-        EXPECT_EQ(cpu["stepping"], 8);
-        EXPECT_EQ(cpu["logical_processors"], 32);
-        EXPECT_EQ(cpu["multithreading"], 3);
-        EXPECT_EQ(cpu["cache"]["l3"], 38400);
-        EXPECT_EQ(cpu["status_meaning"], "ok");
-    }
     EXPECT_EQ(cpus[1]["sensor"], 0x39);
+    EXPECT_EQ(cpus[1]["model"], "Intel(R) Xeon(R) Gold 6426Y");
+    EXPECT_EQ(cpus[1]["stepping"], 8);
+    EXPECT_EQ(cpus[1]["logical_processors"], 32);
+    EXPECT_EQ(cpus[1]["cache"]["l3"], 38400);
 
     json memory = run({"memory"});
     EXPECT_EQ(memory["max_index"], 15);
     ASSERT_EQ(memory["modules"].size(), 16u);
     EXPECT_EQ(memory["modules"][0]["status_meaning"], "warning");
-    EXPECT_EQ(memory["modules"][2]["capacity_mb"], 32768);
     EXPECT_EQ(memory["modules"][2]["frequency"], 4800);
     EXPECT_EQ(memory["modules"][3]["capacity_mb"], nullptr);
     EXPECT_EQ(memory["modules"][14]["approval_meaning"], "not approved");
     EXPECT_EQ(memory["modules"][2]["type"], "DDR5 SDRAM / RDIMM");
     EXPECT_EQ(memory["modules"][2]["voltage_interface"], "1.1 V");
-    EXPECT_EQ(memory["modules"][2]["max_speed_mts"], 4800);
 
     json spd = run({"memory", "spd", "0"});
     EXPECT_EQ(spd["size_mb"], 32768);
     EXPECT_EQ(spd["part_number"], "M321R4GA0BB0-CQK");
     EXPECT_EQ(spd["crc"]["result"].get<std::string>().rfind("OK", 0), 0u);
-}
 
-#ifdef TVX_SPD_DATA
-// Real modules' images, served by a machine and read through the library in chunks, show what
-// decode-dimms (or, for DDR5, the JEDEC layout read by hand) says of them.
-TEST_F(HardwareCli, RealSpdImagesThroughTheWholePath)
-{
-    std::istringstream tsv(tvxtest::readFile(TVX_SPD_DATA "/expected.tsv"));
-    std::vector<std::vector<std::string>> rows;
-    for (std::string line; std::getline(tsv, line);) {
-        std::vector<std::string> cells;
-        std::istringstream fields(line);
-        for (std::string cell; std::getline(fields, cell, '\t');) cells.push_back(cell);
-        if (cells.size() >= 9 && cells[0] != "file") rows.push_back(cells);
-    }
-    ASSERT_FALSE(rows.empty());
-    json p = tvxtest::baseProfile();
-    for (const auto &row : rows)
-        p["memory"]["modules"].push_back({{"slot", row[0].substr(0, 16)}, {"frequency", std::stoi(row[3])},
-                                          {"capacity_mb", std::stoi(row[5])},
-                                          {"spd", {{"file", TVX_SPD_DATA "/" + row[0]}}}});
-    tvxtest::writeFile(scratch_.file("real.json"), p.dump());
-    auto squeeze = [](std::string s) { return std::erase(s, ' '), s; };
-    for (size_t i = 0; i < rows.size(); ++i) {
-        const auto &row = rows[i];
-        SCOPED_TRACE(row[0]);
-        json spd = run({"--machine", scratch_.file("real.json"), "memory", "spd", std::to_string(i)});
-        EXPECT_EQ(spd["fundamental_type"], row[1]);
-        EXPECT_EQ(spd["module_type"], row[2]);
-        EXPECT_EQ(spd["max_speed_mts"], std::stoi(row[3]));
-        EXPECT_EQ(spd["size_mb"], std::stoi(row[5]));
-        EXPECT_EQ(squeeze(spd["voltage_interface"].get<std::string>()), squeeze(row[6]));
-        auto firstWord = [](const std::string &t) { return t.substr(0, t.find(' ')); };
-        EXPECT_EQ(firstWord(spd["manufacturer"]), firstWord(row[7]));
-        EXPECT_EQ(spd["part_number"], row[8]);
-    }
-}
-#endif
-
-TEST_F(HardwareCli, DefaultMachinePciSlotsAndLanguages)
-{
     json pci = run({"pci"});
     ASSERT_EQ(pci["entries"].size(), 6u);
-    EXPECT_EQ(pci["entries"][0]["vendor_id"], "0x15b3");
     EXPECT_EQ(pci["slots"][0], json({{"slot", 1}, {"occupied", true}}));
     EXPECT_EQ(pci["slots"][1], json({{"slot", 2}, {"occupied", false}}));
-    EXPECT_EQ(pci["table_end"], nullptr);
     json languages = run({"languages"});
     ASSERT_EQ(languages.size(), 2u);
     EXPECT_EQ(languages[0]["lcid"], "0x0409");
     EXPECT_EQ(languages[1]["name"], "German (Germany)");
 }
+
+#ifdef TVX_SPD_DATA
+// Real modules' images, served by a machine and read through the library in chunks, show the
+// size, maker and part number that decode-dimms (or the JEDEC layout read by hand) reads.
+TEST_F(HardwareCli, RealSpdImagesThroughTheWholePath)
+{
+    std::istringstream tsv(tvxtest::readFile(TVX_SPD_DATA "/expected.tsv"));
+    std::vector<std::vector<std::string>> rows; // file, type, module type, speed, -, MB, -, maker, part
+    json p = tvxtest::baseProfile();
+    for (std::string line; std::getline(tsv, line);) {
+        std::istringstream fields(line);
+        std::vector<std::string> &c = rows.emplace_back();
+        for (std::string cell; std::getline(fields, cell, '\t');) c.push_back(cell);
+        if (c.size() < 9 || c[0] == "file") rows.pop_back();
+        else p["memory"]["modules"].push_back({{"slot", "S"}, {"frequency", 1}, {"capacity_mb", std::stoi(c[5])},
+                                               {"spd", {{"file", TVX_SPD_DATA "/" + c[0]}}}});
+    }
+    tvxtest::writeFile(scratch_.file("real.json"), p.dump());
+    auto firstWord = [](const std::string &t) { return t.substr(0, t.find(' ')); };
+    for (size_t i = 0; i < rows.size(); ++i) {
+        json spd = run({"--machine", scratch_.file("real.json"), "memory", "spd", std::to_string(i)});
+        EXPECT_EQ(spd["module_type"], rows[i][2]) << rows[i][0];
+        EXPECT_EQ(spd["size_mb"], std::stoi(rows[i][5])) << rows[i][0];
+        EXPECT_EQ(firstWord(spd["manufacturer"]), firstWord(rows[i][7])) << rows[i][0];
+        EXPECT_EQ(spd["part_number"], rows[i][8]) << rows[i][0];
+    }
+    EXPECT_EQ(rows.size(), 11u);
+}
+#endif
 
 } // namespace

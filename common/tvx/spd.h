@@ -310,7 +310,7 @@ constexpr void seal(std::span<uint8_t> image)
 }
 
 // What the encoder builds: a module of a generation, type, speed, capacity and voltage.
-struct ModuleSpec {
+struct Module {
     uint8_t type;       // kDdr3, kDdr4 or kDdr5
     uint8_t moduleType; // byte 3: the generation's module type code (with hybrid bits 7:4 on DDR4/DDR5)
     uint16_t mts;       // one of the generation's speed bins
@@ -323,25 +323,26 @@ struct ModuleSpec {
     const char *partNumber = nullptr; // ASCII, cut to the field and padded with spaces
 };
 
-// Builds the image of `spec` into `out` (zero-filled first) with valid CRCs; returns the
-// image's size (DDR3 256, DDR4 512, DDR5 1024 bytes) or 0 when the spec names no speed bin of
-// its generation, no module type of it, a voltage it does not have, or a capacity no
-// organisation of 1, 2 or 4 ranks of x4, x8 or x16 devices of one die gives (or `out` is short).
-// The organisation is the first found, x8 devices before x4 and x16, fewer ranks first, then
-// the smallest die; timings are typical of the generation (tAA and tRCD 13.125/13.75/16 ns).
-constexpr std::size_t encode(const ModuleSpec &spec, std::span<uint8_t> out)
+// Builds the image of `module` into `out` (zero-filled first) with valid CRCs; returns the
+// image's size (DDR3 256, DDR4 512, DDR5 1024 bytes), or 0 when the speed is not one of the
+// generation's bins, the module type not one of its types, the voltage not one it has, no
+// organisation of 1, 2 or 4 ranks of x4, x8 or x16 single-die devices gives the capacity, or
+// `out` is too short. The organisation is the first found: x8 devices before x4 and x16,
+// fewer ranks first, then the smallest die. Timings are typical of the generation (tAA, tRCD
+// and tRP 13.125, 13.75 or 16 ns).
+constexpr std::size_t encode(const Module &module, std::span<uint8_t> out)
 {
-    const uint8_t type = spec.type;
+    const uint8_t type = module.type;
     const std::size_t size = type == kDdr3 ? ddr3::kSize : type == kDdr4 ? ddr4::kSize : ddr5::kSize;
     const char *const *names = moduleTypeNames(type);
-    if (!names || !names[wire::bits(spec.moduleType, 0, 4)] || out.size() < size) return 0;
-    if (type == kDdr3 && spec.moduleType > 0x0F) return 0;
+    if (!names || !names[wire::bits(module.moduleType, 0, 4)] || out.size() < size) return 0;
+    if (type == kDdr3 && module.moduleType > 0x0F) return 0;
     uint16_t tck = 0;
     for (const SpeedBin &bin : speedBins(type))
-        if (bin.mts == spec.mts) tck = bin.tckPs;
+        if (bin.mts == module.mts) tck = bin.tckPs;
     uint8_t volts = 0;
     if (type == kDdr3)
-        volts = spec.lowestMv == 1500 ? 0 : spec.lowestMv == 1350 ? 0x02 : spec.lowestMv == 1250 ? 0x06 : 0xFF;
+        volts = module.lowestMv == 1500 ? 0 : module.lowestMv == 1350 ? 0x02 : module.lowestMv == 1250 ? 0x06 : 0xFF;
     if (tck == 0 || volts == 0xFF) return 0;
 
     // Organisation: device width code, ranks, density code (die MB by generation).
@@ -359,7 +360,7 @@ constexpr std::size_t encode(const ModuleSpec &spec, std::span<uint8_t> out)
         for (int r : {1, 2, 4}) {
             for (int d = firstDensity; d <= lastDensity && density < 0; ++d) {
                 const uint64_t dieMb = ddr5 ? ddr5::kDieMb[d] : 32u << d;
-                if (dieMb && dieMb * (deviceBusBits / (4u << w)) * r * (ddr5 ? 2 : 1) == spec.capacityMb)
+                if (dieMb && dieMb * (deviceBusBits / (4u << w)) * r * (ddr5 ? 2 : 1) == module.capacityMb)
                     width = w, ranks = r, density = d;
             }
             if (density >= 0) break;
@@ -392,7 +393,7 @@ constexpr std::size_t encode(const ModuleSpec &spec, std::span<uint8_t> out)
         }
     };
     u8(kMemoryType, type);
-    u8(kModuleType, spec.moduleType);
+    u8(kModuleType, module.moduleType);
     if (type == kDdr3) {
         const int columns = width == 0 ? 11 : 10, rows = log2(dieBits) - 3 - columns - widthBits;
         u8(ddr3::kBytes, 0x13); // 256 bytes used of 256, CRC over 0-125
@@ -401,7 +402,7 @@ constexpr std::size_t encode(const ModuleSpec &spec, std::span<uint8_t> out)
         u8(ddr3::kAddressing, static_cast<unsigned>((rows - 12) << 3 | (columns - 9)));
         u8(ddr3::kVoltage, volts);
         u8(ddr3::kOrganization, static_cast<unsigned>((ranks - 1) << 3 | width));
-        u8(ddr3::kBusWidth, (spec.ecc ? 1u << 3 : 0u) | 3u);
+        u8(ddr3::kBusWidth, (module.ecc ? 1u << 3 : 0u) | 3u);
         u8(ddr3::kFineTimebase, 0x11); // 1 ps
         u8(ddr3::kMtbDividend, 1);     // 1/8 ns
         u8(ddr3::kMtbDivisor, 8);
@@ -414,8 +415,8 @@ constexpr std::size_t encode(const ModuleSpec &spec, std::span<uint8_t> out)
         u8(ddr3::kTrasTrcHigh, (trc >> 8) << 4 | tras >> 8);
         u8(ddr3::kTrasMin, tras & 0xFF);
         u8(ddr3::kTrcMin, trc & 0xFF);
-        u16(ddr3::kModuleManufacturer, spec.manufacturer);
-        fill(ddr3::kPartNumber, spec.partNumber);
+        u16(ddr3::kModuleManufacturer, module.manufacturer);
+        fill(ddr3::kPartNumber, module.partNumber);
     } else if (type == kDdr4) {
         const int groupBits = width == 2 ? 1 : 2, columns = 10;
         const int rows = log2(dieBits) - groupBits - 2 - columns - widthBits;
@@ -426,7 +427,7 @@ constexpr std::size_t encode(const ModuleSpec &spec, std::span<uint8_t> out)
         u8(ddr4::kOptional, 0x08);
         u8(ddr4::kVoltage, 0x03); // 1.2 V operable and endurant
         u8(ddr4::kOrganization, static_cast<unsigned>((ranks - 1) << 3 | width));
-        u8(ddr4::kBusWidth, (spec.ecc ? 1u << 3 : 0u) | 3u);
+        u8(ddr4::kBusWidth, (module.ecc ? 1u << 3 : 0u) | 3u);
         u8(ddr4::kTckMin, mtbTck);
         u8(ddr4::kTckMinFine, static_cast<unsigned>(fineTck) & 0xFF);
         u8(ddr4::kTckMax, 13); // 1.6 ns: 13 x 125 ps - 25 ps
@@ -438,8 +439,8 @@ constexpr std::size_t encode(const ModuleSpec &spec, std::span<uint8_t> out)
         u8(ddr4::kTrasTrcHigh, (trc >> 8) << 4 | tras >> 8);
         u8(ddr4::kTrasMin, tras & 0xFF);
         u8(ddr4::kTrcMin, trc & 0xFF);
-        u16(ddr4::kModuleManufacturer, spec.manufacturer);
-        fill(ddr4::kPartNumber, spec.partNumber);
+        u16(ddr4::kModuleManufacturer, module.manufacturer);
+        fill(ddr4::kPartNumber, module.partNumber);
     } else {
         // 8 Gb dies have 2 banks per group, larger ones 4; x16 devices half the groups.
         const int groupBits = width == 2 ? 2 : 3, bankBits = density == 2 ? 1 : 2, columns = 10;
@@ -460,9 +461,9 @@ constexpr std::size_t encode(const ModuleSpec &spec, std::span<uint8_t> out)
         u16(ddr5::kTrasMin, 32000);
         u16(ddr5::kTrcMin, 32000 + taa);
         u8(ddr5::kOrganization, static_cast<unsigned>((ranks - 1) << 3));
-        u8(ddr5::kBusWidth, 1u << 5 | (spec.ecc ? 2u << 3 : 0u) | 2u); // two 32-bit sub-channels
-        u16(ddr5::kModuleManufacturer, spec.manufacturer);
-        fill(ddr5::kPartNumber, spec.partNumber);
+        u8(ddr5::kBusWidth, 1u << 5 | (module.ecc ? 2u << 3 : 0u) | 2u); // two 32-bit sub-channels
+        u16(ddr5::kModuleManufacturer, module.manufacturer);
+        fill(ddr5::kPartNumber, module.partNumber);
     }
     seal(out.first(size));
     return w.ok() ? size : 0;

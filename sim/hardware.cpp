@@ -129,7 +129,7 @@ std::vector<uint8_t> generateSpd(const Node &n, uint32_t capacityMb)
     n.allowOnly({"type", "module", "speed", "ecc", "lowest_mv", "manufacturer", "part_number"});
     Node typeNode = n.at("type");
     std::string typeName = typeNode.string();
-    tvx::spd::ModuleSpec spec{};
+    tvx::spd::Module spec{};
     for (const Generation &g : kGenerations)
         if (typeName == g.name) spec.type = g.type;
     if (spec.type == 0) typeNode.fail("expected \"DDR3\", \"DDR4\" or \"DDR5\", got \"" + typeName + "\"");

@@ -113,7 +113,8 @@ TEST_F(HardwareCli, DefaultMachine)
     json memory = run({"memory"});
     EXPECT_EQ(memory["max_index"], 15);
     ASSERT_EQ(memory["modules"].size(), 16u);
-    EXPECT_EQ(memory["modules"][0]["status_meaning"], "warning");
+    EXPECT_EQ(memory["modules"][0]["status_meaning"], "prefailure warning");
+    EXPECT_EQ(memory["modules"][15]["name"], "DIMM-2H");
     EXPECT_EQ(memory["modules"][2]["frequency"], 4800);
     EXPECT_EQ(memory["modules"][3]["capacity_mb"], nullptr);
     EXPECT_EQ(memory["modules"][14]["approval_meaning"], "not approved");

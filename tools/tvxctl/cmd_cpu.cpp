@@ -35,15 +35,17 @@ std::vector<Socket> processorSockets(IpmiSession *session)
     return out;
 }
 
-// What the agent's processor status codes stand for, by how the overall status rates them.
+// What the agent's processor status codes stand for (the hardware MIB's processor states).
 const char *statusMeaning(uint32_t code)
 {
     switch (code) {
-    case 1: return "unknown";
-    case 2: case 3: case 4: return "ok";
-    case 5: case 6: return "critical";
-    case 8: return "warning";
-    default: return "not rated";
+    case 2: return "not present";
+    case 3: return "ok";
+    case 4: return "disabled";
+    case 5: return "error";
+    case 6: return "failed";
+    case 8: return "prefailure warning";
+    default: return "unknown";
     }
 }
 
@@ -122,7 +124,7 @@ int cmdCpu(const Options &opt, const std::vector<std::string> &args)
         std::printf("No processor sensors in the SDR repository.\n");
         return kExitOk;
     }
-    std::printf("%-6s %-4s %-12s %-7s %-14s %-3s %-6s %-30s %-4s %-6s %-5s %-5s %-7s %-7s %-8s %-6s %-6s %s\n",
+    std::printf("%-6s %-4s %-12s %-7s %-16s %-3s %-6s %-30s %-4s %-6s %-5s %-5s %-7s %-7s %-8s %-6s %-6s %s\n",
                 "Socket", "Sens", "Name", "Present", "Status", "Alt", "Maker", "Model", "Step", "Family", "MHz",
                 "Cores", "Enabled", "Logical", "SMT", "L1 KB", "L2 KB", "L3 KB");
     for (const Row &r : rows) {
@@ -131,7 +133,7 @@ int cmdCpu(const Options &opt, const std::vector<std::string> &args)
         std::string logicals = r.logicals < 0 ? "-" : std::to_string(r.logicals);
         char family[8];
         std::snprintf(family, sizeof family, "0x%02x", r.family);
-        std::printf("%-6u %02Xh  %-12.12s %-7s %-14s %-3u %-6s %-30.30s %-4u %-6s %-5s %-5u %-7u %-7s %-8s %-6u %-6u %u\n",
+        std::printf("%-6u %02Xh  %-12.12s %-7s %-16s %-3u %-6s %-30.30s %-4u %-6s %-5s %-5u %-7u %-7s %-8s %-6u %-6u %u\n",
                     r.socket, r.sensor.sensor, r.sensor.name.c_str(), r.present ? "yes" : "no", status.c_str(),
                     r.statusAlt, r.manufacturer.empty() ? "-" : r.manufacturer.c_str(), r.named ? r.model.c_str() : "-",
                     r.stepping, family, speed.c_str(), r.cores, r.enabledCores, logicals.c_str(),

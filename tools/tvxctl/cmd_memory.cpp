@@ -6,6 +6,7 @@
 
 #include "cli.h"
 #include "decodeUtil.h"
+#include "tvx/records.h"
 #include "tvx/spd.h"
 
 namespace tvxctl {
@@ -13,23 +14,45 @@ namespace {
 
 constexpr uint32_t kNone = 0xFFFFFFFF;
 constexpr std::size_t kTextSize = 64;
+constexpr uint8_t kMemorySensor = 0x0C;
 
-// What the agent's memory status codes stand for, by how the overall status rates them.
+// What the agent's memory status codes stand for (the hardware MIB's memory states).
 const char *statusMeaning(uint32_t code)
 {
     switch (code) {
-    case 1: return "unknown";
-    case 2: case 3: case 4: case 8: case 9: case 10: return "ok";
-    case 5: case 6: return "critical";
-    case 7: return "warning";
-    default: return "not rated";
+    case 2: return "not present";
+    case 3: return "ok";
+    case 4: return "disabled";
+    case 5: return "error";
+    case 6: return "failed";
+    case 7: return "prefailure warning";
+    case 11: return "hidden";
+    default: return "unknown";
     }
+}
+
+// The names of the memory sensors (compact SDRs of sensor type 0x0C), in repository order: the
+// agent's numbering of the modules.
+std::vector<std::string> moduleNames(IpmiSession *session)
+{
+    SDRInfo info;
+    std::memset(&info, 0, sizeof info);
+    std::vector<std::string> out;
+    if (!getSDRInfo(session, &info)) return out;
+    for (uint32_t i = 0; i < info.count; ++i) {
+        tvx::wire::View rec(getSdrByIndex(i, &info), info.recordSize);
+        if (rec.get(tvx::sdr::kRecordType) == tvx::sdr::kCompactSensor && rec.get(tvx::sdr::kSensorType) == kMemorySensor)
+            out.push_back(sdrIdString(rec.data(), rec.size()));
+    }
+    freeSDRInfo(&info);
+    return out;
 }
 
 const char *approvalMeaning(uint32_t code) { return code == 3 ? "approved" : code == 2 ? "not approved" : "unknown"; }
 
 struct Row {
     unsigned module;
+    std::string name; // of the slot's memory sensor
     uint32_t status, config, approval, frequency, capacity;
     std::string form, type, voltage; // empty: none
     int maxFrequency;
@@ -38,7 +61,7 @@ struct Row {
 Row read(unsigned module)
 {
     const uint8_t m = static_cast<uint8_t>(module);
-    Row r{module, getMemoryModuleStatus(m), getMemoryModuleConfig(m), getMemoryModuleApprovedStatus(m),
+    Row r{module, "", getMemoryModuleStatus(m), getMemoryModuleConfig(m), getMemoryModuleApprovedStatus(m),
           getMemoryModuleFrequency(m), getMemoryModuleCapacity(m), "", "", "", getMemoryModuleMaxFrequency(m)};
     char text[kTextSize] = {};
     if (getMemoryModuleForm(text, sizeof text - 1, m)) r.form = text;
@@ -57,6 +80,7 @@ std::string shown(const std::string &s) { return s.empty() ? "-" : s; }
 Json toJson(const Row &r)
 {
     return {{"module", r.module},
+            {"name", textOrNull(r.name)},
             {"status", r.status},
             {"status_meaning", statusMeaning(r.status)},
             {"config", r.config},
@@ -75,8 +99,12 @@ int listModules(const Options &opt)
     Session session;
     const unsigned policy = ipmiGetMemoryPolicy(session.get());
     const unsigned maxIndex = getMemoryMaxIndex(session.get());
+    const std::vector<std::string> names = moduleNames(session.get());
     std::vector<Row> rows;
-    for (unsigned m = 0; m <= maxIndex; ++m) rows.push_back(read(m));
+    for (unsigned m = 0; m <= maxIndex; ++m) {
+        rows.push_back(read(m));
+        if (m < names.size()) rows.back().name = names[m];
+    }
     if (opt.json) {
         Json modules = Json::array();
         for (const Row &r : rows) modules.push_back(toJson(r));
@@ -85,12 +113,13 @@ int listModules(const Options &opt)
     }
     std::printf("Memory policy: %s   highest module index: %u\n\n",
                 policy == 0xFF ? "unreadable" : std::to_string(policy).c_str(), maxIndex);
-    std::printf("%-6s %-14s %-6s %-16s %-9s %-8s %-10s %-24s %-8s %s\n", "Module", "Status", "Config", "Approval",
-                "Frequency", "Size MB", "Form", "Type", "Max MT/s", "Voltage");
+    std::printf("%-6s %-10s %-22s %-6s %-16s %-9s %-8s %-8s %-20s %-8s %s\n", "Module", "Name", "Status", "Config",
+                "Approval", "Frequency", "Size MB", "Form", "Type", "Max MT/s", "Voltage");
     for (const Row &r : rows) {
         std::string status = std::to_string(r.status) + " (" + statusMeaning(r.status) + ")";
         std::string approval = std::to_string(r.approval) + " (" + approvalMeaning(r.approval) + ")";
-        std::printf("%-6u %-14s %-6u %-16s %-9s %-8s %-10s %-24s %-8s %s\n", r.module, status.c_str(), r.config,
+        std::printf("%-6u %-10.10s %-22s %-6u %-16s %-9s %-8s %-8s %-20s %-8s %s\n", r.module, shown(r.name).c_str(),
+                    status.c_str(), r.config,
                     approval.c_str(), shown(r.frequency).c_str(), shown(r.capacity).c_str(), shown(r.form).c_str(),
                     shown(r.type).c_str(), r.maxFrequency < 0 ? "-" : std::to_string(r.maxFrequency).c_str(),
                     shown(r.voltage).c_str());

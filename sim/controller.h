@@ -174,5 +174,8 @@ extern const Subsystem kConfigSpaceSubsystem;
 extern const Subsystem kLanSubsystem;
 extern const Subsystem kSelSubsystem;
 extern const Subsystem kFruSubsystem;
+extern const Subsystem kProcessorSubsystem;
+extern const Subsystem kMemorySubsystem;
+extern const Subsystem kPlatformInfoSubsystem;
 
 } // namespace tvxsim

@@ -96,5 +96,9 @@ int cmdLan(const Options &, const std::vector<std::string> &);
 int cmdConfig(const Options &, const std::vector<std::string> &);
 int cmdConsoleLog(const Options &, const std::vector<std::string> &);
 int cmdFru(const Options &, const std::vector<std::string> &);
+int cmdCpu(const Options &, const std::vector<std::string> &);
+int cmdMemory(const Options &, const std::vector<std::string> &);
+int cmdPci(const Options &, const std::vector<std::string> &);
+int cmdLanguages(const Options &, const std::vector<std::string> &);
 
 } // namespace tvxctl

@@ -28,7 +28,7 @@ template <std::size_t N> struct Exchange {
     wire::View filled() const { return wire::View(bytes, N); }
     // What the controller sent (a length beyond the buffer is cut to it).
     wire::View received() const { return wire::View(bytes, length < N ? length : N); }
-    uint8_t completionCode() const { return filled().get(oem::kCompletionCode, cc::kUnspecified); }
+    uint8_t completionCode() const { return filled().get(kCompletionCode, cc::kUnspecified); }
     bool echoesIana() const { return oem::echoesIana(filled()); }
 
     // Sends with the platform's raw request, stating the buffer's size; the platform status.

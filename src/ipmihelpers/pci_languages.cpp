@@ -41,7 +41,7 @@ TVX_API int ipmiGetPciInfo(IpmiSession *session, uint8_t slot)
         if (!ipmiSendCmd(session, TVX_NETFN_OEM_GROUP, hw::kInventory, request.size(), request.data(), &length,
                          response))
             return 0;
-        if (entry.get(tvx::oem::kCompletionCode, uint8_t{0xFF}) != tvx::cc::kOk) return 0;
+        if (entry.get(tvx::kCompletionCode, uint8_t{0xFF}) != tvx::cc::kOk) return 0;
         if (!tvx::oem::echoesIana(entry)) return 0;
         // An entry cut short (a short answer shortens the length for every later one) would
         // show the bytes of an earlier entry: it ends the walk instead.

@@ -32,11 +32,11 @@ std::vector<Entry> readTable(IpmiSession *session, std::string &end)
             return out;
         }
         tvx::wire::View answer(response, length < sizeof response ? length : sizeof response);
-        uint8_t code = answer.get(tvx::oem::kCompletionCode, uint8_t{0xFF});
+        uint8_t code = answer.get(tvx::kCompletionCode, uint8_t{0xFF});
         if (code != tvx::cc::kOk) {
             if (code != tvx::cc::kParameterOutOfRange)
                 end = "entry " + std::to_string(number) + ": completion code " + hexByte(code) + " (" +
-                      completionCodeText(code) + ")";
+                      tvx::cc::text(code) + ")";
             return out;
         }
         if (!answer.has(hw::kPciSecondId) || !tvx::oem::echoesIana(answer)) {

@@ -72,7 +72,7 @@ TVX_API int getCpuInfo(IpmiSession *session, uint8_t *buffer, uint32_t sensorNum
         TVX_DIAG_LOCATED(Unit::Agent, "Failed to send ipmi raw command.");
         return 0;
     }
-    return View(buffer, kRecordBufferSize).get(tvx::oem::kCompletionCode) == tvx::cc::kOk ? 1 : 0;
+    return View(buffer, kRecordBufferSize).get(tvx::kCompletionCode) == tvx::cc::kOk ? 1 : 0;
 }
 
 TVX_API const char *getCpuManufacturerName(uint32_t sensorNumber, uint32_t socket)

@@ -1,12 +1,16 @@
 // Sessions: the caller's 36-byte block is only a key. The platform writes nothing into it;
 // what a session needs (its link to the controller) lives in this table.
+#include <atomic>
 #include <map>
 #include <mutex>
 
 #include "internal.h"
+#include "libipmi_host.h"
 
 namespace libipmi {
 namespace {
+
+std::atomic<uint64_t> gOpened{0}; // sessions opened, for the host's counts
 
 std::mutex &tableMutex()
 {
@@ -82,8 +86,13 @@ extern "C" uint16_t LIBIPMI_Create_IPMI_Local_Session_Ext(IpmiSession *session, 
     Entry &slot = table()[session];
     if (slot.link) slot.link->close(); // the block was reused without a close: drop the old link
     slot = Entry{std::move(link), SessionData{}};
+    gOpened.fetch_add(1, std::memory_order_relaxed);
     return LIBIPMI_STATUS_OK;
 }
+
+extern "C" uint64_t ipmihost_session_count(void) { return gOpened.load(std::memory_order_relaxed); }
+
+extern "C" void ipmihost_reset_session_count(void) { gOpened.store(0, std::memory_order_relaxed); }
 
 extern "C" uint16_t LIBIPMI_CloseSession(IpmiSession *session)
 {

@@ -91,5 +91,8 @@ int cmdLan(const Options &, const std::vector<std::string> &);
 int cmdConfig(const Options &, const std::vector<std::string> &);
 int cmdConsoleLog(const Options &, const std::vector<std::string> &);
 int cmdFru(const Options &, const std::vector<std::string> &);
+int cmdSensor(const Options &, const std::vector<std::string> &);
+int cmdSdrQuery(const Options &, const std::vector<std::string> &);
+int cmdAgent(const Options &, const std::vector<std::string> &);
 
 } // namespace tvxctl

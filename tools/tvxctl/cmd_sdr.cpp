@@ -169,7 +169,7 @@ std::string sdrIdString(const uint8_t *rec, size_t recordBytes)
 
 int cmdSdr(const Options &opt, const std::vector<std::string> &args)
 {
-    if (!args.empty()) throw Failure{kExitUsage, "sdr takes no arguments"};
+    if (!args.empty()) return cmdSdrQuery(opt, args);
     Session session;
     SDRInfo info;
     std::memset(&info, 0, sizeof info);

@@ -204,9 +204,9 @@ private:
                     Line l = rec;
                     l.status = field(e.state, sizeof e.state);
                     // States without a text of their own leave the status as "N/A": the bits
-                    // still tell them.
+                    // still tell them. A sensor that is off has no states, whatever bits came.
                     const uint16_t bits = static_cast<uint16_t>(e.state0_7 | (e.state8_14 & 0x7F) << 8);
-                    if (!noReading(l.status) || bits) l.stateBits = bits;
+                    if (!noReading(l.status) || (bits && l.status != "Power Off")) l.stateBits = bits;
                     l.unit = "discrete";
                     out.push_back(std::move(l));
                     break;

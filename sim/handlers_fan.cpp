@@ -56,9 +56,15 @@ LimitTable parseLimits(const Profile &profile, const SdrModel &sdr)
 void putNumber(Response &out, uint32_t value, unsigned width)
 {
     switch (width) {
-    case 1: out.u8(static_cast<uint8_t>(value)); break;
-    case 2: out.u16(static_cast<uint16_t>(value)); break;
-    case 3: out.u24(value); break;
+    case 1:
+        out.u8(static_cast<uint8_t>(value));
+        break;
+    case 2:
+        out.u16(static_cast<uint16_t>(value));
+        break;
+    case 3:
+        out.u24(value);
+        break;
     default:
         out.u32(value);
         for (unsigned i = 4; i < width; ++i) out.u8(0);

@@ -41,19 +41,42 @@ inline bool isSensorOfType(View slot, uint8_t recordType, uint8_t sensorType)
 }
 
 // A full sensor record as the lookups hand it on: its slot's first 64 bytes (the largest full
-// record; fewer when the slot is smaller), zeros after them and one zero byte more, so the ID
-// string always ends. The platform's conversion reads it like the record it was given.
-struct FullRecord {
-    uint8_t bytes[sdr::full::kMaxSize + 1];
-
-    FullRecord() { std::memset(bytes, 0, sizeof bytes); }
-    explicit FullRecord(View slot) : FullRecord()
+// record). A slot smaller than that is copied, with zeros after it, so that every field and
+// the platform's conversion read within the record as they would in a full-sized one.
+class FullRecord {
+public:
+    FullRecord() = default;
+    explicit FullRecord(View slot)
     {
-        std::memcpy(bytes, slot.data(), slot.size() < sdr::full::kMaxSize ? slot.size() : sdr::full::kMaxSize);
+        if (slot.size() >= sdr::full::kMaxSize) {
+            data_ = slot.data();
+            return;
+        }
+        std::memset(copy_, 0, sizeof copy_);
+        if (slot.size()) std::memcpy(copy_, slot.data(), slot.size());
+        data_ = copy_;
     }
-    View view() const { return View(bytes, sizeof bytes); }
+    FullRecord(const FullRecord &other) { *this = other; }
+    FullRecord &operator=(const FullRecord &other)
+    {
+        if (this == &other) return *this;
+        data_ = other.data_;
+        if (other.data_ == other.copy_) {
+            std::memcpy(copy_, other.copy_, sizeof copy_);
+            data_ = copy_;
+        }
+        return *this;
+    }
+
+    View view() const { return View(data_, data_ ? sdr::full::kMaxSize : 0); }
     uint8_t u8(wire::U8 field) const { return view().get(field, uint8_t{0}); }
     uint16_t u16(wire::U16 field) const { return view().get(field, uint16_t{0}); }
+    // For the platform's conversion, which reads the record and writes nothing into it.
+    uint8_t *bytes() const { return const_cast<uint8_t *>(data_); }
+
+private:
+    const uint8_t *data_ = nullptr;
+    uint8_t copy_[sdr::full::kMaxSize];
 };
 
 // The full record of a sensor type with that sensor number, and its ordinal: the 0-based
@@ -65,19 +88,21 @@ struct Lookup {
     FullRecord record;
 };
 
+// Walks the slots comparing the record type, sensor type and number where they stand (every
+// slot is larger than the positions compared, or the cache holds no sensor records).
 inline Lookup findFull(const SDRInfo *info, uint8_t sensorType, uint8_t sensorNumber)
 {
     Lookup l;
-    if (!usable(info)) return l;
-    for (uint32_t i = 0; i < info->count; ++i) {
-        View slot = slotView(info, slotAt(info, i));
-        if (!isSensorOfType(slot, sdr::kFullSensor, sensorType)) continue;
-        if (slot.get(sdr::kSensorNumber, uint8_t{0}) == sensorNumber) {
-            l.anyOfType = l.found = true;
-            l.record = FullRecord(slot);
+    if (!usable(info) || info->recordSize <= sdr::kSensorType.at) return l;
+    const uint8_t *slot = info->records;
+    for (uint32_t i = 0; i < info->count; ++i, slot += info->recordSize) {
+        if (slot[sdr::kRecordType.at] != sdr::kFullSensor || slot[sdr::kSensorType.at] != sensorType) continue;
+        l.anyOfType = true;
+        if (slot[sdr::kSensorNumber.at] == sensorNumber) {
+            l.found = true;
+            l.record = FullRecord(slotView(info, slot));
             return l;
         }
-        l.anyOfType = true;
         ++l.ordinal;
     }
     return l;
@@ -96,11 +121,11 @@ inline bool available(const SensorReadingResponse &rsp) { return !(rsp.flags & k
 // A raw byte of a record (a reading, threshold, nominal or limit) in the sensor's unit: the
 // record's conversion, or the plain unsigned byte for a processor's sensors, which report
 // their values unconverted. 0 when the conversion cannot be applied.
-inline float convertedValue(FullRecord &rec, uint8_t raw)
+inline float convertedValue(const FullRecord &rec, uint8_t raw)
 {
     if (rec.u8(sdr::kEntityId) == kProcessorEntity) return static_cast<float>(raw);
     float value = 0.0f;
-    (void)ipmi_convert_reading(rec.bytes, raw, &value);
+    (void)ipmi_convert_reading(rec.bytes(), raw, &value);
     return value;
 }
 

@@ -91,8 +91,8 @@ const char *stateOf(IpmiSession *session, View record, int32_t *offset = nullptr
     SensorReadingResponse rsp;
     if (!sensor::readSensor(session, record.get(sdr::kSensorNumber, uint8_t{0}), rsp) || !sensor::available(rsp))
         return nullptr;
-    return ipmiGetDiscreteState(record.get(sdr::kSensorType, uint8_t{0}), record.get(sdr::kEventReadingType, uint8_t{0}),
-                                rsp.state0_7, rsp.state8_14, offset);
+    return ipmiGetDiscreteState(record.get(sdr::kSensorType, uint8_t{0}),
+                                record.get(sdr::kEventReadingType, uint8_t{0}), rsp.state0_7, rsp.state8_14, offset);
 }
 
 uint32_t appendCommon(ListNode **list, const SDRInfo *info, uint8_t recordType, size_t nameAt)
@@ -133,7 +133,7 @@ TVX_API uint8_t ipmiGetFanSensors(IpmiSession *session, ListNode **list, SDRInfo
         SensorReadingResponse rsp;
         if (sensor::readSensor(session, e->sensorNumber, rsp)) {
             // A reading flagged unavailable carries no value: the entry keeps 0.
-            if (sensor::available(rsp)) (void)ipmi_convert_reading(rec.bytes, rsp.reading, &e->reading);
+            if (sensor::available(rsp)) (void)ipmi_convert_reading(rec.bytes(), rsp.reading, &e->reading);
             const uint8_t *statusRecord = findCompactSdrByEntity(rec.u8(sdr::kEntityId), rec.u8(sdr::kEntityInstance),
                                                                  TVX_SENSOR_FAN_STATUS, info);
             if (statusRecord) {
@@ -166,8 +166,10 @@ TVX_API uint8_t ipmiGetTVCSensors(IpmiSession *session, ListNode **list, uint8_t
         // as plain bytes; the non-recoverable ones are not listed.
         const uint16_t readable = rec.u16(sdr::kReadingMask);
         const bool processor = rec.u8(sdr::kEntityId) == sensor::kProcessorEntity;
-        if (!processor && (readable & 0x01)) e->lowerNonCritical = sensor::convertedValue(rec, rec.u8(sdr::full::kLowerNonCritical));
-        if (!processor && (readable & 0x02)) e->lowerCritical = sensor::convertedValue(rec, rec.u8(sdr::full::kLowerCritical));
+        if (!processor && (readable & 0x01))
+            e->lowerNonCritical = sensor::convertedValue(rec, rec.u8(sdr::full::kLowerNonCritical));
+        if (!processor && (readable & 0x02))
+            e->lowerCritical = sensor::convertedValue(rec, rec.u8(sdr::full::kLowerCritical));
         if (readable & 0x08) e->upperNonCritical = sensor::convertedValue(rec, rec.u8(sdr::full::kUpperNonCritical));
         if (readable & 0x10) e->upperCritical = sensor::convertedValue(rec, rec.u8(sdr::full::kUpperCritical));
         sensor::putText(e->unit, sizeof e->unit, getUnitDesc(rec.u8(sdr::kBaseUnit)));
@@ -213,9 +215,9 @@ TVX_API uint8_t ipmiGetDiscreteSensors(IpmiSession *session, ListNode **list, ui
         SensorReadingResponse rsp;
         const bool read = sensor::readSensor(session, slot.get(sdr::kSensorNumber, uint8_t{0}), rsp);
         int32_t offset = 0;
-        const char *state = read && sensor::available(rsp)
-                                ? ipmiGetDiscreteState(sensorType, eventReadingType, rsp.state0_7, rsp.state8_14, &offset)
-                                : nullptr;
+        const char *state = read && sensor::available(rsp) ? ipmiGetDiscreteState(sensorType, eventReadingType,
+                                                                                  rsp.state0_7, rsp.state8_14, &offset)
+                                                           : nullptr;
         DiscreteSensorEntry *e = newEntry<DiscreteSensorEntry>(__LINE__, "ipmiGetDiscreteSensors");
         if (!e) break;
         e->sensorNumber = slot.get(sdr::kSensorNumber, uint8_t{0});
@@ -230,8 +232,8 @@ TVX_API uint8_t ipmiGetDiscreteSensors(IpmiSession *session, ListNode **list, ui
         sensor::putName(e->name, sizeof e->name, slot, sdr::compact::kIdString.at);
         const char *related = nullptr;
         if (relatedState && relatedType) {
-            const uint8_t *other = findCompactSdrByEntity(slot.get(sdr::kEntityId, uint8_t{0}),
-                                                          slot.get(sdr::kEntityInstance, uint8_t{0}), relatedType, info);
+            const uint8_t *other = findCompactSdrByEntity(
+                slot.get(sdr::kEntityId, uint8_t{0}), slot.get(sdr::kEntityInstance, uint8_t{0}), relatedType, info);
             if (other) related = stateOf(session, sensor::slotView(info, other));
         }
         sensor::putText(e->relatedState, sizeof e->relatedState, related ? related : "N/A");
@@ -271,9 +273,7 @@ TVX_API int ipmiGetFanMaximumSpeed(IpmiSession *session, uint8_t fanNumber, uint
     const View answer = buffer.first(len);
     const size_t n = answer.size() > tvx::oem::kPayload ? (answer.size() - tvx::oem::kPayload) / 2 : 0;
     tvx::wire::Reader payload(answer.from(tvx::oem::kPayload));
-    auto low32 = [&](View number) {
-        return tvx::wire::loadLe(number.data(), number.size() < 4 ? number.size() : 4);
-    };
+    auto low32 = [&](View number) { return tvx::wire::loadLe(number.data(), number.size() < 4 ? number.size() : 4); };
     const uint32_t a = low32(payload.bytes(n)), b = low32(payload.bytes(n));
     if (first) *first = a;
     if (second) *second = b;

@@ -2,7 +2,7 @@
 // their named positions, in slots of 64 bytes.
 #pragma once
 
-#include <cstdlib>
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <utility>
@@ -21,15 +21,18 @@ inline Bytes record(uint8_t recordType, uint8_t number, uint8_t sensorType, uint
     const bool full = recordType == sdr::kFullSensor;
     const auto &id = full ? sdr::full::kIdString : sdr::compact::kIdString;
     Bytes r(id.at + name.size(), 0);
-    r[sdr::kRecordType.at] = recordType;
-    r[sdr::kLength.at] = static_cast<uint8_t>(r.size() - sdr::kHeaderSize);
-    r[sdr::kOwnerId.at] = 0x20;
-    r[sdr::kSensorNumber.at] = number;
-    r[sdr::kEntityId.at] = entity;
-    r[sdr::kEntityInstance.at] = instance;
-    r[sdr::kSensorType.at] = sensorType;
-    r[sdr::kEventReadingType.at] = eventType;
-    r[(full ? sdr::full::kIdStringType : sdr::compact::kIdStringType).at] = static_cast<uint8_t>(0xC0 | name.size());
+    const std::pair<tvx::wire::U8, uint8_t> fields[] = {
+        {sdr::kRecordType, recordType},
+        {sdr::kLength, static_cast<uint8_t>(r.size() - sdr::kHeaderSize)},
+        {sdr::kOwnerId, 0x20},
+        {sdr::kSensorNumber, number},
+        {sdr::kEntityId, entity},
+        {sdr::kEntityInstance, instance},
+        {sdr::kSensorType, sensorType},
+        {sdr::kEventReadingType, eventType},
+        {full ? sdr::full::kIdStringType : sdr::compact::kIdStringType, static_cast<uint8_t>(0xC0 | name.size())}};
+    tvx::wire::Writer w(r.data(), r.size());
+    for (auto [field, value] : fields) w.put(field, value);
     if (full) r[sdr::full::kM.at] = 1;
     std::memcpy(r.data() + id.at, name.data(), name.size());
     for (auto [at, v] : extra) r[at] = v;
@@ -46,27 +49,25 @@ inline Bytes compact(uint8_t number, uint8_t type, uint8_t eventType, uint8_t en
     return record(sdr::kCompactSensor, number, type, eventType, entity, instance, name, extra);
 }
 
-// The cache of those records, one per slot.
-class Cache {
-public:
+// The cache of those records, one per slot, in a buffer of exactly their slots.
+struct Cache {
+    std::vector<uint8_t> bytes;
+    SDRInfo info;
     explicit Cache(const std::vector<Bytes> &records, uint32_t slot = 64)
+        : bytes(records.size() * slot), info{slot, bytes.data(), static_cast<uint32_t>(records.size())}
     {
-        info_.recordSize = slot;
-        info_.count = static_cast<uint32_t>(records.size());
-        info_.records = static_cast<uint8_t *>(std::calloc(records.size() ? records.size() : 1, slot));
         for (size_t i = 0; i < records.size(); ++i)
-            std::memcpy(info_.records + i * slot, records[i].data(), std::min<size_t>(slot, records[i].size()));
+            std::copy_n(records[i].begin(), std::min<size_t>(slot, records[i].size()), bytes.begin() + i * slot);
     }
-    ~Cache() { freeSDRInfo(&info_); }
-    SDRInfo *get() { return &info_; }
-
-private:
-    SDRInfo info_{};
+    SDRInfo *get() { return &info; }
 };
 
 // Get Sensor Reading answers: a threshold sensor's reading and comparison bits, a discrete
 // sensor's states, and a refusal.
-inline Bytes thresholdAnswer(uint8_t raw, uint8_t bits = 0) { return {0x00, raw, 0xC0, static_cast<uint8_t>(0xC0 | bits)}; }
+inline Bytes thresholdAnswer(uint8_t raw, uint8_t bits = 0)
+{
+    return {0x00, raw, 0xC0, static_cast<uint8_t>(0xC0 | bits)};
+}
 inline Bytes discreteAnswer(uint16_t states)
 {
     return {0x00, 0x00, 0xC0, static_cast<uint8_t>(states), static_cast<uint8_t>(0x80 | states >> 8)};
@@ -74,4 +75,7 @@ inline Bytes discreteAnswer(uint16_t states)
 inline const Bytes kUnavailable = {0x00, 0x00, 0xE0, 0xC0};
 inline void expectReading(uint8_t number, const Bytes &answer) { expectRequest(0x10, 0x2D, {number}, 0, answer); }
 inline void expectNoReading(uint8_t number) { expectRequest(0x10, 0x2D, {number}, 0x01CB, {0xCB}); }
-inline void expectPower(bool on) { expectRequest(0x00, 0x01, {}, 0, {0x00, static_cast<uint8_t>(on ? 0x01 : 0x00), 0x00, 0x00}); }
+inline void expectPower(bool on)
+{
+    expectRequest(0x00, 0x01, {}, 0, {0x00, static_cast<uint8_t>(on ? 0x01 : 0x00), 0x00, 0x00});
+}

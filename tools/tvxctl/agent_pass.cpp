@@ -34,13 +34,16 @@ std::string unitOf(View record)
 using S = const AgentSensor &;
 
 constexpr AgentGetter kTemperature[] = {
-    {"getTemperatureSensorStatus(n, info)", "status", [](S s, SDRInfo *i) { return getTemperatureSensorStatus(s.number, i); }},
-    {"getTemperatureCurrentValue(n, info)", "value", [](S s, SDRInfo *i) { return getTemperatureCurrentValue(s.number, i); }},
+    {"getTemperatureSensorStatus(n, info)", "status",
+     [](S s, SDRInfo *i) { return getTemperatureSensorStatus(s.number, i); }},
+    {"getTemperatureCurrentValue(n, info)", "value",
+     [](S s, SDRInfo *i) { return getTemperatureCurrentValue(s.number, i); }},
     {"getTemperatureThresholdLevel(n, info, 0)", "warning",
      [](S s, SDRInfo *i) { return getTemperatureThresholdLevel(s.number, i, 0); }},
     {"getTemperatureThresholdLevel(n, info, 1)", "critical",
      [](S s, SDRInfo *i) { return getTemperatureThresholdLevel(s.number, i, 1); }},
-    {"getNormalMax(n, 0x01, info)", "normal max", [](S s, SDRInfo *i) { return getNormalMax(s.number, s.sensorType, i); }},
+    {"getNormalMax(n, 0x01, info)", "normal max",
+     [](S s, SDRInfo *i) { return getNormalMax(s.number, s.sensorType, i); }},
     {"getCriticalReaction(n, 0x01, info)", "reaction",
      [](S s, SDRInfo *i) { return getCriticalReaction(s.number, s.sensorType, i); }},
 };
@@ -49,7 +52,8 @@ constexpr AgentGetter kFan[] = {
     {"getFanStatus(n, info)", "status", [](S s, SDRInfo *i) { return getFanStatus(s.number, i); }},
     {"getFanCurrentSpeed(n, info)", "value", [](S s, SDRInfo *i) { return getFanCurrentSpeed(s.number, i); }},
     {"getFanQuality(n, info)", "quality %", [](S s, SDRInfo *i) { return getFanQuality(s.number, i); }},
-    {"getNormalMax(n, 0x04, info)", "normal max", [](S s, SDRInfo *i) { return getNormalMax(s.number, s.sensorType, i); }},
+    {"getNormalMax(n, 0x04, info)", "normal max",
+     [](S s, SDRInfo *i) { return getNormalMax(s.number, s.sensorType, i); }},
     {"getFanFailShutdownDelay(n, info)", "shutdown delay",
      [](S s, SDRInfo *i) { return getFanFailShutdownDelay(s.number, i); }},
     {"getCriticalReaction(n, 0x04, info)", "reaction",
@@ -65,7 +69,8 @@ constexpr AgentGetter kVoltage[] = {
      [](S s, SDRInfo *i) { return getVoltThresholds(s.number, s.sensorType, i, 0); }},
     {"getVoltThresholds(n, 0x02, info, 1)", "upper critical",
      [](S s, SDRInfo *i) { return getVoltThresholds(s.number, s.sensorType, i, 1); }},
-    {"getNormalMax(n, 0x02, info)", "normal max", [](S s, SDRInfo *i) { return getNormalMax(s.number, s.sensorType, i); }},
+    {"getNormalMax(n, 0x02, info)", "normal max",
+     [](S s, SDRInfo *i) { return getNormalMax(s.number, s.sensorType, i); }},
     {"getCriticalReaction(n, 0x02, info)", "reaction",
      [](S s, SDRInfo *i) { return getCriticalReaction(s.number, s.sensorType, i); }},
 };
@@ -75,14 +80,16 @@ constexpr AgentGetter kVoltage[] = {
 constexpr AgentGetter kCurrent[] = {
     {"getCurrentSensorsStatus(n, 0x03, info)", "status",
      [](S s, SDRInfo *i) { return getCurrentSensorsStatus(s.number, s.sensorType, i); }},
-    {"getCurrentValue(n, 0x03, info)", "value", [](S s, SDRInfo *i) { return getCurrentValue(s.number, s.sensorType, i); }},
+    {"getCurrentValue(n, 0x03, info)", "value",
+     [](S s, SDRInfo *i) { return getCurrentValue(s.number, s.sensorType, i); }},
     {"getVoltNominalValue(n, 0x03, info)", "nominal (1/1000)",
      [](S s, SDRInfo *i) { return getVoltNominalValue(s.number, s.sensorType, i); }},
     {"getVoltThresholds(n, 0x03, info, 0)", "lower critical (1/1000)",
      [](S s, SDRInfo *i) { return getVoltThresholds(s.number, s.sensorType, i, 0); }},
     {"getVoltThresholds(n, 0x03, info, 1)", "upper critical (1/1000)",
      [](S s, SDRInfo *i) { return getVoltThresholds(s.number, s.sensorType, i, 1); }},
-    {"getNormalMax(n, 0x03, info)", "normal max", [](S s, SDRInfo *i) { return getNormalMax(s.number, s.sensorType, i); }},
+    {"getNormalMax(n, 0x03, info)", "normal max",
+     [](S s, SDRInfo *i) { return getNormalMax(s.number, s.sensorType, i); }},
     {"getCriticalReaction(n, 0x03, info)", "reaction",
      [](S s, SDRInfo *i) { return getCriticalReaction(s.number, s.sensorType, i); }},
 };
@@ -97,8 +104,10 @@ constexpr AgentGetter kPowerSupply[] = {
 constexpr AgentGetter kOther[] = {
     {"getCurrentSensorsStatus(n, type, info)", "status",
      [](S s, SDRInfo *i) { return getCurrentSensorsStatus(s.number, s.sensorType, i); }},
-    {"getCurrentValue(n, type, info)", "value", [](S s, SDRInfo *i) { return getCurrentValue(s.number, s.sensorType, i); }},
-    {"getNormalMax(n, type, info)", "normal max", [](S s, SDRInfo *i) { return getNormalMax(s.number, s.sensorType, i); }},
+    {"getCurrentValue(n, type, info)", "value",
+     [](S s, SDRInfo *i) { return getCurrentValue(s.number, s.sensorType, i); }},
+    {"getNormalMax(n, type, info)", "normal max",
+     [](S s, SDRInfo *i) { return getNormalMax(s.number, s.sensorType, i); }},
     {"getCriticalReaction(n, type, info)", "reaction",
      [](S s, SDRInfo *i) { return getCriticalReaction(s.number, s.sensorType, i); }},
 };
@@ -108,24 +117,36 @@ constexpr AgentGetter kOther[] = {
 const char *className(SensorClass kind)
 {
     switch (kind) {
-    case SensorClass::Temperature: return "temperature";
-    case SensorClass::Fan: return "fan";
-    case SensorClass::Voltage: return "voltage";
-    case SensorClass::Current: return "current";
-    case SensorClass::PowerSupply: return "power supply";
-    default: return "other";
+    case SensorClass::Temperature:
+        return "temperature";
+    case SensorClass::Fan:
+        return "fan";
+    case SensorClass::Voltage:
+        return "voltage";
+    case SensorClass::Current:
+        return "current";
+    case SensorClass::PowerSupply:
+        return "power supply";
+    default:
+        return "other";
     }
 }
 
 std::span<const AgentGetter> agentGetters(SensorClass kind)
 {
     switch (kind) {
-    case SensorClass::Temperature: return kTemperature;
-    case SensorClass::Fan: return kFan;
-    case SensorClass::Voltage: return kVoltage;
-    case SensorClass::Current: return kCurrent;
-    case SensorClass::PowerSupply: return kPowerSupply;
-    default: return kOther;
+    case SensorClass::Temperature:
+        return kTemperature;
+    case SensorClass::Fan:
+        return kFan;
+    case SensorClass::Voltage:
+        return kVoltage;
+    case SensorClass::Current:
+        return kCurrent;
+    case SensorClass::PowerSupply:
+        return kPowerSupply;
+    default:
+        return kOther;
     }
 }
 
@@ -138,17 +159,31 @@ std::vector<AgentSensor> agentSensors(SDRInfo *info)
         if (!slot) break;
         View r(slot, info->recordSize);
         const uint8_t recordType = r.get(sdr::kRecordType, uint8_t{0});
-        AgentSensor s{SensorClass::Other, "", r.get(sdr::kSensorNumber, uint8_t{0}), r.get(sdr::kSensorType, uint8_t{0}),
-                      r.get(sdr::kEventReadingType, uint8_t{0}), 0, ""};
+        AgentSensor s{SensorClass::Other,
+                      "",
+                      r.get(sdr::kSensorNumber, uint8_t{0}),
+                      r.get(sdr::kSensorType, uint8_t{0}),
+                      r.get(sdr::kEventReadingType, uint8_t{0}),
+                      0,
+                      ""};
         if (recordType == sdr::kFullSensor) {
             s.name = idString(r, sdr::full::kIdStringType);
             s.unit = unitOf(r);
             switch (s.sensorType) {
-            case TVX_SENSOR_TEMPERATURE: s.kind = SensorClass::Temperature; break;
-            case TVX_SENSOR_FAN: s.kind = SensorClass::Fan; break;
-            case TVX_SENSOR_VOLTAGE: s.kind = SensorClass::Voltage, s.unit = "mV"; break;
-            case TVX_SENSOR_CURRENT: s.kind = SensorClass::Current; break;
-            default: break;
+            case TVX_SENSOR_TEMPERATURE:
+                s.kind = SensorClass::Temperature;
+                break;
+            case TVX_SENSOR_FAN:
+                s.kind = SensorClass::Fan;
+                break;
+            case TVX_SENSOR_VOLTAGE:
+                s.kind = SensorClass::Voltage, s.unit = "mV";
+                break;
+            case TVX_SENSOR_CURRENT:
+                s.kind = SensorClass::Current;
+                break;
+            default:
+                break;
             }
         } else if (recordType == sdr::kCompactSensor && s.sensorType == TVX_SENSOR_PSU_STATUS) {
             s.name = idString(r, sdr::compact::kIdStringType);
@@ -166,8 +201,8 @@ std::vector<AgentSensor> agentSensors(SDRInfo *info)
     for (uint32_t i = 0; info && i < info->count; ++i) {
         View r(getSdrByIndex(i, info), info->recordSize);
         if (r.get(sdr::kRecordType, uint8_t{0}) == sdr::kFullSensor &&
-            r.get(sdr::kSensorType, uint8_t{0}) == TVX_SENSOR_OTHER_UNITS && r.get(sdr::kEntityId, uint8_t{0}) == 0x0A &&
-            r.get(sdr::kEventReadingType, uint8_t{0}) == 0x01)
+            r.get(sdr::kSensorType, uint8_t{0}) == TVX_SENSOR_OTHER_UNITS &&
+            r.get(sdr::kEntityId, uint8_t{0}) == 0x0A && r.get(sdr::kEventReadingType, uint8_t{0}) == 0x01)
             loadUnits[++loads] = unitOf(r);
     }
     for (AgentSensor &s : out)
@@ -177,22 +212,29 @@ std::vector<AgentSensor> agentSensors(SDRInfo *info)
 
 std::string statusMeaning(const AgentSensor &s, int code)
 {
-    static const std::map<int, const char *> temperature = {{1, "unknown"},  {2, "not available"}, {5, "failed"},
-                                                            {6, "warning"},  {7, "critical"},      {8, "ok"}};
+    static const std::map<int, const char *> temperature = {{1, "unknown"}, {2, "not available"}, {5, "failed"},
+                                                            {6, "warning"}, {7, "critical"},      {8, "ok"}};
     static const std::map<int, const char *> fan = {
         {1, "unknown"}, {3, "ok"}, {4, "failed"}, {5, "prefailure"}, {8, "not available"}};
-    static const std::map<int, const char *> ranged = {{1, "unknown"},  {2, "not available"}, {3, "ok"},
-                                                       {4, "too low"},  {5, "too high"},      {6, "out of range"},
+    static const std::map<int, const char *> ranged = {{1, "unknown"}, {2, "not available"}, {3, "ok"},
+                                                       {4, "too low"}, {5, "too high"},      {6, "out of range"},
                                                        {7, "warning"}};
     static const std::map<int, const char *> powerUnit = {
         {1, "unknown"}, {2, "input lost"}, {3, "ok"}, {4, "failed"}, {5, "degraded"}};
     // The power supply scale follows the supply status sensor's states: code 2 is state 0.
-    static const std::map<int, const char *> powerSupply = {
-        {1, "unknown"},          {2, "not present"},      {3, "ok"},
-        {4, "failed"},           {5, "AC failed (redundant)"}, {6, "DC failed (redundant)"},
-        {7, "critical temperature"}, {8, "not manageable"}, {9, "fan failure predicted"},
-        {10, "fan failed"},      {11, "power save mode"}, {12, "DC failed"},
-        {13, "AC failed"}};
+    static const std::map<int, const char *> powerSupply = {{1, "unknown"},
+                                                            {2, "not present"},
+                                                            {3, "ok"},
+                                                            {4, "failed"},
+                                                            {5, "AC failed (redundant)"},
+                                                            {6, "DC failed (redundant)"},
+                                                            {7, "critical temperature"},
+                                                            {8, "not manageable"},
+                                                            {9, "fan failure predicted"},
+                                                            {10, "fan failed"},
+                                                            {11, "power save mode"},
+                                                            {12, "DC failed"},
+                                                            {13, "AC failed"}};
     const std::map<int, const char *> *table = &ranged;
     if (s.kind == SensorClass::PowerSupply) table = &powerSupply;
     else if (s.kind == SensorClass::Temperature) table = &temperature;

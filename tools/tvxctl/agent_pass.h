@@ -22,8 +22,8 @@ struct AgentSensor {
     uint8_t number = 0;
     uint8_t sensorType = 0;
     uint8_t eventReadingType = 0;
-    uint8_t ordinal = 0;  // power supplies: 1 for the first status sensor, ...
-    std::string unit;     // of the value getter's result
+    uint8_t ordinal = 0; // power supplies: 1 for the first status sensor, ...
+    std::string unit;    // of the value getter's result
 };
 
 // One getter as the agent calls it for a sensor.

@@ -65,10 +65,7 @@ std::optional<double> convert(View record, uint8_t raw)
     return v;
 }
 
-bool readable(View record, Threshold t)
-{
-    return record.get(sdr::kReadingMask, uint16_t{0}) >> kReadableBit[t] & 1u;
-}
+bool readable(View record, Threshold t) { return record.get(sdr::kReadingMask, uint16_t{0}) >> kReadableBit[t] & 1u; }
 
 std::optional<double> recordThreshold(View record, Threshold t)
 {
@@ -186,8 +183,8 @@ private:
     {
         std::vector<std::pair<uint8_t, uint8_t>> kinds;
         for (const Line &l : records_)
-            if (l.kind == kDiscrete && std::find(kinds.begin(), kinds.end(), std::make_pair(l.sensorType, l.eventType)) ==
-                                           kinds.end())
+            if (l.kind == kDiscrete &&
+                std::find(kinds.begin(), kinds.end(), std::make_pair(l.sensorType, l.eventType)) == kinds.end())
                 kinds.emplace_back(l.sensorType, l.eventType);
         for (auto [type, eventType] : kinds) {
             ListNode *list = nullptr;
@@ -236,7 +233,8 @@ private:
                 l.value = convert(l.record, rsp.reading);
                 l.status = ipmiSdrGetStatus(rsp.state0_7);
             } else {
-                const char *state = ipmiGetDiscreteState(l.sensorType, l.eventType, rsp.state0_7, rsp.state8_14, nullptr);
+                const char *state =
+                    ipmiGetDiscreteState(l.sensorType, l.eventType, rsp.state0_7, rsp.state8_14, nullptr);
                 l.stateBits = static_cast<uint16_t>(rsp.state0_7 | (rsp.state8_14 & 0x7F) << 8);
                 l.status = state ? state : "N/A";
                 l.unit = "discrete";
@@ -275,7 +273,8 @@ std::string entityText(const Line &l) { return std::to_string(l.entity) + "." + 
 Json toJson(const Line &l)
 {
     Json thresholds = Json::object();
-    for (int t = 0; t < 6; ++t) thresholds[kThresholdKeys[t]] = l.thresholds[t] ? Json(*l.thresholds[t]) : Json(nullptr);
+    for (int t = 0; t < 6; ++t)
+        thresholds[kThresholdKeys[t]] = l.thresholds[t] ? Json(*l.thresholds[t]) : Json(nullptr);
     return Json{{"name", l.name},
                 {"sensor_number", l.number},
                 {"entity", entityText(l)},
@@ -367,7 +366,8 @@ int sdrGet(const Options &opt, const std::vector<std::string> &args)
     std::vector<Line> found;
     int rc = kExitOk;
     for (size_t i = 1; i < args.size(); ++i) {
-        auto it = std::find_if(sensors.rows.begin(), sensors.rows.end(), [&](const Line &l) { return l.name == args[i]; });
+        auto it =
+            std::find_if(sensors.rows.begin(), sensors.rows.end(), [&](const Line &l) { return l.name == args[i]; });
         if (it == sensors.rows.end()) {
             std::fprintf(stderr, "tvxctl: no sensor named \"%s\"\n", args[i].c_str());
             rc = kExitFailed;
@@ -403,7 +403,8 @@ int sdrGet(const Options &opt, const std::vector<std::string> &args)
                           {0x02, sdr::full::kNormalMaximum, "Normal Maximum"}};
             for (const auto &a : analog)
                 if (flags & a.bit)
-                    std::printf(" %-22s: %s\n", a.label, number3(convert(l.record, l.record.get(a.field, uint8_t{0}))).c_str());
+                    std::printf(" %-22s: %s\n", a.label,
+                                number3(convert(l.record, l.record.get(a.field, uint8_t{0}))).c_str());
             for (int t = 0; t < 6; ++t)
                 if (l.thresholds[t]) std::printf(" %-22s: %s\n", kThresholdNames[t], number3(l.thresholds[t]).c_str());
         }

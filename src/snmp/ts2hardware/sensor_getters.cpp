@@ -57,7 +57,8 @@ unsigned discreteLevel(uint16_t bits)
 int thresholdStatus(uint8_t sensorType, unsigned level)
 {
     switch (sensorType) {
-    case TVX_SENSOR_TEMPERATURE: return level == kNoLevel ? 2 : kStatusTable[kTemperatureThreshold][level];
+    case TVX_SENSOR_TEMPERATURE:
+        return level == kNoLevel ? 2 : kStatusTable[kTemperatureThreshold][level];
     case TVX_SENSOR_FAN_STATUS:
         // A fan's own thresholds: running low is a warning, below critical a failure; a fan
         // that cannot be read counts as not there.
@@ -65,7 +66,8 @@ int thresholdStatus(uint8_t sensorType, unsigned level)
         if (level == 0) return 3;
         if (level == 1) return 5;
         return level <= 3 ? 4 : 3;
-    default: return level == kNoLevel ? 2 : kStatusTable[kOtherThreshold][level];
+    default:
+        return level == kNoLevel ? 2 : kStatusTable[kOtherThreshold][level];
     }
 }
 
@@ -84,11 +86,13 @@ int discreteStatus(uint8_t sensorType, uint8_t eventReadingType, uint16_t bits)
         unsigned states = bits & 0x0FFFu;
         return states ? std::countr_zero(states) + 2 : 1;
     }
-    case TVX_SENSOR_POWER_UNIT: return level <= 7 ? kStatusTable[kPowerUnit][level] : 2;
+    case TVX_SENSOR_POWER_UNIT:
+        return level <= 7 ? kStatusTable[kPowerUnit][level] : 2;
     case TVX_SENSOR_VOLTAGE:
         if (eventReadingType == kDigitalDiscrete) return level <= 1 ? kStatusTable[kVoltageDigital][level] : 2;
         return eventReadingType == kPerformance ? 4 : 1;
-    default: return 1;
+    default:
+        return 1;
     }
 }
 
@@ -151,8 +155,8 @@ TVX_API int getCurrentSensorsStatus(uint8_t sensorNumber, uint8_t sensorType, SD
         // A fan that its status sensor reports as not installed ("Fan not installed", offset
         // 5) is not there, whatever its own reading says; otherwise the fan's thresholds are
         // ranked on the fan status scale.
-        const uint8_t *fanStatus = findCompactSdrByEntity(l.record.u8(sdr::kEntityId), l.record.u8(sdr::kEntityInstance),
-                                                          TVX_SENSOR_FAN_STATUS, info);
+        const uint8_t *fanStatus = findCompactSdrByEntity(
+            l.record.u8(sdr::kEntityId), l.record.u8(sdr::kEntityInstance), TVX_SENSOR_FAN_STATUS, info);
         if (fanStatus) {
             View status = sensor::slotView(info, fanStatus);
             uint16_t bits = 0;
@@ -267,7 +271,8 @@ TVX_API int getPowerSupplyLoad(uint8_t ordinal, SDRInfo *info)
     if (!s) return 0;
     const uint8_t *load = loadRecord(info, ordinal);
     if (!load) return 0;
-    return getCurrentValue(sensor::slotView(info, load).get(sdr::kSensorNumber, uint8_t{0}), TVX_SENSOR_OTHER_UNITS, info);
+    return getCurrentValue(sensor::slotView(info, load).get(sdr::kSensorNumber, uint8_t{0}), TVX_SENSOR_OTHER_UNITS,
+                           info);
 }
 
 TVX_API int getPowerSupplyNominal(uint8_t statusSensorNumber, uint8_t ordinal, SDRInfo *info)

@@ -14,17 +14,14 @@ using nlohmann::json;
 
 namespace {
 
-// "a | b | c" lines, each cell trimmed.
+// ipmitool's CSV lines as cells.
 std::vector<std::vector<std::string>> cells(const std::string &text)
 {
     std::vector<std::vector<std::string>> rows;
     std::istringstream in(text);
     for (std::string line, cell; std::getline(in, line);) {
         rows.emplace_back();
-        for (std::istringstream l(line); std::getline(l, cell, '|');) {
-            cell.erase(0, cell.find_first_not_of(' '));
-            rows.back().push_back(cell.erase(cell.find_last_not_of(' ') + 1));
-        }
+        for (std::istringstream l(line); std::getline(l, cell, ',');) rows.back().push_back(cell);
     }
     return rows;
 }
@@ -79,6 +76,6 @@ TEST(RealPeer, SensorTableAgreesWithIpmitool)
     for (const char *power : {"on", "off", "on"}) {
         SCOPED_TRACE(power);
         ASSERT_EQ(tvxctl(&peer, {"power", power}).exitCode, 0);
-        sameAsIpmitool(tvxctl(&peer, {"--json", "sensor"}), ipmitool(peer, {"sensor"}));
+        sameAsIpmitool(tvxctl(&peer, {"--json", "sensor"}), ipmitool(peer, {"-c", "sensor"}));
     }
 }

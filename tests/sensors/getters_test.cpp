@@ -17,6 +17,7 @@ TEST_F(SensorGetters, StatusCodesFollowTheTablesOfEachKind)
         uint8_t type, eventType;
         std::vector<int> bits, codes; // threshold comparisons or states, and the status of each
     } cases[] = {
+        // clang-format off
         // Thresholds: the highest bit decides (temperature, a fan's own, any other type).
         {0x01, 0x01, {0, 0x01, 0x02, 0x04, 0x08, 0x10, 0x20, 0x0C, kOn, kOff}, {8, 8, 8, 5, 6, 7, 5, 6, 2, 1}},
         {0xE6, 0x01, {0, 0x01, 0x02, 0x04, 0x08, 0x20, kOn, kOff}, {3, 5, 4, 4, 3, 3, 8, 1}},
@@ -24,18 +25,15 @@ TEST_F(SensorGetters, StatusCodesFollowTheTablesOfEachKind)
         {0x0B, 0x01, {0x10}, {5}},
         // Temperature severity; fan status as digital or performance states.
         {0x01, 0x07, {0x01, 0x02, 0x04, 0x08, 0x10, 0x20, 0x41, 0x80}, {8, 6, 7, 5, 6, 7, 5, 1}},
-        {0x01, 0x6F, {0x01}, {1}},
         {0xE6, 0x03, {0x01, 0x04, 0}, {3, 1, 3}},
-        {0xE6, 0x06, {0x02}, {4}},
-        {0xE6, 0x6F, {0x20}, {1}},
+        {0x01, 0x6F, {0x01}, {1}}, {0xE6, 0x06, {0x02}, {4}}, {0xE6, 0x6F, {0x20}, {1}},
         // Power supply states: the lowest of bits 0-11.
         {0xE8, 0x6F, {0x0006, 0x0001, 0x0800, 0x1000, 0, kOn}, {3, 2, 13, 1, 1, 1}},
         // Power unit; voltage digital states, performance, anything else; another type.
         {0x09, 0x6F, {0x01, 0x02, 0x10, 0x20, 0x40, 0x80, 0x100, 0}, {3, 4, 2, 5, 4, 5, 2, 2}},
         {0x02, 0x03, {0x01, 0x02, 0x04}, {3, 6, 2}},
-        {0x02, 0x06, {0}, {4}},
-        {0x02, 0x6F, {0x01}, {1}},
-        {0x07, 0x6F, {0x01}, {1}},
+        {0x02, 0x06, {0}, {4}}, {0x02, 0x6F, {0x01}, {1}}, {0x07, 0x6F, {0x01}, {1}},
+        // clang-format on
     };
     for (const auto &c : cases) {
         for (size_t i = 0; i < c.bits.size(); ++i) {

@@ -50,8 +50,10 @@ void sameAsIpmitool(const Outcome &ours, const Outcome &theirs)
         const json &r = byName[t[0]];
         EXPECT_EQ(kUnits.at(r["unit"]), t[2]);
         if (r["unit"] == "discrete") {
-            if (r["state_bits"].is_null()) EXPECT_EQ(t[1], "na");
-            else EXPECT_EQ(r["state_bits"].get<unsigned>(), std::strtoul(t[1].c_str(), nullptr, 16)) << t[1];
+            // ipmitool shows the two state bytes as one hexadecimal number, low byte first.
+            const unsigned bytes = t[3] == "na" ? 0 : std::stoul(t[3], nullptr, 16);
+            if (r["state_bits"].is_null()) EXPECT_EQ(t[3], "na");
+            else EXPECT_EQ(r["state_bits"].get<unsigned>(), (bytes >> 8) | (bytes & 0x7F) << 8) << t[3];
             continue;
         }
         if (r["value"].is_null()) EXPECT_EQ(t[1], "na");

@@ -15,7 +15,8 @@ std::span<const Subsystem> Controller::standardSubsystems()
 {
     static const Subsystem all[] = {kAppSubsystem,       kChassisSubsystem,       kConfigSpaceSubsystem,
                                     kLanSubsystem,       kSdrRepositorySubsystem, kSensorSubsystem,
-                                    kComponentSubsystem, kSelSubsystem,           kFruSubsystem};
+                                    kComponentSubsystem, kSelSubsystem,           kFruSubsystem,
+                                    kInventorySubsystem, kIelSubsystem};
     return all;
 }
 
@@ -110,8 +111,12 @@ void Controller::dispatchOem(Context &ctx, const Request &req, Response &rsp)
         finish(inner);
         return;
     }
-    if (auto subs = oemSubHandlers_.find(req.command); subs != oemSubHandlers_.end()) {
-        // The first byte selects the sub-function; its handler sees what follows.
+    auto whole = oemHandlers_.find(req.command);
+    auto subs = oemSubHandlers_.find(req.command);
+    // A command whose first byte is a sub-function: that sub-function's handler sees what
+    // follows. Bytes no sub-function claims go to the command's own handler, if it has one.
+    if (subs != oemSubHandlers_.end() &&
+        (whole == oemHandlers_.end() || (req.data.size() >= 4 && subs->second.count(req.data[3])))) {
         if (req.data.size() < 4) {
             inner.fail(cc::kRequestLengthInvalid);
         } else if (auto h = subs->second.find(req.data[3]); h == subs->second.end()) {
@@ -123,12 +128,11 @@ void Controller::dispatchOem(Context &ctx, const Request &req, Response &rsp)
         finish(inner);
         return;
     }
-    auto it = oemHandlers_.find(req.command);
-    if (it == oemHandlers_.end()) {
+    if (whole == oemHandlers_.end()) {
         inner.fail(cc::kInvalidCommand);
     } else {
         Request sub{req.netFn, req.lun, req.command, req.data.subspan(3)};
-        it->second(ctx, sub, inner);
+        whole->second(ctx, sub, inner);
     }
     finish(inner);
 }

@@ -28,12 +28,15 @@ struct Piece {
     iELEntry header{};
     uint16_t bodyLength = 0; // T
     View body;
+    uint16_t status = 0;
 };
 
-enum class Read { Ok, Failed, Refused };
+// Failed: no answer (status) or an empty one. Refused: the answer does not hold the piece it
+// promises (T below the offset, fewer body bytes than the piece needs, or another T than the
+// pieces before).
+enum class Read { Ok, Failed, Empty, Refused };
 
-// Reads the piece at (entryId, offset) into `response`. Refused: the answer does not hold the
-// piece it promises (T below the offset, or fewer body bytes than the piece needs).
+// Reads the piece at (entryId, offset) into `response`.
 Read readPiece(IpmiSession *session, uint16_t entryId, uint16_t offset, uint8_t (&response)[tvx::kOemResponseSize],
                Piece &piece)
 {
@@ -41,15 +44,9 @@ Read readPiece(IpmiSession *session, uint16_t entryId, uint16_t offset, uint8_t 
     tvx::wire::Writer w(request, sizeof request);
     w.bytes(tvx::oem::request(iel::kRead)).u16(entryId).u16(offset);
     uint32_t len = 0;
-    uint16_t status = tvx::sendStated(session, TVX_NETFN_OEM_GROUP, iel::kCommand, request, w.size(), response, &len);
-    if (status != 0) {
-        TVX_DIAG_LOCATED(Unit::Helpers, "Failed to send request with error 0x%x", tvx::swappedStatus(status));
-        return Read::Failed;
-    }
-    if (len == 0) {
-        tvx::diag::plain("response returned with length <=0\n");
-        return Read::Failed;
-    }
+    piece.status = tvx::sendStated(session, TVX_NETFN_OEM_GROUP, iel::kCommand, request, w.size(), response, &len);
+    if (piece.status != 0) return Read::Failed;
+    if (len == 0) return Read::Empty;
     View payload = payloadOf(response, len);
     auto length = payload.get(iel::entry::kBodyLength);
     if (!length || *length < offset) return Read::Refused;
@@ -63,6 +60,18 @@ Read readPiece(IpmiSession *session, uint16_t entryId, uint16_t offset, uint8_t 
     piece.header.e3 = payload.get(iel::entry::kNextId, uint16_t{0});
     piece.header.e5 = payload.get(iel::entry::kTimestamp, uint32_t{0});
     return Read::Ok;
+}
+
+// What went wrong with a piece, said for the entry read.
+void report(Read read, const Piece &piece, int line)
+{
+    static const char kFunction[] = "ipmiGetiELEntry";
+    if (read == Read::Failed)
+        tvx::diag::located(Unit::Helpers, line, kFunction, "Failed to send request with error 0x%x",
+                           tvx::swappedStatus(piece.status));
+    else if (read == Read::Empty) tvx::diag::plain("response returned with length <=0\n");
+    else if (read == Read::Refused)
+        tvx::diag::located(Unit::Helpers, line, kFunction, "Failed to read iEL entry, wrong response size.");
 }
 
 } // namespace
@@ -110,8 +119,10 @@ TVX_API iELEntry ipmiGetiELEntry(IpmiSession *session, uint16_t entryId, uint16_
     uint8_t response[tvx::kOemResponseSize];
     Piece first;
     Read read = readPiece(session, entryId, offset, response, first);
-    if (read == Read::Refused) TVX_DIAG_LOCATED(Unit::Helpers, "Failed to read iEL entry, wrong response size.");
-    if (read != Read::Ok) return entry;
+    if (read != Read::Ok) {
+        report(read, first, __LINE__);
+        return entry;
+    }
     entry = first.header;
     const std::size_t total = first.bodyLength - offset;
     auto *body = static_cast<uint8_t *>(std::calloc(total ? total : 1, 1));
@@ -123,8 +134,10 @@ TVX_API iELEntry ipmiGetiELEntry(IpmiSession *session, uint16_t entryId, uint16_
         Piece next;
         read = readPiece(session, entryId, static_cast<uint16_t>(offset + at), response, next);
         if (read == Read::Ok && next.bodyLength != first.bodyLength) read = Read::Refused;
-        if (read == Read::Refused) TVX_DIAG_LOCATED(Unit::Helpers, "Failed to read iEL entry, wrong response size.");
-        if (read != Read::Ok) break;
+        if (read != Read::Ok) {
+            report(read, next, __LINE__);
+            break;
+        }
         std::memcpy(body + at, next.body.data(), next.body.size());
         at += next.body.size();
     }

@@ -134,8 +134,7 @@ std::vector<SelEvent> SelPoller::poll()
         return {};
     }
     if (!known_) {
-        if (baseline(session.get(), info.lastAddTime, info.lastEraseTime) && failing_)
-            log_("the SEL can be read again");
+        if (baseline(session.get(), info) && failing_) log_("the SEL can be read again");
         return {};
     }
     std::vector<SelEvent> events;
@@ -145,7 +144,7 @@ std::vector<SelEvent> SelPoller::poll()
         lastId_.reset();
         ids_.clear();
     }
-    if (erased || info.lastAddTime != lastAdd_) {
+    if (erased || info.lastAddTime != lastAdd_ || info.entries != entries_) {
         auto fresh = walk(session.get(), info.lastAddTime);
         if (!fresh) fresh = compareAll(session.get(), info.lastAddTime);
         if (!fresh) {
@@ -159,10 +158,11 @@ std::vector<SelEvent> SelPoller::poll()
     failing_ = false;
     lastAdd_ = info.lastAddTime;
     lastErase_ = info.lastEraseTime;
+    entries_ = info.entries;
     return events;
 }
 
-bool SelPoller::baseline(IpmiSession *s, uint32_t lastAdd, uint32_t lastErase)
+bool SelPoller::baseline(IpmiSession *s, const SelInfo &info)
 {
     std::string why;
     auto all = readAll(s, why);
@@ -177,8 +177,9 @@ bool SelPoller::baseline(IpmiSession *s, uint32_t lastAdd, uint32_t lastErase)
         ids_.insert(id);
         lastId_ = id;
     }
-    lastAdd_ = lastAdd;
-    lastErase_ = lastErase;
+    lastAdd_ = info.lastAddTime;
+    lastErase_ = info.lastEraseTime;
+    entries_ = info.entries;
     known_ = true;
     failing_ = false;
     return true;

@@ -11,10 +11,13 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
+#include <memory>
 #include <optional>
 #include <thread>
 
 #include "libipmi_host.h"
+#include "peer.h"
 #include "scratch.h"
 #include "scripted.h"
 
@@ -94,11 +97,17 @@ protected:
         tvxtest::json p = tvxtest::baseProfile();
         p["sel"] = {{"records", tvxtest::json::array()}};
         tvxtest::writeFile(dir_.file("lab.json"), p.dump());
-        pid_ = startService();
-        ASSERT_TRUE(within(10s, [&] { return queueId('r') != -1 && queueId('n') != -1; })) << log();
+        target_ = {"--machine", dir_.file("lab.json"), "--state", dir_.file("state")};
+        begin();
         ASSERT_EQ(ipmihost_select_machine(dir_.file("lab.json").c_str(), dir_.file("state").c_str()), 0);
         session_ = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
         ASSERT_NE(session_, nullptr);
+    }
+    // Starts the service on target_ and waits for its queues.
+    void begin()
+    {
+        pid_ = startService();
+        ASSERT_TRUE(within(10s, [&] { return queueId('r') != -1 && queueId('n') != -1; })) << log();
     }
     void TearDown() override
     {
@@ -116,9 +125,9 @@ protected:
     }
     pid_t startService(const std::string &errFile = "service.err")
     {
-        return spawn({TVX_SELNOTIFYD_PATH, "--machine", dir_.file("lab.json"), "--state", dir_.file("state"),
-                      "--interval", "50"},
-                     dir_.file(errFile));
+        std::vector<std::string> args = {TVX_SELNOTIFYD_PATH, "--interval", "50"};
+        args.insert(args.end(), target_.begin(), target_.end());
+        return spawn(args, dir_.file(errFile));
     }
     std::string log(const std::string &errFile = "service.err") { return tvxtest::readFile(dir_.file(errFile)); }
     // Adds a system event record; returns its timestamp.
@@ -128,8 +137,34 @@ protected:
         return ipmiGetSelInfo(session_).lastAddTime;
     }
     tvxtest::TempDir dir_;
+    std::vector<std::string> target_;
     pid_t pid_ = -1;
     IpmiSession *session_ = nullptr;
+};
+
+// The same service watching OpenIPMI's ipmi_sim over IPMI-over-LAN.
+class ServiceOverLan : public Service {
+protected:
+    void SetUp() override
+    {
+        tvxsim::ipmisim::PeerOptions o;
+        o.profilePath = std::string(TVX_MACHINES_DIR) + "/default.json";
+        o.modulePath = TVX_IPMI_SIM_MODULE;
+        o.workDir = dir_.file("peer");
+        std::filesystem::create_directories(o.workDir);
+        peer_ = std::make_unique<tvxsim::ipmisim::Peer>(o);
+        target_ = {"--target", peer_->target("&timeout=2000")};
+        begin();
+        ASSERT_EQ(ipmihost_select_target(target_[1].c_str(), nullptr), 0) << ipmihost_last_error();
+        session_ = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
+        ASSERT_NE(session_, nullptr) << ipmihost_last_error();
+    }
+    void TearDown() override
+    {
+        Service::TearDown();
+        peer_.reset();
+    }
+    std::unique_ptr<tvxsim::ipmisim::Peer> peer_;
 };
 
 TEST_F(Service, EachWatcherGetsOneMessagePerNewEntry)
@@ -205,6 +240,22 @@ TEST_F(Service, TvxctlSelWatchPrintsNewEntriesUntilStopped)
     EXPECT_TRUE(within(5s, [&] {
         return log().find("watcher " + std::to_string(watch) + " unregistered") != std::string::npos;
     })) << log();
+}
+
+TEST_F(ServiceOverLan, NewEntriesOfARealControllerReachTheWatcher)
+{
+    const long watcher = getpid() * 10L + 3;
+    ASSERT_EQ(selNotifyRegisterRemote(watcher), 0);
+    const SelRecord record = {{0, 0, 0x02, 0, 0, 0, 0, 0x20, 0, 0x04, 0x01, 0x03, 0x01, 0x57, 0x56, 0x55}};
+    SelRecord request = record;
+    SelAddResponse added{};
+    ASSERT_EQ(IPMICMD_AddSELEntry(session_, &request, &added, 60), 0) << ipmihost_last_error();
+    std::optional<Event> e = next(watcher, 10s);
+    ASSERT_TRUE(e) << log();
+    EXPECT_EQ(e->code, 1);
+    EXPECT_EQ(e->value16, added.recordId);
+    EXPECT_EQ(next(watcher, 300ms), std::nullopt); // one message per entry
+    ASSERT_EQ(selNotifyUnregisterRemote(watcher), 0);
 }
 
 } // namespace

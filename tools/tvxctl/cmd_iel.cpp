@@ -136,7 +136,10 @@ Json summaryJson(const iELSummary &s)
 iELSummary readSummary(IpmiSession *s)
 {
     iELSummary summary = ipmiGetiELInfo(s);
-    if (summary.s0 == 0) throw Failure{kExitFailed, "cannot read the internal event log's summary"};
+    // The library's record is all zero exactly when the summary could not be read.
+    static const iELSummary kNone{};
+    if (std::memcmp(&summary, &kNone, sizeof summary) == 0)
+        throw Failure{kExitFailed, "cannot read the internal event log's summary"};
     return summary;
 }
 

@@ -14,17 +14,22 @@ using InventoryTest = ScriptTest;
 
 // ---- FRU images in the IPMI storage format, and the reads the platform makes of them --------
 
+// The byte that makes the first n bytes sum to zero.
+uint8_t zeroSum(const Bytes &b, size_t n)
+{
+    unsigned sum = 0;
+    for (size_t i = 0; i < n; ++i) sum += b[i];
+    return static_cast<uint8_t>(-sum);
+}
+
 Bytes area(const Bytes &fixed, const std::vector<std::string> &fields)
 {
     Bytes a = cat({{0x01, 0x00}, fixed});
     for (const std::string &f : fields) a = cat({a, {static_cast<uint8_t>(0xC0 | f.size())}, text(f)});
     a.push_back(0xC1);
-    while ((a.size() + 1) % 8) a.push_back(0);
-    a.push_back(0);
+    a.resize((a.size() + 8) / 8 * 8, 0); // room for the checksum
     a[1] = static_cast<uint8_t>(a.size() / 8);
-    uint8_t sum = 0;
-    for (uint8_t b : a) sum = static_cast<uint8_t>(sum + b);
-    a.back() = static_cast<uint8_t>(-sum);
+    a.back() = zeroSum(a, a.size() - 1);
     return a;
 }
 Bytes chassisArea(const std::vector<std::string> &f) { return area({0x17}, f); }
@@ -37,9 +42,7 @@ Bytes fruImage(uint8_t version, const Bytes &chassis, const Bytes &board, const 
     const Bytes *areas[] = {&chassis, &board, &product};
     for (int k = 0; k < 3; ++k)
         if (!areas[k]->empty()) img[2 + k] = static_cast<uint8_t>(img.size() / 8), img = cat({img, *areas[k]});
-    uint8_t sum = 0;
-    for (int i = 0; i < 7; ++i) sum = static_cast<uint8_t>(sum + img[i]);
-    img[7] = static_cast<uint8_t>(-sum);
+    img[7] = zeroSum(img, 7);
     return img;
 }
 
@@ -93,40 +96,27 @@ TEST_F(InventoryTest, ChassisAndBoardFromTheLocatedFruDevices)
     const Bytes board1 = boardArea({"Kestravone", "KV BOARD", "S-1", "P-1", "", "", "second custom"});
     const Bytes board2 = boardArea({"", "", "S-2", ""});
     const Bytes product = productArea({"Kestravone", "KV2400", "KV-R2", "A3"});
+    // Chassis fields: manufacturer, part, version, custom, serial, part; board: name, custom, serial, part, mfr.
     const struct {
         const char *what;
-        bool chassis; // which getter
+        bool chassis;
         std::vector<Device> devices;
         int result;
-        Texts
-            fields; // chassis: manufacturer, part, version, custom, serial, part; board: name, custom, serial, part, mfr
+        Texts fields;
     } cases[] = {
-        {"typed chassis texts, no custom field: Unknown; no product area",
-         true,
-         {{0x17, 1, fruImage(1, chassisArea({"CHS-1", "ABCDE"}), {}, {})}},
-         0,
-         {no, no, no, "Unknown", "ABCDE", "CHS-1"}},
-        {"an empty first custom field replaces Unknown; a second device adds the product",
-         true,
-         {{0x17, 1, fruImage(1, chassisArea({"CHS-1", "ABCDE", "", "x"}), {}, {})},
-          {0x07, 0, fruImage(1, {}, {}, product)}},
-         1,
-         {"Kestravone", "KV-R2", "A3", "", "ABCDE", "CHS-1"}},
-        {"other entities are not read; version 0x11 and unreadable devices are skipped",
-         true,
-         {{0x15, 5, {}}, {0x0B, 6, {}}, {0x17, 2, {}}, {0x07, 0, fruImage(0x11, {}, {}, product)}},
-         0,
-         {no, no, no, no, no, no}},
-        {"board texts: an empty first custom field is none; a later device's texts win, empty ones do not",
-         false,
-         {{0x07, 0, fruImage(1, {}, board1, {})}, {0x07, 3, fruImage(1, {}, board2, {})}},
-         1,
+        // clang-format off
+        {"typed chassis texts, no custom field: Unknown; no product area", true,
+         {{0x17, 1, fruImage(1, chassisArea({"CHS-1", "ABCDE"}), {}, {})}}, 0, {no, no, no, "Unknown", "ABCDE", "CHS-1"}},
+        {"an empty first custom field replaces Unknown; a second device adds the product", true,
+         {{0x17, 1, fruImage(1, chassisArea({"CHS-1", "ABCDE", "", "x"}), {}, {})}, {0x07, 0, fruImage(1, {}, {}, product)}},
+         1, {"Kestravone", "KV-R2", "A3", "", "ABCDE", "CHS-1"}},
+        {"other entities are not read; version 0x11 and unreadable devices are skipped", true,
+         {{0x15, 5, {}}, {0x0B, 6, {}}, {0x17, 2, {}}, {0x07, 0, fruImage(0x11, {}, {}, product)}}, 0, Texts(6, no)},
+        {"board: an empty first custom field is none; a later device's texts win, empty ones do not", false,
+         {{0x07, 0, fruImage(1, {}, board1, {})}, {0x07, 3, fruImage(1, {}, board2, {})}}, 1,
          {"KV BOARD", no, "S-2", "P-1", "Kestravone"}},
-        {"no board area",
-         false,
-         {{0x17, 1, fruImage(1, chassisArea({"CHS-1"}), {}, product)}},
-         0,
-         {no, no, no, no, no}},
+        {"no board area", false, {{0x17, 1, fruImage(1, chassisArea({"CHS-1"}), {}, product)}}, 0, Texts(5, no)},
+        // clang-format on
     };
     IpmiSession *s = open();
     for (const auto &c : cases) {
@@ -144,22 +134,14 @@ TEST_F(InventoryTest, ChassisAndBoardFromTheLocatedFruDevices)
                   }),
                   "");
         EXPECT_EQ(r, c.result);
-        Texts got = c.chassis
-                        ? texts({ci.productManufacturer, ci.productPartNumber, ci.productVersion, ci.chassisCustomField,
-                                 ci.chassisSerialNumber, ci.chassisPartNumber})
-                        : texts({bi.productName, bi.customField, bi.serialNumber, bi.partNumber, bi.manufacturer});
-        EXPECT_EQ(got, c.fields);
+        EXPECT_EQ(c.chassis ? texts({ci.productManufacturer, ci.productPartNumber, ci.productVersion,
+                                     ci.chassisCustomField, ci.chassisSerialNumber, ci.chassisPartNumber})
+                            : texts({bi.productName, bi.customField, bi.serialNumber, bi.partNumber, bi.manufacturer}),
+                  c.fields);
         // A type/length byte of 0xC5 sizes the copy: 197 characters and the terminator.
-        if (c.chassis && ci.chassisSerialNumber) {
-            EXPECT_GE(malloc_usable_size(ci.chassisSerialNumber), 198u);
-        }
-        if (c.chassis) {
-            ipmiFreeChassisInfo(&ci);
-            EXPECT_EQ(texts({ci.productManufacturer, ci.chassisCustomField, ci.chassisSerialNumber}), Texts(3, no));
-        } else {
-            ipmiFreeBoardInfo(&bi);
-            EXPECT_EQ(texts({bi.productName, bi.serialNumber, bi.manufacturer}), Texts(3, no));
-        }
+        EXPECT_GE(c.chassis && ci.chassisSerialNumber ? malloc_usable_size(ci.chassisSerialNumber) : 198u, 198u);
+        c.chassis ? ipmiFreeChassisInfo(&ci) : ipmiFreeBoardInfo(&bi);
+        EXPECT_EQ(c.chassis ? ci.chassisCustomField : bi.serialNumber, nullptr);
         EXPECT_EQ(ipmihost_script_pending(), 0u);
     }
 }
@@ -171,68 +153,47 @@ TEST_F(InventoryTest, MissingArgumentsSendNothing)
     BoardInfo bi;
     std::memset(&ci, 0xA5, sizeof ci);
     std::memset(&bi, 0xA5, sizeof bi);
-    EXPECT_DIAG(stderrOf([&] { EXPECT_EQ(ipmiGetChassisInfo(nullptr, nullptr, &cache.info), 0); }),
-                "ERROR: ipmihelpers.cpp:{line} chassis info pointer error\n");
-    EXPECT_DIAG(stderrOf([&] { EXPECT_EQ(ipmiGetChassisInfo(nullptr, &ci, nullptr), 0); }),
-                "ERROR: ipmihelpers.cpp:{line} sdr info pointer error\n");
+    const std::string error = "ERROR: ipmihelpers.cpp:{line} ";
+    EXPECT_DIAG(stderrOf([&] { ipmiGetChassisInfo(nullptr, nullptr, &cache.info); }),
+                error + "chassis info pointer error\n");
+    EXPECT_DIAG(stderrOf([&] { ipmiGetChassisInfo(nullptr, &ci, nullptr); }), error + "sdr info pointer error\n");
     EXPECT_DIAG(stderrOf([&] { EXPECT_EQ(ipmiGetChassisInfo(nullptr, &ci, &cache.info), 0); }),
-                "ERROR: ipmihelpers.cpp:{line} session is null\n");
+                error + "session is null\n");
     EXPECT_EQ(ci.productManufacturer, nullptr); // cleared before the session is looked at
-    EXPECT_EQ(stderrOf([&] {
-                  EXPECT_EQ(ipmiGetBoardInfo(nullptr, &bi, &cache.info), 0);
-                  EXPECT_EQ(ipmiGetBoardInfo(nullptr, nullptr, &cache.info), 0);
-                  EXPECT_EQ(ipmiOemAgetConnected(nullptr), 0);
-              }),
-              "");
+    EXPECT_EQ(
+        stderrOf([&] { EXPECT_EQ(ipmiGetBoardInfo(nullptr, &bi, &cache.info) + ipmiOemAgetConnected(nullptr), 0); }),
+        "");
     EXPECT_EQ(bi.manufacturer, nullptr);
-    EXPECT_DIAG(stderrOf([] { EXPECT_EQ(ipmiGetEEPROMInfo(nullptr, 0).data[0], 0); }),
+    EXPECT_DIAG(stderrOf([] { ipmiGetEEPROMInfo(nullptr, 0); }),
                 "\nipmihelpers.cpp:{line} (ipmiGetEEPROMInfo) Session check failed.\n");
-    ipmiFreeChassisInfo(&ci); // all fields null: nothing to do
-    ipmiFreeBoardInfo(nullptr);
     EXPECT_EQ(ipmihost_script_call_count(), 0u);
 }
 
 TEST_F(InventoryTest, AgentConnectedAndEepromInfo)
 {
     IpmiSession *s = open();
-    const Bytes block = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
-    const struct {
-        uint16_t status;
-        Bytes answer;
-        int result;
-    } agent[] = {
-        {0, oemAnswer({0x00, 0x01}), 1},
-        {0, oemAnswer({0x01, 0x02}), 0},
-        {0, oemAnswer({0x01, 0x00}), 0},
-        {0, oemAnswer({0x01}), 0},                  // no byte 5
-        {0x01C1, oemAnswer({0x00, 0x01}, 0xC1), 0}, // refused
-    };
-    for (const auto &c : agent) {
-        expectRequest(0xB8, 0x02, oem({0x08}), c.status, c.answer);
-        EXPECT_EQ(ipmiOemAgetConnected(s), c.result);
+    // Only byte 5 = 1 of an answer the platform took counts.
+    for (auto [status, answer, result] : {std::tuple{0, oemAnswer({0x00, 0x01}), 1},
+                                          {0, oemAnswer({0x01, 0x02}), 0},
+                                          {0, oemAnswer({0x01}), 0},
+                                          {0x01C1, oemAnswer({0x00, 0x01}, 0xC1), 0}}) {
+        expectRequest(0xB8, 0x02, oem({0x08}), static_cast<uint16_t>(status), answer);
+        EXPECT_EQ(ipmiOemAgetConnected(s), result);
     }
-    const std::string wrongSize =
-        "\nipmihelpers.cpp:{line} (ipmiGetEEPROMInfo) Failed to read device id, wrong response size.\n";
-    const struct {
-        uint16_t status;
-        Bytes answer;
-        Bytes info;
-        std::string diag;
-    } eeprom[] = {
-        {0, oemAnswer(block), block, ""},
-        {0, oemAnswer(Bytes(block.begin(), block.end() - 1)), Bytes(16, 0), wrongSize},
-        {0, oemAnswer(cat({block, {0x00}})), Bytes(16, 0), wrongSize},
-        {0, oemAnswer(block, 0xC9), block, ""}, // only the length decides
-        {LIBIPMI_STATUS_TIMEOUT,
-         {},
-         Bytes(16, 0),
-         "\nipmihelpers.cpp:{line} (ipmiGetEEPROMInfo) Failed to send ipmi raw command.\n"},
-    };
-    for (const auto &c : eeprom) {
-        expectRequest(0xB8, 0xF5, oem({0x12, 0x03}), c.status, c.answer);
-        EEPROMInfo info;
-        EXPECT_DIAG(stderrOf([&] { info = ipmiGetEEPROMInfo(s, 0x103); }), c.diag);
-        EXPECT_EQ(Bytes(info.data, info.data + 16), c.info);
+    const Bytes block = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16}, none(16, 0);
+    const std::string failed = "\nipmihelpers.cpp:{line} (ipmiGetEEPROMInfo) Failed to ";
+    const std::string wrongSize = failed + "read device id, wrong response size.\n";
+    // Only the length decides, not the completion code.
+    for (auto [status, answer, info, diag] :
+         {std::tuple{0, oemAnswer(block), block, std::string()},
+          {0, oemAnswer(block, 0xC9), block, std::string()},
+          {0, oemAnswer(Bytes(block.begin(), block.end() - 1)), none, wrongSize},
+          {0, oemAnswer(cat({block, {0x00}})), none, wrongSize},
+          {LIBIPMI_STATUS_TIMEOUT, Bytes{}, none, failed + "send ipmi raw command.\n"}}) {
+        expectRequest(0xB8, 0xF5, oem({0x12, 0x03}), static_cast<uint16_t>(status), answer);
+        EEPROMInfo got;
+        EXPECT_DIAG(stderrOf([&] { got = ipmiGetEEPROMInfo(s, 0x103); }), diag);
+        EXPECT_EQ(Bytes(got.data, got.data + 16), info);
     }
 }
 

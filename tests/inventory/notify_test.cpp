@@ -15,6 +15,7 @@
 #include <memory>
 #include <optional>
 #include <thread>
+#include <tuple>
 
 #include "libipmi_host.h"
 #include "peer.h"
@@ -70,44 +71,36 @@ int stop(pid_t pid)
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-struct Event {
-    uint8_t code;
-    uint16_t value16;
-    uint32_t value32;
-    bool operator==(const Event &) const = default;
-};
-std::ostream &operator<<(std::ostream &os, const Event &e)
-{
-    return os << "{" << int(e.code) << ", " << e.value16 << ", " << e.value32 << "}";
-}
+// A message: code, value16, value32.
+using Event = std::tuple<uint8_t, uint16_t, uint32_t>;
 
 // The next message for that watcher, waiting at most `limit`.
 std::optional<Event> next(long watcher, std::chrono::milliseconds limit = 5s)
 {
     Event e{};
-    if (within(limit, [&] { return selNotifyRecvRemote(IPC_NOWAIT, &e.code, &e.value32, &e.value16, watcher) == 1; }))
+    auto &[code, value16, value32] = e;
+    if (within(limit, [&] { return selNotifyRecvRemote(IPC_NOWAIT, &code, &value32, &value16, watcher) == 1; }))
         return e;
     return std::nullopt;
 }
 
 class Service : public testing::Test {
 protected:
+    // Starts the service on target_ (by default a virtual machine of the test's own), waits for
+    // its queues, and opens a session with the same controller.
     void SetUp() override
     {
-        tvxtest::json p = tvxtest::baseProfile();
-        p["sel"] = {{"records", tvxtest::json::array()}};
-        tvxtest::writeFile(dir_.file("lab.json"), p.dump());
-        target_ = {"--machine", dir_.file("lab.json"), "--state", dir_.file("state")};
-        begin();
-        ASSERT_EQ(ipmihost_select_machine(dir_.file("lab.json").c_str(), dir_.file("state").c_str()), 0);
-        session_ = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
-        ASSERT_NE(session_, nullptr);
-    }
-    // Starts the service on target_ and waits for its queues.
-    void begin()
-    {
+        if (target_.empty()) {
+            tvxtest::json p = tvxtest::baseProfile();
+            p["sel"] = {{"records", tvxtest::json::array()}};
+            tvxtest::writeFile(dir_.file("lab.json"), p.dump());
+            target_ = "machine:" + dir_.file("lab.json");
+        }
         pid_ = startService();
         ASSERT_TRUE(within(10s, [&] { return queueId('r') != -1 && queueId('n') != -1; })) << log();
+        ASSERT_EQ(ipmihost_select_target(target_.c_str(), dir_.file("state").c_str()), 0) << ipmihost_last_error();
+        session_ = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
+        ASSERT_NE(session_, nullptr) << ipmihost_last_error();
     }
     void TearDown() override
     {
@@ -125,11 +118,15 @@ protected:
     }
     pid_t startService(const std::string &errFile = "service.err")
     {
-        std::vector<std::string> args = {TVX_SELNOTIFYD_PATH, "--interval", "50"};
-        args.insert(args.end(), target_.begin(), target_.end());
-        return spawn(args, dir_.file(errFile));
+        return spawn({TVX_SELNOTIFYD_PATH, "--interval", "50", "--target", target_, "--state", dir_.file("state")},
+                     dir_.file(errFile));
     }
     std::string log(const std::string &errFile = "service.err") { return tvxtest::readFile(dir_.file(errFile)); }
+    // Whether that file comes to hold text within the time.
+    bool logged(const std::string &file, const std::string &text, std::chrono::milliseconds limit = 5s)
+    {
+        return within(limit, [&] { return log(file).find(text) != std::string::npos; });
+    }
     // Adds a system event record; returns its timestamp.
     uint32_t addEntry()
     {
@@ -137,7 +134,7 @@ protected:
         return ipmiGetSelInfo(session_).lastAddTime;
     }
     tvxtest::TempDir dir_;
-    std::vector<std::string> target_;
+    std::string target_;
     pid_t pid_ = -1;
     IpmiSession *session_ = nullptr;
 };
@@ -147,24 +144,16 @@ class ServiceOverLan : public Service {
 protected:
     void SetUp() override
     {
+        std::filesystem::create_directories(dir_.file("peer"));
         tvxsim::ipmisim::PeerOptions o;
         o.profilePath = std::string(TVX_MACHINES_DIR) + "/default.json";
         o.modulePath = TVX_IPMI_SIM_MODULE;
         o.workDir = dir_.file("peer");
-        std::filesystem::create_directories(o.workDir);
         peer_ = std::make_unique<tvxsim::ipmisim::Peer>(o);
-        target_ = {"--target", peer_->target("&timeout=2000")};
-        begin();
-        ASSERT_EQ(ipmihost_select_target(target_[1].c_str(), nullptr), 0) << ipmihost_last_error();
-        session_ = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
-        ASSERT_NE(session_, nullptr) << ipmihost_last_error();
+        target_ = peer_->target("&timeout=2000");
+        Service::SetUp();
     }
-    void TearDown() override
-    {
-        Service::TearDown();
-        peer_.reset();
-    }
-    std::unique_ptr<tvxsim::ipmisim::Peer> peer_;
+    std::unique_ptr<tvxsim::ipmisim::Peer> peer_; // stopped after TearDown has stopped the service
 };
 
 TEST_F(Service, EachWatcherGetsOneMessagePerNewEntry)
@@ -189,10 +178,8 @@ TEST_F(Service, EachWatcherGetsOneMessagePerNewEntry)
     addEntry();
     EXPECT_EQ(next(0), (Event{1, 1, ipmiGetSelInfo(session_).lastAddTime}));
     ASSERT_EQ(selNotifyUnregisterRemote(w2), 0);
-    ASSERT_TRUE(within(5s, [&] {
-        return log().find("watcher " + std::to_string(w2) + " unregistered") != std::string::npos;
-    })) << log();
-    EXPECT_NE(log().find("watcher " + std::to_string(w1) + " registered"), std::string::npos) << log();
+    EXPECT_TRUE(logged("service.err", "watcher " + std::to_string(w2) + " unregistered")) << log();
+    EXPECT_TRUE(logged("service.err", "watcher " + std::to_string(w1) + " registered")) << log();
 }
 
 TEST_F(Service, OneServiceAtATimeAndWatchersWithoutIt)
@@ -201,8 +188,7 @@ TEST_F(Service, OneServiceAtATimeAndWatchersWithoutIt)
     int status = 0;
     waitpid(second, &status, 0);
     EXPECT_EQ(WEXITSTATUS(status), 1);
-    EXPECT_NE(log("second.err").find("another tvx-selnotifyd (PID " + std::to_string(pid_) + ") owns"),
-              std::string::npos)
+    EXPECT_TRUE(logged("second.err", "another tvx-selnotifyd (PID " + std::to_string(pid_) + ") owns"))
         << log("second.err");
     EXPECT_EQ(stderrOf([] { EXPECT_EQ(selNotifyRegisterRemote(0), -1); }),
               "Can't send registration request by watcher 0: Invalid argument\n");
@@ -221,39 +207,33 @@ TEST_F(Service, OneServiceAtATimeAndWatchersWithoutIt)
     int stale = msgget(ftok("/tmp", 'r'), IPC_CREAT | 0660);
     ASSERT_NE(stale, -1);
     pid_ = startService("third.err");
-    EXPECT_TRUE(within(10s, [&] { return log("third.err").find("watching the SEL") != std::string::npos; }))
-        << log("third.err");
-    EXPECT_NE(log("third.err").find("removed a queue left behind"), std::string::npos) << log("third.err");
+    EXPECT_TRUE(logged("third.err", "watching the SEL", 10s)) << log("third.err");
+    EXPECT_TRUE(logged("third.err", "removed a queue left behind")) << log("third.err");
 }
 
 TEST_F(Service, TvxctlSelWatchPrintsNewEntriesUntilStopped)
 {
-    const std::string target = "TVX_IPMI_TARGET=machine:" + dir_.file("lab.json");
-    const std::string state = "TVX_IPMI_STATE_DIR=" + dir_.file("state");
+    const std::string target = "TVX_IPMI_TARGET=" + target_, state = "TVX_IPMI_STATE_DIR=" + dir_.file("state");
     pid_t watch = spawn({TVXCTL_PATH, "sel", "watch"}, dir_.file("watch.err"), dir_.file("watch.out"), {target, state});
-    ASSERT_TRUE(within(10s, [&] { return log("watch.err").find("Watching the SEL") != std::string::npos; }))
-        << log("watch.err");
+    ASSERT_TRUE(logged("watch.err", "Watching the SEL", 10s)) << log("watch.err");
     addEntry();
     EXPECT_TRUE(within(5s, [&] { return log("watch.out").find("0001 ") == 0; })) << log("watch.out");
     EXPECT_NE(log("watch.out").find("Sens:01:03, Trig:01, Data:57:56:55\n"), std::string::npos) << log("watch.out");
     EXPECT_EQ(stop(watch), 0) << log("watch.err");
-    EXPECT_TRUE(within(5s, [&] {
-        return log().find("watcher " + std::to_string(watch) + " unregistered") != std::string::npos;
-    })) << log();
+    EXPECT_TRUE(logged("service.err", "watcher " + std::to_string(watch) + " unregistered")) << log();
 }
 
 TEST_F(ServiceOverLan, NewEntriesOfARealControllerReachTheWatcher)
 {
     const long watcher = getpid() * 10L + 3;
     ASSERT_EQ(selNotifyRegisterRemote(watcher), 0);
-    const SelRecord record = {{0, 0, 0x02, 0, 0, 0, 0, 0x20, 0, 0x04, 0x01, 0x03, 0x01, 0x57, 0x56, 0x55}};
-    SelRecord request = record;
+    SelRecord request = {{0, 0, 0x02, 0, 0, 0, 0, 0x20, 0, 0x04, 0x01, 0x03, 0x01, 0x57, 0x56, 0x55}};
     SelAddResponse added{};
     ASSERT_EQ(IPMICMD_AddSELEntry(session_, &request, &added, 60), 0) << ipmihost_last_error();
     std::optional<Event> e = next(watcher, 10s);
     ASSERT_TRUE(e) << log();
-    EXPECT_EQ(e->code, 1);
-    EXPECT_EQ(e->value16, added.recordId);
+    EXPECT_EQ(std::get<0>(*e), 1);
+    EXPECT_EQ(std::get<1>(*e), added.recordId);
     EXPECT_EQ(next(watcher, 300ms), std::nullopt); // one message per entry
     ASSERT_EQ(selNotifyUnregisterRemote(watcher), 0);
 }

@@ -127,7 +127,7 @@ TVX_API iELEntry ipmiGetiELEntry(IpmiSession *session, uint16_t entryId, uint16_
     const std::size_t total = first.bodyLength - offset;
     auto *body = static_cast<uint8_t *>(std::calloc(total ? total : 1, 1));
     if (!body) return entry;
-    std::memcpy(body, first.body.data(), first.body.size());
+    if (!first.body.empty()) std::memcpy(body, first.body.data(), first.body.size());
     // The rest, one piece per request; a piece that cannot be read leaves its part (and what
     // follows) zero. Every piece must agree on the body's length.
     for (std::size_t at = first.body.size(); at < total;) {

@@ -113,8 +113,8 @@ TEST_F(IelTest, SummaryWriteAndClearRequests)
     // Without a session nothing is sent.
     EXPECT_EQ(ipmiWriteiELEntry(nullptr, 0, 0, 0, record.data(), "x", 0), 0);
     EXPECT_EQ(ipmiCleariELLog(nullptr, 1, 0), 0);
-    EXPECT_EQ(ipmiGetiELInfo(nullptr).s0, 0);
-    EXPECT_EQ(ipmiGetiELEntry(nullptr, 1, 0).body, nullptr);
+    EXPECT_EQ(+ipmiGetiELInfo(nullptr).s0, 0); // + reads the packed field into a value
+    EXPECT_EQ(static_cast<uint8_t *>(ipmiGetiELEntry(nullptr, 1, 0).body), nullptr);
     EXPECT_EQ(ipmihost_script_pending(), 0u);
 }
 

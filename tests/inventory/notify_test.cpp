@@ -233,7 +233,7 @@ TEST_F(ServiceOverLan, NewEntriesOfARealControllerReachTheWatcher)
     std::optional<Event> e = next(watcher, 10s);
     ASSERT_TRUE(e) << log();
     EXPECT_EQ(std::get<0>(*e), 1);
-    EXPECT_EQ(std::get<1>(*e), added.recordId);
+    EXPECT_EQ(std::get<1>(*e), +added.recordId);
     EXPECT_EQ(next(watcher, 300ms), std::nullopt); // one message per entry
     ASSERT_EQ(selNotifyUnregisterRemote(watcher), 0);
 }

@@ -117,20 +117,23 @@ Entry readEntry(IpmiSession *s, uint16_t id)
     return out;
 }
 
+// The controller's summary, as this project's virtual controller defines its fields (the
+// packed fields are read into values first).
 Json summaryJson(const iELSummary &s)
 {
-    return {{"version", s.s0},
-            {"overflow", (s.s1 & 0x80) != 0},
-            {"entries", s.s2},
-            {"last_add_time", s.s4},
-            {"last_add", s.s4 ? Json(timeText(s.s4)) : Json(nullptr)},
-            {"piece_size", s.s8},
-            {"first_id", s.s9},
-            {"last_id", s.s11},
-            {"capacity", s.s13},
-            {"free", s.s15},
-            {"body_bytes", s.s17},
-            {"dropped", s.s19}};
+    const unsigned flags = s.s1, lastAdd = s.s4;
+    return {{"version", unsigned{s.s0}},
+            {"overflow", (flags & 0x80) != 0},
+            {"entries", unsigned{s.s2}},
+            {"last_add_time", lastAdd},
+            {"last_add", lastAdd ? Json(timeText(lastAdd)) : Json(nullptr)},
+            {"piece_size", unsigned{s.s8}},
+            {"first_id", unsigned{s.s9}},
+            {"last_id", unsigned{s.s11}},
+            {"capacity", unsigned{s.s13}},
+            {"free", unsigned{s.s15}},
+            {"body_bytes", unsigned{s.s17}},
+            {"dropped", unsigned{s.s19}}};
 }
 
 iELSummary readSummary(IpmiSession *s)

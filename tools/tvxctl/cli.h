@@ -52,7 +52,11 @@ inline std::string hexByte(unsigned v) { return tvx::hexNumber(v & 0xFF); }
 std::string statusText(uint16_t status);
 
 using Json = nlohmann::ordered_json;
+// Prints a command's data: JSON, or with --csv a table of its records.
 void printJson(const Json &j);
+void printCsv(const Json &j);
+void setCsvOutput(bool on);
+bool csvOutputOn();
 
 // A subcommand's arguments: its words, and the flags it knows ("--reverse", "--lang X").
 class Args {
@@ -108,5 +112,9 @@ int cmdIel(const Options &, const std::vector<std::string> &);
 int cmdSelWatch(const Options &, const std::vector<std::string> &args, bool asText);
 // fru: the chassis and board summary (printed after the devices, or alone by "fru summary").
 int cmdFruSummary(const Options &, IpmiSession *session);
+// ipmitool's verbs: mc selftest|reset, chassis status|identify, sel elist|get (IDs, or all).
+int cmdMc(const Options &, const std::vector<std::string> &);
+int cmdChassis(const Options &, const std::vector<std::string> &);
+int cmdSelDecoded(const Options &, const std::vector<std::string> &ids);
 
 } // namespace tvxctl

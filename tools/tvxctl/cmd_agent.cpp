@@ -57,7 +57,7 @@ int cmdAgent(const Options &opt, const std::vector<std::string> &args)
                       {"sensor_number", r.sensor.number},
                       {"sensor_type", r.sensor.sensorType},
                       {"class", className(r.sensor.kind)}};
-            if (r.sensor.kind == SensorClass::PowerSupply) j["power_supply"] = r.sensor.ordinal;
+            j["power_supply"] = r.sensor.kind == SensorClass::PowerSupply ? Json(r.sensor.ordinal) : Json(nullptr);
             j["status"] = r.results[0];
             j["status_meaning"] = statusMeaning(r.sensor, r.results[0]);
             j["value"] = r.results[1];

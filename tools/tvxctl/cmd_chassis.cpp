@@ -1,20 +1,47 @@
 // tvxctl banner, power and led.
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 
 #include "cli.h"
 
 namespace tvxctl {
 
+// The library writes the banner to standard output itself; for --json it is caught in a
+// temporary file on the same descriptor and handed out as one string.
 int cmdBanner(const Options &opt, const std::vector<std::string> &args)
 {
     if (!args.empty()) throw Failure{kExitUsage, "banner takes no arguments"};
-    if (opt.json) throw Failure{kExitUsage, "banner is text only: it prints what the console shows"};
     Session session;
     std::cout.flush();
+    std::fflush(stdout);
+    if (!opt.json) {
+        int result = ipmiPrintLoginHeader(session.get());
+        std::fflush(stdout);
+        return result >= 0 ? kExitOk : kExitFailed;
+    }
+    std::FILE *capture = std::tmpfile();
+    const int saved = capture ? dup(STDOUT_FILENO) : -1;
+    if (saved < 0 || dup2(fileno(capture), STDOUT_FILENO) < 0) {
+        if (capture) std::fclose(capture);
+        if (saved >= 0) close(saved);
+        throw Failure{kExitFailed, std::string("cannot catch the banner: ") + std::strerror(errno)};
+    }
     int result = ipmiPrintLoginHeader(session.get());
     std::fflush(stdout);
-    return result >= 0 ? kExitOk : kExitFailed;
+    dup2(saved, STDOUT_FILENO);
+    close(saved);
+    std::string text;
+    std::rewind(capture);
+    char buf[4096];
+    for (size_t n; (n = std::fread(buf, 1, sizeof buf, capture)) > 0;) text.append(buf, n);
+    std::fclose(capture);
+    if (result < 0) throw Failure{kExitFailed, "the banner could not be made"};
+    printJson({{"banner", text}});
+    return kExitOk;
 }
 
 int cmdPower(const Options &opt, const std::vector<std::string> &args)

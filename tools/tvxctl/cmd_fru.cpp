@@ -139,10 +139,13 @@ int cmdFru(const Options &opt, const std::vector<std::string> &args)
         std::memset(&rec, 0, sizeof rec);
         uint32_t size = 0;
         uint16_t status = LIBIPMI_HL_GetFRUData(session.get(), d.id, &size, &rec, 60);
-        Json j = {{"fru_id", d.id}, {"name", d.name}};
+        Json j = {{"fru_id", d.id}, {"name", d.name}, {"error", nullptr}};
         if (status != 0) {
+            // A device that could not be read has the same keys as the others, null.
             failed = true;
             j["error"] = statusText(status);
+            std::memset(&rec, 0, sizeof rec);
+            for (auto &[key, value] : describe(rec, 0).items()) j[key] = nullptr;
         } else {
             j.update(describe(rec, size));
         }

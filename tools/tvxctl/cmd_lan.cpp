@@ -51,12 +51,28 @@ struct Freed {
 
 } // namespace
 
-int cmdLan(const Options &opt, const std::vector<std::string> &args)
+int cmdLan(const Options &opt, const std::vector<std::string> &words)
 {
+    // The channel asked for ("lan print 1", "lan set 1 ..."): the library reads and writes
+    // the controller's LAN channel, so another channel is refused rather than misreported.
+    Args parsed(words);
+    std::string asked = parsed.option("--channel");
+    if (parsed.size() == 2 && parsed[0] == "show") {
+        asked = parsed[1];
+        parsed = Args({"show"});
+    }
+    const std::vector<std::string> &args = parsed.words();
     Session session;
     IpmiSession *s = session.get();
+    const unsigned channel = getChannel(s);
+    if (!asked.empty()) {
+        unsigned long n;
+        if (!parseNumber(asked, 0x0F, n)) throw Failure{kExitUsage, "invalid channel \"" + asked + "\" (0 to 15)"};
+        if (n != channel)
+            throw Failure{kExitFailed, "channel " + std::to_string(n) + " is not the controller's LAN channel (" +
+                                           std::to_string(channel) + ")"};
+    }
     if (args.empty() || (args.size() == 1 && args[0] == "show")) {
-        unsigned channel = getChannel(s);
         if (channel == 0) throw Failure{kExitFailed, "the controller has no 802.3 LAN channel"};
         Freed ip{ipmiGetIpAddress(s)}, mask{ipmiGetNetMask(s)}, gw{ipmiGetDefaultGateway(s)}, mac{ipmiGetMacAddress(s)};
         int source = ipmiGetAddressSource(s);

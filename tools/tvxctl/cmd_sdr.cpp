@@ -140,11 +140,11 @@ int cmdSdr(const Options &opt, const std::vector<std::string> &args)
         Json out = Json::array();
         for (const Row &r : rows) {
             Json j = {{"record_id", r.recordId}, {"record_type", r.type}, {"name", r.name}};
-            if (r.number >= 0) {
-                j["sensor_number"] = r.number;
-                j["sensor_type"] = r.sensorType;
-                j["event_reading_type"] = r.eventType;
-            }
+            // Locator records have no sensor: the same keys, null.
+            const bool sensor = r.number >= 0;
+            j["sensor_number"] = sensor ? Json(r.number) : Json(nullptr);
+            j["sensor_type"] = sensor ? Json(r.sensorType) : Json(nullptr);
+            j["event_reading_type"] = sensor ? Json(r.eventType) : Json(nullptr);
             j["entity"] = std::to_string(r.entity) + "." + std::to_string(r.instance);
             j["type"] = r.typeName;
             j["raw"] = r.raw >= 0 ? Json(r.raw) : Json(nullptr);

@@ -74,6 +74,9 @@ int raw(const Options &opt, Args &args)
         const wire::View rec(r);
         const uint8_t type = rec.get(sel::kRecordType, uint8_t{0});
         Json entry = {{"line", rawLine(r)}, {"record_id", rec.get(sel::kRecordId, uint16_t{0})}, {"record_type", type}};
+        // Every record has the same keys: null where an untimed OEM record has no time.
+        entry["timestamp"] = nullptr;
+        entry["time"] = nullptr;
         if (sel::hasTimestamp(type)) {
             const uint32_t t = rec.get(sel::kTimestamp, uint32_t{0});
             entry["timestamp"] = t;
@@ -110,6 +113,10 @@ int text(const Options &opt, Args &args)
         ErrorCodeRecord *code = getErrorCode(session.get(), r, 0);
         char *message = code ? getSelTextByErrorCode(session.get(), code, nullptr, 0, 0, static_cast<uint16_t>(language))
                              : nullptr;
+        // Records without an error code (standard events, OEM records) have the same keys.
+        entry["error_code"] = nullptr;
+        entry["severity"] = nullptr;
+        entry["parameters"] = nullptr;
         if (code) {
             entry["error_code"] = tvx::hexBytes(code->errorCode, 0, true);
             entry["severity"] = kSeverity[wire::bits(code->flags, 4, 3)];
@@ -189,6 +196,12 @@ int cmdSel(const Options &opt, const std::vector<std::string> &words)
     bool asText = args.flag("--text");
     if (args.size() > 0 && args[0] == "watch")
         return cmdSelWatch(opt, std::vector<std::string>(args.words().begin() + 1, args.words().end()), asText);
+    if (args.size() > 0 && args[0] == "elist" && !asText) {
+        if (args.size() != 1) throw Failure{kExitUsage, "sel elist takes no arguments"};
+        return cmdSelDecoded(opt, {});
+    }
+    if (args.size() > 1 && args[0] == "get" && !asText)
+        return cmdSelDecoded(opt, std::vector<std::string>(args.words().begin() + 1, args.words().end()));
     if (args.size() > 0 && args[0] == "info") {
         if (args.size() != 1) throw Failure{kExitUsage, "sel info takes no arguments"};
         return info(opt);

@@ -103,6 +103,10 @@ std::string statusText(uint16_t status)
 
 // Texts from the controller may end inside a UTF-8 character (the library cuts long lines);
 // such bytes are shown as U+FFFD rather than refused.
-void printJson(const Json &j) { std::cout << j.dump(2, ' ', false, Json::error_handler_t::replace) << "\n"; }
+void printJson(const Json &j)
+{
+    if (csvOutputOn()) return printCsv(j);
+    std::cout << j.dump(2, ' ', false, Json::error_handler_t::replace) << "\n";
+}
 
 } // namespace tvxctl

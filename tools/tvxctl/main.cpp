@@ -1,4 +1,5 @@
 // tvxctl: the command-line face of libtvx_toipmi.
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -7,6 +8,7 @@
 #include <vector>
 
 #include "cli.h"
+#include "help.h"
 #include "libipmi_host.h"
 
 namespace tvxctl {
@@ -55,6 +57,9 @@ const Subcommand kCommands[] = {
     {"console-log", cmdConsoleLog, "console-log start|stop|clear|state", "the controller's console logging"},
     {"reset", cmdReset, "reset", "start the virtual machine afresh from its profile"},
     {"target", cmdTarget, "target", "show which controller the commands talk to"},
+    {"mc", cmdMc, "mc info|selftest|reset warm|cold", "ipmitool's controller verbs"},
+    {"chassis", cmdChassis, "chassis status|power ...|identify [SECONDS|force]", "ipmitool's chassis verbs"},
+    {"help", nullptr, "help [COMMAND]", "the commands, or one command's forms and examples"},
 };
 
 void usage(std::FILE *out)
@@ -79,11 +84,15 @@ void usage(std::FILE *out)
                  "                   can see: use password_file=PATH (mode 600) or $%s.\n"
                  "  --state DIR      where the virtual controller keeps its state\n"
                  "                   (default: $%s, else ~/.local/state/tvx)\n"
-                 "  --json           print data as JSON\n"
-                 "  -h, --help       show this help\n"
+                 "  --json           print data as JSON (every record of a command has the same keys)\n"
+                 "  --csv            print the records as a CSV table (RFC 4180), keys as header\n"
+                 "  -h, --help       show this help (COMMAND --help: that command's)\n"
                  "\n"
                  "Numbers are C-style: 0x2e hexadecimal, 46 decimal, 056 octal.\n"
-                 "Exit status: 0 success, 1 the request failed or was refused, 2 bad arguments.\n",
+                 "ipmitool's verbs work as well: mc info, chassis status, sdr elist, sel elist, fru print,\n"
+                 "lan print 1 ... (tvxctl help COMMAND shows them beside ours).\n"
+                 "Exit status: 0 success, 1 the request failed or was refused or the output could not be\n"
+                 "written, 2 bad arguments.\n",
                  IPMIHOST_TARGET_ENV, IPMIHOST_PASSWORD_ENV, IPMIHOST_STATE_ENV);
 }
 
@@ -116,6 +125,7 @@ int run(int argc, char **argv)
             return kExitOk;
         }
         if (a == "--json") opt.json = true;
+        else if (a == "--csv") opt.json = true, setCsvOutput(true); // the JSON records, as a table
         else if (optionValue(all, i, "--machine", opt.machine) || optionValue(all, i, "--state", opt.state) ||
                  optionValue(all, i, "--target", opt.target))
             continue;
@@ -127,12 +137,25 @@ int run(int argc, char **argv)
         usage(stderr);
         return kExitUsage;
     }
+    if (positional[0] == "help") {
+        if (positional.size() > 2) throw Failure{kExitUsage, "help takes one command"};
+        if (positional.size() == 1) usage(stdout);
+        else printCommandHelp(stdout, positional[1]);
+        return kExitOk;
+    }
+    for (std::size_t i = 1; i < positional.size(); ++i) {
+        if (positional[i] == "--help" || positional[i] == "-h") {
+            printCommandHelp(stdout, positional[0]);
+            return kExitOk;
+        }
+    }
+    positional = canonicalWords(positional);
     if (!opt.machine.empty() && !opt.target.empty())
         throw Failure{kExitUsage, "--machine and --target both name a controller; give one"};
 
     const Subcommand *cmd = nullptr;
     for (const auto &c : kCommands)
-        if (!cmd && positional[0] == c.name) cmd = &c;
+        if (!cmd && c.run && positional[0] == c.name) cmd = &c;
     if (!cmd) throw Failure{kExitUsage, "unknown command \"" + positional[0] + "\" (see tvxctl --help)"};
 
     // Choose the controller now, so that a bad profile or state is reported before anything.
@@ -154,15 +177,34 @@ int run(int argc, char **argv)
 } // namespace
 } // namespace tvxctl
 
+namespace {
+
+// What could not be written is a failure, whatever the command did: a full disk, a closed
+// terminal. A reader that went away (EPIPE, when SIGPIPE is ignored) is not one: it asked for
+// no more.
+int checkedOutput(int code)
+{
+    std::cout.flush();
+    errno = 0;
+    if (std::fflush(stdout) == 0 && !std::ferror(stdout)) return code;
+    if (errno == EPIPE) return code;
+    std::fprintf(stderr, "tvxctl: cannot write the output: %s\n", std::strerror(errno ? errno : EIO));
+    return code == tvxctl::kExitOk ? tvxctl::kExitFailed : code;
+}
+
+} // namespace
+
 int main(int argc, char **argv)
 {
+    int code;
     try {
-        return tvxctl::run(argc, argv);
+        code = tvxctl::run(argc, argv);
     } catch (const tvxctl::Failure &f) {
         std::fprintf(stderr, "tvxctl: %s\n", f.message.c_str());
-        return f.exitCode;
+        code = f.exitCode;
     } catch (const std::exception &e) {
         std::fprintf(stderr, "tvxctl: %s\n", e.what());
-        return tvxctl::kExitFailed;
+        code = tvxctl::kExitFailed;
     }
+    return checkedOutput(code);
 }

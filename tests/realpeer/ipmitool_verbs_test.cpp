@@ -1,0 +1,67 @@
+// ipmitool's verbs in tvxctl against ipmi_sim, beside ipmitool itself on the same simulator:
+// the same lines for chassis status, and the same decoding of every SEL record by sel elist.
+#include <cstdlib>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "support.h"
+
+using namespace realpeer;
+
+namespace {
+
+std::vector<std::string> lines(const std::string &text)
+{
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string l; std::getline(in, l);) out.push_back(l);
+    return out;
+}
+
+// The columns of an elist line, trimmed: ID, date, time, sensor, event, direction (and
+// ipmitool's reading and threshold after them, which tvxctl does not print).
+std::vector<std::string> columns(const std::string &line, size_t keep)
+{
+    std::vector<std::string> out;
+    std::istringstream in(line);
+    for (std::string c; out.size() < keep && std::getline(in, c, '|');) {
+        c.erase(0, c.find_first_not_of(' '));
+        c.erase(c.find_last_not_of(' ') + 1);
+        out.push_back(c);
+    }
+    return out;
+}
+
+TEST(IpmitoolVerbs, ChassisStatusPrintsWhatIpmitoolPrints)
+{
+    Outcome ours = tvxctl(&defaultPeer(), {"chassis", "status"});
+    Outcome theirs = ipmitool(defaultPeer(), {"chassis", "status"});
+    ASSERT_EQ(ours.exitCode, 0) << ours.err;
+    ASSERT_EQ(theirs.exitCode, 0) << theirs.err;
+    EXPECT_EQ(lines(ours.out), lines(theirs.out));
+}
+
+TEST(IpmitoolVerbs, SelElistDecodesEveryRecordAsIpmitoolDoes)
+{
+    setenv("TZ", "UTC", 1); // both print the controller's times in the local zone
+    auto peer = startPeer("elist", defaultProfile());
+    // A threshold event, a sensor-specific one, and a deassertion, beside the profile's log.
+    for (const std::vector<std::string> &event : {std::vector<std::string>{"0x01", "0x30", "0x01", "0x09", "0xff", "0xff"},
+                                                  {"0x07", "0x01", "0x6f", "0x00", "0xff", "0xff"},
+                                                  {"0x04", "0x40", "0x81", "0x02", "0xff", "0xff"}}) {
+        std::vector<std::string> args = {"sel", "add"};
+        args.insert(args.end(), event.begin(), event.end());
+        ASSERT_EQ(tvxctl(peer.get(), args).exitCode, 0);
+    }
+    Outcome ours = tvxctl(peer.get(), {"sel", "elist"});
+    Outcome theirs = ipmitool(*peer, {"sel", "elist"});
+    ASSERT_EQ(ours.exitCode, 0) << ours.err;
+    ASSERT_EQ(theirs.exitCode, 0) << theirs.err;
+    const auto a = lines(ours.out), b = lines(theirs.out);
+    ASSERT_EQ(a.size(), b.size()) << ours.out << "---\n" << theirs.out;
+    ASSERT_GE(a.size(), 3u);
+    for (size_t i = 0; i < a.size(); ++i) EXPECT_EQ(columns(a[i], 6), columns(b[i], 6)) << a[i] << "\n" << b[i];
+}
+
+} // namespace

@@ -147,7 +147,7 @@ TEST_F(Verbs, OutputThatCannotBeWrittenFails)
         EXPECT_EQ(WEXITSTATUS(status), 1) << command;
         std::ifstream err(scratch_.path() + "/err");
         std::string text((std::istreambuf_iterator<char>(err)), {});
-        EXPECT_NE(text.find("cannot write the output: No space left on device"), std::string::npos) << text;
+        EXPECT_NE(text.find("cannot write the output"), std::string::npos) << text;
     }
 }
 

@@ -120,7 +120,7 @@ int run(int argc, char **argv)
     std::vector<std::string> positional;
     for (std::size_t i = 0; i < all.size(); ++i) {
         const std::string &a = all[i];
-        if (a == "-h" || a == "--help") {
+        if (positional.empty() && (a == "-h" || a == "--help")) {
             usage(stdout);
             return kExitOk;
         }

@@ -40,22 +40,22 @@ Bytes deviceId(uint8_t fw1, uint8_t fw2, Bytes aux)
 void expectVariable(uint16_t variable, const Var &v)
 {
     const Bytes request = oem({0x01, 0x00, static_cast<uint8_t>(variable & 0xFF), static_cast<uint8_t>(variable >> 8)});
-    expectRequest(0xB8, 0xE0, request, v.status, v.answer);
+    expect(0xB8, 0xE0, request, v.answer, v.status);
 }
 
 void expectDeviceId(const Controller &c)
 {
-    if (c.deviceId.empty()) expectRequest(0x18, 0x01, {}, kTimeout, {});
-    else expectRequest(0x18, 0x01, {}, 0, c.deviceId);
+    if (c.deviceId.empty()) expect(0x18, 0x01, {}, {}, kTimeout);
+    else expect(0x18, 0x01, {}, c.deviceId);
 }
 
 // The controller's LAN address, read from LAN channel 1; none: no channel answers.
 void expectAddress(const Bytes &address)
 {
-    for (uint8_t ch = 1; address.empty() && ch <= 15; ++ch) expectRequest(0x18, 0x42, {ch}, 0x01CC, {0xCC});
+    for (uint8_t ch = 1; address.empty() && ch <= 15; ++ch) expect(0x18, 0x42, {ch}, {0xCC}, 0x01CC);
     if (address.empty()) return;
-    expectRequest(0x18, 0x42, {0x01}, 0, {0x00, 0x01, 0x04, 0x01, 0x80, 0xD9, 0x7E, 0x00, 0x00, 0x00});
-    expectRequest(0x30, 0x02, {0x01, 0x03, 0x00, 0x00}, 0, cat({{0x00, 0x11}, address}));
+    expect(0x18, 0x42, {0x01}, {0x00, 0x01, 0x04, 0x01, 0x80, 0xD9, 0x7E, 0x00, 0x00, 0x00});
+    expect(0x30, 0x02, {0x01, 0x03, 0x00, 0x00}, cat({{0x00, 0x11}, address}));
 }
 
 void expectStandard(const Controller &c)
@@ -67,9 +67,9 @@ void expectStandard(const Controller &c)
     expectVariable(0x0207, c.id);
     expectVariable(0x0201, c.name);
     expectVariable(0x020F, c.os);
-    expectRequest(0xB8, 0xF5, oem({0xB3}), 0, oemAnswer({c.errorLed}));
-    expectRequest(0xB8, 0xF5, oem({0xB1}), 0, oemAnswer({c.identifyLed}));
-    expectRequest(0x00, 0x01, {}, 0, {0x00, static_cast<uint8_t>(c.powered ? 0x01 : 0x00), 0x00, 0x00});
+    expect(0xB8, 0xF5, oem({0xB3}), oemAnswer({c.errorLed}));
+    expect(0xB8, 0xF5, oem({0xB1}), oemAnswer({c.identifyLed}));
+    expect(0x00, 0x01, {}, {0x00, static_cast<uint8_t>(c.powered ? 0x01 : 0x00), 0x00, 0x00});
     expectVariable(0x0210, c.asset);
 }
 

@@ -24,7 +24,7 @@ std::vector<Sent> expectChannels(const std::vector<Channel> &answers)
         Bytes answer;
         if (a.status == 0) answer = {0x00, a.number, a.medium, 0x01, 0x80, 0xD9, 0x7E, 0x00, 0x00, 0x00};
         else if (a.status != kTimeout) answer = {static_cast<uint8_t>(a.status)};
-        expectRequest(0x18, 0x42, {uint8_t(i + 1)}, a.status, answer);
+        expect(0x18, 0x42, {uint8_t(i + 1)}, answer, a.status);
         sent.push_back({0x18, 0x42, {uint8_t(i + 1)}});
     }
     return sent;
@@ -84,7 +84,7 @@ TEST_F(LanTest, ReadsParameters)
         SCOPED_TRACE(int(c.selector));
         size_t from = ipmihost_script_call_count();
         std::vector<Sent> sent = expectChannels(kLanAt3);
-        expectRequest(0x30, 0x02, {0x03, c.selector, 0x00, 0x00}, c.status, c.answer);
+        expect(0x30, 0x02, {0x03, c.selector, 0x00, 0x00}, c.answer, c.status);
         sent.push_back({0x30, 0x02, {0x03, c.selector, 0x00, 0x00}});
         uint8_t *block = c.get(s);
         ASSERT_EQ(block != nullptr, !c.expected.empty());
@@ -97,7 +97,7 @@ TEST_F(LanTest, ReadsParameters)
     for (auto [status, answer, source] :
          {std::tuple{uint16_t(0), Bytes{0x00, 0x11, 0x02}, 2}, {0, {0x00, 0x11, 0x80}, -128}, {0x0180, {0x80}, -1}}) {
         expectChannels(kLanAt3);
-        expectRequest(0x30, 0x02, {0x03, 0x04, 0x00, 0x00}, status, answer);
+        expect(0x30, 0x02, {0x03, 0x04, 0x00, 0x00}, answer, status);
         EXPECT_EQ(ipmiGetAddressSource(s), source);
     }
 }
@@ -129,8 +129,8 @@ TEST_F(LanTest, WritesParameters)
         size_t from = ipmihost_script_call_count();
         std::vector<Sent> sent = expectChannels(kLanAt3);
         // This controller keeps no set-in-progress parameter: each parameter goes in one request.
-        expectRequest(0x30, 0x01, {0x03, 0x00, 0x01}, 0x0180, {0x80});
-        expectRequest(0x30, 0x01, c.request, c.status, c.answer);
+        expect(0x30, 0x01, {0x03, 0x00, 0x01}, {0x80}, 0x0180);
+        expect(0x30, 0x01, c.request, c.answer, c.status);
         sent.push_back({0x30, 0x01, {0x03, 0x00, 0x01}});
         sent.push_back({0x30, 0x01, c.request});
         EXPECT_EQ(c.set(s, c.data.data()), c.result);

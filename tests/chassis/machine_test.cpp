@@ -6,20 +6,13 @@
 #include <functional>
 #include <regex>
 
-#include "libipmi.h"
-#include "libipmi_host.h"
-#include "scratch.h"
-#include "tvx_toipmi.h"
-#include "tvxctl_runner.h"
+#include "machine.h"
+#include "process.h"
 
 using nlohmann::json;
-using Bytes = std::vector<uint8_t>;
+using tvxtest::shippedProfile;
 
 namespace {
-
-const std::string kMachines = TVX_MACHINES_DIR;
-
-json machine(const std::string &name) { return tvxtest::readJson(kMachines + "/" + name); }
 std::string text(const json &profile, const char *id, std::size_t index = 0)
 {
     const json &t = profile["config_space"][id]["text"];
@@ -28,20 +21,7 @@ std::string text(const json &profile, const char *id, std::size_t index = 0)
 
 class DefaultMachine : public testing::Test {
 protected:
-    void SetUp() override
-    {
-        profile_ = machine("default.json");
-        ASSERT_EQ(ipmihost_select_machine((kMachines + "/default.json").c_str(), dir_.path().c_str()), 0)
-            << ipmihost_last_error();
-        s_ = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
-        ASSERT_NE(s_, nullptr) << ipmihost_last_error();
-    }
-    void TearDown() override
-    {
-        ipmiHelperCloseSession(&s_);
-        ipmihost_select_default();
-    }
-    json state() const { return tvxtest::readJson(dir_.file("default.state.json"))["state"]; }
+    json state() const { return m_.state(); }
     std::string read(uint16_t id, uint8_t index = 0)
     {
         uint8_t buffer[256] = {0};
@@ -49,9 +29,9 @@ protected:
         return n < 0 ? "(failed)" : std::string(reinterpret_cast<char *>(buffer), static_cast<std::size_t>(n));
     }
 
-    tvxtest::TempDir dir_;
-    json profile_;
-    IpmiSession *s_ = nullptr;
+    const json profile_ = shippedProfile("default.json");
+    tvxtest::ScratchMachine m_{profile_};
+    IpmiSession *s_ = m_.session();
 };
 
 // What tvxctl does not reach, through the library.
@@ -99,10 +79,7 @@ TEST_F(DefaultMachine, ChangesAreSeenByTheNextRequestAndKeptInTheState)
 
 class Cli : public testing::Test {
 protected:
-    tvxtest::Outcome run(const std::vector<std::string> &args)
-    {
-        return tvxtest::runTvxctl(TVXCTL_PATH, dir_.path(), args);
-    }
+    tvxtest::Outcome run(const std::vector<std::string> &args) { return tvxtest::tvxctl(dir_.path(), args); }
     // Commands run one after another: exit status, and the exact output (for failures: a part of stderr).
     void steps(const std::vector<std::tuple<std::vector<std::string>, int, std::string>> &list)
     {
@@ -120,7 +97,7 @@ protected:
 
 TEST_F(Cli, ChangesAreSeenByTheNextCommandAndTheBanner)
 {
-    const json p = machine("default.json");
+    const json p = shippedProfile("default.json");
     // The banner shows the profile's texts and the machine as it is now.
     auto banner = [&](const std::string &name, const char *identify, const char *power) {
         tvxtest::Outcome r = run({"banner"});
@@ -161,9 +138,9 @@ TEST_F(Cli, ChangesAreSeenByTheNextCommandAndTheBanner)
 
 TEST_F(Cli, PartitionBoardShowsTheShortBox)
 {
-    const json p = machine("partition-board.json");
+    const json p = shippedProfile("partition-board.json");
     ASSERT_EQ(p["lan"]["channels"][0]["ip_address"].get<std::string>().rfind("127.1.2.", 0), 0u);
-    tvxtest::Outcome r = run({"--machine", kMachines + "/partition-board.json", "banner"});
+    tvxtest::Outcome r = run({"--machine", std::string(TVX_MACHINES_DIR) + "/partition-board.json", "banner"});
     ASSERT_EQ(r.code, 0) << r;
     EXPECT_TRUE(std::regex_match(
         r.out, std::regex("\\*{44}\r\n\\* {42}\\*\r\n\\*  Welcome to KESTRAVONE Remote Manager    \\*\r\n"
@@ -171,27 +148,6 @@ TEST_F(Cli, PartitionBoardShowsTheShortBox)
                           "\\*  Firmware built " +
                           text(p, "0x2150") + " \\*\r\n\\* {42}\\*\r\n\\*{44}\r\n")))
         << r;
-}
-
-TEST_F(Cli, BadArgumentsExitTwo)
-{
-    const std::pair<std::vector<std::string>, std::string> cases[] = {
-        // clang-format off
-        {{"lan", "set", "ip", "10.20.30.400"}, "invalid IPv4 address \"10.20.30.400\""},
-        {{"power", "sideways"}, "unknown power action \"sideways\""}, {{"led", "identify", "blink"},
-         "usage: tvxctl led"},
-        {{"config", "get", "0x10000"}, "invalid variable ID"}, {{"config", "set", "0x0201", "256", "x"},
-         "invalid index \"256\""},
-        {{"config", "set", "0x0201", "0", std::string(251, 'x')}, "at most 250 bytes"},
-        // clang-format on
-    };
-    for (const auto &[args, reason] : cases) {
-        tvxtest::Outcome r = run(args);
-        SCOPED_TRACE(testing::PrintToString(args));
-        EXPECT_EQ(r.code, 2) << r;
-        EXPECT_NE(r.err.find(reason), std::string::npos) << r;
-        EXPECT_EQ(r.out, "") << r;
-    }
 }
 
 } // namespace

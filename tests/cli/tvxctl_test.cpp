@@ -4,8 +4,8 @@
 
 #include <gtest/gtest.h>
 
-#include "scratch.h"
-#include "tvxctl_runner.h"
+#include "machine.h"
+#include "process.h"
 
 using nlohmann::json;
 
@@ -41,7 +41,7 @@ protected:
     // Runs tvxctl; extraEnv entries ("NAME=VALUE") are added to its environment.
     Outcome run(const std::vector<std::string> &args, const std::vector<std::string> &extraEnv = {})
     {
-        return tvxtest::runTvxctl(TVXCTL_PATH, dir_, args, extraEnv);
+        return tvxtest::tvxctl(dir_, args, extraEnv);
     }
 
     tvxtest::TempDir scratch_;
@@ -56,6 +56,10 @@ TEST_F(Tvxctl, BadUsageExitsTwoWithAReason)
         {{"frobnicate"}, "unknown command \"frobnicate\""},
         {{"--machine", "a.json", "--target", "default", "devid"}, "give one"},
         {{}, "usage: tvxctl"},
+        {{"lan", "set", "ip", "10.20.30.400"}, "invalid IPv4 address \"10.20.30.400\""},
+        {{"power", "sideways"}, "unknown power action \"sideways\""},
+        {{"config", "get", "0x10000"}, "invalid variable ID"},
+        {{"config", "set", "0x0201", "0", std::string(251, 'x')}, "at most 250 bytes"},
     };
     for (const auto &[args, reason] : cases) {
         Outcome r = run(args);

@@ -55,8 +55,8 @@ std::string one(const Fields &f, const std::string &key)
 // tvxctl --json devid against ipmitool mc info.
 void compareDeviceId(const Outcome &ours, const Outcome &theirs)
 {
-    ASSERT_EQ(ours.exitCode, 0) << ours.err;
-    ASSERT_EQ(theirs.exitCode, 0) << theirs.err;
+    ASSERT_EQ(ours.code, 0) << ours.err;
+    ASSERT_EQ(theirs.code, 0) << theirs.err;
     auto j = nlohmann::json::parse(ours.out);
     Fields t = parseColonTable(theirs.out);
     EXPECT_EQ(std::to_string(j["device_id"].get<int>()), one(t, "Device ID"));
@@ -82,16 +82,16 @@ void compareDeviceId(const Outcome &ours, const Outcome &theirs)
 // Both print the response data bytes the same way.
 void sameOutput(const Outcome &ours, const Outcome &theirs)
 {
-    EXPECT_EQ(ours.exitCode, 0) << ours.err;
-    EXPECT_EQ(theirs.exitCode, 0) << theirs.err;
+    EXPECT_EQ(ours.code, 0) << ours.err;
+    EXPECT_EQ(theirs.code, 0) << theirs.err;
     EXPECT_EQ(ours.out, theirs.out);
 }
 
 // Both report the same refusal: exit status 1 and the completion code in "rsp=0x..".
 void sameRefusal(const Outcome &ours, const Outcome &theirs)
 {
-    EXPECT_EQ(ours.exitCode, 1);
-    EXPECT_NE(theirs.exitCode, 0);
+    EXPECT_EQ(ours.code, 1);
+    EXPECT_NE(theirs.code, 0);
     std::size_t a = ours.err.find("rsp=0x"), b = theirs.err.find("rsp=0x");
     ASSERT_NE(a, std::string::npos) << ours.err;
     ASSERT_NE(b, std::string::npos) << theirs.err;
@@ -101,8 +101,8 @@ void sameRefusal(const Outcome &ours, const Outcome &theirs)
 // tvxctl raw Get Chassis Status against ipmitool chassis power status.
 void samePowerState(const Outcome &ours, const Outcome &theirs)
 {
-    ASSERT_EQ(ours.exitCode, 0) << ours.err;
-    ASSERT_EQ(theirs.exitCode, 0) << theirs.err;
+    ASSERT_EQ(ours.code, 0) << ours.err;
+    ASSERT_EQ(theirs.code, 0) << theirs.err;
     unsigned state = std::stoul(ours.out.substr(0, 3), nullptr, 16);
     EXPECT_EQ(theirs.out, std::string("Chassis Power is ") + ((state & 1) ? "on" : "off") + "\n");
 }
@@ -150,8 +150,8 @@ std::string ipmitoolStatus(const std::string &ours)
 // FRU device or controller.
 void compareSdr(const Outcome &ours, const Outcome &theirs)
 {
-    ASSERT_EQ(ours.exitCode, 0) << ours.err;
-    ASSERT_EQ(theirs.exitCode, 0) << theirs.err;
+    ASSERT_EQ(ours.code, 0) << ours.err;
+    ASSERT_EQ(theirs.code, 0) << theirs.err;
     auto records = nlohmann::json::parse(ours.out);
     auto rows = parseBarTable(theirs.out);
     ASSERT_EQ(records.size(), rows.size()) << theirs.out;
@@ -189,7 +189,7 @@ void compareSdr(const Outcome &ours, const Outcome &theirs)
         } else {
             EXPECT_EQ(t[2], "ok");
             Outcome reading = ipmitool(defaultPeer(), {"raw", "0x04", "0x2d", "0x" + t[1].substr(0, 2)});
-            ASSERT_EQ(reading.exitCode, 0) << reading.err;
+            ASSERT_EQ(reading.code, 0) << reading.err;
             unsigned b[4] = {};
             ASSERT_EQ(std::sscanf(reading.out.c_str(), "%x %x %x %x", &b[0], &b[1], &b[2], &b[3]), 4) << reading.out;
             EXPECT_EQ(r["state_bits"].get<unsigned>(), (b[3] & 0x7F) << 8 | b[2]);
@@ -202,8 +202,8 @@ void compareSdr(const Outcome &ours, const Outcome &theirs)
 // as a number), sensor number and direction; an OEM record with the same bytes.
 void compareSel(const Outcome &ours, const Outcome &theirs)
 {
-    ASSERT_EQ(ours.exitCode, 0) << ours.err;
-    ASSERT_EQ(theirs.exitCode, 0) << theirs.err;
+    ASSERT_EQ(ours.code, 0) << ours.err;
+    ASSERT_EQ(theirs.code, 0) << theirs.err;
     auto entries = nlohmann::json::parse(ours.out);
     auto rows = parseBarTable(theirs.out);
     ASSERT_EQ(entries.size(), rows.size()) << theirs.out;
@@ -250,8 +250,8 @@ void compareSel(const Outcome &ours, const Outcome &theirs)
 // tvxctl --json lan against ipmitool lan print 1.
 void compareLan(const Outcome &ours, const Outcome &theirs)
 {
-    ASSERT_EQ(ours.exitCode, 0) << ours.err;
-    ASSERT_EQ(theirs.exitCode, 0) << theirs.err;
+    ASSERT_EQ(ours.code, 0) << ours.err;
+    ASSERT_EQ(theirs.code, 0) << theirs.err;
     auto j = nlohmann::json::parse(ours.out);
     Fields t = parseColonTable(theirs.out);
     EXPECT_EQ(j["ip_address"].get<std::string>(), one(t, "IP Address"));
@@ -343,7 +343,7 @@ TEST(RealPeer, TvxctlAndIpmitoolAgree)
         SCOPED_TRACE(c.what);
         for (const auto &b : c.before) {
             Outcome r = b.front() == "ipmitool" ? ipmitool(peer, {b.begin() + 1, b.end()}) : tvxctl(&peer, b);
-            ASSERT_EQ(r.exitCode, 0) << r.err;
+            ASSERT_EQ(r.code, 0) << r.err;
         }
         c.compare(tvxctl(&peer, c.ours), ipmitool(peer, c.theirs));
     }
@@ -375,7 +375,7 @@ TEST(RealPeer, TvxctlPrintsTheSameAsInProcess)
     for (const auto &args : commands) {
         SCOPED_TRACE(args.back());
         auto [inProcess, overLan] = both(args);
-        EXPECT_EQ(overLan.exitCode, inProcess.exitCode) << overLan.err;
+        EXPECT_EQ(overLan.code, inProcess.code) << overLan.err;
         EXPECT_EQ(overLan.out, inProcess.out);
     }
 }
@@ -395,8 +395,8 @@ TEST(RealPeer, EventTextsOverLanAreTheProfiles)
         Outcome lan = tvxctl(&peer, {"--json", "sel", "--text", "--lang", language});
         Outcome local = tvxctl(nullptr, {"--machine", defaultProfile(), "--state", workDir("texts-state"), "--json",
                                          "sel", "--text", "--lang", language});
-        ASSERT_EQ(lan.exitCode, 0) << lan.err;
-        ASSERT_EQ(local.exitCode, 0) << local.err;
+        ASSERT_EQ(lan.code, 0) << lan.err;
+        ASSERT_EQ(local.code, 0) << local.err;
         EXPECT_EQ(lan.err, "");
         auto overLan = nlohmann::json::parse(lan.out), inProcess = nlohmann::json::parse(local.out);
         ASSERT_EQ(overLan.size(), inProcess.size());
@@ -425,40 +425,35 @@ TEST(RealPeer, TvxctlNeverShowsThePassword)
 {
     auto &peer = defaultPeer();
     const std::string password = peer.options().users.front().password;
+    const std::string lan = "lan://admin@" + peer.hostPort() + "?workaround=opensesspriv";
     Outcome target = tvxctl(&peer, {"target"});
-    EXPECT_EQ(target.exitCode, 0);
+    EXPECT_EQ(target.code, 0);
     EXPECT_NE(target.out.find("admin@" + peer.hostPort()), std::string::npos) << target.out;
     EXPECT_EQ(target.out.find(password), std::string::npos) << target.out;
 
     // A real controller has no profile to start afresh from.
     Outcome reset = tvxctl(&peer, {"reset"});
-    EXPECT_EQ(reset.exitCode, 1);
+    EXPECT_EQ(reset.code, 1);
     EXPECT_NE(reset.err.find("is not a virtual machine"), std::string::npos) << reset.err;
     EXPECT_EQ(reset.err.find(password), std::string::npos) << reset.err;
 
     // Refused: the message names the user and host, never the password given.
-    Outcome refused =
-        run({TVX_TVXCTL, "--target",
-             "lan://admin:Wrong-Pa55@" + peer.hostPort() + "?workaround=opensesspriv&timeout=1000", "devid"});
-    EXPECT_EQ(refused.exitCode, 1);
+    Outcome refused = tvxctl(
+        nullptr,
+        {"--target", "lan://admin:Wrong-Pa55@" + peer.hostPort() + "?workaround=opensesspriv&timeout=1000", "devid"});
+    EXPECT_EQ(refused.code, 1);
     EXPECT_NE(refused.err.find("password invalid"), std::string::npos) << refused.err;
-    EXPECT_EQ(refused.err.find("Wrong-Pa55"), std::string::npos) << refused.err;
-    EXPECT_EQ(refused.out.find("Wrong-Pa55"), std::string::npos) << refused.out;
+    EXPECT_EQ((refused.err + refused.out).find("Wrong-Pa55"), std::string::npos) << refused;
 
-    // A password file works the same as the password in the string.
-    std::string dir = workDir("password-file");
-    std::string file = writeFile(dir, "pass", password + "\n");
+    // A password file works the same as the password in the string, and so does the password in
+    // the environment with the target there too: the way an unmodified client is pointed at a
+    // controller.
+    std::string file = workDir("password-file") + "/pass";
+    tvxtest::writeFile(file, password + "\n");
     ::chmod(file.c_str(), 0600);
-    Outcome fromFile = run({TVX_TVXCTL, "--target",
-                            "lan://admin@" + peer.hostPort() + "?workaround=opensesspriv&password_file=" + file, "raw",
-                            "0x06", "0x01"});
-    EXPECT_EQ(fromFile.exitCode, 0) << fromFile.err;
-
-    // And so does the password in the environment, with the target in the environment too: the way
-    // an unmodified client program is pointed at a controller.
-    Outcome fromEnv =
-        run({TVX_TVXCTL, "devid"}, {"TVX_IPMI_TARGET=lan://admin@" + peer.hostPort() + "?workaround=opensesspriv",
-                                    "TVX_IPMI_PASSWORD=" + password});
-    EXPECT_EQ(fromEnv.exitCode, 0) << fromEnv.err;
+    Outcome fromFile = tvxctl(nullptr, {"--target", lan + "&password_file=" + file, "raw", "0x06", "0x01"});
+    EXPECT_EQ(fromFile.code, 0) << fromFile;
+    Outcome fromEnv = tvxctl(nullptr, {"devid"}, {"TVX_IPMI_TARGET=" + lan, "TVX_IPMI_PASSWORD=" + password});
+    EXPECT_EQ(fromEnv.code, 0) << fromEnv;
     EXPECT_NE(fromEnv.out.find("Product ID"), std::string::npos) << fromEnv.out;
 }

@@ -49,7 +49,7 @@ TEST(RealPeerFru, ReadsInChunksWhatIpmitoolPrints)
     ASSERT_EQ(r.productCustomCount, 1);
 
     Outcome tool = ipmitool(peer, {"fru", "print", "0"});
-    ASSERT_EQ(tool.exitCode, 0) << tool.err;
+    ASSERT_EQ(tool.code, 0) << tool.err;
     std::map<std::string, std::vector<std::string>> printed; // "Label : value" lines
     std::istringstream lines(tool.out);
     for (std::string line; std::getline(lines, line);)

@@ -48,7 +48,7 @@ void check(IpmiSession *s, const RawCase &c)
 TEST(RealPeerLibrary, ModuleSuppliesWhatTheSimulatorLacks)
 {
     select(defaultPeer());
-    LibSession s;
+    tvxtest::Session s;
     ASSERT_NE(s.get(), nullptr) << ipmihost_last_error();
     // What the controller model answers for commands ipmi_sim lacks follows the profile.
     const auto profile = tvxsim::loadProfile(defaultProfile()).document;
@@ -97,10 +97,11 @@ TEST(RealPeerLibrary, OemRequestsReachTheVirtualControllersHandlers)
         {{"netfn", "0x2e"}, {"command", "0x13"}, {"kind", "long"}, {"value", 32}},
         {{"netfn", "0x2e"}, {"command", "0x12"}, {"kind", "no_answer"}},
     };
-    std::string profile = writeFile(dir, "oem.json", doc.dump(2));
+    std::string profile = dir + "/oem.json";
+    tvxtest::writeFile(profile, doc.dump(2));
     auto peer = startPeer("oem", profile);
     select(*peer);
-    LibSession s;
+    tvxtest::Session s;
     ASSERT_NE(s.get(), nullptr) << ipmihost_last_error();
     const Bytes iana = {0xD9, 0x7E, 0x00};
     Bytes longAnswer = {0xC1, 0xD9, 0x7E, 0x00};
@@ -169,7 +170,7 @@ TEST(RealPeerLibrary, RequestsTheLinkCannotCarryOrThePrivilegeDoesNotAllow)
 {
     auto &peer = defaultPeer();
     select(peer, "&priv=user");
-    LibSession s;
+    tvxtest::Session s;
     ASSERT_NE(s.get(), nullptr) << ipmihost_last_error();
     ipmihost_lan_statistics before{}, after{};
     ASSERT_EQ(ipmihost_lan_stats(&before), 0);
@@ -221,10 +222,11 @@ TEST(RealPeerLibrary, EveryIdentityFieldComesFromTheProfile)
         SCOPED_TRACE(v.what);
         std::string dir = workDir("identity-" + std::to_string(index));
         nlohmann::json doc = {{"description", v.what}, {"controller", v.controller}};
-        std::string profile = writeFile(dir, "identity" + std::to_string(index++) + ".json", doc.dump());
+        std::string profile = dir + "/identity" + std::to_string(index++) + ".json";
+        tvxtest::writeFile(profile, doc.dump());
         auto peer = startPeer("identity-peer-" + std::to_string(index), profile);
         select(*peer);
-        LibSession s;
+        tvxtest::Session s;
         ASSERT_NE(s.get(), nullptr) << ipmihost_last_error();
         Bytes want = {0x00};
         Bytes data = tvxsim::loadProfile(profile).device.responseData();

@@ -94,7 +94,7 @@ TEST_F(SelLog, RawStringsFollowTheNextIdsInEitherOrder)
                 failed + "count of sel entries\n");
     expectCount(2);
     expectEntry(0x0000, 0x0007, kExample);
-    expect(kStorage, 0x43, {0, 0, 0x07, 0, 0, 0xFF}, 0x01C1, {0xC1});
+    expect(kStorage, 0x43, {0, 0, 0x07, 0, 0, 0xFF}, {0xC1}, 0x01C1);
     EXPECT_DIAG(stderrOf([&] { EXPECT_EQ(ipmiGetSelRawStrings(session_, 0), nullptr); }), failed + "sel entries\n");
     for (const ipmihost_call &c : raw()) EXPECT_EQ(c.timeout, 60);
 }
@@ -112,11 +112,11 @@ TEST_F(SelLog, SummaryAndUtcOffset)
         {kTimeout, 0, 0x01D5, {0, 512, 0, 0}}, // a completion code with the data counts as a failure
     };
     for (const auto &c : cases) {
-        expect(kStorage, 0x40, {}, c.countStatus, c.countStatus ? Bytes{} : info);
-        expect(kStorage, 0x41, {}, c.allocStatus, c.allocStatus ? Bytes{} : alloc);
+        expect(kStorage, 0x40, {}, c.countStatus ? Bytes{} : info, c.countStatus);
+        expect(kStorage, 0x41, {}, c.allocStatus ? Bytes{} : alloc, c.allocStatus);
         Bytes infoAnswer = info;
         infoAnswer[0] = uint8_t(c.infoStatus);
-        expect(kStorage, 0x40, {}, c.infoStatus, infoAnswer);
+        expect(kStorage, 0x40, {}, infoAnswer, c.infoStatus);
         SelSummary s = ipmiGetSelInfo(session_);
         EXPECT_EQ(std::tuple(s.entries, s.maxEntries, s.lastAddTime, s.lastEraseTime),
                   std::tuple(c.want.entries, c.want.maxEntries, c.want.lastAddTime, c.want.lastEraseTime));
@@ -131,7 +131,7 @@ TEST_F(SelLog, SummaryAndUtcOffset)
     };
     for (const auto &c : offsets) {
         ipmihost_script_reset();
-        expect(kStorage, 0x5C, {}, c.status, c.answer);
+        expect(kStorage, 0x5C, {}, c.answer, c.status);
         EXPECT_EQ(ipmiGetSelTimeUtcOffset(session_), c.want) << c.answer.size();
         ASSERT_EQ(raw().size(), 1u);
         EXPECT_EQ(raw()[0].resLenIn, 3u);
@@ -151,17 +151,17 @@ TEST_F(SelLog, ClearReservesThenErasesAndWriteAddsASystemEvent)
         {0, {0x00, 0x01, 0x00}, {0x01, 0x00}, kTimeout, 0},
     };
     for (const auto &c : cases) {
-        expect(kStorage, 0x42, {}, c.reserveStatus, c.reserveAnswer);
-        expect(kStorage, 0x47, cat({c.reservation, {'C', 'L', 'R', 0xAA}}), c.clearStatus,
-               c.clearStatus ? Bytes{} : Bytes{0x00, 0x01});
+        expect(kStorage, 0x42, {}, c.reserveAnswer, c.reserveStatus);
+        expect(kStorage, 0x47, cat({c.reservation, {'C', 'L', 'R', 0xAA}}), c.clearStatus ? Bytes{} : Bytes{0x00, 0x01},
+               c.clearStatus);
         EXPECT_EQ(ipmiClearEventLog(session_), c.want);
     }
     // ID and timestamp 0, type 0x02, generator 0x20/0x00, revision 0x01, then the arguments.
     const Bytes record = {0x00, 0x00, 0x02, 0x00, 0x00, 0x00, 0x00, 0x20,
                           0x00, 0x01, 0x07, 0x42, 0x6F, 0xA1, 0xB2, 0xC3};
-    expect(kStorage, 0x44, record, 0, {0x00, 0x10, 0x00});
+    expect(kStorage, 0x44, record, {0x00, 0x10, 0x00});
     EXPECT_EQ(ipmiWriteSelEntry(session_, 0x07, 0x42, 0x6F, 0xA1, 0xB2, 0xC3), 1);
-    expect(kStorage, 0x44, record, 0x01C4, {0xC4});
+    expect(kStorage, 0x44, record, {0xC4}, 0x01C4);
     EXPECT_DIAG(stderrOf([&] { EXPECT_EQ(ipmiWriteSelEntry(session_, 0x07, 0x42, 0x6F, 0xA1, 0xB2, 0xC3), 0); }),
                 "\nipmihelpers.cpp:{line} (ipmiWriteSelEntry) Failed to send request with error 0xc401\n");
     for (const ipmihost_call &c : raw()) EXPECT_EQ(c.timeout, 60);

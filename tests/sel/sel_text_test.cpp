@@ -13,7 +13,7 @@ constexpr uint16_t kTimeout = LIBIPMI_STATUS_TIMEOUT;
 
 void expectErrorCode(uint8_t selector, uint16_t id, uint16_t status, const Bytes &answer)
 {
-    expect(kOem, kOemCmd, oem(cat({{0x72, selector}, le16(id)})), status, answer);
+    expect(kOem, kOemCmd, oem(cat({{0x72, selector}, le16(id)})), answer, status);
 }
 std::string take(char *s)
 {
@@ -107,7 +107,7 @@ TEST_F(SelText, TextChunks)
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         for (const auto &[offset, status, answer] : c.chunks)
-            expect(kOem, kOemCmd, chunkRequest({0x11, 0x22, 0x33, 0x44}, offset, 0x05, 0x0407), status, answer);
+            expect(kOem, kOemCmd, chunkRequest({0x11, 0x22, 0x33, 0x44}, offset, 0x05, 0x0407), answer, status);
         char *s = nullptr;
         EXPECT_DIAG(stderrOf([&] { s = getSelTextByErrorCode(session_, &code, nullptr, 0, 0x05, 0x0407); }), c.diag);
         EXPECT_EQ(take(s), c.want ? c.want : "(null)");
@@ -119,7 +119,7 @@ TEST_F(SelText, TextOfLargestDeclaredSize)
 {
     ErrorCodeRecord code = {{1, 2, 3, 4}, 0, 0, nullptr};
     // The buffer of a 65535-character text: its last byte is the terminator.
-    expect(kOem, kOemCmd, chunkRequest({1, 2, 3, 4}, 0, 0, 0x0409), 0, chunkAnswer(65535, 4, "abc"));
+    expect(kOem, kOemCmd, chunkRequest({1, 2, 3, 4}, 0, 0, 0x0409), chunkAnswer(65535, 4, "abc"));
     char *s = getSelTextByErrorCode(session_, &code, nullptr, 0, 0, 0x0409);
     ASSERT_NE(s, nullptr);
     EXPECT_STREQ(s, "abc");
@@ -129,8 +129,7 @@ TEST_F(SelText, TextOfLargestDeclaredSize)
     // declared size and ends the walk.
     for (auto [length, sent, stored] : {std::tuple{5, "vwxyz", "vwxyz"}, {10, "0123456789", "01234"}}) {
         std::string buffer(65536, '\0');
-        expect(kOem, kOemCmd, chunkRequest({1, 2, 3, 4}, 65530, 0, 0x0409), 0,
-               chunkAnswer(65535, uint8_t(length), sent));
+        expect(kOem, kOemCmd, chunkRequest({1, 2, 3, 4}, 65530, 0, 0x0409), chunkAnswer(65535, uint8_t(length), sent));
         EXPECT_EQ(getSelTextByErrorCode(session_, &code, buffer.data(), 65530, 0, 0x0409), buffer.data());
         EXPECT_STREQ(buffer.data() + 65530, stored);
         EXPECT_EQ(buffer[65535], '\0');
@@ -144,7 +143,7 @@ void expectLine(uint8_t flags, const std::vector<std::string> &params, const std
                 uint16_t language = 0x0409, uint8_t selector = 3, uint16_t id = 0x0042)
 {
     expectErrorCode(selector, id, 0, errorCodeAnswer(kCode, flags, params));
-    expect(kOem, kOemCmd, chunkRequest(kCode, 0, selector, language), 0,
+    expect(kOem, kOemCmd, chunkRequest(kCode, 0, selector, language),
            chunkAnswer(uint16_t(message.size()), uint8_t(message.size()), message));
 }
 
@@ -215,7 +214,7 @@ TEST_F(SelText, WholeLogAsText)
     expectCount(0, kTimeout);
     EXPECT_EQ(stderrOf([&] { EXPECT_EQ(ipmiGetSelText(session_, 0, 7), nullptr); }), "SEL has no entries\n");
     expectCount(1);
-    expect(kStorage, 0x43, {0, 0, 0, 0, 0, 0xFF}, kTimeout, {});
+    expect(kStorage, 0x43, {0, 0, 0, 0, 0, 0xFF}, {}, kTimeout);
     EXPECT_EQ(stderrOf([&] { EXPECT_EQ(ipmiGetSelText(session_, 0, 7), nullptr); }), "failed to get sel entries\n");
 }
 
@@ -226,7 +225,7 @@ TEST_F(SelText, EntryTextIsCappedAt20)
     for (bool ours : {true, false}) {
         Bytes answer = oemAnswer(cat({info, {25}, text(pattern(30, 'A'))}));
         answer[3] = ours ? 0x00 : 0x01;
-        expect(kOem, kOemCmd, oem({0x45, 0x34, 0x12}), 0, answer);
+        expect(kOem, kOemCmd, oem({0x45, 0x34, 0x12}), answer);
         SelEntryText e = getSELEntryText(session_, 0x1234);
         Bytes want = ours ? cat({info, {20}, text(pattern(20, 'A'))}) : Bytes{};
         want.resize(32, 0);
@@ -258,7 +257,7 @@ TEST_F(SelText, FollowUpChunks)
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
-        for (const auto &k : c.chunks) expect(kOem, kOemCmd, oem({0x71, 0x5C}), k.first, k.second);
+        for (const auto &k : c.chunks) expect(kOem, kOemCmd, oem({0x71, 0x5C}), k.second, k.first);
         char *s = nullptr;
         EXPECT_DIAG(stderrOf([&] { s = ipmiInterpretSELEntryUsTextFollowUp(session_, 0x5C, c.size); }), c.diag);
         EXPECT_EQ(s ? s[c.size - 1] : '\0', '\0');
@@ -271,8 +270,8 @@ TEST_F(SelText, FollowUpChunks)
 TEST_F(SelText, FollowUpStopsWhenNothingArrives)
 {
     // A controller that keeps announcing more but sends empty chunks is given up on.
-    expect(kOem, kOemCmd, oem({0x71, 0x01}), 0, followUp(50, 3, "ab"));
-    for (int i = 0; i < 40; ++i) expect(kOem, kOemCmd, oem({0x71, 0x01}), 0, followUp(50, 0, ""));
+    expect(kOem, kOemCmd, oem({0x71, 0x01}), followUp(50, 3, "ab"));
+    for (int i = 0; i < 40; ++i) expect(kOem, kOemCmd, oem({0x71, 0x01}), followUp(50, 0, ""));
     EXPECT_EQ(take(ipmiInterpretSELEntryUsTextFollowUp(session_, 0x01, 64)), "ab");
     EXPECT_GT(ipmihost_script_pending(), 0u);
     ipmihost_script_reset();
@@ -293,8 +292,8 @@ TEST_F(SelText, EntryAsText)
         {iesl(13, 6, 0x44, "hello"), {followUp(0, 8, "world!!")}, "hello", "response > buffer size\n"},
     };
     for (const auto &c : cases) {
-        expect(kOem, kOemCmd, request, 0, c.answer);
-        for (const Bytes &f : c.followUps) expect(kOem, kOemCmd, oem({0x71, 0x44}), 0, f);
+        expect(kOem, kOemCmd, request, c.answer);
+        for (const Bytes &f : c.followUps) expect(kOem, kOemCmd, oem({0x71, 0x44}), f);
         iESLText t;
         EXPECT_EQ(stderrOf([&] { t = ipmiGetiESLSELEntryAsText(session_, 0x02, 0x1234, 0x07, 0x0908, 0x0A, 0x0B); }),
                   c.diag);
@@ -306,7 +305,7 @@ TEST_F(SelText, EntryAsText)
         EXPECT_EQ(ipmihost_script_pending(), 0u);
     }
     // A failed request: the record ID is named and the next ID says "none".
-    expect(kOem, kOemCmd, request, kTimeout, {});
+    expect(kOem, kOemCmd, request, {}, kTimeout);
     iESLText failed;
     EXPECT_DIAG(stderrOf([&] { failed = ipmiGetiESLSELEntryAsText(session_, 0x02, 0x1234, 0x07, 0x0908, 0x0A, 0x0B); }),
                 "\nipmihelpers.cpp:{line} (ipmiGetiESLSELEntryAsText) Failed to send request with error 0x300\n"
@@ -340,7 +339,7 @@ TEST_F(SelText, AnswersEndingBeforeTheTextGiveAnEmptyText)
          }},
     };
     for (const auto &c : cases) {
-        expect(kOem, kOemCmd, c.request, 0, c.answer);
+        expect(kOem, kOemCmd, c.request, c.answer);
         EXPECT_EQ(c.read(), "") << c.answer.size();
     }
 }

@@ -106,7 +106,7 @@ TEST_F(SessionTest, SendCmdForwardsTheRequestAndMapsTheStatus)
     for (const auto &c : cases) {
         SCOPED_TRACE(c.status);
         ipmihost_script_reset();
-        expectRequest(c.netFnLun, c.command, c.request, c.status, c.response);
+        expect(c.netFnLun, c.command, c.request, c.response, c.status);
         Bytes req = c.request;
         uint8_t res[16];
         std::memset(res, 0x5A, sizeof res);
@@ -151,7 +151,7 @@ TEST_F(SessionTest, AgentSessionOpensWithFixedArgumentsAndClosesOnEveryPath)
     for (bool leaveEarly : {true, false}) {
         SCOPED_TRACE(leaveEarly);
         ipmihost_script_reset();
-        if (!leaveEarly) expectRequest(0x18, 0x01, {}, 0, {0x00, 0x20});
+        if (!leaveEarly) expect(0x18, 0x01, {}, {0x00, 0x20});
         bool opened = false;
         const IpmiSession *handle = nullptr;
         EXPECT_EQ(stderrOf([&] { handle = getter(leaveEarly, opened); }), "");
@@ -206,7 +206,7 @@ TEST_F(SessionTest, DeviceIdIsTheAnswerOrAZeroRecord)
         SCOPED_TRACE(c.response.size());
         ipmihost_script_reset();
         IpmiSession *s = open();
-        expectRequest(0x18, 0x01, {}, c.status, c.response);
+        expect(0x18, 0x01, {}, c.response, c.status);
         IpmiDeviceId id;
         EXPECT_DIAG(stderrOf([&] { id = ipmiGetDeviceId(s); }), c.diag);
         Bytes want = c.diag.empty() ? Bytes(kDeviceId.begin() + 1, kDeviceId.end()) : Bytes(sizeof id, 0);

@@ -2,31 +2,20 @@
 // platform reads FRU 0 in chunks and decodes what ipmitool prints for the same simulator.
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <map>
-#include <sstream>
-
-#include "libipmi.h"
-#include "libipmi_host.h"
+#include "scripted.h"
 #include "support.h"
 
 using namespace realpeer;
 
 namespace {
 
-// Without the spaces around it (ipmitool keeps those that pad 6-bit and BCD plus texts).
-std::string trimmed(const std::string &s)
-{
-    std::size_t start = s.find_first_not_of(' '), end = s.find_last_not_of(" \r");
-    return start == std::string::npos ? "" : s.substr(start, end - start + 1);
-}
-
-// Texts as ipmitool shows them: absent and empty fields print nothing.
+// Texts as ipmitool shows them: absent and empty fields print nothing; the blanks that pad
+// 6-bit and BCD plus texts are not shown.
 std::vector<std::string> shown(std::initializer_list<const char *> list)
 {
     std::vector<std::string> out;
     for (const char *t : list)
-        if (t && *t) out.push_back(trimmed(t));
+        if (t && *t) out.push_back(trim(t));
     return out;
 }
 
@@ -36,25 +25,18 @@ TEST(RealPeerFru, ReadsInChunksWhatIpmitoolPrints)
 {
     auto &peer = defaultPeer();
     ASSERT_EQ(ipmihost_select_target(peer.target("&timeout=2000").c_str(), nullptr), 0) << ipmihost_last_error();
-    alignas(8) uint8_t block[LIBIPMI_SESSION_SIZE] = {};
-    auto *s = reinterpret_cast<IpmiSession *>(block);
-    ASSERT_EQ(LIBIPMI_Create_IPMI_Local_Session_Ext(s, nullptr, nullptr, nullptr, nullptr, nullptr, 0, nullptr, 2, 5),
-              0);
-    FruData r;
-    std::memset(&r, 0, sizeof r);
+    PlatformSession s;
+    ASSERT_EQ(s.open(), 0);
+    FruData r{};
     uint32_t length = 0;
-    ASSERT_EQ(LIBIPMI_HL_GetFRUData(s, 0, &length, &r, 60), 0) << ipmihost_last_error();
+    ASSERT_EQ(LIBIPMI_HL_GetFRUData(s.get(), 0, &length, &r, 60), 0) << ipmihost_last_error();
     EXPECT_EQ(length, 512u);
     ASSERT_EQ(r.boardCustomCount, 3); // 8-bit, 6-bit and binary
     ASSERT_EQ(r.productCustomCount, 1);
 
     Outcome tool = ipmitool(peer, {"fru", "print", "0"});
-    ASSERT_EQ(tool.code, 0) << tool.err;
-    std::map<std::string, std::vector<std::string>> printed; // "Label : value" lines
-    std::istringstream lines(tool.out);
-    for (std::string line; std::getline(lines, line);)
-        if (auto colon = line.find(':'); colon != std::string::npos)
-            printed[trimmed(line.substr(0, colon))].push_back(trimmed(line.substr(colon + 1)));
+    ASSERT_EQ(tool.code, 0) << tool;
+    Fields printed = fields(tool.out);
     const std::pair<const char *, std::vector<std::string>> kFields[] = {
         {"Board Mfg", shown({r.boardManufacturer.text})},
         {"Board Product", shown({r.boardProductName.text})},
@@ -74,6 +56,6 @@ TEST(RealPeerFru, ReadsInChunksWhatIpmitoolPrints)
         EXPECT_FALSE(ours.empty());
         EXPECT_EQ(printed[label], ours) << tool.out;
     }
-    EXPECT_EQ(LIBIPMI_CloseSession(s), 0);
+    s.close();
     ipmihost_select_default();
 }

@@ -2,7 +2,9 @@
 // processes against it, and raw requests through the platform library.
 #pragma once
 
+#include <map>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -30,6 +32,31 @@ Outcome tvxctl(const tvxsim::ipmisim::Peer *peer, const std::vector<std::string>
                const std::vector<std::string> &env = {});
 // ipmitool -I lanplus against the peer as its first user, cipher suite 3.
 Outcome ipmitool(const tvxsim::ipmisim::Peer &peer, const std::vector<std::string> &args);
+
+// Without the blanks around it.
+inline std::string trim(const std::string &s)
+{
+    std::size_t start = s.find_first_not_of(" \t"), end = s.find_last_not_of(" \t\r");
+    return start == std::string::npos ? "" : s.substr(start, end - start + 1);
+}
+
+// What ipmitool prints as "Name : value" lines: the values of each name, those on the lines
+// after it (which hold no " : ") included.
+using Fields = std::map<std::string, std::vector<std::string>>;
+inline Fields fields(const std::string &text)
+{
+    Fields f;
+    std::istringstream in(text);
+    std::string current;
+    for (std::string line; std::getline(in, line);) {
+        std::size_t colon = line.find(" : ");
+        if (colon == std::string::npos && line.size() > 2 && line.ends_with(" :")) colon = line.size() - 2;
+        std::string value = trim(colon == std::string::npos ? line : line.substr(std::min(colon + 3, line.size())));
+        if (colon != std::string::npos) current = trim(line.substr(0, colon)), f[current];
+        if (!value.empty() && !current.empty()) f[current].push_back(value);
+    }
+    return f;
+}
 
 // Sends one raw request on a session through the platform library; returns the status and
 // stores the response bytes (completion code first).

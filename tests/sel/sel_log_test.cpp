@@ -66,7 +66,7 @@ TEST(SelRawLine, RecordTypesAndTimes)
     EXPECT_EQ(convertTime(&t, small, 22), 21u);
 }
 
-class SelLog : public SelTest {};
+using SelLog = SelTest;
 
 TEST_F(SelLog, RawStringsFollowTheNextIdsInEitherOrder)
 {
@@ -121,20 +121,14 @@ TEST_F(SelLog, SummaryAndUtcOffset)
         EXPECT_EQ(std::tuple(s.entries, s.maxEntries, s.lastAddTime, s.lastEraseTime),
                   std::tuple(c.want.entries, c.want.maxEntries, c.want.lastAddTime, c.want.lastEraseTime));
     }
-    const struct {
-        uint16_t status;
-        Bytes answer;
-        int16_t want;
-    } offsets[] = {
-        {0, {0x00, 0xFF, 0x07}, 2047}, // unspecified
-        {0, {0x00, 0xC4, 0xFF}, -60},  {0, {0x00}, -1}, {0x01D4, {0xD4, 0x3C, 0x00}, -1}, {kTimeout, {}, -1},
-    };
-    for (const auto &c : offsets) {
+    // clang-format off
+    for (auto [status, answer, want] : {std::tuple{uint16_t(0), Bytes{0x00, 0xFF, 0x07}, 2047}, // unspecified
+                                        {0, {0x00, 0xC4, 0xFF}, -60}, {0, {0x00}, -1}, {cc(0xD4), {0xD4, 0x3C, 0x00}, -1}}) {
+        // clang-format on
         ipmihost_script_reset();
-        expect(kStorage, 0x5C, {}, c.answer, c.status);
-        EXPECT_EQ(ipmiGetSelTimeUtcOffset(session_), c.want) << c.answer.size();
-        ASSERT_EQ(raw().size(), 1u);
-        EXPECT_EQ(raw()[0].resLenIn, 3u);
+        expect(kStorage, 0x5C, {}, answer, status);
+        EXPECT_EQ(ipmiGetSelTimeUtcOffset(session_), want) << answer.size();
+        EXPECT_EQ(raw().at(0).resLenIn, 3u);
     }
 }
 

@@ -180,36 +180,22 @@ TEST_F(SessionTest, AgentSessionOpensWithFixedArgumentsAndClosesOnEveryPath)
 const Bytes kDeviceId = {0x00, 0x20, 0x83, 0x03, 0x52, 0x02, 0xBF, 0xD9,
                          0x7E, 0x00, 0x4D, 0x0B, 0x00, 0x0A, 0x12, 0x03};
 
-Bytes deviceIdOf(size_t n)
-{
-    Bytes r(n, 0xE1);
-    std::copy_n(kDeviceId.begin(), std::min(n, kDeviceId.size()), r.begin());
-    return r;
-}
-
 TEST_F(SessionTest, DeviceIdIsTheAnswerOrAZeroRecord)
 {
     const std::string sendFailed = "\nipmihelpers.cpp:{line} (ipmiGetDeviceId) Failed to send ipmi raw command.\n";
     const std::string wrongSize =
         "\nipmihelpers.cpp:{line} (ipmiGetDeviceId) Failed to read device id, wrong response size.\n";
-    const struct {
-        uint16_t status;
-        Bytes response;
-        std::string diag; // empty: the record is the answer's data
-    } cases[] = {
-        {0, kDeviceId, ""},
-        {0x01C1, deviceIdOf(16), sendFailed},
-        {0, deviceIdOf(12), wrongSize},
-        {0, {}, wrongSize},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.response.size());
+    const Bytes twelve(kDeviceId.begin(), kDeviceId.begin() + 12);
+    for (const auto &[status, response, diag] : {std::tuple{uint16_t(0), kDeviceId, std::string()},
+                                                 {cc(0xC1), cat({{0xC1}, twelve}), sendFailed},
+                                                 {0, twelve, wrongSize}}) {
+        SCOPED_TRACE(response.size());
         ipmihost_script_reset();
         IpmiSession *s = open();
-        expect(0x18, 0x01, {}, c.response, c.status);
+        expect(0x18, 0x01, {}, response, status);
         IpmiDeviceId id;
-        EXPECT_DIAG(stderrOf([&] { id = ipmiGetDeviceId(s); }), c.diag);
-        Bytes want = c.diag.empty() ? Bytes(kDeviceId.begin() + 1, kDeviceId.end()) : Bytes(sizeof id, 0);
+        EXPECT_DIAG(stderrOf([&] { id = ipmiGetDeviceId(s); }), diag);
+        Bytes want = diag.empty() ? Bytes(kDeviceId.begin() + 1, kDeviceId.end()) : Bytes(sizeof id, 0);
         EXPECT_EQ(Bytes(reinterpret_cast<uint8_t *>(&id), reinterpret_cast<uint8_t *>(&id) + sizeof id), want);
         // Exactly once, without data, stating no capacity; no close.
         expectSent(s, 0, {{0x18, 0x01, {}}}, 0);

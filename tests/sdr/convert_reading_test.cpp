@@ -79,18 +79,12 @@ TEST_F(ConvertReading, AgreesWithFreeIpmiOnEveryRawValue)
             for (int i = 0; i < kRecordsPerKind; ++i) {
                 // Exponentials overflow quickly: keep some of their records small enough to compare.
                 const bool small = (lin == 4 || lin == 5 || lin == 6) && i % 2 == 0;
-                Factors f{inRange(rng, -512, 511),
-                          inRange(rng, -512, 511),
-                          inRange(rng, -8, 7),
-                          inRange(rng, -8, 7),
-                          format,
-                          lin};
-                if (small) {
-                    f.m = inRange(rng, -8, 8);
-                    f.b = inRange(rng, -20, 20);
-                    f.k1 = inRange(rng, -2, 0);
-                    f.k2 = inRange(rng, -3, -1);
-                }
+                // clang-format off
+                Factors f = small ? Factors{inRange(rng, -8, 8), inRange(rng, -20, 20), inRange(rng, -2, 0),
+                                            inRange(rng, -3, -1), format, lin}
+                                  : Factors{inRange(rng, -512, 511), inRange(rng, -512, 511), inRange(rng, -8, 7),
+                                            inRange(rng, -8, 7), format, lin};
+                // clang-format on
                 Record rec = makeFullRecord(f, rng);
 
                 int8_t rExp = 0, bExp = 0;
@@ -101,12 +95,8 @@ TEST_F(ConvertReading, AgreesWithFreeIpmiOnEveryRawValue)
                           0)
                     << ipmi_sdr_ctx_errormsg(sdr_);
                 // The record carries the factors where FreeIPMI finds them.
-                ASSERT_EQ(m, f.m);
-                ASSERT_EQ(b, f.b);
-                ASSERT_EQ(bExp, f.k1);
-                ASSERT_EQ(rExp, f.k2);
-                ASSERT_EQ(parsedLin, lin);
-                ASSERT_EQ(parsedFormat, format);
+                ASSERT_EQ(std::tuple(m, b, bExp, rExp, parsedLin, parsedFormat),
+                          std::tuple(f.m, f.b, f.k1, f.k2, lin, format));
 
                 for (unsigned raw = 0; raw <= 0xFF; ++raw) {
                     double reference = 0;

@@ -46,10 +46,39 @@ TEST(SelLibrary, RawLinesAndTextsAreTheProfilesRecords)
     EXPECT_EQ(take(buildSelTextString(s, kFirst.data(), 0, 0, 0, 0x040C)), kFanEnglish);
     SelEntryText e = getSELEntryText(s, 1);
     EXPECT_EQ(std::string(e.text, e.length), kFanEnglish.substr(0, 20));
-    // The whole entry as text, in 8-byte chunks with their follow-ups.
-    iESLText t = ipmiGetiESLSELEntryAsText(s, 0, 1, 0x03, TVX_LANG_GERMAN, 0, 0);
-    EXPECT_EQ(take(t.text), "01-Mar-2026 10:00:00 L\u00fcfter FAN1 ausgefallen (3) (MAJOR)");
-    EXPECT_EQ(t.nextId, 2);
+}
+
+// The whole entry as text, composed by the controller: the first chunk as long as asked for
+// (0: the controller's chunk size of 8; at most 230), the rest in follow-ups.
+TEST(SelLibrary, EntryAsTextComesWholeWithItsFollowUps)
+{
+    tvxtest::ScratchMachine m(smallMachine());
+    const std::string english = "Fan FAN1 failed (3); %3 stays, %% too, and a final %",
+                      german = "L\u00fcfter FAN1 ausgefallen (3)", time = "01-Mar-2026 10:00:00 ";
+    const struct {
+        uint16_t id;
+        uint8_t form; // bit 0: the time, bit 1: the severity
+        uint16_t lang;
+        uint8_t first;
+        std::string text;
+        uint8_t firstLength; // the first chunk's bytes, its terminator included
+    } cases[] = {
+        {1, 0x03, 0x0407, 0, time + german + " (MAJOR)", 9},
+        {1, 0x02, 0x040C, 20, english + " (MAJOR)", 21}, // a language without texts gets English
+        {1, 0x01, 0x0409, 250, time + english, 74},      // all in the first chunk
+        {0x0000, 0x00, 0x0000, 3, english, 4},           // ID 0: the first
+        {1, 0x00, 0x0407, 2, german, 3},                 // the first chunk ends inside the ü
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.text);
+        iESLText t = ipmiGetiESLSELEntryAsText(m.session(), 0, c.id, c.form, c.lang, c.first, 0);
+        // ID, record type, language, severity flags, parameters, next ID, entries; the error code.
+        const int lang = c.text.find("L\u00fc") == std::string::npos ? 0x0409 : 0x0407;
+        EXPECT_EQ(std::tuple(t.field1, t.field2, t.field3, t.byte14, t.byte15, t.nextId, t.word18, t.firstLength),
+                  std::tuple(1, 2, lang, 0x20, 2, 2, 3, c.firstLength));
+        EXPECT_EQ(Bytes(t.code, t.code + 4), (Bytes{0, 0, 0, 1}));
+        EXPECT_EQ(take(t.text), c.text);
+    }
 }
 
 TEST(SelLibrary, ClearingEmptiesTheLogAndAWrittenEventIsStampedAndLabelled)

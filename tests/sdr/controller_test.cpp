@@ -214,33 +214,33 @@ TEST(SensorCommands, HostApiChangesAreSeenByTheNextRequest)
     EXPECT_EQ(ipmihost_set_sensor_reading(1, 1), -1);
 }
 
-TEST(ComponentStatus, AnswersTheProfilesComponents)
+// The profile's components through the library: the record as the controller answers it, with
+// the status of a component that answers a completion code of its own; none for an unknown key.
+TEST(ComponentStatus, TheProfilesComponentsThroughTheLibrary)
 {
-    const std::string longName = "Component name of 31 characters";
     json doc = baseProfile();
     doc["components"] = json::parse(R"([
       {"key": "01 01", "id": "00 01", "bytes": "03 01 00", "status": 2, "byte": 5, "name": "CPU1"},
       {"key": "05 02", "id": "00 41", "bytes": "0b 02 00", "status": 1, "name": "Riser", "completion_code": "0x02"},
-      {"key": [6, 0], "id": [0, 6], "bytes": [1, 2, 3], "status": 3, "name": ""}])");
-    doc["components"][2]["name"] = longName;
-    tvxsim::Controller c(profileOf(doc), "");
-    Bytes longAnswer{0x00, 0xD9, 0x7E, 0x00, 0x00, 0x06, 1, 2, 3, 3, 0, 31};
-    longAnswer.insert(longAnswer.end(), longName.begin(), longName.end());
-    const struct {
-        Bytes request, answer;
-    } cases[] = {
-        // clang-format off
-        {{0x40, 0x01, 0x01, 0x01},
-         {0x00, 0xD9, 0x7E, 0x00, 0x00, 0x01, 0x03, 0x01, 0x00, 0x02, 0x05, 4, 'C', 'P', 'U', '1'}},
-        {{0x40, 0x05, 0x02, 0x01}, // known but unreadable
-         {0x02, 0xD9, 0x7E, 0x00, 0x00, 0x41, 0x0B, 0x02, 0x00, 0x01, 0x00, 5, 'R', 'i', 's', 'e', 'r'}},
-        {{0x40, 0x06, 0x00, 0x01}, longAnswer},
-        {{0x40, 0x01, 0x02, 0x01}, {0xCB, 0xD9, 0x7E, 0x00}}, // unknown key
-        {{0x40, 0x01, 0x01}, {0xC7, 0xD9, 0x7E, 0x00}}, {{0x99, 0x01, 0x01, 0x01}, {0xC1, 0xD9, 0x7E, 0x00}},
-        // clang-format on
+      {"key": [6, 0], "id": [0, 6], "bytes": [1, 2, 3], "status": 3, "name": "Component name of 31 characters"}])");
+    tvxtest::ScratchMachine m(doc);
+    // ID, bytes, status, byte, name length and 16 name bytes (none when the name is longer).
+    const std::pair<Bytes, Bytes> cases[] = {
+        {{0x01, 0x01}, cat({{0x00, 0x01, 0x03, 0x01, 0x00, 2, 5, 4}, text("CPU1"), Bytes(12, 0)})},
+        {{0x05, 0x02}, cat({{0x00, 0x41, 0x0B, 0x02, 0x00, uint8_t(-2), 0, 5}, text("Riser"), Bytes(11, 0)})},
+        {{0x06, 0x00}, cat({{0x00, 0x06, 1, 2, 3, 3, 0, 31}, Bytes(16, 0)})},
+        {{0x01, 0x02}, {}},
     };
-    for (const auto &k : cases)
-        EXPECT_EQ(send(c, kOemGroup, 0xF5, oem(k.request)), k.answer) << int(k.request[0]) << " " << k.request.size();
+    for (const auto &[key, record] : cases) {
+        ComponentStatus *s = oemGetComponentStatus(m.session(), key.data());
+        EXPECT_EQ(s ? Bytes(reinterpret_cast<uint8_t *>(s), reinterpret_cast<uint8_t *>(s) + sizeof *s) : Bytes{},
+                  record);
+        std::free(s);
+    }
+    // The controller's refusals of a short request and an unknown sub-function keep the IANA number.
+    tvxsim::Controller c(profileOf(doc), "");
+    EXPECT_EQ(send(c, kOemGroup, 0xF5, oem({0x40, 0x01, 0x01})), oemAnswer({}, 0xC7));
+    EXPECT_EQ(send(c, kOemGroup, 0xF5, oem({0x99, 0x01, 0x01, 0x01})), oemAnswer({}, 0xC1));
 }
 
 } // namespace

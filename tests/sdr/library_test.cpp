@@ -94,28 +94,18 @@ TEST(SdrCache, LookupsByEntityIndexAndType)
 
 using Scripted = ScriptTest;
 
+// Readings of the virtual controller's sensors through the library are read in the controller
+// tests; here what it does not give: unavailable with scanning off, a completion code.
 TEST_F(Scripted, SensorReadingAnswers)
 {
     open();
-    const struct {
-        uint16_t status;
-        Bytes answer;
-        int result;
-        uint8_t reading;
-        uint16_t state;
-    } cases[] = {
-        {0, {0x00, 0x2A, 0xC0, 0x12, 0x85}, 1, 0x2A, 0x0512},
-        {0, {0x00, 0x2A, 0x60, 0x12, 0x00}, 0, 0, 0}, // unavailable while scanning
-        {0, {0x00, 0x2A, 0x20, 0x12, 0x00}, 1, 0, 0}, // unavailable, scanning off
-        {0x01CB, {0xCB}, 0, 0, 0},
-    };
-    for (const auto &c : cases) {
-        expect(0x10, 0x2D, {0x31}, c.answer, c.status);
+    for (const auto &[answer, status, result] :
+         {std::tuple{Bytes{0x00, 0x2A, 0x20, 0x12, 0x00}, uint16_t(0), 1}, {Bytes{0xCB}, cc(0xCB), 0}}) {
+        expect(0x10, 0x2D, {0x31}, answer, status);
         uint8_t reading = 0xEE;
         uint16_t state = 0xEEEE;
-        EXPECT_EQ(ipmiGetSensorReading(session_, 0x31, &reading, &state), c.result) << c.answer.size();
-        EXPECT_EQ(reading, c.reading);
-        EXPECT_EQ(state, c.state);
+        EXPECT_EQ(ipmiGetSensorReading(session_, 0x31, &reading, &state), result) << answer.size();
+        EXPECT_EQ(std::tuple(reading, state), std::tuple(0, 0));
         EXPECT_EQ(rawSince().back().resLenIn, 5u);
     }
     // Both outputs are optional; with no session nothing is sent.

@@ -22,12 +22,6 @@ std::string text(const json &profile, const char *id, std::size_t index = 0)
 class DefaultMachine : public testing::Test {
 protected:
     json state() const { return m_.state(); }
-    std::string read(uint16_t id, uint8_t index = 0)
-    {
-        uint8_t buffer[256] = {0};
-        int n = ipmiReadConfigSpaceVariable(s_, index, id, buffer);
-        return n < 0 ? "(failed)" : std::string(reinterpret_cast<char *>(buffer), static_cast<std::size_t>(n));
-    }
 
     const json profile_ = shippedProfile("default.json");
     tvxtest::ScratchMachine m_{profile_};
@@ -53,15 +47,12 @@ TEST_F(DefaultMachine, ChangesAreSeenByTheNextRequestAndKeptInTheState)
     EXPECT_EQ(state()["chassis"]["power_on_source"], 0x05);
     EXPECT_EQ(state()["chassis"]["power_off_source"], 0x06);
 
-    const std::string name = "db04-renamed";
-    EXPECT_EQ(ipmiWriteConfigSpaceVariable(s_, TVX_VAR_SYSTEM_NAME, 0, reinterpret_cast<const uint8_t *>(name.data()),
-                                           uint8_t(name.size())),
-              1);
+    // A variable's second value; configuration space writes and resets are tvxctl's (below).
     char dest[32];
-    EXPECT_EQ(getConfigSpaceVariable(dest, sizeof dest, 0, TVX_VAR_SYSTEM_NAME), dest);
-    EXPECT_EQ(std::string(dest), name);
-    EXPECT_EQ(read(TVX_VAR_FIRMWARE_BUILD, 1), text(profile_, "0x2150", 1));
-    EXPECT_EQ(read(0x9999), "(failed)");
+    EXPECT_EQ(getConfigSpaceVariable(dest, sizeof dest, 1, TVX_VAR_FIRMWARE_BUILD), dest);
+    EXPECT_EQ(std::string(dest), text(profile_, "0x2150", 1));
+    uint8_t buffer[256];
+    EXPECT_LT(ipmiReadConfigSpaceVariable(s_, 0, 0x9999, buffer), 0);
     ipmiConsoleLogStart(s_);
     EXPECT_EQ(ipmiPowerOn(s_), 1); // the host starts while its console is logged
     EXPECT_EQ(state()["console"]["log"].size(),
@@ -69,7 +60,6 @@ TEST_F(DefaultMachine, ChangesAreSeenByTheNextRequestAndKeptInTheState)
     EXPECT_EQ(ipmiConsoleLogClear(s_), 0);
     EXPECT_EQ(state()["console"]["log"], json::array());
     EXPECT_EQ(ipmiResetConfigSpace(s_), 1);
-    EXPECT_EQ(read(TVX_VAR_SYSTEM_NAME), text(profile_, "0x0201"));
     uint32_t logging = 7;
     ipmiConsoleLogGetState(s_, &logging);
     EXPECT_EQ(logging, profile_["console"]["logging"].get<bool>() ? 1u : 0u);

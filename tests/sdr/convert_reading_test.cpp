@@ -8,7 +8,9 @@
 #include <cfloat>
 #include <cmath>
 #include <cstdint>
+#include <memory>
 #include <random>
+#include <type_traits>
 #include <vector>
 
 #include "libipmi.h"
@@ -58,19 +60,11 @@ int inRange(std::mt19937 &rng, int lo, int hi)
     return lo + static_cast<int>(rng() % static_cast<unsigned>(hi - lo + 1));
 }
 
-class ConvertReading : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        sdr_ = ipmi_sdr_ctx_create();
-        ASSERT_NE(sdr_, nullptr);
-    }
-    void TearDown() override { ipmi_sdr_ctx_destroy(sdr_); }
-    ipmi_sdr_ctx_t sdr_ = nullptr;
-};
-
-TEST_F(ConvertReading, AgreesWithFreeIpmiOnEveryRawValue)
+TEST(ConvertReading, AgreesWithFreeIpmiOnEveryRawValue)
 {
+    std::unique_ptr<std::remove_pointer_t<ipmi_sdr_ctx_t>, void (*)(ipmi_sdr_ctx_t)> sdr(ipmi_sdr_ctx_create(),
+                                                                                         ipmi_sdr_ctx_destroy);
+    ASSERT_NE(sdr, nullptr);
     std::mt19937 rng(20240611u);
     constexpr int kRecordsPerKind = 32;
     for (uint8_t format = 0; format <= 2; ++format) {
@@ -90,10 +84,10 @@ TEST_F(ConvertReading, AgreesWithFreeIpmiOnEveryRawValue)
                 int8_t rExp = 0, bExp = 0;
                 int16_t m = 0, b = 0;
                 uint8_t parsedLin = 0, parsedFormat = 0;
-                ASSERT_EQ(ipmi_sdr_parse_sensor_decoding_data(sdr_, rec.data(), rec.size(), &rExp, &bExp, &m, &b,
+                ASSERT_EQ(ipmi_sdr_parse_sensor_decoding_data(sdr.get(), rec.data(), rec.size(), &rExp, &bExp, &m, &b,
                                                               &parsedLin, &parsedFormat),
                           0)
-                    << ipmi_sdr_ctx_errormsg(sdr_);
+                    << ipmi_sdr_ctx_errormsg(sdr.get());
                 // The record carries the factors where FreeIPMI finds them.
                 ASSERT_EQ(std::tuple(m, b, bExp, rExp, parsedLin, parsedFormat),
                           std::tuple(f.m, f.b, f.k1, f.k2, lin, format));
@@ -134,7 +128,7 @@ TEST_F(ConvertReading, AgreesWithFreeIpmiOnEveryRawValue)
     }
 }
 
-TEST_F(ConvertReading, RecordsWithoutAConvertibleReadingFailAndLeaveTheValue)
+TEST(ConvertReading, RecordsWithoutAConvertibleReadingFailAndLeaveTheValue)
 {
     std::mt19937 rng(7u);
     auto with = [&](uint8_t format, uint8_t lin) { return makeFullRecord({10, -3, 1, -1, format, lin}, rng); };

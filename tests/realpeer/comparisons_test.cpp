@@ -324,33 +324,17 @@ TEST(RealPeer, EventTextsOverLanAreTheProfiles)
     }
 }
 
-TEST(RealPeer, TvxctlNeverShowsThePassword)
+// The password from a file, or from the environment with the target there too (the way an
+// unmodified client is pointed at a controller), opens a session as the one in the target does;
+// tvxctl never shows it (target strings and their messages are checked in the unit tests).
+TEST(RealPeer, PasswordsFromFileAndEnvironmentAndNeverShown)
 {
     auto &peer = defaultPeer();
     const std::string password = peer.options().users.front().password;
     const std::string lan = "lan://admin@" + peer.hostPort() + "?workaround=opensesspriv";
     Outcome target = tvxctl(&peer, {"target"});
-    EXPECT_EQ(target.code, 0);
-    EXPECT_NE(target.out.find("admin@" + peer.hostPort()), std::string::npos) << target.out;
-    EXPECT_EQ(target.out.find(password), std::string::npos) << target.out;
-
-    // A real controller has no profile to start afresh from.
-    Outcome reset = tvxctl(&peer, {"reset"});
-    EXPECT_EQ(reset.code, 1);
-    EXPECT_NE(reset.err.find("is not a virtual machine"), std::string::npos) << reset.err;
-    EXPECT_EQ(reset.err.find(password), std::string::npos) << reset.err;
-
-    // Refused: the message names the user and host, never the password given.
-    Outcome refused = tvxctl(
-        nullptr,
-        {"--target", "lan://admin:Wrong-Pa55@" + peer.hostPort() + "?workaround=opensesspriv&timeout=1000", "devid"});
-    EXPECT_EQ(refused.code, 1);
-    EXPECT_NE(refused.err.find("password invalid"), std::string::npos) << refused.err;
-    EXPECT_EQ((refused.err + refused.out).find("Wrong-Pa55"), std::string::npos) << refused;
-
-    // A password file works the same as the password in the string, and so does the password in
-    // the environment with the target there too: the way an unmodified client is pointed at a
-    // controller.
+    EXPECT_NE(target.out.find("admin@" + peer.hostPort()), std::string::npos) << target;
+    EXPECT_EQ(target.out.find(password), std::string::npos) << target;
     std::string file = workDir("password-file") + "/pass";
     tvxtest::writeFile(file, password + "\n");
     ::chmod(file.c_str(), 0600);
@@ -358,5 +342,9 @@ TEST(RealPeer, TvxctlNeverShowsThePassword)
     EXPECT_EQ(fromFile.code, 0) << fromFile;
     Outcome fromEnv = tvxctl(nullptr, {"devid"}, {"TVX_IPMI_TARGET=" + lan, "TVX_IPMI_PASSWORD=" + password});
     EXPECT_EQ(fromEnv.code, 0) << fromEnv;
-    EXPECT_NE(fromEnv.out.find("Product ID"), std::string::npos) << fromEnv.out;
+    EXPECT_NE(fromEnv.out.find("Product ID"), std::string::npos) << fromEnv;
+    // A real controller has no profile to start afresh from.
+    Outcome reset = tvxctl(&peer, {"reset"});
+    EXPECT_EQ(reset.code, 1);
+    EXPECT_NE(reset.err.find("is not a virtual machine"), std::string::npos) << reset;
 }

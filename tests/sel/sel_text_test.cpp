@@ -137,7 +137,7 @@ TEST_F(SelText, ComposedLines)
         {"Fan %1 failed (%2)", fan, 0x30, 1, 1, kTime + "Fan FAN1 failed (12) (CRITICAL)"},
         {"Fan %1 failed (%2)", fan, 0x30, 1, 0, kTime + "Fan FAN1 failed (12)"},
         {"x", {}, 0x40, 0, 1, "x (UNKNOWN)"}, {"x", {}, 0xB0, 0, 1, "x (CRITICAL)"}, // from bits 4-6 only
-        {"%1 and %5 end with %", {"A", "B"}, 0, 0, 0, "A and %5 end with "}, // a placeholder without its parameter
+        {"%1 and %3 end with %", {"A", "B"}, 0, 0, 0, "A and %3 end with "}, // a placeholder without its parameter
         {"%2%1|%8", {"%2", "x", "p3", "p4", "p5", "p6", "p7", "p8"}, 0, 0, 0, "x%2|p8"}, // not expanded again
         // Long lines are cut keeping time and severity: 22 + 221 + 11 characters; grown by parameters.
         {long240, {}, 0x30, 1, 1, kTime + long240.substr(0, 221) + " (CRITICAL)"},

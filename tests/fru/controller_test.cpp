@@ -66,20 +66,15 @@ TEST(FruController, EveryEncodingComesBackThroughThePlatform)
         uint8_t typeLength;
         const char *text;
     } kFields[] = {
-        {&FruData::chassisPartNumber, 0x45, "12-34.5 6"},
-        {&FruData::chassisSerialNumber, 0x86, "SER#42_X"},
-        {&FruData::boardManufacturer, 0xC4, "ACME"},
-        {&FruData::boardProductName, 0x86, "BOARD-7"},
-        {&FruData::boardSerialNumber, 0x45, "0123456789"},
-        {&FruData::boardPartNumber, 0x02, "dead"},
-        {&FruData::boardFruFileId, 0xC0, ""},
-        {&FruData::productManufacturer, 0xC4, "ACME"},
-        {&FruData::productName, 0xC6, "Widget"},
-        {&FruData::productPartNumber, 0x83, "W-1"},
-        {&FruData::productVersion, 0x42, "2.0"},
-        {&FruData::productSerialNumber, 0xC7, "SN 0001"},
-        {&FruData::productAssetTag, 0xC2, "AT"},
-        {&FruData::productFruFileId, 0x81, "F"},
+        // clang-format off
+        {&FruData::chassisPartNumber, 0x45, "12-34.5 6"}, {&FruData::chassisSerialNumber, 0x86, "SER#42_X"},
+        {&FruData::boardManufacturer, 0xC4, "ACME"}, {&FruData::boardProductName, 0x86, "BOARD-7"},
+        {&FruData::boardSerialNumber, 0x45, "0123456789"}, {&FruData::boardPartNumber, 0x02, "dead"},
+        {&FruData::boardFruFileId, 0xC0, ""}, {&FruData::productManufacturer, 0xC4, "ACME"},
+        {&FruData::productName, 0xC6, "Widget"}, {&FruData::productPartNumber, 0x83, "W-1"},
+        {&FruData::productVersion, 0x42, "2.0"}, {&FruData::productSerialNumber, 0xC7, "SN 0001"},
+        {&FruData::productAssetTag, 0xC2, "AT"}, {&FruData::productFruFileId, 0x81, "F"},
+        // clang-format on
     };
     for (const auto &f : kFields) {
         SCOPED_TRACE(f.text);

@@ -38,18 +38,15 @@ TEST(RealPeerFru, ReadsInChunksWhatIpmitoolPrints)
     ASSERT_EQ(tool.code, 0) << tool;
     Fields printed = fields(tool.out);
     const std::pair<const char *, std::vector<std::string>> kFields[] = {
-        {"Board Mfg", shown({r.boardManufacturer.text})},
-        {"Board Product", shown({r.boardProductName.text})},
-        {"Board Serial", shown({r.boardSerialNumber.text})},
-        {"Board Part Number", shown({r.boardPartNumber.text})},
+        // clang-format off
+        {"Board Mfg", shown({r.boardManufacturer.text})}, {"Board Product", shown({r.boardProductName.text})},
+        {"Board Serial", shown({r.boardSerialNumber.text})}, {"Board Part Number", shown({r.boardPartNumber.text})},
         {"Board Extra", shown({r.boardCustomFields[0], r.boardCustomFields[1], r.boardCustomFields[2]})},
         {"Product Manufacturer", shown({r.productManufacturer.text})},
-        {"Product Name", shown({r.productName.text})},
-        {"Product Part Number", shown({r.productPartNumber.text})},
-        {"Product Version", shown({r.productVersion.text})},
-        {"Product Serial", shown({r.productSerialNumber.text})},
-        {"Product Asset Tag", shown({r.productAssetTag.text})},
-        {"Product Extra", shown({r.productCustomFields[0]})},
+        {"Product Name", shown({r.productName.text})}, {"Product Part Number", shown({r.productPartNumber.text})},
+        {"Product Version", shown({r.productVersion.text})}, {"Product Serial", shown({r.productSerialNumber.text})},
+        {"Product Asset Tag", shown({r.productAssetTag.text})}, {"Product Extra", shown({r.productCustomFields[0]})},
+        // clang-format on
     };
     for (const auto &[label, ours] : kFields) {
         SCOPED_TRACE(label);

@@ -9,19 +9,8 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-Lines lines(ListNode *list)
-{
-    Lines out;
-    for (ListNode *n = list; n; n = n->next) out.emplace_back(reinterpret_cast<const char *>(n->data));
-    freeList(&list);
-    return out;
-}
-std::string take(char *s)
-{
-    std::string out = s ? s : "(null)";
-    std::free(s);
-    return out;
-}
+using tvxtest::lines;
+using tvxtest::take;
 
 const Lines kRaw = {"0001 01-Mar-2026 10:00:00 Addr:20:0, EvM:04, Sens:04:20, Trig:01, Data:52:03:05",
                     "0002 02-Mar-2026 10:00:00 OEM: D9:7E:00, Data:01:02:03:04:05:06",

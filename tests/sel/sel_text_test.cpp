@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <functional>
 
+#include "machine.h"
 #include "sel_fixture.h"
 
 namespace {
@@ -15,12 +16,7 @@ void expectErrorCode(uint8_t selector, uint16_t id, const Bytes &answer, uint16_
 {
     expect(kOem, kOemCmd, oem(cat({{0x72, selector}, le16(id)})), answer, status);
 }
-std::string take(char *s)
-{
-    std::string out = s ? s : "(null)";
-    std::free(s);
-    return out;
-}
+using tvxtest::take;
 Bytes cut(Bytes b, size_t n) { return b.resize(n), b; }
 Bytes followUp(uint16_t remaining, uint8_t c, const std::string &s)
 {
@@ -159,13 +155,9 @@ TEST_F(SelText, WholeLogAsText)
     expectEntry(0x0043, 0xFFFF, selRecord(0x0043, 0x02, k03Feb2001, {}));
     expectLine(0x30, {"FAN1", "12"}, "Fan %1 failed (%2)", 0x0409, 7);
     expectLine(0x20, {}, "Power supply redundancy lost", 0x0409, 7, 0x43);
-    ListNode *list = ipmiGetSelText(session_, 0, 7);
-    ASSERT_NE(list, nullptr);
-    ASSERT_NE(list->next, nullptr);
-    EXPECT_STREQ(reinterpret_cast<const char *>(list->data), "16-Nov-2026 21:45:12  Fan FAN1 failed (12) (CRITICAL)");
-    EXPECT_STREQ(reinterpret_cast<const char *>(list->next->data),
-                 "03-Feb-2001 04:05:06  Power supply redundancy lost (MAJOR)");
-    freeList(&list);
+    EXPECT_EQ(tvxtest::lines(ipmiGetSelText(session_, 0, 7)),
+              (std::vector<std::string>{"16-Nov-2026 21:45:12  Fan FAN1 failed (12) (CRITICAL)",
+                                        "03-Feb-2001 04:05:06  Power supply redundancy lost (MAJOR)"}));
     expectCount(0, kTimeout);
     EXPECT_EQ(stderrOf([&] { EXPECT_EQ(ipmiGetSelText(session_, 0, 7), nullptr); }), "SEL has no entries\n");
     expectCount(1);

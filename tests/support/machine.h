@@ -10,6 +10,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -36,6 +37,23 @@ inline std::string readFile(const std::string &path)
 }
 
 inline json readJson(const std::string &path) { return json::parse(readFile(path)); }
+
+// A heap text the library returned, freed ("(null)" for none).
+inline std::string take(char *s)
+{
+    std::string out = s ? s : "(null)";
+    std::free(s);
+    return out;
+}
+
+// The lines of a list the library returned, freed.
+inline std::vector<std::string> lines(ListNode *list)
+{
+    std::vector<std::string> out;
+    for (ListNode *n = list; n; n = n->next) out.emplace_back(reinterpret_cast<const char *>(n->data));
+    freeList(&list);
+    return out;
+}
 
 // A shipped machine profile (machines/NAME).
 inline json shippedProfile(const std::string &name) { return readJson(std::string(TVX_MACHINES_DIR) + "/" + name); }

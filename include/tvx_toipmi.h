@@ -328,6 +328,100 @@ TVX_API int ipmiConsoleLogStart(IpmiSession *session);
 TVX_API int ipmiConsoleLogStop(IpmiSession *session);
 TVX_API int ipmiConsoleLogClear(IpmiSession *session);
 
+/* ---- Memory, PCI and language queries ------------------------------------------------------- */
+
+/* The controller's status and configuration value of a memory module (module index from 0),
+   passed on as the controller sends it; 7 when it cannot be read. The status is 0 when the
+   controller rejects the module number (completion code 0xC9). */
+TVX_API unsigned ipmiGetMemoryModuleStatus(IpmiSession *session, uint8_t module);
+TVX_API unsigned ipmiGetMemoryModuleConfig(IpmiSession *session, uint8_t module);
+/* The controller's memory policy value, or 0xFF when it cannot be read. */
+TVX_API unsigned ipmiGetMemoryPolicy(IpmiSession *session);
+/* Reads a module's SPD image into buffer (zeroed first), 64 bytes per request. 1 when at least
+   one chunk was stored (a later failure leaves the rest zero), else 0. Images are read up to
+   the 64 KiB the request's offset can address. */
+TVX_API int getMemorySPDdata(IpmiSession *session, uint8_t *buffer, unsigned size, uint8_t module);
+/* 1 when the controller's PCI slot table has an entry for slot with a device in it. The walk
+   ends at the end of the table or at an entry too short to read, and after 256 entries at
+   the latest. */
+TVX_API int ipmiGetPciInfo(IpmiSession *session, uint8_t slot);
+/* The languages (LCIDs) the controller holds its texts in, at most 37. With *list NULL the list
+   is allocated (the caller frees it), else the caller's array receives them. Returns their
+   number; when the controller cannot be asked, the list holds 0x0407 alone and 1 is returned.
+   0 for a NULL list pointer or when no list can be allocated. */
+TVX_API int ipmiGetSupportedLanguage(IpmiSession *session, uint16_t **list);
+
+/* ---- Processor getters ---------------------------------------------------------------------- */
+
+/* Processors are named by the sensor number of their SDR processor sensor (presence) and the
+   zero-based socket index (low 8 bits used). Each getter without a session argument opens and
+   closes a session of its own. */
+#define TVX_CPU_RECORD_SIZE 64u
+
+/* 1 when the processor sensor reports anything (or cannot be read), 0 when its state is 0. */
+TVX_API int getCpuPresenceStatus(IpmiSession *session, uint32_t sensorNumber);
+/* Reads the processor record (completion code first) into a TVX_CPU_RECORD_SIZE-byte buffer.
+   1 when it is there; 0 for an absent processor (nothing sent) or a failed request. */
+TVX_API int getCpuInfo(IpmiSession *session, uint8_t *buffer, uint32_t sensorNumber, uint32_t socket);
+/* "Intel", "AMD" or "unknown"; "" when there is no record. Constant text. */
+TVX_API const char *getCpuManufacturerName(uint32_t sensorNumber, uint32_t socket);
+/* The model name copied into buffer as sent, without a terminator (pass a zeroed buffer);
+   returns buffer, or NULL (buffer untouched) when there is none or it is longer than length. */
+TVX_API char *getCpuModelName(char *buffer, uint32_t length, uint32_t sensorNumber, uint32_t socket);
+/* The stepping (0-15), also written into buffer as decimal text; 0 without a record. */
+TVX_API uint32_t getCpuStep(char *buffer, uint32_t length, uint32_t sensorNumber, uint32_t socket);
+/* The processor status code: 2-8 as the controller reports it (mode 0 and other modes ask for
+   two different scales), 1 no session, 2 no answer. */
+TVX_API uint32_t getCpuStatus(uint32_t sensorNumber, uint32_t socket, uint32_t mode);
+/* The current speed; 0 when absent; 0xFFFFFFFF without a record. */
+TVX_API uint32_t getCpuCurrentSpeed(uint32_t sensorNumber, uint32_t socket);
+/* Cores times threads per core; -1 without a record. */
+TVX_API int getCpuNumberLogicals(uint32_t sensorNumber, uint32_t socket);
+/* Cache size of level 1, 2 or 3; 0 for other levels and without a record. */
+TVX_API uint32_t getCpuCacheSize(uint32_t sensorNumber, uint32_t socket, uint32_t level);
+/* Cores, processor family, enabled cores; 0 without a record. */
+TVX_API uint32_t getCpuNumberCores(uint32_t sensorNumber, uint32_t socket);
+TVX_API uint32_t getCpuFamily(uint32_t sensorNumber, uint32_t socket);
+TVX_API uint32_t getCpuEnabledCores(uint32_t sensorNumber, uint32_t socket);
+/* 3 when all of at least two threads per core are enabled; 2 when not (or absent); 1 when
+   there is no session or no record. */
+TVX_API uint32_t getCpuMultithreadingEnabled(uint32_t sensorNumber, uint32_t socket);
+
+/* ---- Memory module getters ------------------------------------------------------------------ */
+
+/* Modules are named by their zero-based index. Each getter without a session argument opens
+   and closes a session of its own. */
+#define TVX_SPD_IMAGE_SIZE 512u
+
+typedef struct {
+    uint32_t frequency; /* as the controller reports it */
+    uint32_t capacity;  /* raw: MB, or with bit 15 set GB in bits 14..0 */
+} MemoryModuleInfo;
+TVX_STATIC_ASSERT(sizeof(MemoryModuleInfo) == 8, "MemoryModuleInfo is 8 bytes");
+
+/* The highest module index the controller reports, in the caller's session; 0 on failure. */
+TVX_API unsigned getMemoryMaxIndex(IpmiSession *session);
+/* 1 with *info filled; 0 with *info untouched. */
+TVX_API int getMemoryModuleInfo(uint8_t module, MemoryModuleInfo *info);
+/* Capacity in MB; frequency as reported. 0xFFFFFFFF when the module info cannot be read. */
+TVX_API uint32_t getMemoryModuleCapacity(uint8_t module);
+TVX_API uint32_t getMemoryModuleFrequency(uint8_t module);
+/* Memory status code: 2-7 and 11 from the controller's value, 1 unknown or no session. */
+TVX_API uint32_t getMemoryModuleStatus(uint8_t module);
+/* 3 approved, 2 not approved, 1 unknown. */
+TVX_API uint32_t getMemoryModuleApprovedStatus(uint8_t module);
+/* The controller's configuration value plus 2 (modulo 256); 1 when unknown. */
+TVX_API uint32_t getMemoryModuleConfig(uint8_t module);
+/* From the module's SPD image (read anew each call) through the decode-utility library:
+   the module type (constant text of that library, also copied into buffer); "DEVICE / MODULE"
+   in buffer (returns buffer); the DDR frequency class (-1 without SPD data); the voltage
+   interface in buffer (returns buffer). NULL when there is no session, no SPD data or no text.
+   Texts are copied with at most length bytes, the terminator included when it fits. */
+TVX_API const char *getMemoryModuleForm(char *buffer, uint32_t length, uint8_t module);
+TVX_API char *getMemoryModuleType(char *buffer, uint32_t length, uint8_t module);
+TVX_API int getMemoryModuleMaxFrequency(uint8_t module);
+TVX_API char *getMemoryModuleVoltInterface(char *buffer, uint32_t length, uint8_t module);
+
 /* ---- LAN parameters ----------------------------------------------------------------------- */
 
 /* LAN configuration parameter selectors. Addresses are raw bytes in IPMI order. */

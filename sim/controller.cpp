@@ -5,7 +5,7 @@
 namespace tvxsim {
 namespace {
 
-constexpr uint8_t kNetFnOemGroup = 0x2E;
+constexpr uint8_t kNetFnOemGroup = tvx::netfn::kOem;
 
 uint16_t key(uint8_t netFn, uint8_t command) { return static_cast<uint16_t>((netFn & 0x3E) << 8 | command); }
 
@@ -15,7 +15,8 @@ std::span<const Subsystem> Controller::standardSubsystems()
 {
     static const Subsystem all[] = {kAppSubsystem,       kChassisSubsystem,       kConfigSpaceSubsystem,
                                     kLanSubsystem,       kSdrRepositorySubsystem, kSensorSubsystem,
-                                    kComponentSubsystem, kSelSubsystem,           kFruSubsystem};
+                                    kComponentSubsystem, kSelSubsystem,           kFruSubsystem,
+                                    kProcessorSubsystem, kMemorySubsystem,        kPlatformInfoSubsystem};
     return all;
 }
 
@@ -92,16 +93,17 @@ void Controller::dispatchOem(Context &ctx, const Request &req, Response &rsp)
 {
     // OEM/Group frame: IANA number (3 bytes, LSB first), then the command's own bytes. The
     // answer repeats the IANA number after the completion code, on errors too.
-    if (req.data.size() < 3) {
+    wire::Reader in = req.reader();
+    const uint32_t iana = in.u24();
+    if (!in.ok()) {
         rsp.fail(cc::kRequestLengthInvalid);
         return;
     }
-    uint32_t iana = static_cast<uint32_t>(req.data[0] | req.data[1] << 8 | req.data[2] << 16);
     auto finish = [&](Response &inner) {
         Response out;
         out.fail(inner.code());
-        out.append(req.data.first(3));
-        out.append(std::span<const uint8_t>(inner.bytes()).subspan(1));
+        out.u24(iana);
+        out.append(wire::View(inner.bytes()).from(tvx::kAnswerData).span());
         rsp = std::move(out);
     };
     Response inner;
@@ -112,12 +114,13 @@ void Controller::dispatchOem(Context &ctx, const Request &req, Response &rsp)
     }
     if (auto subs = oemSubHandlers_.find(req.command); subs != oemSubHandlers_.end()) {
         // The first byte selects the sub-function; its handler sees what follows.
-        if (req.data.size() < 4) {
+        const uint8_t selector = in.u8();
+        if (!in.ok()) {
             inner.fail(cc::kRequestLengthInvalid);
-        } else if (auto h = subs->second.find(req.data[3]); h == subs->second.end()) {
+        } else if (auto h = subs->second.find(selector); h == subs->second.end()) {
             inner.fail(cc::kInvalidCommand);
         } else {
-            Request sub{req.netFn, req.lun, req.command, req.data.subspan(4)};
+            Request sub{req.netFn, req.lun, req.command, in.rest().span()};
             h->second(ctx, sub, inner);
         }
         finish(inner);
@@ -127,7 +130,7 @@ void Controller::dispatchOem(Context &ctx, const Request &req, Response &rsp)
     if (it == oemHandlers_.end()) {
         inner.fail(cc::kInvalidCommand);
     } else {
-        Request sub{req.netFn, req.lun, req.command, req.data.subspan(3)};
+        Request sub{req.netFn, req.lun, req.command, in.rest().span()};
         it->second(ctx, sub, inner);
     }
     finish(inner);

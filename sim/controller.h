@@ -11,57 +11,59 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "profile.h"
 #include "state_store.h"
+#include "tvx/ipmi.h"
+#include "tvx/wire.h"
 
 namespace tvxsim {
 
-// Standard completion codes.
-namespace cc {
-inline constexpr uint8_t kOk = 0x00;
-inline constexpr uint8_t kNodeBusy = 0xC0;
-inline constexpr uint8_t kInvalidCommand = 0xC1;
-inline constexpr uint8_t kTimeout = 0xC3;
-inline constexpr uint8_t kOutOfSpace = 0xC4;
-inline constexpr uint8_t kReservationInvalid = 0xC5;
-inline constexpr uint8_t kDataTruncated = 0xC6;
-inline constexpr uint8_t kRequestLengthInvalid = 0xC7;
-inline constexpr uint8_t kRequestLengthExceeded = 0xC8;
-inline constexpr uint8_t kParameterOutOfRange = 0xC9;
-inline constexpr uint8_t kCannotReturnBytes = 0xCA;
-inline constexpr uint8_t kNotPresent = 0xCB;
-inline constexpr uint8_t kInvalidDataField = 0xCC;
-inline constexpr uint8_t kIllegalForType = 0xCD;
-inline constexpr uint8_t kNotSupportedInState = 0xD5;
-inline constexpr uint8_t kUnspecified = 0xFF;
-} // namespace cc
+// Completion codes, by their one name (tvx::cc).
+namespace cc = tvx::cc;
+namespace wire = tvx::wire;
 
 struct Request {
     uint8_t netFn;
     uint8_t lun;
     uint8_t command;
     std::span<const uint8_t> data; // for OEM handlers: the bytes after the IANA number
+
+    // The request's fields, read in order.
+    wire::Reader reader() const { return wire::Reader(wire::View(data)); }
 };
 
-// The answer being built: completion code first, then data bytes.
+// The answer being built: completion code first, then data bytes in the shared encoding.
 class Response {
 public:
     Response() : bytes_{cc::kOk} {}
     void fail(uint8_t code) { bytes_.assign(1, code); }
-    void u8(uint8_t v) { bytes_.push_back(v); }
-    void u16(uint16_t v) { u8(static_cast<uint8_t>(v)), u8(static_cast<uint8_t>(v >> 8)); }
-    void u24(uint32_t v) { u16(static_cast<uint16_t>(v)), u8(static_cast<uint8_t>(v >> 16)); }
-    void u32(uint32_t v) { u16(static_cast<uint16_t>(v)), u16(static_cast<uint16_t>(v >> 16)); }
-    void append(std::span<const uint8_t> b) { bytes_.insert(bytes_.end(), b.begin(), b.end()); }
-    uint8_t code() const { return bytes_[0]; }
+    Response &u8(uint8_t v) { return add().u8(v), *this; }
+    Response &u16(uint16_t v) { return add().u16(v), *this; }
+    Response &u24(uint32_t v) { return add().u24(v), *this; }
+    Response &u32(uint32_t v) { return add().u32(v), *this; }
+    Response &append(std::span<const uint8_t> b) { return add().bytes(b), *this; }
+    Response &append(std::string_view text)
+    {
+        return append(std::span<const uint8_t>(reinterpret_cast<const uint8_t *>(text.data()), text.size()));
+    }
+    // Answers 0xC7 unless the walk read exactly the request's bytes: true when the handler
+    // may go on.
+    bool complete(const wire::Reader &in)
+    {
+        if (!in.done()) fail(cc::kRequestLengthInvalid);
+        return in.done();
+    }
+    uint8_t code() const { return wire::View(bytes_).get(tvx::kCompletionCode, uint8_t{0}); }
     const std::vector<uint8_t> &bytes() const { return bytes_; }
     std::vector<uint8_t> &bytes() { return bytes_; }
 
 private:
+    wire::Appender<std::vector<uint8_t>> add() { return wire::Appender<std::vector<uint8_t>>(bytes_); }
     std::vector<uint8_t> bytes_;
 };
 
@@ -172,5 +174,8 @@ extern const Subsystem kConfigSpaceSubsystem;
 extern const Subsystem kLanSubsystem;
 extern const Subsystem kSelSubsystem;
 extern const Subsystem kFruSubsystem;
+extern const Subsystem kProcessorSubsystem;
+extern const Subsystem kMemorySubsystem;
+extern const Subsystem kPlatformInfoSubsystem;
 
 } // namespace tvxsim

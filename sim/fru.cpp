@@ -4,17 +4,23 @@
 #include <map>
 
 #include "controller.h"
+#include "tvx/hex_string.h"
+#include "tvx/records.h"
 
 namespace tvxsim {
 namespace {
 
-constexpr uint8_t kFormatVersion = 0x01;
-constexpr uint8_t kEndOfFields = 0xC1;
+namespace fru = tvx::fru;
+namespace wire = tvx::wire;
+constexpr uint8_t kFormatVersion = fru::kVersion1;
+constexpr uint8_t kEndOfFields = fru::area::kEndOfFields;
 constexpr std::size_t kMaxFieldBytes = 0x3F; // the length bits of a type/length byte
-constexpr std::size_t kMaxAreaBytes = 0xFF * 8;
+constexpr std::size_t kMaxAreaBytes = 0xFF * fru::kOffsetUnit;
 constexpr uint32_t kMaxMinutes = 0xFFFFFF;
 
-enum TypeCode : uint8_t { kBinary = 0, kBcdPlus = 1, kSixBit = 2, kEightBit = 3 };
+using TypeCode = fru::Encoding;
+constexpr TypeCode kBinary = TypeCode::Binary, kBcdPlus = TypeCode::BcdPlus, kSixBit = TypeCode::Ascii6,
+                   kEightBit = TypeCode::Text8;
 
 uint8_t zeroChecksum(const std::vector<uint8_t> &bytes, std::size_t from, std::size_t to)
 {
@@ -23,17 +29,11 @@ uint8_t zeroChecksum(const std::vector<uint8_t> &bytes, std::size_t from, std::s
     return static_cast<uint8_t>(-sum);
 }
 
-std::string hexByte(unsigned v)
-{
-    char buf[8];
-    std::snprintf(buf, sizeof buf, "0x%02X", v);
-    return buf;
-}
+std::string hexByte(unsigned v) { return tvx::hexNumber(v, 2, true); }
 
-void appendField(std::vector<uint8_t> &out, uint8_t type, const std::vector<uint8_t> &bytes)
+void appendField(std::vector<uint8_t> &out, TypeCode type, const std::vector<uint8_t> &bytes)
 {
-    out.push_back(static_cast<uint8_t>(type << 6 | bytes.size()));
-    out.insert(out.end(), bytes.begin(), bytes.end());
+    wire::Appender(out).u8(static_cast<uint8_t>(static_cast<unsigned>(type) << 6 | bytes.size())).bytes(bytes);
 }
 
 void refuseTrailingSpace(const Node &n, const std::string &text, const char *encoding)
@@ -83,7 +83,7 @@ std::vector<uint8_t> sixBit(const Node &n, const std::string &text)
 // A text field: a string (8-bit ASCII) or {"ascii" | "bcd" | "6bit" | "binary": value}.
 void appendText(std::vector<uint8_t> &out, const Node &n)
 {
-    uint8_t type = kEightBit;
+    TypeCode type = kEightBit;
     std::vector<uint8_t> bytes;
     std::optional<Node> value;
     if (n.json().is_string()) {
@@ -144,7 +144,7 @@ std::vector<uint8_t> closeArea(std::vector<uint8_t> area, const Node &where)
     if (area.size() + 1 > kMaxAreaBytes)
         where.fail("the area takes " + std::to_string(area.size() + 1) + " bytes, more than the " +
                    std::to_string(kMaxAreaBytes) + " an area can have");
-    area[1] = static_cast<uint8_t>((area.size() + 1) / 8);
+    wire::Appender(area).put(fru::area::kLength, static_cast<uint8_t>((area.size() + 1) / fru::kOffsetUnit));
     area.push_back(zeroChecksum(area, 0, area.size()));
     return area;
 }
@@ -186,12 +186,8 @@ std::vector<uint8_t> boardArea(const Node &n)
                  "custom"});
     uint32_t minutes = 0; // unspecified
     if (auto d = n.find("mfg_date")) minutes = mfgMinutes(*d);
-    std::vector<uint8_t> a = {kFormatVersion,
-                              0,
-                              languageOf(n),
-                              static_cast<uint8_t>(minutes),
-                              static_cast<uint8_t>(minutes >> 8),
-                              static_cast<uint8_t>(minutes >> 16)};
+    std::vector<uint8_t> a;
+    wire::Appender(a).u8(kFormatVersion).u8(0).u8(languageOf(n)).u24(minutes);
     for (const char *key : {"manufacturer", "product_name", "serial_number", "part_number", "fru_file_id"})
         appendMandatory(a, n, key);
     appendCustom(a, n);
@@ -221,28 +217,29 @@ std::vector<uint8_t> internalUseArea(const Node &n)
 
 std::vector<uint8_t> encodeDevice(const Node &n)
 {
-    std::vector<uint8_t> image(8, 0);
-    image[0] = kFormatVersion;
+    std::vector<uint8_t> image(fru::kHeaderSize, 0);
+    wire::Appender header(image);
+    header.put(fru::kFormatVersion, kFormatVersion);
     struct Area {
         const char *key;
-        std::size_t headerByte;
+        wire::U8 offset; // its place in the common header
         std::vector<uint8_t> (*encode)(const Node &);
     };
-    static constexpr Area kAreas[] = {{"internal_use", 1, internalUseArea},
-                                      {"chassis", 2, chassisArea},
-                                      {"board", 3, boardArea},
-                                      {"product", 4, productArea}};
+    static constexpr Area kAreas[] = {{"internal_use", fru::kInternalUseOffset, internalUseArea},
+                                      {"chassis", fru::kChassisOffset, chassisArea},
+                                      {"board", fru::kBoardOffset, boardArea},
+                                      {"product", fru::kProductOffset, productArea}};
     for (const Area &a : kAreas) {
         auto area = n.find(a.key);
         if (!area) continue;
         std::vector<uint8_t> bytes = a.encode(*area);
-        if (image.size() / 8 > 0xFF)
+        if (image.size() / fru::kOffsetUnit > 0xFF)
             area->fail("the area would start at byte " + std::to_string(image.size()) +
                        ", past the last offset the common header can name (2040)");
-        image[a.headerByte] = static_cast<uint8_t>(image.size() / 8);
+        header.put(a.offset, static_cast<uint8_t>(image.size() / fru::kOffsetUnit));
         image.insert(image.end(), bytes.begin(), bytes.end());
     }
-    image[7] = zeroChecksum(image, 0, 7);
+    header.put(fru::kHeaderChecksum, zeroChecksum(image, 0, fru::kHeaderChecksum.at));
     return image;
 }
 

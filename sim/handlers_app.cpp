@@ -4,18 +4,18 @@
 namespace tvxsim {
 namespace {
 
-constexpr uint8_t kNetFnApp = 0x06;
+namespace app = tvx::cmd::app;
 
 void getDeviceId(Context &ctx, const Request &req, Response &rsp)
 {
-    if (!req.data.empty()) return rsp.fail(cc::kRequestLengthInvalid);
+    if (!rsp.complete(req.reader())) return;
     auto data = ctx.profile.device.responseData();
     rsp.append(data);
 }
 
 void getSelfTestResults(Context &, const Request &req, Response &rsp)
 {
-    if (!req.data.empty()) return rsp.fail(cc::kRequestLengthInvalid);
+    if (!rsp.complete(req.reader())) return;
     rsp.u8(0x55); // no error
     rsp.u8(0x00);
 }
@@ -23,9 +23,10 @@ void getSelfTestResults(Context &, const Request &req, Response &rsp)
 // The ACPI power state is set by system software and kept by the controller.
 void setAcpiPowerState(Context &ctx, const Request &req, Response &rsp)
 {
-    if (req.data.size() != 2) return rsp.fail(cc::kRequestLengthInvalid);
+    wire::Reader in = req.reader();
+    const uint8_t system = in.u8(), device = in.u8();
+    if (!rsp.complete(in)) return;
     auto &acpi = ctx.state["acpi"];
-    uint8_t system = req.data[0], device = req.data[1];
     if ((system & 0x80) && (system & 0x7F) != 0x7F) {
         uint8_t s = system & 0x7F;
         // Defined system states: S0..S5 and their variants (0x00-0x0A), legacy on/off
@@ -43,7 +44,7 @@ void setAcpiPowerState(Context &ctx, const Request &req, Response &rsp)
 
 void getAcpiPowerState(Context &ctx, const Request &req, Response &rsp)
 {
-    if (!req.data.empty()) return rsp.fail(cc::kRequestLengthInvalid);
+    if (!rsp.complete(req.reader())) return;
     const auto &acpi = ctx.state["acpi"];
     rsp.u8(acpi.value("system", uint8_t{0}));
     rsp.u8(acpi.value("device", uint8_t{0}));
@@ -51,10 +52,10 @@ void getAcpiPowerState(Context &ctx, const Request &req, Response &rsp)
 
 void install(Controller &c)
 {
-    c.on(kNetFnApp, 0x01, getDeviceId);
-    c.on(kNetFnApp, 0x04, getSelfTestResults);
-    c.on(kNetFnApp, 0x06, setAcpiPowerState);
-    c.on(kNetFnApp, 0x07, getAcpiPowerState);
+    c.on(tvx::netfn::kApp, app::kGetDeviceId, getDeviceId);
+    c.on(tvx::netfn::kApp, app::kGetSelfTestResults, getSelfTestResults);
+    c.on(tvx::netfn::kApp, app::kSetAcpiPowerState, setAcpiPowerState);
+    c.on(tvx::netfn::kApp, app::kGetAcpiPowerState, getAcpiPowerState);
 }
 
 void initState(const Profile &, nlohmann::json &state)

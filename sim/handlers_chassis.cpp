@@ -20,7 +20,9 @@
 // Controller resets: Warm Reset drops LAN parameter writes in progress; Cold Reset also turns
 // the identify LED off, as the restarted controller drives it anew. The host's power and every
 // stored setting stay as they are.
+#include <algorithm>
 #include <ctime>
+#include <iterator>
 
 #include "controller.h"
 #include "machine_state.h"
@@ -32,8 +34,8 @@ using machine::flag;
 using machine::number;
 using machine::section;
 
-constexpr uint8_t kNetFnChassis = 0x00;
-constexpr uint8_t kNetFnApp = 0x06;
+namespace control = tvx::chassis_control;
+namespace oem = tvx::oem;
 
 // Last power event: the power came on through an IPMI command.
 constexpr uint8_t kLastEventCommandOn = 0x10;
@@ -88,7 +90,7 @@ void setIdentify(Context &ctx, bool on, uint64_t until)
 
 void getChassisStatus(Context &ctx, const Request &req, Response &rsp)
 {
-    if (!req.data.empty()) return rsp.fail(cc::kRequestLengthInvalid);
+    if (!rsp.complete(req.reader())) return;
     const ChassisSettings &s = ctx.profile.settings.chassis;
     const nlohmann::json &c = chassis(ctx);
     uint8_t power = static_cast<uint8_t>((powerOn(ctx) ? 0x01 : 0x00) | static_cast<uint8_t>(s.restorePolicy) << 5);
@@ -110,27 +112,28 @@ void getChassisStatus(Context &ctx, const Request &req, Response &rsp)
 
 void chassisControl(Context &ctx, const Request &req, Response &rsp)
 {
-    if (req.data.size() != 1) return rsp.fail(cc::kRequestLengthInvalid);
-    uint8_t action = req.data[0];
-    if (action > 5) return rsp.fail(cc::kInvalidDataField);
+    wire::Reader in = req.reader();
+    const uint8_t action = in.u8();
+    if (!rsp.complete(in)) return;
+    if (action > control::kSoftShutdown) return rsp.fail(cc::kInvalidDataField);
     bool on = powerOn(ctx);
-    if (!on && action >= 2) return rsp.fail(cc::kNotSupportedInState);
+    if (!on && action >= control::kPowerCycle) return rsp.fail(cc::kNotSupportedInState);
     switch (action) {
-    case 0: // power down
-    case 5: // soft shutdown
+    case control::kPowerDown:
+    case control::kSoftShutdown:
         if (on) setPower(ctx, false);
         break;
-    case 1:
+    case control::kPowerUp:
         if (!on) hostStarts(ctx, kCauseChassisControl, true);
         break;
-    case 2: // cycle: off, then on again
+    case control::kPowerCycle: // off, then on again
         setPower(ctx, false);
         hostStarts(ctx, kCauseChassisControl, true);
         break;
-    case 3:
+    case control::kHardReset:
         hostStarts(ctx, kCauseChassisControl, false);
         break;
-    case 4: {
+    case control::kDiagnosticInterrupt: {
         nlohmann::json &c = chassis(ctx);
         c["diagnostic_interrupts"] = number(c, "diagnostic_interrupts", 0, UINT32_MAX) + 1;
         ctx.changed();
@@ -142,9 +145,10 @@ void chassisControl(Context &ctx, const Request &req, Response &rsp)
 // Interval in seconds (absent: 15; 0: off); force byte bit 0: on until told otherwise.
 void chassisIdentify(Context &ctx, const Request &req, Response &rsp)
 {
-    if (req.data.size() > 2) return rsp.fail(cc::kRequestLengthInvalid);
-    uint8_t interval = req.data.empty() ? 15 : req.data[0];
-    uint8_t force = req.data.size() == 2 ? req.data[1] : 0;
+    wire::Reader in = req.reader();
+    const uint8_t interval = in.remaining() ? in.u8() : 15;
+    const uint8_t force = in.remaining() ? in.u8() : 0;
+    if (!rsp.complete(in)) return;
     if (force & 0xFE) return rsp.fail(cc::kInvalidDataField);
     if (force & 0x01) setIdentify(ctx, true, 0);
     else if (interval == 0) setIdentify(ctx, false, 0);
@@ -153,7 +157,7 @@ void chassisIdentify(Context &ctx, const Request &req, Response &rsp)
 
 void getSystemRestartCause(Context &ctx, const Request &req, Response &rsp)
 {
-    if (!req.data.empty()) return rsp.fail(cc::kRequestLengthInvalid);
+    if (!rsp.complete(req.reader())) return;
     rsp.u8(static_cast<uint8_t>(number(chassis(ctx), "restart_cause", kCauseUnknown, 0x0F)));
     rsp.u8(kRequestChannel);
 }
@@ -162,35 +166,40 @@ void getSystemRestartCause(Context &ctx, const Request &req, Response &rsp)
 
 void coldReset(Context &ctx, const Request &req, Response &rsp)
 {
-    if (!req.data.empty()) return rsp.fail(cc::kRequestLengthInvalid);
+    if (!rsp.complete(req.reader())) return;
     machine::forgetLanWritesInProgress(ctx);
     if (identifyState(ctx) != Identify::Off) setIdentify(ctx, false, 0);
 }
 
 void warmReset(Context &ctx, const Request &req, Response &rsp)
 {
-    if (!req.data.empty()) return rsp.fail(cc::kRequestLengthInvalid);
+    if (!rsp.complete(req.reader())) return;
     machine::forgetLanWritesInProgress(ctx);
 }
 
 // ---- OEM -----------------------------------------------------------------------------------
 
 // Selector (0x1B power-on source, 0x17 power-off source), 00 00 00 01, the source byte.
+constexpr uint8_t kSourceFixed[4] = {0x00, 0x00, 0x00, 0x01};
 void powerSource(Context &ctx, const Request &req, Response &rsp)
 {
-    if (req.data.size() != 6) return rsp.fail(cc::kRequestLengthInvalid);
-    const uint8_t selector = req.data[0];
-    if ((selector != 0x1B && selector != 0x17) || req.data[1] != 0 || req.data[2] != 0 || req.data[3] != 0 ||
-        req.data[4] != 0x01)
+    wire::Reader in = req.reader();
+    const uint8_t selector = in.u8();
+    const wire::View fixed = in.bytes(sizeof kSourceFixed);
+    const uint8_t source = in.u8();
+    if (!rsp.complete(in)) return;
+    if ((selector != oem::power_source::kPowerOn && selector != oem::power_source::kPowerOff) ||
+        !std::equal(fixed.span().begin(), fixed.span().end(), std::begin(kSourceFixed)))
         return rsp.fail(cc::kInvalidDataField);
-    chassis(ctx)[selector == 0x1B ? "power_on_source" : "power_off_source"] = req.data[5];
+    chassis(ctx)[selector == oem::power_source::kPowerOn ? "power_on_source" : "power_off_source"] = source;
     ctx.changed();
 }
 
 void gracefulControl(Context &ctx, const Request &req, Response &rsp)
 {
-    if (req.data.size() != 1) return rsp.fail(cc::kRequestLengthInvalid);
-    const uint8_t code = req.data[0];
+    wire::Reader in = req.reader();
+    const uint8_t code = in.u8();
+    if (!rsp.complete(in)) return;
     if (code > 0x01) return rsp.fail(cc::kInvalidDataField);
     if (!powerOn(ctx)) return rsp.fail(cc::kNotSupportedInState);
     if (code == 0x00) setPower(ctx, false);
@@ -199,36 +208,39 @@ void gracefulControl(Context &ctx, const Request &req, Response &rsp)
 
 void setIdentifyLed(Context &ctx, const Request &req, Response &rsp)
 {
-    if (req.data.size() != 1) return rsp.fail(cc::kRequestLengthInvalid);
-    if (req.data[0] > 1) return rsp.fail(cc::kInvalidDataField);
-    setIdentify(ctx, req.data[0] == 1, 0);
+    wire::Reader in = req.reader();
+    const uint8_t state = in.u8();
+    if (!rsp.complete(in)) return;
+    if (state > 1) return rsp.fail(cc::kInvalidDataField);
+    setIdentify(ctx, state == 1, 0);
 }
 
 void getIdentifyLed(Context &ctx, const Request &req, Response &rsp)
 {
-    if (!req.data.empty()) return rsp.fail(cc::kRequestLengthInvalid);
+    if (!rsp.complete(req.reader())) return;
     rsp.u8(identifyState(ctx) != Identify::Off ? 0x01 : 0x00);
 }
 
 void getErrorLed(Context &ctx, const Request &req, Response &rsp)
 {
-    if (!req.data.empty()) return rsp.fail(cc::kRequestLengthInvalid);
+    if (!rsp.complete(req.reader())) return;
     rsp.u8(static_cast<uint8_t>(number(section(ctx.state, "leds"), "error", ctx.profile.settings.leds.error, 0xFF)));
 }
 
 void install(Controller &c)
 {
-    c.on(kNetFnChassis, 0x01, getChassisStatus);
-    c.on(kNetFnChassis, 0x02, chassisControl);
-    c.on(kNetFnChassis, 0x04, chassisIdentify);
-    c.on(kNetFnChassis, 0x07, getSystemRestartCause);
-    c.on(kNetFnApp, 0x02, coldReset);
-    c.on(kNetFnApp, 0x03, warmReset);
-    c.onOem(0x01, powerSource);
-    c.onOem(0x02, gracefulControl);
-    c.onOemSub(0xF5, 0xB0, setIdentifyLed);
-    c.onOemSub(0xF5, 0xB1, getIdentifyLed);
-    c.onOemSub(0xF5, 0xB3, getErrorLed);
+    namespace chassisCmd = tvx::cmd::chassis;
+    c.on(tvx::netfn::kChassis, chassisCmd::kGetStatus, getChassisStatus);
+    c.on(tvx::netfn::kChassis, chassisCmd::kControl, chassisControl);
+    c.on(tvx::netfn::kChassis, chassisCmd::kIdentify, chassisIdentify);
+    c.on(tvx::netfn::kChassis, chassisCmd::kGetSystemRestartCause, getSystemRestartCause);
+    c.on(tvx::netfn::kApp, tvx::cmd::app::kColdReset, coldReset);
+    c.on(tvx::netfn::kApp, tvx::cmd::app::kWarmReset, warmReset);
+    c.onOem(oem::cmd::kPowerSource, powerSource);
+    c.onOem(oem::cmd::kGracefulControl, gracefulControl);
+    c.onOemSub(oem::cmd::kVendor, oem::vendor::kSetIdentifyLed, setIdentifyLed);
+    c.onOemSub(oem::cmd::kVendor, oem::vendor::kGetIdentifyLed, getIdentifyLed);
+    c.onOemSub(oem::cmd::kVendor, oem::vendor::kGetErrorLed, getErrorLed);
 }
 
 void initState(const Profile &p, nlohmann::json &state)

@@ -9,6 +9,8 @@
 // 0x02) with the same layout. A key the controller does not know answers 0xCB (requested
 // data not present) with nothing after the IANA number; a selector other than 0x01 answers
 // 0xCC, a request of another length 0xC7.
+#include <algorithm>
+#include <array>
 #include <map>
 
 #include "controller.h"
@@ -16,8 +18,10 @@
 namespace tvxsim {
 namespace {
 
-constexpr uint8_t kOemVendorCommand = 0xF5;
-constexpr uint8_t kComponentStatus = 0x40;
+constexpr uint8_t kSelector = 0x01;
+
+// The two key bytes that name a component.
+using Key = std::array<uint8_t, 2>;
 
 struct Component {
     uint8_t completionCode = 0;
@@ -34,17 +38,18 @@ std::vector<uint8_t> fixedBytes(const Node &obj, const char *key, std::size_t co
     return b;
 }
 
-std::map<uint16_t, Component> parseComponents(const Profile &profile)
+std::map<Key, Component> parseComponents(const Profile &profile)
 {
-    std::map<uint16_t, Component> out;
-    std::map<uint16_t, std::string> where;
+    std::map<Key, Component> out;
+    std::map<Key, std::string> where;
     auto list = profile.root().find("components");
     if (!list) return out;
     for (std::size_t i = 0; i < list->size(); ++i) {
         Node n = list->at(i);
         n.allowOnly({"key", "id", "bytes", "status", "byte", "name", "completion_code"});
         std::vector<uint8_t> key = fixedBytes(n, "key", 2);
-        uint16_t k = static_cast<uint16_t>(key[0] << 8 | key[1]);
+        Key k;
+        std::copy(key.begin(), key.end(), k.begin());
         if (auto other = where.find(k); other != where.end())
             n.at("key").fail("the key is already used by " + other->second);
         where[k] = n.path();
@@ -62,12 +67,13 @@ std::map<uint16_t, Component> parseComponents(const Profile &profile)
             if (static_cast<unsigned char>(ch) < 0x20 || static_cast<unsigned char>(ch) > 0x7E)
                 nameNode.fail("\"" + name + "\": only printable ASCII characters fit a component name");
         if (auto v = n.find("completion_code")) c.completionCode = v->byte();
-        c.answer = id;
-        c.answer.insert(c.answer.end(), bytes.begin(), bytes.end());
-        c.answer.push_back(status);
-        c.answer.push_back(byte);
-        c.answer.push_back(static_cast<uint8_t>(name.size()));
-        c.answer.insert(c.answer.end(), name.begin(), name.end());
+        wire::Appender(c.answer)
+            .bytes(id)
+            .bytes(bytes)
+            .u8(status)
+            .u8(byte)
+            .u8(static_cast<uint8_t>(name.size()))
+            .bytes({reinterpret_cast<const uint8_t *>(name.data()), name.size()});
         out[k] = std::move(c);
     }
     return out;
@@ -75,11 +81,17 @@ std::map<uint16_t, Component> parseComponents(const Profile &profile)
 
 void install(Controller &c)
 {
-    auto components = std::make_shared<const std::map<uint16_t, Component>>(parseComponents(c.profile()));
-    c.onOemSub(kOemVendorCommand, kComponentStatus, [components](Context &, const Request &req, Response &rsp) {
-        if (req.data.size() != 3) return rsp.fail(cc::kRequestLengthInvalid);
-        if (req.data[2] != 0x01) return rsp.fail(cc::kInvalidDataField);
-        auto it = components->find(static_cast<uint16_t>(req.data[0] << 8 | req.data[1]));
+    auto components = std::make_shared<const std::map<Key, Component>>(parseComponents(c.profile()));
+    c.onOemSub(tvx::oem::cmd::kVendor, tvx::oem::vendor::kComponentStatus, [components](Context &, const Request &req,
+                                                                                     Response &rsp) {
+        wire::Reader in = req.reader();
+        const wire::View key = in.bytes(std::tuple_size_v<Key>);
+        const uint8_t selector = in.u8();
+        if (!rsp.complete(in)) return;
+        if (selector != kSelector) return rsp.fail(cc::kInvalidDataField);
+        Key k;
+        std::copy(key.span().begin(), key.span().end(), k.begin());
+        auto it = components->find(k);
         if (it == components->end()) return rsp.fail(cc::kNotPresent);
         rsp.fail(it->second.completionCode);
         rsp.append(it->second.answer);

@@ -10,14 +10,17 @@
 // A write whose length byte disagrees with the bytes sent answers 0xC7; a value longer than
 // 250 bytes, or than the variable holds, 0xC8; a number or address of the wrong size, or a
 // ConfConsLoggingEnable other than 0 or 1, 0xCC.
+#include <algorithm>
+#include <iterator>
+
 #include "controller.h"
 #include "machine_state.h"
 
 namespace tvxsim {
 namespace {
 
-constexpr uint8_t kRead = 0x01, kWrite = 0x02;
-constexpr uint8_t kConsoleClear = 0x07;
+namespace oem = tvx::oem;
+constexpr uint8_t kRead = oem::config_space::kRead, kWrite = oem::config_space::kWrite;
 
 void readVariable(Context &ctx, uint8_t index, uint16_t id, Response &rsp)
 {
@@ -35,7 +38,7 @@ void writeVariable(Context &ctx, uint8_t index, uint16_t id, std::span<const uin
     const ConfigVariable &v = var->second;
     if (v.fixedLength && value.size() != v.maxLength) return rsp.fail(cc::kInvalidDataField);
     if (value.size() > v.maxLength) return rsp.fail(cc::kRequestLengthExceeded);
-    if (id == kVarConsoleLogging && value[0] > 1) return rsp.fail(cc::kInvalidDataField);
+    if (id == kVarConsoleLogging && wire::Reader(value).u8() > 1) return rsp.fail(cc::kInvalidDataField);
     nlohmann::json &space = machine::section(ctx.state, "config_space");
     nlohmann::json &written = space[machine::variableKey(id)];
     if (!written.is_object()) written = nlohmann::json::object();
@@ -45,29 +48,30 @@ void writeVariable(Context &ctx, uint8_t index, uint16_t id, std::span<const uin
 
 void configSpace(Context &ctx, const Request &req, Response &rsp)
 {
-    if (req.data.empty()) return rsp.fail(cc::kRequestLengthInvalid);
-    const uint8_t op = req.data[0];
+    wire::Reader in = req.reader();
+    const uint8_t op = in.u8();
+    if (!in.ok()) return rsp.fail(cc::kRequestLengthInvalid);
     if (op != kRead && op != kWrite) return rsp.fail(cc::kInvalidDataField);
-    if (req.data.size() < 4) return rsp.fail(cc::kRequestLengthInvalid);
-    const uint8_t index = req.data[1];
-    const uint16_t id = static_cast<uint16_t>(req.data[2] | req.data[3] << 8);
+    const uint8_t index = in.u8();
+    const uint16_t id = in.u16();
     if (op == kRead) {
-        if (req.data.size() != 4) return rsp.fail(cc::kRequestLengthInvalid);
+        if (!rsp.complete(in)) return;
         return readVariable(ctx, index, id, rsp);
     }
-    if (req.data.size() < 5) return rsp.fail(cc::kRequestLengthInvalid);
-    const uint8_t length = req.data[4];
-    std::span<const uint8_t> value = req.data.subspan(5);
-    if (value.size() != length) return rsp.fail(cc::kRequestLengthInvalid);
+    const uint8_t length = in.u8();
+    const wire::View value = in.rest();
+    if (!in.ok() || value.size() != length) return rsp.fail(cc::kRequestLengthInvalid);
     if (length > kConfigValueMax) return rsp.fail(cc::kRequestLengthExceeded);
-    writeVariable(ctx, index, id, value, rsp);
+    writeVariable(ctx, index, id, value.span(), rsp);
 }
 
 // 'C' 'L' 'R' 0xAA guards against an accidental reset.
 void resetConfigSpace(Context &ctx, const Request &req, Response &rsp)
 {
-    if (req.data.size() != 4) return rsp.fail(cc::kRequestLengthInvalid);
-    if (req.data[0] != 'C' || req.data[1] != 'L' || req.data[2] != 'R' || req.data[3] != 0xAA)
+    wire::Reader in = req.reader();
+    const wire::View guard = in.bytes(sizeof oem::vendor::kResetGuard);
+    if (!rsp.complete(in)) return;
+    if (!std::equal(guard.span().begin(), guard.span().end(), std::begin(oem::vendor::kResetGuard)))
         return rsp.fail(cc::kInvalidDataField);
     ctx.state["config_space"] = nlohmann::json::object();
     ctx.changed();
@@ -75,17 +79,19 @@ void resetConfigSpace(Context &ctx, const Request &req, Response &rsp)
 
 void consoleLog(Context &ctx, const Request &req, Response &rsp)
 {
-    if (req.data.size() != 1) return rsp.fail(cc::kRequestLengthInvalid);
-    if (req.data[0] != kConsoleClear) return rsp.fail(cc::kInvalidDataField);
+    wire::Reader in = req.reader();
+    const uint8_t action = in.u8();
+    if (!rsp.complete(in)) return;
+    if (action != oem::vendor::kConsoleClear) return rsp.fail(cc::kInvalidDataField);
     machine::section(ctx.state, "console")["log"] = nlohmann::json::array();
     ctx.changed();
 }
 
 void install(Controller &c)
 {
-    c.onOem(0xE0, configSpace);
-    c.onOemSub(0xF5, 0xE0, resetConfigSpace);
-    c.onOemSub(0xF5, 0x09, consoleLog);
+    c.onOem(oem::cmd::kConfigSpace, configSpace);
+    c.onOemSub(oem::cmd::kVendor, oem::vendor::kResetConfigSpace, resetConfigSpace);
+    c.onOemSub(oem::cmd::kVendor, oem::vendor::kConsoleLog, consoleLog);
 }
 
 void initState(const Profile &p, nlohmann::json &state)

@@ -20,8 +20,10 @@
 //   entries, the text size, the first chunk's length and the follow-up handle. Every chunk
 //   counts its own terminator in the text size and in the follow-up's remaining length, so a
 //   buffer of the text size holds the chunks as they arrive.
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
+#include <string_view>
 
 #include "controller.h"
 #include "sel_model.h"
@@ -33,12 +35,7 @@ using nlohmann::json;
 using sel::Log;
 using sel::Model;
 
-constexpr uint8_t kOemCommand = 0xF5;
-constexpr uint8_t kGetErrorCode = 0x72;
-constexpr uint8_t kGetTextChunk = 0x73;
-constexpr uint8_t kGetEntryText = 0x45;
-constexpr uint8_t kGetFollowUp = 0x71;
-constexpr uint8_t kGetEntryAsText = 0x89;
+namespace vendor = tvx::oem::vendor;
 // Text bytes of one 0x45 answer: 64 bytes less completion code, IANA number, 10 info bytes
 // and the length byte.
 constexpr std::size_t kEntryTextRoom = 64 - 4 - 10 - 1;
@@ -88,41 +85,46 @@ std::string timeText(uint32_t t)
 
 void getErrorCode(const Model &m, Context &ctx, const Request &req, Response &rsp)
 {
-    if (req.data.size() != 3) return rsp.fail(cc::kRequestLengthInvalid);
+    wire::Reader in = req.reader();
+    in.u8(); // the selector: there is one log
+    const uint16_t id = in.u16();
+    if (!rsp.complete(in)) return;
     Log log = openLog(m, ctx);
-    auto f = findEntry(m, log, static_cast<uint16_t>(req.data[1] | req.data[2] << 8), rsp);
+    auto f = findEntry(m, log, id, rsp);
     if (!f) return;
     rsp.append(*f->entry.code);
     rsp.u8(sel::severityFlags(f->entry.severity));
     rsp.u8(static_cast<uint8_t>(f->entry.parameters.size()));
-    for (const auto &p : f->entry.parameters) {
-        rsp.u8(static_cast<uint8_t>(p.size()));
-        rsp.append(std::span<const uint8_t>(reinterpret_cast<const uint8_t *>(p.data()), p.size()));
-    }
+    for (const auto &p : f->entry.parameters) rsp.u8(static_cast<uint8_t>(p.size())).append(p);
 }
 
 void getTextChunk(const Model &m, Context &, const Request &req, Response &rsp)
 {
-    if (req.data.size() != 10) return rsp.fail(cc::kRequestLengthInvalid);
-    sel::ErrorCode code = {req.data[0], req.data[1], req.data[2], req.data[3]};
-    uint16_t offset = static_cast<uint16_t>(req.data[4] | req.data[5] << 8);
-    uint16_t language = static_cast<uint16_t>(req.data[7] | req.data[8] << 8);
+    wire::Reader in = req.reader();
+    const wire::View codeBytes = in.bytes(std::tuple_size_v<sel::ErrorCode>);
+    const uint16_t offset = in.u16();
+    in.u8(); // the selector: there is one log
+    const uint16_t language = in.u16();
+    in.u8(); // reserved
+    if (!rsp.complete(in)) return;
+    sel::ErrorCode code;
+    std::copy(codeBytes.span().begin(), codeBytes.span().end(), code.begin());
     const sel::Message *msg = m.message(code);
     if (!msg) return rsp.fail(cc::kNotPresent);
     const std::string &text = msg->text(language);
     if (offset > text.size()) return rsp.fail(cc::kParameterOutOfRange);
     std::size_t n = std::min<std::size_t>(m.chunkSize, text.size() - offset);
-    rsp.u16(static_cast<uint16_t>(text.size()));
-    rsp.u8(static_cast<uint8_t>(n));
-    rsp.append(std::span<const uint8_t>(reinterpret_cast<const uint8_t *>(text.data()) + offset, n));
-    rsp.u8(0);
+    rsp.u16(static_cast<uint16_t>(text.size())).u8(static_cast<uint8_t>(n));
+    rsp.append(std::string_view(text).substr(offset, n)).u8(0);
 }
 
 void getEntryText(const Model &m, Context &ctx, const Request &req, Response &rsp)
 {
-    if (req.data.size() != 2) return rsp.fail(cc::kRequestLengthInvalid);
+    wire::Reader in = req.reader();
+    const uint16_t id = in.u16();
+    if (!rsp.complete(in)) return;
     Log log = openLog(m, ctx);
-    auto f = findEntry(m, log, static_cast<uint16_t>(req.data[0] | req.data[1] << 8), rsp);
+    auto f = findEntry(m, log, id, rsp);
     if (!f) return;
     std::string text = sel::compose(f->message->text(sel::kEnglish), f->entry.parameters);
     std::size_t length = std::min<std::size_t>(text.size(), 255);
@@ -132,8 +134,7 @@ void getEntryText(const Model &m, Context &ctx, const Request &req, Response &rs
     rsp.u8(static_cast<uint8_t>(f->entry.parameters.size()));
     rsp.u16(log.nextId(f->index));
     rsp.u8(static_cast<uint8_t>(length));
-    rsp.append(std::span<const uint8_t>(reinterpret_cast<const uint8_t *>(text.data()),
-                                        std::min(length, kEntryTextRoom)));
+    rsp.append(std::string_view(text).substr(0, std::min(length, kEntryTextRoom)));
 }
 
 // The follow-up texts waiting in the machine state, oldest first:
@@ -187,13 +188,18 @@ uint8_t keepFollowUp(Log &log, const std::string &text, std::size_t at, std::siz
 
 void getEntryAsText(const Model &m, Context &ctx, const Request &req, Response &rsp)
 {
-    if (req.data.size() != 9) return rsp.fail(cc::kRequestLengthInvalid);
+    wire::Reader in = req.reader();
+    in.u8(); // the selector: there is one log
+    const uint16_t id = in.u16();
+    const uint8_t form = in.u8();
+    const uint16_t language = in.u16();
+    const uint8_t firstWanted = in.u8();
+    in.u8(); // p11, reserved
+    in.u8(); // reserved
+    if (!rsp.complete(in)) return;
     Log log = openLog(m, ctx);
-    auto f = findEntry(m, log, static_cast<uint16_t>(req.data[1] | req.data[2] << 8), rsp);
+    auto f = findEntry(m, log, id, rsp);
     if (!f) return;
-    uint8_t form = req.data[3];
-    uint16_t language = static_cast<uint16_t>(req.data[4] | req.data[5] << 8);
-    uint8_t firstWanted = req.data[6];
     uint16_t used = 0;
     std::string text = sel::compose(f->message->text(language ? language : sel::kEnglish, &used), f->entry.parameters);
     if ((form & 0x01) && sel::hasTimestamp(f->entry.type())) text = timeText(f->entry.timestamp()) + text;
@@ -218,17 +224,18 @@ void getEntryAsText(const Model &m, Context &ctx, const Request &req, Response &
     rsp.u16(static_cast<uint16_t>(size));
     rsp.u8(static_cast<uint8_t>(head.size() + 1));
     rsp.u8(handle);
-    rsp.append(std::span<const uint8_t>(reinterpret_cast<const uint8_t *>(head.data()), head.size()));
-    rsp.u8(0);
+    rsp.append(head).u8(0);
 }
 
 void getFollowUp(const Model &m, Context &ctx, const Request &req, Response &rsp)
 {
-    if (req.data.size() != 1) return rsp.fail(cc::kRequestLengthInvalid);
+    wire::Reader in = req.reader();
+    const uint8_t handle = in.u8();
+    if (!rsp.complete(in)) return;
     Log log = openLog(m, ctx);
     json &list = handles(log);
     for (auto it = list.begin(); it != list.end(); ++it) {
-        if (!validHandle(*it) || (*it)["handle"] != req.data[0]) continue;
+        if (!validHandle(*it) || (*it)["handle"] != handle) continue;
         const std::string &text = (*it)["text"].get_ref<const std::string &>();
         std::size_t at = (*it)["at"].get<std::size_t>(), size = (*it)["chunk"].get<std::size_t>();
         std::string chunk = text.substr(at, size);
@@ -237,10 +244,8 @@ void getFollowUp(const Model &m, Context &ctx, const Request &req, Response &rsp
         if (remaining == 0) list.erase(it);
         else (*it)["at"] = at;
         ctx.changed();
-        rsp.u16(static_cast<uint16_t>(remaining));
-        rsp.u8(static_cast<uint8_t>(chunk.size() + 1));
-        rsp.append(std::span<const uint8_t>(reinterpret_cast<const uint8_t *>(chunk.data()), chunk.size()));
-        rsp.u8(0);
+        rsp.u16(static_cast<uint16_t>(remaining)).u8(static_cast<uint8_t>(chunk.size() + 1));
+        rsp.append(chunk).u8(0);
         return;
     }
     rsp.fail(cc::kNotPresent);
@@ -252,14 +257,14 @@ void installEventTextHandlers(Controller &c, std::shared_ptr<const Model> model)
 {
     using Fn = void (*)(const Model &, Context &, const Request &, Response &);
     auto on = [&](uint8_t sub, Fn fn) {
-        c.onOemSub(kOemCommand, sub,
+        c.onOemSub(tvx::oem::cmd::kVendor, sub,
                    [model, fn](Context &ctx, const Request &req, Response &rsp) { fn(*model, ctx, req, rsp); });
     };
-    on(kGetErrorCode, getErrorCode);
-    on(kGetTextChunk, getTextChunk);
-    on(kGetEntryText, getEntryText);
-    on(kGetFollowUp, getFollowUp);
-    on(kGetEntryAsText, getEntryAsText);
+    on(vendor::kGetErrorCode, getErrorCode);
+    on(vendor::kGetTextChunk, getTextChunk);
+    on(vendor::kGetEntryText, getEntryText);
+    on(vendor::kGetFollowUp, getFollowUp);
+    on(vendor::kGetEntryAsText, getEntryAsText);
 }
 
 } // namespace tvxsim

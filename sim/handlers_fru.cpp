@@ -21,14 +21,14 @@
 namespace tvxsim {
 namespace {
 
-constexpr uint8_t kNetFnStorage = 0x0A;
-constexpr uint8_t kGetFruInventoryAreaInfo = 0x10;
-constexpr uint8_t kReadFruData = 0x11;
+namespace storage = tvx::cmd::storage;
 
 void areaInfo(const FruModel &m, const Request &req, Response &rsp)
 {
-    if (req.data.size() != 1) return rsp.fail(cc::kRequestLengthInvalid);
-    const FruDevice *d = m.find(req.data[0]);
+    wire::Reader in = req.reader();
+    const uint8_t device = in.u8();
+    if (!rsp.complete(in)) return;
+    const FruDevice *d = m.find(device);
     if (!d) return rsp.fail(cc::kNotPresent);
     rsp.u16(static_cast<uint16_t>(d->image.size()));
     rsp.u8(d->wordAccess ? 0x01 : 0x00);
@@ -36,12 +36,16 @@ void areaInfo(const FruModel &m, const Request &req, Response &rsp)
 
 void readData(const FruModel &m, const Context &ctx, const Request &req, Response &rsp)
 {
-    if (req.data.size() != 4) return rsp.fail(cc::kRequestLengthInvalid);
-    const FruDevice *d = m.find(req.data[0]);
+    wire::Reader in = req.reader();
+    const uint8_t device = in.u8();
+    const uint16_t offsetUnits = in.u16();
+    const uint8_t countUnits = in.u8();
+    if (!rsp.complete(in)) return;
+    const FruDevice *d = m.find(device);
     if (!d) return rsp.fail(cc::kNotPresent);
     const std::size_t unit = d->wordAccess ? 2 : 1;
-    const std::size_t offset = static_cast<std::size_t>(req.data[1] | req.data[2] << 8) * unit;
-    const std::size_t count = static_cast<std::size_t>(req.data[3]) * unit;
+    const std::size_t offset = static_cast<std::size_t>(offsetUnits) * unit;
+    const std::size_t count = static_cast<std::size_t>(countUnits) * unit;
     if (count == 0) return rsp.fail(cc::kInvalidDataField);
     if (offset >= d->image.size()) return rsp.fail(cc::kParameterOutOfRange);
     const std::size_t limit = ctx.profile.maxResponseLength;
@@ -54,9 +58,9 @@ void readData(const FruModel &m, const Context &ctx, const Request &req, Respons
 void install(Controller &c)
 {
     std::shared_ptr<const FruModel> m = fruModel(c);
-    c.on(kNetFnStorage, kGetFruInventoryAreaInfo,
+    c.on(tvx::netfn::kStorage, storage::kGetFruInventoryAreaInfo,
          [m](Context &, const Request &req, Response &rsp) { areaInfo(*m, req, rsp); });
-    c.on(kNetFnStorage, kReadFruData,
+    c.on(tvx::netfn::kStorage, storage::kReadFruData,
          [m](Context &ctx, const Request &req, Response &rsp) { readData(*m, ctx, req, rsp); });
 }
 

@@ -19,19 +19,18 @@
 namespace tvxsim {
 namespace {
 
-constexpr uint8_t kNetFnApp = 0x06;
-constexpr uint8_t kNetFnTransport = 0x0C;
-constexpr uint8_t kCurrentChannel = 0x0E;
+namespace lan = tvx::lan;
+constexpr uint8_t kCurrentChannel = lan::kCurrentChannel;
 constexpr uint8_t kParameterRevision = 0x11;
 
 // LAN configuration completion codes.
-constexpr uint8_t kParameterNotSupported = 0x80;
-constexpr uint8_t kSetInProgressBusy = 0x81;
-constexpr uint8_t kReadOnlyParameter = 0x82;
+constexpr uint8_t kParameterNotSupported = cc::lan::kParameterNotSupported;
+constexpr uint8_t kSetInProgressBusy = cc::lan::kSetInProgressElsewhere;
+constexpr uint8_t kReadOnlyParameter = cc::lan::kReadOnlyParameter;
 
-constexpr uint8_t kIpmiIana[3] = {0xF2, 0x1B, 0x00}; // 7154, the IPMI forum
+constexpr uint32_t kIpmiIana = 7154; // the IPMI forum
 
-constexpr uint8_t kSetInProgress = 0, kAuthTypeSupport = 1;
+constexpr uint8_t kSetInProgress = lan::kSetInProgress, kAuthTypeSupport = lan::kAuthTypeSupport;
 
 enum class Form { Ipv4, Mac, Byte };
 
@@ -43,8 +42,9 @@ struct Parameter {
 };
 
 constexpr Parameter kParameters[] = {
-    {3, "ip_address", Form::Ipv4, 4},      {4, "address_source", Form::Byte, 1}, {5, "mac_address", Form::Mac, 6},
-    {6, "subnet_mask", Form::Ipv4, 4},     {12, "default_gateway", Form::Ipv4, 4}, {13, "gateway_mac", Form::Mac, 6},
+    {lan::kIpAddress, "ip_address", Form::Ipv4, 4},           {lan::kAddressSource, "address_source", Form::Byte, 1},
+    {lan::kMacAddress, "mac_address", Form::Mac, 6},          {lan::kSubnetMask, "subnet_mask", Form::Ipv4, 4},
+    {lan::kDefaultGateway, "default_gateway", Form::Ipv4, 4}, {lan::kDefaultGatewayMac, "gateway_mac", Form::Mac, 6},
 };
 
 const Parameter *findParameter(uint8_t selector)
@@ -57,12 +57,12 @@ const Parameter *findParameter(uint8_t selector)
 std::vector<uint8_t> profileValue(const LanAddresses &a, uint8_t selector)
 {
     switch (selector) {
-    case 3: return {a.ip.begin(), a.ip.end()};
-    case 4: return {a.addressSource};
-    case 5: return {a.mac.begin(), a.mac.end()};
-    case 6: return {a.subnetMask.begin(), a.subnetMask.end()};
-    case 12: return {a.gateway.begin(), a.gateway.end()};
-    case 13: return {a.gatewayMac.begin(), a.gatewayMac.end()};
+    case lan::kIpAddress: return {a.ip.begin(), a.ip.end()};
+    case lan::kAddressSource: return {a.addressSource};
+    case lan::kMacAddress: return {a.mac.begin(), a.mac.end()};
+    case lan::kSubnetMask: return {a.subnetMask.begin(), a.subnetMask.end()};
+    case lan::kDefaultGateway: return {a.gateway.begin(), a.gateway.end()};
+    case lan::kDefaultGatewayMac: return {a.gatewayMac.begin(), a.gatewayMac.end()};
     default: return {};
     }
 }
@@ -70,9 +70,9 @@ std::vector<uint8_t> profileValue(const LanAddresses &a, uint8_t selector)
 nlohmann::json toJson(const Parameter &p, std::span<const uint8_t> v)
 {
     switch (p.form) {
-    case Form::Ipv4: return ipv4Text(v.data());
-    case Form::Mac: return macText(v.data());
-    case Form::Byte: return v[0];
+    case Form::Ipv4: return ipv4Text(v);
+    case Form::Mac: return macText(v);
+    case Form::Byte: return wire::Reader(v).u8();
     }
     return nullptr;
 }
@@ -116,31 +116,36 @@ bool setInProgress(const nlohmann::json &ch) { return machine::flag(ch, "set_in_
 
 void getChannelInfo(Context &ctx, const Request &req, Response &rsp)
 {
-    if (req.data.size() != 1) return rsp.fail(cc::kRequestLengthInvalid);
-    if (req.data[0] & 0xF0) return rsp.fail(cc::kInvalidDataField);
-    const ChannelSettings *c = resolveChannel(ctx, req.data[0]);
+    wire::Reader in = req.reader();
+    const uint8_t channel = in.u8();
+    if (!rsp.complete(in)) return;
+    if (channel & 0xF0) return rsp.fail(cc::kInvalidDataField);
+    const ChannelSettings *c = resolveChannel(ctx, channel);
     if (!c) return rsp.fail(cc::kInvalidDataField);
-    rsp.u8(c->number);
-    rsp.u8(c->medium);
-    rsp.u8(c->protocol);
-    rsp.u8(c->sessionSupport);
-    rsp.append(kIpmiIana);
-    rsp.append(c->auxInfo);
+    rsp.u8(c->number).u8(c->medium).u8(c->protocol).u8(c->sessionSupport).u24(kIpmiIana).append(c->auxInfo);
 }
 
 void getLanConfig(Context &ctx, const Request &req, Response &rsp)
 {
-    if (req.data.size() != 4) return rsp.fail(cc::kRequestLengthInvalid);
-    const bool revisionOnly = req.data[0] & 0x80;
-    if (req.data[0] & 0x70) return rsp.fail(cc::kInvalidDataField);
-    const ChannelSettings *c = resolveChannel(ctx, req.data[0] & 0x0F);
+    wire::Reader in = req.reader();
+    const uint8_t channel = in.u8(), selector = in.u8();
+    in.skip(2); // set and block selectors: no parameter here has sets or blocks
+    if (!rsp.complete(in)) return;
+    const bool revisionOnly = channel & 0x80;
+    if (channel & 0x70) return rsp.fail(cc::kInvalidDataField);
+    const ChannelSettings *c = resolveChannel(ctx, channel & 0x0F);
     if (!c || c->medium != kMediumLan) return rsp.fail(cc::kInvalidDataField);
-    const uint8_t selector = req.data[1];
     rsp.u8(kParameterRevision);
     if (revisionOnly) return;
     const nlohmann::json &ch = channelState(ctx, c->number);
-    if (selector == kSetInProgress) return rsp.u8(setInProgress(ch) ? 0x01 : 0x00);
-    if (selector == kAuthTypeSupport) return rsp.u8(c->lan.authTypeSupport);
+    if (selector == kSetInProgress) {
+        rsp.u8(setInProgress(ch) ? lan::kInProgress : lan::kSetComplete);
+        return;
+    }
+    if (selector == kAuthTypeSupport) {
+        rsp.u8(c->lan.authTypeSupport);
+        return;
+    }
     const Parameter *p = findParameter(selector);
     if (!p) return rsp.fail(kParameterNotSupported);
     rsp.append(fromJson(*p, ch, profileValue(c->lan, selector)));
@@ -173,39 +178,43 @@ void setProgress(Context &ctx, nlohmann::json &ch, uint8_t value, Response &rsp)
 
 void setLanConfig(Context &ctx, const Request &req, Response &rsp)
 {
-    if (req.data.size() < 2) return rsp.fail(cc::kRequestLengthInvalid);
-    if (req.data[0] & 0xF0) return rsp.fail(cc::kInvalidDataField);
-    const ChannelSettings *c = resolveChannel(ctx, req.data[0] & 0x0F);
+    wire::Reader in = req.reader();
+    const uint8_t channel = in.u8(), selector = in.u8();
+    if (!in.ok()) return rsp.fail(cc::kRequestLengthInvalid);
+    if (channel & 0xF0) return rsp.fail(cc::kInvalidDataField);
+    const ChannelSettings *c = resolveChannel(ctx, channel & 0x0F);
     if (!c || c->medium != kMediumLan) return rsp.fail(cc::kInvalidDataField);
-    const uint8_t selector = req.data[1];
-    std::span<const uint8_t> data = req.data.subspan(2);
     nlohmann::json &ch = channelState(ctx, c->number);
     if (selector == kSetInProgress) {
-        if (data.size() != 1) return rsp.fail(cc::kRequestLengthInvalid);
-        return setProgress(ctx, ch, data[0], rsp);
+        const uint8_t value = in.u8();
+        if (!rsp.complete(in)) return;
+        return setProgress(ctx, ch, value, rsp);
     }
     if (selector == kAuthTypeSupport) return rsp.fail(kReadOnlyParameter);
     const Parameter *p = findParameter(selector);
     if (!p) return rsp.fail(kParameterNotSupported);
-    if (data.size() != p->length) return rsp.fail(cc::kRequestLengthInvalid);
-    if (selector == 4 && data[0] > 4) return rsp.fail(cc::kInvalidDataField);      // address source
-    if (selector == 5 && (data[0] & 0x01)) return rsp.fail(cc::kInvalidDataField); // multicast MAC
-    if (selector == 6 && !contiguousMask(data.data())) return rsp.fail(cc::kInvalidDataField);
+    const wire::View data = in.bytes(p->length);
+    if (!rsp.complete(in)) return;
+    // The first byte of the data: the address source, or the MAC address's first octet.
+    const uint8_t first = wire::Reader(data).u8();
+    if (selector == lan::kAddressSource && first > 4) return rsp.fail(cc::kInvalidDataField);
+    if (selector == lan::kMacAddress && (first & 0x01)) return rsp.fail(cc::kInvalidDataField); // multicast
+    if (selector == lan::kSubnetMask && !contiguousMask(data.span())) return rsp.fail(cc::kInvalidDataField);
     if (setInProgress(ch)) {
         nlohmann::json &pending = ch["pending"];
         if (!pending.is_object()) pending = nlohmann::json::object();
-        pending[p->key] = toJson(*p, data);
+        pending[p->key] = toJson(*p, data.span());
     } else {
-        ch[p->key] = toJson(*p, data);
+        ch[p->key] = toJson(*p, data.span());
     }
     ctx.changed();
 }
 
 void install(Controller &c)
 {
-    c.on(kNetFnApp, 0x42, getChannelInfo);
-    c.on(kNetFnTransport, 0x01, setLanConfig);
-    c.on(kNetFnTransport, 0x02, getLanConfig);
+    c.on(tvx::netfn::kApp, tvx::cmd::app::kGetChannelInfo, getChannelInfo);
+    c.on(tvx::netfn::kTransport, tvx::cmd::transport::kSetLanConfig, setLanConfig);
+    c.on(tvx::netfn::kTransport, tvx::cmd::transport::kGetLanConfig, getLanConfig);
 }
 
 void initState(const Profile &p, nlohmann::json &state)

@@ -19,11 +19,7 @@
 namespace tvxsim {
 namespace {
 
-constexpr uint8_t kNetFnStorage = 0x0A;
-constexpr uint8_t kGetSdrRepositoryInfo = 0x20;
-constexpr uint8_t kGetSdrRepositoryAllocationInfo = 0x21;
-constexpr uint8_t kReserveSdrRepository = 0x22;
-constexpr uint8_t kGetSdr = 0x23;
+namespace storage = tvx::cmd::storage;
 constexpr uint8_t kSdrVersion = 0x51;
 
 // The repository's reservation lives in the machine state, so that programs sharing the
@@ -39,7 +35,7 @@ uint16_t currentReservation(const nlohmann::json &state)
 
 void getRepositoryInfo(const SdrModel &m, const Request &req, Response &rsp)
 {
-    if (!req.data.empty()) return rsp.fail(cc::kRequestLengthInvalid);
+    if (!rsp.complete(req.reader())) return;
     const RepositoryOptions &o = m.options;
     uint32_t freeBytes = (o.units - m.usedUnits) * static_cast<uint32_t>(o.unitSize);
     rsp.u8(kSdrVersion);
@@ -52,7 +48,7 @@ void getRepositoryInfo(const SdrModel &m, const Request &req, Response &rsp)
 
 void getAllocationInfo(const SdrModel &m, const Request &req, Response &rsp)
 {
-    if (!req.data.empty()) return rsp.fail(cc::kRequestLengthInvalid);
+    if (!rsp.complete(req.reader())) return;
     const RepositoryOptions &o = m.options;
     uint16_t freeUnits = static_cast<uint16_t>(o.units - m.usedUnits);
     rsp.u16(o.units);
@@ -64,7 +60,7 @@ void getAllocationInfo(const SdrModel &m, const Request &req, Response &rsp)
 
 void reserve(Context &ctx, const Request &req, Response &rsp)
 {
-    if (!req.data.empty()) return rsp.fail(cc::kRequestLengthInvalid);
+    if (!rsp.complete(req.reader())) return;
     nlohmann::json &sdr = ctx.state["sdr"];
     if (!sdr.is_object()) sdr = nlohmann::json::object();
     uint16_t last = 0;
@@ -81,14 +77,15 @@ void reserve(Context &ctx, const Request &req, Response &rsp)
 
 void getSdr(const SdrModel &m, Context &ctx, const Request &req, Response &rsp)
 {
-    if (req.data.size() != 6) return rsp.fail(cc::kRequestLengthInvalid);
-    uint16_t reservation = static_cast<uint16_t>(req.data[0] | req.data[1] << 8);
-    uint16_t recordId = static_cast<uint16_t>(req.data[2] | req.data[3] << 8);
-    uint8_t offset = req.data[4];
-    uint8_t count = req.data[5];
+    wire::Reader in = req.reader();
+    const uint16_t reservation = in.u16();
+    const uint16_t recordId = in.u16();
+    const uint8_t offset = in.u8();
+    const uint8_t count = in.u8();
+    if (!rsp.complete(in)) return;
     if (offset != 0) {
         uint16_t current = currentReservation(ctx.state);
-        if (current == 0 || reservation != current) return rsp.fail(cc::kReservationInvalid);
+        if (current == 0 || reservation != current) return rsp.fail(cc::kReservationCancelled);
     }
     long index = m.indexOf(recordId);
     if (index < 0) return rsp.fail(cc::kNotPresent);
@@ -107,12 +104,12 @@ void getSdr(const SdrModel &m, Context &ctx, const Request &req, Response &rsp)
 void install(Controller &c)
 {
     std::shared_ptr<const SdrModel> m = sdrModel(c);
-    c.on(kNetFnStorage, kGetSdrRepositoryInfo,
+    c.on(tvx::netfn::kStorage, storage::kGetSdrRepositoryInfo,
          [m](Context &, const Request &req, Response &rsp) { getRepositoryInfo(*m, req, rsp); });
-    c.on(kNetFnStorage, kGetSdrRepositoryAllocationInfo,
+    c.on(tvx::netfn::kStorage, storage::kGetSdrRepositoryAllocInfo,
          [m](Context &, const Request &req, Response &rsp) { getAllocationInfo(*m, req, rsp); });
-    c.on(kNetFnStorage, kReserveSdrRepository, reserve);
-    c.on(kNetFnStorage, kGetSdr, [m](Context &ctx, const Request &req, Response &rsp) { getSdr(*m, ctx, req, rsp); });
+    c.on(tvx::netfn::kStorage, storage::kReserveSdrRepository, reserve);
+    c.on(tvx::netfn::kStorage, storage::kGetSdr, [m](Context &ctx, const Request &req, Response &rsp) { getSdr(*m, ctx, req, rsp); });
 }
 
 void initState(const Profile &, nlohmann::json &state)

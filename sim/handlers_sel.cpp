@@ -11,23 +11,24 @@
 //   the profile's max_read_bytes answers 0xCA, so readers fall back to partial reads.
 // - Clear SEL erases at once: initiate (0xAA) and get status (0x00) both answer 0x01,
 //   erase completed. A clear cancels the reservation.
+#include <algorithm>
+#include <iterator>
+
 #include "controller.h"
 #include "sel_model.h"
 
 namespace tvxsim {
 namespace {
 
-constexpr uint8_t kNetFnStorage = 0x0A;
+namespace storage = tvx::cmd::storage;
+namespace clear = tvx::clear_sel;
 constexpr uint8_t kSelVersion = 0x51; // IPMI 2.0 (and 1.5) SEL
 constexpr uint8_t kOverflow = 0x80;
 constexpr uint8_t kReserveSupported = 0x02;
 constexpr uint8_t kAllocInfoSupported = 0x01;
-constexpr uint8_t kEraseCompleted = 0x01;
 
 using sel::Log;
 using sel::Model;
-
-uint16_t u16(std::span<const uint8_t> d, std::size_t at) { return static_cast<uint16_t>(d[at] | d[at + 1] << 8); }
 
 uint16_t freeUnits(const Model &m, const Log &log)
 {
@@ -36,7 +37,7 @@ uint16_t freeUnits(const Model &m, const Log &log)
 
 void getSelInfo(const Model &m, Context &ctx, const Request &req, Response &rsp)
 {
-    if (!req.data.empty()) return rsp.fail(cc::kRequestLengthInvalid);
+    if (!rsp.complete(req.reader())) return;
     Log log = openLog(m, ctx);
     uint32_t freeBytes = static_cast<uint32_t>(freeUnits(m, log)) * sel::kRecordSize;
     rsp.u8(kSelVersion);
@@ -49,7 +50,7 @@ void getSelInfo(const Model &m, Context &ctx, const Request &req, Response &rsp)
 
 void getAllocationInfo(const Model &m, Context &ctx, const Request &req, Response &rsp)
 {
-    if (!req.data.empty()) return rsp.fail(cc::kRequestLengthInvalid);
+    if (!rsp.complete(req.reader())) return;
     Log log = openLog(m, ctx);
     // One record per allocation unit: every free unit is also a block large enough.
     rsp.u16(m.capacity);
@@ -61,7 +62,7 @@ void getAllocationInfo(const Model &m, Context &ctx, const Request &req, Respons
 
 void reserveSel(const Model &m, Context &ctx, const Request &req, Response &rsp)
 {
-    if (!req.data.empty()) return rsp.fail(cc::kRequestLengthInvalid);
+    if (!rsp.complete(req.reader())) return;
     Log log = openLog(m, ctx);
     rsp.u16(log.reserve());
     ctx.changed();
@@ -69,12 +70,13 @@ void reserveSel(const Model &m, Context &ctx, const Request &req, Response &rsp)
 
 void getSelEntry(const Model &m, Context &ctx, const Request &req, Response &rsp)
 {
-    if (req.data.size() != 6) return rsp.fail(cc::kRequestLengthInvalid);
+    wire::Reader in = req.reader();
+    const uint16_t reservation = in.u16(), id = in.u16();
+    const uint8_t offset = in.u8(), wanted = in.u8();
+    if (!rsp.complete(in)) return;
     Log log = openLog(m, ctx);
-    uint16_t reservation = u16(req.data, 0), id = u16(req.data, 2);
-    uint8_t offset = req.data[4], wanted = req.data[5];
     if ((offset != 0 || reservation != 0) && (reservation == 0 || reservation != log.reservation()))
-        return rsp.fail(cc::kReservationInvalid);
+        return rsp.fail(cc::kReservationCancelled);
     long index = log.indexOf(id);
     if (index < 0) return rsp.fail(cc::kNotPresent);
     if (offset >= sel::kRecordSize) return rsp.fail(cc::kParameterOutOfRange);
@@ -88,7 +90,9 @@ void getSelEntry(const Model &m, Context &ctx, const Request &req, Response &rsp
 
 void addSelEntry(const Model &m, Context &ctx, const Request &req, Response &rsp)
 {
-    if (req.data.size() != sel::kRecordSize) return rsp.fail(cc::kRequestLengthInvalid);
+    wire::Reader in = req.reader();
+    const wire::View record = in.bytes(sel::kRecordSize);
+    if (!rsp.complete(in)) return;
     Log log = openLog(m, ctx);
     if (log.size() >= m.capacity) {
         if (!log.overflow()) {
@@ -98,7 +102,7 @@ void addSelEntry(const Model &m, Context &ctx, const Request &req, Response &rsp
         return rsp.fail(cc::kOutOfSpace);
     }
     sel::Entry e;
-    std::copy(req.data.begin(), req.data.end(), e.record.begin());
+    std::copy(record.span().begin(), record.span().end(), e.record.begin());
     uint32_t now = log.now();
     if (e.type() == sel::kSystemEvent || (sel::isOemTimed(e.type()) && e.timestamp() == 0)) e.setTimestamp(now);
     m.label(e);
@@ -110,49 +114,53 @@ void addSelEntry(const Model &m, Context &ctx, const Request &req, Response &rsp
 
 void clearSel(const Model &m, Context &ctx, const Request &req, Response &rsp)
 {
-    if (req.data.size() != 6) return rsp.fail(cc::kRequestLengthInvalid);
+    wire::Reader in = req.reader();
+    const uint16_t reservation = in.u16();
+    const wire::View guard = in.bytes(sizeof clear::kGuard);
+    const uint8_t action = in.u8();
+    if (!rsp.complete(in)) return;
     Log log = openLog(m, ctx);
-    uint16_t reservation = u16(req.data, 0);
-    if (reservation == 0 || reservation != log.reservation()) return rsp.fail(cc::kReservationInvalid);
-    if (req.data[2] != 'C' || req.data[3] != 'L' || req.data[4] != 'R') return rsp.fail(cc::kInvalidDataField);
-    uint8_t action = req.data[5];
-    if (action == 0xAA) {
+    if (reservation == 0 || reservation != log.reservation()) return rsp.fail(cc::kReservationCancelled);
+    if (!std::equal(guard.span().begin(), guard.span().end(), std::begin(clear::kGuard)))
+        return rsp.fail(cc::kInvalidDataField);
+    if (action == clear::kInitiate) {
         log.clear();
         log.setLastErase(log.now());
         log.setOverflow(false);
         log.cancelReservation();
         ctx.changed();
-    } else if (action != 0x00) {
+    } else if (action != clear::kGetStatus) {
         return rsp.fail(cc::kInvalidDataField);
     }
-    rsp.u8(kEraseCompleted);
+    rsp.u8(clear::kEraseCompleted);
 }
 
 void getSelTime(const Model &m, Context &ctx, const Request &req, Response &rsp)
 {
-    if (!req.data.empty()) return rsp.fail(cc::kRequestLengthInvalid);
+    if (!rsp.complete(req.reader())) return;
     rsp.u32(openLog(m, ctx).now());
 }
 
 void setSelTime(const Model &m, Context &ctx, const Request &req, Response &rsp)
 {
-    if (req.data.size() != 4) return rsp.fail(cc::kRequestLengthInvalid);
-    uint32_t t = static_cast<uint32_t>(req.data[0]) | static_cast<uint32_t>(req.data[1]) << 8 |
-                 static_cast<uint32_t>(req.data[2]) << 16 | static_cast<uint32_t>(req.data[3]) << 24;
+    wire::Reader in = req.reader();
+    const uint32_t t = in.u32();
+    if (!rsp.complete(in)) return;
     openLog(m, ctx).setTime(t);
     ctx.changed();
 }
 
 void getUtcOffset(const Model &m, Context &ctx, const Request &req, Response &rsp)
 {
-    if (!req.data.empty()) return rsp.fail(cc::kRequestLengthInvalid);
+    if (!rsp.complete(req.reader())) return;
     rsp.u16(static_cast<uint16_t>(openLog(m, ctx).utcOffset()));
 }
 
 void setUtcOffset(const Model &m, Context &ctx, const Request &req, Response &rsp)
 {
-    if (req.data.size() != 2) return rsp.fail(cc::kRequestLengthInvalid);
-    int16_t minutes = static_cast<int16_t>(u16(req.data, 0));
+    wire::Reader in = req.reader();
+    const int16_t minutes = static_cast<int16_t>(in.u16());
+    if (!rsp.complete(in)) return;
     if ((minutes < -1440 || minutes > 1440) && minutes != sel::kUtcOffsetUnspecified)
         return rsp.fail(cc::kParameterOutOfRange);
     openLog(m, ctx).setUtcOffset(minutes);
@@ -166,18 +174,19 @@ void install(Controller &c)
     // Parsed once per controller; a bad "sel" or "event_texts" stops the machine from starting.
     auto model = std::make_shared<const Model>(sel::parseModel(c.profile()));
     auto on = [&](uint8_t command, SelHandler fn) {
-        c.on(kNetFnStorage, command, [model, fn](Context &ctx, const Request &req, Response &rsp) { fn(*model, ctx, req, rsp); });
+        c.on(tvx::netfn::kStorage, command,
+             [model, fn](Context &ctx, const Request &req, Response &rsp) { fn(*model, ctx, req, rsp); });
     };
-    on(0x40, getSelInfo);
-    on(0x41, getAllocationInfo);
-    on(0x42, reserveSel);
-    on(0x43, getSelEntry);
-    on(0x44, addSelEntry);
-    on(0x47, clearSel);
-    on(0x48, getSelTime);
-    on(0x49, setSelTime);
-    on(0x5C, getUtcOffset);
-    on(0x5D, setUtcOffset);
+    on(storage::kGetSelInfo, getSelInfo);
+    on(storage::kGetSelAllocInfo, getAllocationInfo);
+    on(storage::kReserveSel, reserveSel);
+    on(storage::kGetSelEntry, getSelEntry);
+    on(storage::kAddSelEntry, addSelEntry);
+    on(storage::kClearSel, clearSel);
+    on(storage::kGetSelTime, getSelTime);
+    on(storage::kSetSelTime, setSelTime);
+    on(storage::kGetSelTimeUtcOffset, getUtcOffset);
+    on(storage::kSetSelTimeUtcOffset, setUtcOffset);
     installEventTextHandlers(c, model);
 }
 

@@ -7,15 +7,10 @@
 namespace tvxsim {
 namespace {
 
-constexpr uint8_t kNetFnSensor = 0x04;
-constexpr uint8_t kGetSensorHysteresis = 0x25;
-constexpr uint8_t kGetSensorThresholds = 0x27;
-constexpr uint8_t kGetSensorReading = 0x2D;
+namespace sensor = tvx::cmd::sensor;
+namespace reading = tvx::sensor_reading;
 
-constexpr uint8_t kFlagEvents = 0x80;
-constexpr uint8_t kFlagScanning = 0x40;
-constexpr uint8_t kFlagUnavailable = 0x20;
-constexpr uint8_t kReservedAsOne = 0x80; // bit 7 of the last state byte reads as 1
+constexpr uint16_t kReservedAsOne = 0x8000; // bit 7 of the last state byte reads as 1
 
 // Get Sensor Reading: the reading, the flags and the state. A threshold-based sensor answers
 // one state byte, its threshold comparison status (bits 7..6 read as 1); a discrete sensor
@@ -23,12 +18,15 @@ constexpr uint8_t kReservedAsOne = 0x80; // bit 7 of the last state byte reads a
 // carries neither a reading nor asserted states.
 void getReading(const SdrModel &m, Context &ctx, const Request &req, Response &rsp)
 {
-    if (req.data.size() != 1) return rsp.fail(cc::kRequestLengthInvalid);
-    const SensorDef *s = m.find(req.lun, req.data[0]);
+    wire::Reader in = req.reader();
+    const uint8_t number = in.u8();
+    if (!rsp.complete(in)) return;
+    const SensorDef *s = m.find(req.lun, number);
     if (!s) return rsp.fail(cc::kNotPresent);
     SensorNow now = sensorNow(*s, ctx.state);
-    uint8_t flags = static_cast<uint8_t>((now.events ? kFlagEvents : 0) | (now.scanning ? kFlagScanning : 0) |
-                                         (now.unavailable ? kFlagUnavailable : 0));
+    uint8_t flags = static_cast<uint8_t>((now.events ? reading::kEventsEnabled : 0) |
+                                         (now.scanning ? reading::kScanningEnabled : 0) |
+                                         (now.unavailable ? reading::kUnavailable : 0));
     rsp.u8(now.unavailable ? 0x00 : now.reading);
     rsp.u8(flags);
     if (s->thresholdBased()) {
@@ -36,16 +34,17 @@ void getReading(const SdrModel &m, Context &ctx, const Request &req, Response &r
         return;
     }
     uint16_t state = now.unavailable ? 0 : now.state;
-    rsp.u8(static_cast<uint8_t>(state));
-    rsp.u8(static_cast<uint8_t>(kReservedAsOne | (state >> 8 & 0x7F)));
+    rsp.u16(static_cast<uint16_t>(kReservedAsOne | (state & 0x7FFF)));
 }
 
 // Get Sensor Thresholds: the readable mask, then LNC, LC, LNR, UNC, UC, UNR (0 where not
 // readable). Discrete sensors have no thresholds: 0xCD.
 void getThresholds(const SdrModel &m, const Request &req, Response &rsp)
 {
-    if (req.data.size() != 1) return rsp.fail(cc::kRequestLengthInvalid);
-    const SensorDef *s = m.find(req.lun, req.data[0]);
+    wire::Reader in = req.reader();
+    const uint8_t number = in.u8();
+    if (!rsp.complete(in)) return;
+    const SensorDef *s = m.find(req.lun, number);
     if (!s) return rsp.fail(cc::kNotPresent);
     if (!s->thresholdBased()) return rsp.fail(cc::kIllegalForType);
     rsp.u8(s->readableMask);
@@ -59,8 +58,11 @@ void getThresholds(const SdrModel &m, const Request &req, Response &rsp)
 // negative-going hysteresis out. Discrete sensors have none: 0xCD.
 void getHysteresis(const SdrModel &m, const Request &req, Response &rsp)
 {
-    if (req.data.size() != 2) return rsp.fail(cc::kRequestLengthInvalid);
-    const SensorDef *s = m.find(req.lun, req.data[0]);
+    wire::Reader in = req.reader();
+    const uint8_t number = in.u8();
+    in.u8(); // reserved
+    if (!rsp.complete(in)) return;
+    const SensorDef *s = m.find(req.lun, number);
     if (!s) return rsp.fail(cc::kNotPresent);
     if (!s->thresholdBased()) return rsp.fail(cc::kIllegalForType);
     rsp.u8(s->hysteresisPositive);
@@ -70,11 +72,11 @@ void getHysteresis(const SdrModel &m, const Request &req, Response &rsp)
 void install(Controller &c)
 {
     std::shared_ptr<const SdrModel> m = sdrModel(c);
-    c.on(kNetFnSensor, kGetSensorReading,
+    c.on(tvx::netfn::kSensorEvent, sensor::kGetSensorReading,
          [m](Context &ctx, const Request &req, Response &rsp) { getReading(*m, ctx, req, rsp); });
-    c.on(kNetFnSensor, kGetSensorThresholds,
+    c.on(tvx::netfn::kSensorEvent, sensor::kGetSensorThresholds,
          [m](Context &, const Request &req, Response &rsp) { getThresholds(*m, req, rsp); });
-    c.on(kNetFnSensor, kGetSensorHysteresis,
+    c.on(tvx::netfn::kSensorEvent, sensor::kGetSensorHysteresis,
          [m](Context &, const Request &req, Response &rsp) { getHysteresis(*m, req, rsp); });
 }
 

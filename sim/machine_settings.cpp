@@ -2,10 +2,13 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
 #include "profile.h"
+#include "tvx/hex_string.h"
+#include "tvx/wire.h"
 
 namespace tvxsim {
 
@@ -37,26 +40,29 @@ bool parseMac(const std::string &text, std::array<uint8_t, 6> &out)
     return true;
 }
 
-std::string ipv4Text(const uint8_t *b)
+std::string ipv4Text(std::span<const uint8_t> b)
 {
+    tvx::wire::Reader in{tvx::wire::View(b)};
+    const unsigned a = in.u8(), c = in.u8(), d = in.u8(), e = in.u8();
     char buf[16];
-    std::snprintf(buf, sizeof buf, "%u.%u.%u.%u", b[0], b[1], b[2], b[3]);
+    std::snprintf(buf, sizeof buf, "%u.%u.%u.%u", a, c, d, e);
     return buf;
 }
 
-std::string macText(const uint8_t *b)
-{
-    char buf[18];
-    std::snprintf(buf, sizeof buf, "%02x:%02x:%02x:%02x:%02x:%02x", b[0], b[1], b[2], b[3], b[4], b[5]);
-    return buf;
-}
+std::string macText(std::span<const uint8_t> b) { return tvx::hexBytes(b.first(std::min<std::size_t>(b.size(), 6)), ':'); }
 
-bool contiguousMask(const uint8_t *b)
+bool contiguousMask(std::span<const uint8_t> b)
 {
-    uint32_t m = static_cast<uint32_t>(b[0]) << 24 | static_cast<uint32_t>(b[1]) << 16 | static_cast<uint32_t>(b[2]) << 8 | b[3];
-    // Ones followed by zeros: the complement plus one is a power of two (or zero for all ones).
-    uint32_t inverted = ~m;
-    return (inverted & (inverted + 1)) == 0;
+    // Ones followed by zeros, from the most significant bit of the first octet on.
+    bool zeroSeen = false;
+    for (uint8_t octet : b) {
+        for (int bit = 7; bit >= 0; --bit) {
+            const bool one = tvx::wire::bits(octet, static_cast<unsigned>(bit), 1);
+            if (one && zeroSeen) return false;
+            zeroSeen = zeroSeen || !one;
+        }
+    }
+    return true;
 }
 
 namespace {
@@ -292,7 +298,7 @@ ChannelSettings parseChannel(const Node &n)
     if (auto v = n.find("ip_address")) a.ip = parseAddress<4>(*v, parseIpv4, "10.20.30.40");
     if (auto v = n.find("subnet_mask")) {
         a.subnetMask = parseAddress<4>(*v, parseIpv4, "255.255.255.0");
-        if (!contiguousMask(a.subnetMask.data())) v->fail("a subnet mask is ones followed by zeros, such as 255.255.255.0");
+        if (!contiguousMask(a.subnetMask)) v->fail("a subnet mask is ones followed by zeros, such as 255.255.255.0");
     }
     if (auto v = n.find("default_gateway")) a.gateway = parseAddress<4>(*v, parseIpv4, "10.20.30.1");
     if (auto v = n.find("gateway_mac")) a.gatewayMac = parseAddress<6>(*v, parseMac, "02:00:00:14:1e:01");

@@ -7,8 +7,11 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
+
+#include "tvx/ipmi.h"
 
 namespace tvxsim {
 
@@ -64,7 +67,8 @@ struct ConsoleSettings {
 };
 
 // IPMI channel medium types.
-inline constexpr uint8_t kMediumIpmb = 0x01, kMediumLan = 0x04, kMediumSerial = 0x05, kMediumSystemInterface = 0x0C;
+inline constexpr uint8_t kMediumIpmb = 0x01, kMediumLan = tvx::lan::kMedium8023, kMediumSerial = 0x05,
+                         kMediumSystemInterface = 0x0C;
 
 struct LanAddresses {
     std::array<uint8_t, 4> ip{};
@@ -112,9 +116,9 @@ MachineSettings parseMachineSettings(const Node &root);
 // Text forms shared by the profile and the state file.
 bool parseIpv4(const std::string &text, std::array<uint8_t, 4> &out);
 bool parseMac(const std::string &text, std::array<uint8_t, 6> &out);
-std::string ipv4Text(const uint8_t *b);
-std::string macText(const uint8_t *b);
+std::string ipv4Text(std::span<const uint8_t> b);
+std::string macText(std::span<const uint8_t> b);
 // A subnet mask: ones followed by zeros.
-bool contiguousMask(const uint8_t *b);
+bool contiguousMask(std::span<const uint8_t> b);
 
 } // namespace tvxsim

@@ -1,5 +1,8 @@
 #include "machine_state.h"
 
+#include "tvx/hex_string.h"
+#include "tvx/wire.h"
+
 #include <cstdio>
 
 namespace tvxsim::machine {
@@ -28,16 +31,7 @@ uint64_t number(const nlohmann::json &object, const char *key, uint64_t fallback
     return v <= max ? v : fallback;
 }
 
-std::string hexText(std::span<const uint8_t> bytes)
-{
-    std::string s;
-    char buf[3];
-    for (uint8_t b : bytes) {
-        std::snprintf(buf, sizeof buf, "%02x", b);
-        s += buf;
-    }
-    return s;
-}
+std::string hexText(std::span<const uint8_t> bytes) { return tvx::hexBytes(bytes, 0); }
 
 bool parseHex(const std::string &text, std::vector<uint8_t> &out)
 {
@@ -87,7 +81,7 @@ std::optional<std::vector<uint8_t>> configValue(Context &ctx, uint16_t id, uint8
 bool consoleLogging(Context &ctx)
 {
     auto v = configValue(ctx, kVarConsoleLogging, 0);
-    return v && v->size() == 1 && (*v)[0] == 1;
+    return v && v->size() == 1 && tvx::wire::Reader(tvx::wire::View(*v)).u8() == 1;
 }
 
 void appendConsole(Context &ctx, const std::vector<std::string> &lines)

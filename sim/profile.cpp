@@ -7,6 +7,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "tvx/wire.h"
+
 namespace tvxsim {
 namespace {
 
@@ -178,21 +180,17 @@ std::vector<uint8_t> Node::bytes() const
 
 std::vector<uint8_t> DeviceIdentity::responseData() const
 {
-    std::vector<uint8_t> d = {
-        deviceId,
-        deviceRevision,
-        static_cast<uint8_t>((busy ? 0x80 : 0x00) | (firmwareMajor & 0x7F)),
-        firmwareMinorBcd,
-        ipmiVersionBcd,
-        additionalSupport,
-        static_cast<uint8_t>(manufacturerId & 0xFF),
-        static_cast<uint8_t>((manufacturerId >> 8) & 0xFF),
-        static_cast<uint8_t>((manufacturerId >> 16) & 0x0F),
-        static_cast<uint8_t>(productId & 0xFF),
-        static_cast<uint8_t>(productId >> 8),
-    };
-    if (auxFirmwareRevision)
-        for (uint8_t b : *auxFirmwareRevision) d.push_back(b);
+    std::vector<uint8_t> d;
+    tvx::wire::Appender(d)
+        .u8(deviceId)
+        .u8(deviceRevision)
+        .u8(static_cast<uint8_t>((busy ? 0x80 : 0x00) | (firmwareMajor & 0x7F)))
+        .u8(firmwareMinorBcd)
+        .u8(ipmiVersionBcd)
+        .u8(additionalSupport)
+        .u24(manufacturerId & 0x0FFFFF) // 20 bits: the top four are reserved
+        .u16(productId);
+    if (auxFirmwareRevision) tvx::wire::Appender(d).bytes(*auxFirmwareRevision);
     return d;
 }
 
@@ -326,7 +324,8 @@ Profile parseProfile(const std::string &text, const std::string &displayName)
     }
     Node root = p.root();
     root.allowOnly({"description", "controller", "faults", "sdr", "sensors", "fru_locators", "mc_locators",
-                    "components", "chassis", "leds", "config_space", "console", "lan", "sel", "event_texts", "fru"});
+                    "components", "chassis", "leds", "config_space", "console", "lan", "sel", "event_texts", "fru",
+                    "processors", "memory", "pci_slots", "languages"});
     if (auto d = root.find("description")) p.description = d->string();
     Node controller = root.at("controller");
     p.device = parseController(controller);

@@ -12,11 +12,9 @@
 #include <nlohmann/json.hpp>
 
 #include "machine_settings.h"
+#include "tvx/ipmi.h"
 
 namespace tvxsim {
-
-// The vendor's IANA enterprise number, as the controller answers OEM/Group requests for it.
-inline constexpr uint32_t kVendorIana = 32473;
 
 // A profile or state file that cannot be used. what() names the file, the place in it and
 // what is wrong, e.g. "machines/x.json: /controller/product_id: expected ...".
@@ -80,7 +78,7 @@ struct DeviceIdentity {
     bool busy = false;
     uint8_t ipmiVersionBcd = 0x02; // bits 3..0 major, 7..4 minor
     uint8_t additionalSupport = 0;
-    uint32_t manufacturerId = kVendorIana;
+    uint32_t manufacturerId = tvx::oem::kVendorIana;
     uint16_t productId = 0;
     std::optional<std::array<uint8_t, 4>> auxFirmwareRevision;
 
@@ -92,7 +90,7 @@ struct Profile {
     std::string file;        // as given (used in messages)
     std::string name;        // the file's base name without ".json": names the state file
     std::string description;
-    uint32_t oemIana = kVendorIana;
+    uint32_t oemIana = tvx::oem::kVendorIana; // the number OEM/Group requests are answered for
     DeviceIdentity device;
     // The longest answer the controller sends, completion code included (0: no limit beyond
     // what each command carries); reads asking for more are refused with 0xCA.

@@ -5,26 +5,27 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <utility>
 
 #include "controller.h"
+#include "tvx/hex_string.h"
+#include "tvx/records.h"
 
 namespace tvxsim {
 namespace {
 
+namespace sdr = tvx::sdr;
+namespace wire = tvx::wire;
+
 constexpr uint8_t kSdrVersion = 0x51;
-constexpr uint8_t kFullSensorRecord = 0x01;
-constexpr uint8_t kCompactSensorRecord = 0x02;
-constexpr uint8_t kFruDeviceLocator = 0x11;
-constexpr uint8_t kMcDeviceLocator = 0x12;
-constexpr std::size_t kMaxIdString = 16;
+constexpr uint8_t kFullSensorRecord = sdr::kFullSensor;
+constexpr uint8_t kCompactSensorRecord = sdr::kCompactSensor;
+constexpr uint8_t kFruDeviceLocator = sdr::kFruDeviceLocator;
+constexpr uint8_t kMcDeviceLocator = sdr::kMcDeviceLocator;
+constexpr std::size_t kMaxIdString = sdr::full::kIdString.size;
 constexpr uint16_t kMaxRecords = 0xFFFE; // 0xFFFF stands for "the last record" / "no more"
 
-std::string hex(unsigned v, int digits = 2)
-{
-    char buf[16];
-    std::snprintf(buf, sizeof buf, "0x%0*x", digits, v);
-    return buf;
-}
+std::string hex(unsigned v, int digits = 2) { return tvx::hexNumber(v, digits); }
 
 bool parseSigned(const std::string &text, int64_t &out)
 {
@@ -118,22 +119,26 @@ std::string idString(const Node &obj, const char *key, std::size_t maxLength = k
 
 void appendIdString(std::vector<uint8_t> &r, const std::string &s)
 {
-    r.push_back(static_cast<uint8_t>(0xC0 | s.size())); // type 11b: 8-bit ASCII + Latin 1
-    r.insert(r.end(), s.begin(), s.end());
+    // Type 11b: 8-bit ASCII + Latin 1.
+    wire::Appender(r)
+        .u8(static_cast<uint8_t>(0xC0 | s.size()))
+        .bytes({reinterpret_cast<const uint8_t *>(s.data()), s.size()});
 }
 
 std::vector<uint8_t> header(uint16_t id, uint8_t type)
 {
-    return {static_cast<uint8_t>(id), static_cast<uint8_t>(id >> 8), kSdrVersion, type, 0};
+    std::vector<uint8_t> r;
+    wire::Appender(r).u16(id).u8(kSdrVersion).u8(type).u8(0);
+    return r;
 }
 
-void finish(std::vector<uint8_t> &r) { r[4] = static_cast<uint8_t>(r.size() - 5); }
-
-void put16(std::vector<uint8_t> &r, uint16_t v)
+// The header's length byte: what follows the header.
+void finish(std::vector<uint8_t> &r)
 {
-    r.push_back(static_cast<uint8_t>(v));
-    r.push_back(static_cast<uint8_t>(v >> 8));
+    wire::Appender(r).put(sdr::kLength, static_cast<uint8_t>(r.size() - sdr::kHeaderSize));
 }
+
+void put16(std::vector<uint8_t> &r, uint16_t v) { wire::Appender(r).u16(v); }
 
 AnalogFormat parseFormat(const Node &n)
 {
@@ -539,16 +544,18 @@ SdrModel parseSdrModel(const Profile &profile)
         }
     }
     if (auto list = root.find("fru_locators")) {
-        std::map<uint16_t, std::string> seen;
+        std::map<std::pair<uint8_t, uint8_t>, std::string> seen;
         for (std::size_t i = 0; i < list->size(); ++i) {
             Node n = list->at(i);
             std::vector<uint8_t> bytes =
                 parseFruLocator(n, static_cast<uint16_t>(model.records.size() + 1), controllerAddress);
             // Logical FRU devices are addressed by controller and FRU ID.
-            if (bytes[7] & 0x80) {
-                uint16_t key = static_cast<uint16_t>(bytes[5] << 8 | bytes[6]);
+            const wire::View locator(bytes);
+            if (wire::bits(locator.get(sdr::fru_locator::kAccessLunBus, uint8_t{0}), 7, 1)) {
+                const std::pair<uint8_t, uint8_t> key{locator.get(sdr::fru_locator::kAccessAddress, uint8_t{0}),
+                                                      locator.get(sdr::fru_locator::kFruDeviceId, uint8_t{0})};
                 if (auto other = seen.find(key); other != seen.end())
-                    n.at("fru_id").fail("FRU device " + hex(bytes[6]) + " of controller " + hex(bytes[5]) +
+                    n.at("fru_id").fail("FRU device " + hex(key.second) + " of controller " + hex(key.first) +
                                         " is already described by " + other->second);
                 seen[key] = n.path();
             }

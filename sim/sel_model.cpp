@@ -5,19 +5,18 @@
 #include <ctime>
 #include <limits>
 
+#include "tvx/hex_string.h"
+
 namespace tvxsim::sel {
 namespace {
 
 using nlohmann::json;
+namespace field = tvx::sel;
+namespace wire = tvx::wire;
 
 const char *const kSeverityNames[4] = {"info", "minor", "major", "critical"};
 
-std::string hex2(unsigned v)
-{
-    char b[8];
-    std::snprintf(b, sizeof b, "0x%02X", v & 0xFF);
-    return b;
-}
+std::string hex2(unsigned v) { return tvx::hexNumber(v & 0xFF, 2, true); }
 
 int hexDigit(char c)
 {
@@ -160,16 +159,20 @@ std::string expand(const std::string &t, const Model &m, const Record &r)
             continue;
         }
         std::string name = t.substr(i + 1, close - i - 1);
-        uint8_t lun = r[8] & 0x03;
-        if (name == "sensor") out += r[7] == 0x20 ? m.sensorName(lun, r[11]) : "sensor " + hex2(r[11]);
-        else if (name == "number") out += hex2(r[11]);
+        const wire::View rec(r);
+        auto at = [&rec](wire::U8 f) { return rec.get(f, uint8_t{0}); };
+        const uint8_t lun = static_cast<uint8_t>(wire::bits(at(field::kGeneratorChannelLun), 0, 2));
+        const uint8_t number = at(field::kSensorNumber);
+        if (name == "sensor")
+            out += at(field::kGeneratorAddress) == 0x20 ? m.sensorName(lun, number) : "sensor " + hex2(number);
+        else if (name == "number") out += hex2(number);
         else if (name == "lun") out += std::to_string(lun);
-        else if (name == "type") out += hex2(r[10]);
-        else if (name == "event_type") out += hex2(r[12] & 0x7F);
-        else if (name == "offset") out += std::to_string(r[13] & 0x0F);
-        else if (name == "data1") out += std::to_string(r[13]);
-        else if (name == "data2") out += std::to_string(r[14]);
-        else if (name == "data3") out += std::to_string(r[15]);
+        else if (name == "type") out += hex2(at(field::kSensorType));
+        else if (name == "event_type") out += hex2(wire::bits(at(field::kEventDirType), 0, 7));
+        else if (name == "offset") out += std::to_string(wire::bits(at(field::kEventData1), 0, 4));
+        else if (name == "data1") out += std::to_string(at(field::kEventData1));
+        else if (name == "data2") out += std::to_string(at(field::kEventData2));
+        else if (name == "data3") out += std::to_string(at(field::kEventData3));
         else out += t.substr(i, close - i + 1);
         i = close;
     }
@@ -246,52 +249,55 @@ void parseRules(const Node &rules, Model &m)
 Entry parseRecord(const Node &n, const Profile &profile, const Model &m, uint16_t id)
 {
     Entry e;
-    Record &r = e.record;
+    wire::Writer r(e.record);
+    // A data run from the profile, exactly as long as the record keeps it.
+    auto putData = [&r](const Node &data, wire::Run run, const char *what) {
+        auto d = data.bytes();
+        if (d.size() != run.size)
+            data.fail(std::string("expected ") + what + ", got " + std::to_string(d.size()));
+        r.put(run, d);
+    };
     std::string type = n.at("type").string();
     if (type == "system") {
         n.allowOnly({"type", "time", "generator", "channel_lun", "revision", "sensor_type", "sensor", "event_type",
                      "direction", "data", "error_code", "severity", "parameters"});
-        r[2] = kSystemEvent;
+        r.put(field::kRecordType, kSystemEvent);
         e.setTimestamp(parseTime(n.at("time")));
-        r[7] = 0x20;
-        if (auto v = n.find("generator")) r[7] = v->byte();
-        if (auto v = n.find("channel_lun")) r[8] = v->byte();
-        r[9] = 0x04;
-        if (auto v = n.find("revision")) r[9] = v->byte();
-        r[10] = n.at("sensor_type").byte();
-        r[11] = n.at("sensor").byte();
-        r[12] = static_cast<uint8_t>(n.at("event_type").integer(0, 0x7F));
-        if (auto v = n.find("direction")) r[12] = static_cast<uint8_t>(r[12] | parseDirection(*v));
-        Node data = n.at("data");
-        auto d = data.bytes();
-        if (d.size() != 3) data.fail("expected the 3 event data bytes, got " + std::to_string(d.size()));
-        std::copy(d.begin(), d.end(), r.begin() + 13);
+        uint8_t generator = 0x20, channelLun = 0x00, revision = 0x04;
+        if (auto v = n.find("generator")) generator = v->byte();
+        if (auto v = n.find("channel_lun")) channelLun = v->byte();
+        if (auto v = n.find("revision")) revision = v->byte();
+        const uint8_t sensorType = n.at("sensor_type").byte();
+        const uint8_t sensor = n.at("sensor").byte();
+        uint8_t eventType = static_cast<uint8_t>(n.at("event_type").integer(0, 0x7F));
+        if (auto v = n.find("direction")) eventType = static_cast<uint8_t>(eventType | parseDirection(*v));
+        r.put(field::kGeneratorAddress, generator)
+            .put(field::kGeneratorChannelLun, channelLun)
+            .put(field::kEvmRevision, revision)
+            .put(field::kSensorType, sensorType)
+            .put(field::kSensorNumber, sensor)
+            .put(field::kEventDirType, eventType);
+        putData(n.at("data"), field::kEventData, "the 3 event data bytes");
     } else if (type == "oem_timestamped") {
         n.allowOnly({"type", "record_type", "time", "manufacturer_id", "data", "error_code", "severity", "parameters"});
-        r[2] = 0xC0;
-        if (auto v = n.find("record_type")) r[2] = static_cast<uint8_t>(v->integer(0xC0, 0xDF));
+        uint8_t recordType = 0xC0;
+        if (auto v = n.find("record_type")) recordType = static_cast<uint8_t>(v->integer(0xC0, 0xDF));
+        r.put(field::kRecordType, recordType);
         e.setTimestamp(parseTime(n.at("time")));
         uint32_t mfr = profile.oemIana;
         if (auto v = n.find("manufacturer_id")) mfr = static_cast<uint32_t>(v->integer(0, 0xFFFFFF));
-        r[7] = static_cast<uint8_t>(mfr);
-        r[8] = static_cast<uint8_t>(mfr >> 8);
-        r[9] = static_cast<uint8_t>(mfr >> 16);
-        Node data = n.at("data");
-        auto d = data.bytes();
-        if (d.size() != 6) data.fail("expected 6 OEM data bytes, got " + std::to_string(d.size()));
-        std::copy(d.begin(), d.end(), r.begin() + 10);
+        r.put(field::kManufacturerId, mfr);
+        putData(n.at("data"), field::kOemTimedData, "6 OEM data bytes");
     } else if (type == "oem" || type == "other") {
         n.allowOnly({"type", "record_type", "data", "error_code", "severity", "parameters"});
+        uint8_t recordType = 0xE0;
         if (type == "oem") {
-            r[2] = 0xE0;
-            if (auto v = n.find("record_type")) r[2] = static_cast<uint8_t>(v->integer(0xE0, 0xFF));
+            if (auto v = n.find("record_type")) recordType = static_cast<uint8_t>(v->integer(0xE0, 0xFF));
         } else {
-            r[2] = n.at("record_type").byte();
+            recordType = n.at("record_type").byte();
         }
-        Node data = n.at("data");
-        auto d = data.bytes();
-        if (d.size() != 13) data.fail("expected the 13 bytes from byte 3 on, got " + std::to_string(d.size()));
-        std::copy(d.begin(), d.end(), r.begin() + 3);
+        r.put(field::kRecordType, recordType);
+        putData(n.at("data"), field::kOemData, "the 13 bytes from byte 3 on");
     } else {
         n.at("type").fail("unknown record type \"" + type +
                           "\" (known: system, oem_timestamped, oem, other)");
@@ -342,44 +348,17 @@ bool inRange(const json &v, int64_t max)
     return v.is_number_integer() && v.get<int64_t>() >= 0 && v.get<int64_t>() <= max;
 }
 
-std::string recordHex(const Record &r)
-{
-    std::string s;
-    char b[4];
-    for (std::size_t i = 0; i < r.size(); ++i) {
-        std::snprintf(b, sizeof b, i ? " %02x" : "%02x", r[i]);
-        s += b;
-    }
-    return s;
-}
+std::string recordHex(const Record &r) { return tvx::hexBytes(r); }
 
 } // namespace
 
 const char *severityName(Severity s) { return kSeverityNames[static_cast<uint8_t>(s) & 3]; }
 
-std::string codeText(const ErrorCode &c)
-{
-    char b[12];
-    std::snprintf(b, sizeof b, "%02X%02X%02X%02X", c[0], c[1], c[2], c[3]);
-    return b;
-}
+std::string codeText(const ErrorCode &c) { return tvx::hexBytes(c, 0, true); }
 
-uint32_t Entry::timestamp() const
-{
-    return static_cast<uint32_t>(record[3]) | static_cast<uint32_t>(record[4]) << 8 |
-           static_cast<uint32_t>(record[5]) << 16 | static_cast<uint32_t>(record[6]) << 24;
-}
+void Entry::setId(uint16_t id) { wire::Writer(record).put(field::kRecordId, id); }
 
-void Entry::setId(uint16_t id)
-{
-    record[0] = static_cast<uint8_t>(id);
-    record[1] = static_cast<uint8_t>(id >> 8);
-}
-
-void Entry::setTimestamp(uint32_t t)
-{
-    for (int i = 0; i < 4; ++i) record[3 + i] = static_cast<uint8_t>(t >> (8 * i));
-}
+void Entry::setTimestamp(uint32_t t) { wire::Writer(record).put(field::kTimestamp, t); }
 
 const std::string &Message::text(uint16_t language, uint16_t *used) const
 {
@@ -407,18 +386,20 @@ void Model::label(Entry &e) const
     e.severity = Severity::Info;
     e.parameters.clear();
     if (e.type() != kSystemEvent) return;
-    const Record &r = e.record;
+    const wire::View r(e.record);
+    const uint8_t sensorType = r.get(field::kSensorType, uint8_t{0}), sensor = r.get(field::kSensorNumber, uint8_t{0});
+    const uint8_t eventDir = r.get(field::kEventDirType, uint8_t{0}), data1 = r.get(field::kEventData1, uint8_t{0});
     for (const EventRule &rule : rules) {
-        if (rule.sensorType && *rule.sensorType != r[10]) continue;
-        if (rule.sensor && *rule.sensor != r[11]) continue;
-        if (rule.eventType && *rule.eventType != (r[12] & 0x7F)) continue;
-        if (rule.assertion && *rule.assertion != !(r[12] & 0x80)) continue;
-        if (rule.offset && *rule.offset != (r[13] & 0x0F)) continue;
+        if (rule.sensorType && *rule.sensorType != sensorType) continue;
+        if (rule.sensor && *rule.sensor != sensor) continue;
+        if (rule.eventType && *rule.eventType != wire::bits(eventDir, 0, 7)) continue;
+        if (rule.assertion && *rule.assertion != !wire::bits(eventDir, 7, 1)) continue;
+        if (rule.offset && *rule.offset != wire::bits(data1, 0, 4)) continue;
         e.code = rule.code;
         e.severity = rule.severity ? *rule.severity : message(rule.code)->severity;
         std::size_t total = 0;
         for (const auto &t : rule.parameters) {
-            std::string p = expand(t, *this, r);
+            std::string p = expand(t, *this, e.record);
             cutUtf8(p, kMaxParameterLength); // it is kept in the state, a JSON text
             if (total + 1 + p.size() > kMaxParameterBytes) p.clear();
             total += 1 + p.size();

@@ -19,6 +19,7 @@
 #include <nlohmann/json.hpp>
 
 #include "profile.h"
+#include "tvx/records.h"
 
 namespace tvxsim {
 
@@ -27,8 +28,10 @@ struct Context;
 
 namespace sel {
 
-inline constexpr std::size_t kRecordSize = 16;
-inline constexpr uint8_t kSystemEvent = 0x02;
+using tvx::sel::hasTimestamp;
+using tvx::sel::isOemTimed;
+using tvx::sel::kRecordSize;
+using tvx::sel::kSystemEvent;
 inline constexpr uint16_t kFirst = 0x0000;
 inline constexpr uint16_t kLast = 0xFFFF;
 inline constexpr uint16_t kEnglish = 0x0409;
@@ -45,9 +48,6 @@ inline constexpr std::size_t kMaxTextLength = 2000;
 using Record = std::array<uint8_t, kRecordSize>;
 using ErrorCode = std::array<uint8_t, 4>;
 
-constexpr bool isOemTimed(uint8_t type) { return type >= 0xC0 && type <= 0xDF; }
-constexpr bool hasTimestamp(uint8_t type) { return type == kSystemEvent || isOemTimed(type); }
-
 enum class Severity : uint8_t { Info = 0, Minor = 1, Major = 2, Critical = 3 };
 const char *severityName(Severity s);
 // The flags byte of the error-code answer: the severity class in bits 4-6.
@@ -62,9 +62,9 @@ struct Entry {
     Severity severity = Severity::Info;
     std::vector<std::string> parameters;
 
-    uint16_t id() const { return static_cast<uint16_t>(record[0] | record[1] << 8); }
-    uint8_t type() const { return record[2]; }
-    uint32_t timestamp() const;
+    uint16_t id() const { return tvx::wire::View(record).get(tvx::sel::kRecordId, uint16_t{0}); }
+    uint8_t type() const { return tvx::wire::View(record).get(tvx::sel::kRecordType, uint8_t{0}); }
+    uint32_t timestamp() const { return tvx::wire::View(record).get(tvx::sel::kTimestamp, uint32_t{0}); }
     void setId(uint16_t id);
     void setTimestamp(uint32_t t);
 };
@@ -85,8 +85,8 @@ struct EventRule {
     std::optional<uint8_t> sensorType;
     std::optional<uint8_t> sensor;     // sensor number
     std::optional<uint8_t> offset;     // event data 1, bits 3..0
-    std::optional<uint8_t> eventType;  // event/reading type, bits 6..0 of byte 12
-    std::optional<bool> assertion;     // direction: bit 7 of byte 12 clear
+    std::optional<uint8_t> eventType;  // event/reading type, bits 6..0 of the event/direction byte
+    std::optional<bool> assertion;     // direction: bit 7 of the event/direction byte clear
     ErrorCode code{};
     std::optional<Severity> severity;  // else the message's
     std::vector<std::string> parameters;

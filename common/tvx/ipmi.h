@@ -90,6 +90,58 @@ inline constexpr uint8_t kGetLanConfig = 0x02;
 } // namespace transport
 } // namespace cmd
 
+// Answers are counted from the completion code (byte 0), as every layer holds them.
+inline constexpr wire::U8 kCompletionCode{0};
+inline constexpr std::size_t kAnswerData = 1; // the first data byte
+
+// Chassis Control: the action byte.
+namespace chassis_control {
+inline constexpr uint8_t kPowerDown = 0x00;
+inline constexpr uint8_t kPowerUp = 0x01;
+inline constexpr uint8_t kPowerCycle = 0x02;
+inline constexpr uint8_t kHardReset = 0x03;
+inline constexpr uint8_t kDiagnosticInterrupt = 0x04;
+inline constexpr uint8_t kSoftShutdown = 0x05;
+} // namespace chassis_control
+
+// Get Sensor Reading: the reading, its flags, and the state bits (threshold comparisons in
+// bits 5:0 of the first state byte; discrete states 0-14 in both).
+namespace sensor_reading {
+inline constexpr wire::U8 kReading{1};
+inline constexpr wire::U8 kFlags{2};
+inline constexpr wire::U8 kState0{3};
+inline constexpr wire::U8 kState1{4};
+inline constexpr wire::U16 kStates{3}; // both state bytes, when both arrived
+inline constexpr uint8_t kEventsEnabled = 0x80;
+inline constexpr uint8_t kScanningEnabled = 0x40;
+inline constexpr uint8_t kUnavailable = 0x20;
+} // namespace sensor_reading
+
+// Clear SEL: the guard bytes before the action, and the erase progress answered.
+namespace clear_sel {
+inline constexpr uint8_t kGuard[3] = {'C', 'L', 'R'};
+inline constexpr uint8_t kGetStatus = 0x00;
+inline constexpr uint8_t kInitiate = 0xAA;
+inline constexpr uint8_t kEraseCompleted = 0x01;
+} // namespace clear_sel
+
+// LAN configuration parameters (selectors), and the values of "set in progress".
+namespace lan {
+inline constexpr uint8_t kSetInProgress = 0;
+inline constexpr uint8_t kAuthTypeSupport = 1;
+inline constexpr uint8_t kIpAddress = 3;
+inline constexpr uint8_t kAddressSource = 4;
+inline constexpr uint8_t kMacAddress = 5;
+inline constexpr uint8_t kSubnetMask = 6;
+inline constexpr uint8_t kDefaultGateway = 12;
+inline constexpr uint8_t kDefaultGatewayMac = 13;
+inline constexpr uint8_t kSetComplete = 0x00;
+inline constexpr uint8_t kInProgress = 0x01;
+inline constexpr uint8_t kCommitWrite = 0x02;
+inline constexpr uint8_t kCurrentChannel = 0x0E; // the channel the request arrives on
+inline constexpr uint8_t kMedium8023 = 0x04;     // Get Channel Info: channel medium type
+} // namespace lan
+
 // Completion codes: one name per code.
 namespace cc {
 inline constexpr uint8_t kOk = 0x00;
@@ -117,6 +169,13 @@ inline constexpr uint8_t kInsufficientPrivilege = 0xD4;
 inline constexpr uint8_t kNotSupportedInState = 0xD5;
 inline constexpr uint8_t kSubFunctionDisabled = 0xD6;
 inline constexpr uint8_t kUnspecified = 0xFF;
+
+// Command-specific codes (0x80-0xBE) of the LAN configuration commands.
+namespace lan {
+inline constexpr uint8_t kParameterNotSupported = 0x80;
+inline constexpr uint8_t kSetInProgressElsewhere = 0x81; // another client holds the transaction
+inline constexpr uint8_t kReadOnlyParameter = 0x82;
+} // namespace lan
 
 // The text administrators know a completion code by (as IPMI names it).
 constexpr const char *text(uint8_t code)
@@ -157,7 +216,6 @@ constexpr const char *text(uint8_t code)
 // after the completion code and carries its payload from kPayload on.
 namespace oem {
 inline constexpr uint32_t kVendorIana = 32473;
-inline constexpr wire::U8 kCompletionCode{0};
 inline constexpr wire::U24 kIanaEcho{1};
 inline constexpr std::size_t kPayload = 4; // first payload byte of an answer
 inline constexpr std::size_t kIanaSize = 3;
@@ -165,12 +223,52 @@ inline constexpr std::size_t kIanaSize = 3;
 // A request: the IANA number followed by the given bytes, e.g. request(0x40, key0, key1).
 template <typename... Bytes> constexpr std::array<uint8_t, kIanaSize + sizeof...(Bytes)> request(Bytes... bytes)
 {
-    return {static_cast<uint8_t>(kVendorIana), static_cast<uint8_t>(kVendorIana >> 8),
-            static_cast<uint8_t>(kVendorIana >> 16), static_cast<uint8_t>(bytes)...};
+    std::array<uint8_t, kIanaSize + sizeof...(Bytes)> out{};
+    wire::Writer w(out);
+    w.u24(kVendorIana);
+    (w.u8(static_cast<uint8_t>(bytes)), ...);
+    return out;
 }
 
 // Whether an answer repeats the vendor's IANA number after its completion code.
 constexpr bool echoesIana(wire::View answer) { return answer.get(kIanaEcho) == kVendorIana; }
+
+// The vendor's commands (NetFn 0x2E).
+namespace cmd {
+inline constexpr uint8_t kPowerSource = 0x01;     // selector, 00 00 00 01, source
+inline constexpr uint8_t kGracefulControl = 0x02; // code: 0x00 shutdown, 0x01 reboot
+inline constexpr uint8_t kConfigSpace = 0xE0;     // config_space::kRead / kWrite, index, ID
+inline constexpr uint8_t kVendor = 0xF5;          // a sub-function byte first (vendor::)
+} // namespace cmd
+
+namespace power_source {
+inline constexpr uint8_t kPowerOn = 0x1B;
+inline constexpr uint8_t kPowerOff = 0x17;
+} // namespace power_source
+
+namespace config_space {
+inline constexpr uint8_t kRead = 0x01;  // INDEX ID_LO ID_HI -> LENGTH VALUE...
+inline constexpr uint8_t kWrite = 0x02; // INDEX ID_LO ID_HI LENGTH VALUE...
+inline constexpr wire::U8 kValueLength{4};
+inline constexpr std::size_t kValue = 5;
+} // namespace config_space
+
+// Sub-functions of kVendor.
+namespace vendor {
+inline constexpr uint8_t kConsoleLog = 0x09; // followed by kConsoleClear
+inline constexpr uint8_t kConsoleClear = 0x07;
+inline constexpr uint8_t kComponentStatus = 0x40;
+inline constexpr uint8_t kGetEntryText = 0x45;
+inline constexpr uint8_t kGetFollowUp = 0x71;
+inline constexpr uint8_t kGetErrorCode = 0x72;
+inline constexpr uint8_t kGetTextChunk = 0x73;
+inline constexpr uint8_t kGetEntryAsText = 0x89;
+inline constexpr uint8_t kSetIdentifyLed = 0xB0;
+inline constexpr uint8_t kGetIdentifyLed = 0xB1;
+inline constexpr uint8_t kGetErrorLed = 0xB3;
+inline constexpr uint8_t kResetConfigSpace = 0xE0; // followed by the guard 'C' 'L' 'R' 0xAA
+inline constexpr uint8_t kResetGuard[4] = {'C', 'L', 'R', 0xAA};
+} // namespace vendor
 } // namespace oem
 
 } // namespace tvx

@@ -123,6 +123,10 @@ inline constexpr U8 kIdStringType{15};
 inline constexpr Run kIdString{16, 16};
 } // namespace mc_locator
 
+// The length in bytes an ID string's type/length byte gives (bits 4:0; bits 7:6 the
+// encoding, as in the FRU's type/length fields).
+constexpr std::size_t idStringLength(uint8_t typeLength) { return typeLength & 0x1F; }
+
 // Where a record type keeps its ID string's type/length byte (the string follows it), or
 // nothing for record types without one.
 constexpr const U8 *idStringType(uint8_t recordType)
@@ -154,6 +158,8 @@ inline constexpr U32 kTimestamp{3}; // system event and timestamped OEM records
 // System event record (type 0x02).
 inline constexpr uint8_t kSystemEvent = 0x02;
 inline constexpr U16 kGeneratorId{7};
+inline constexpr U8 kGeneratorAddress{7};    // bit 0: software ID; bits 7:1 the address
+inline constexpr U8 kGeneratorChannelLun{8}; // bits 7:4 channel, bits 1:0 LUN
 inline constexpr U8 kEvmRevision{9};
 inline constexpr U8 kSensorType{10};
 inline constexpr U8 kSensorNumber{11};
@@ -165,6 +171,7 @@ inline constexpr Run kEventData{13, 3};
 
 // Timestamped OEM records (0xC0-0xDF).
 inline constexpr U24 kManufacturerId{7};
+inline constexpr Run kManufacturerIdBytes{7, 3};
 inline constexpr Run kOemTimedData{10, 6};
 // Non-timestamped OEM records (0xE0-0xFF).
 inline constexpr Run kOemData{3, 13};
@@ -210,6 +217,7 @@ inline constexpr std::size_t kFirstField = 3; // part number, serial number, cus
 namespace board {
 inline constexpr U8 kLanguage{2};
 inline constexpr U24 kMfgMinutes{3}; // minutes since 1996-01-01 00:00 UTC
+inline constexpr wire::Run kMfgDateTime{3, 3}; // the same three bytes, as they stand
 inline constexpr std::size_t kFirstField = 6; // manufacturer, product name, serial, part number, FRU file ID
 } // namespace board
 namespace product {

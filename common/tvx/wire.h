@@ -117,6 +117,15 @@ public:
         pos_ += count;
         return r;
     }
+    // The next `count` bytes, or as many as remain (the walk is then short): what arrived of
+    // a run whose length the answer itself declares.
+    constexpr View upTo(std::size_t count)
+    {
+        View r = v_.upTo(pos_, count);
+        if (r.size() < count) shortWalk();
+        else pos_ += count;
+        return r;
+    }
     constexpr Reader &skip(std::size_t count)
     {
         bytes(count);
@@ -197,6 +206,14 @@ public:
         if (f.end() > size_) size_ = f.end();
         return *this;
     }
+    // Stores bytes into a named run, at most its size; the rest of the run is left as it is.
+    constexpr Writer &put(Run r, std::span<const uint8_t> b)
+    {
+        if (!fits(r.at, r.size)) return overflow();
+        for (std::size_t i = 0; i < b.size() && i < r.size; ++i) data_[r.at + i] = b[i];
+        if (r.end() > size_) size_ = r.end();
+        return *this;
+    }
 
     constexpr std::size_t size() const { return size_; }
     constexpr bool ok() const { return ok_; }
@@ -239,6 +256,15 @@ public:
     constexpr Appender &bytes(std::span<const uint8_t> b)
     {
         out_.insert(out_.end(), b.begin(), b.end());
+        return *this;
+    }
+    // Stores a named field at its position, growing the container (with zeros) to reach it:
+    // for a length or checksum known only once the rest is appended.
+    template <typename T, std::size_t W> constexpr Appender &put(Field<T, W> f, T value)
+    {
+        if (out_.size() < f.end()) out_.resize(f.end(), 0);
+        for (std::size_t i = 0; i < W; ++i)
+            out_[f.at + i] = static_cast<uint8_t>(static_cast<uint32_t>(value) >> (8 * i));
         return *this;
     }
 

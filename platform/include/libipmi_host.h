@@ -47,7 +47,9 @@ extern "C" {
    with a message naming the file, the place in it and what is wrong. */
 IPMIHOST_API int ipmihost_select_machine(const char *profilePath, const char *stateDir);
 
-/* A target in the notation of TVX_IPMI_TARGET; stateDir as above. */
+/* A target in the notation of TVX_IPMI_TARGET; stateDir as above. A NULL or empty target is
+   the environment's choice (TVX_IPMI_TARGET, else the built-in default machine): a host hands
+   on what its user chose and leaves the precedence to this library. */
 IPMIHOST_API int ipmihost_select_target(const char *target, const char *stateDir);
 
 /* The scripted exchange: every request must have been announced with ipmihost_script_expect. */
@@ -71,7 +73,7 @@ IPMIHOST_API const char *ipmihost_state_file(void);
 /* Starts the selected machine afresh from its profile: the state file is rewritten. */
 IPMIHOST_API int ipmihost_reset_machine(void);
 
-/* Selects a machine (target notation as for ipmihost_select_target) and starts it afresh
+/* Selects a machine (target and stateDir as for ipmihost_select_target) and starts it afresh
    from its profile without reading its old state, so a corrupt state file is replaced. */
 IPMIHOST_API int ipmihost_reset_target(const char *target, const char *stateDir);
 

@@ -9,20 +9,22 @@
 #include <vector>
 
 #include "internal.h"
+#include "tvx/ipmi.h"
+#include "tvx/wire.h"
 
 namespace libipmi {
 
-namespace netfn {
-constexpr uint8_t kSensor = 0x04;
-constexpr uint8_t kStorage = 0x0A;
-} // namespace netfn
+namespace wire = tvx::wire;
+namespace netfn = tvx::netfn;
+namespace cc = tvx::cc;
 
-namespace cc {
-constexpr uint8_t kReservationCancelled = 0xC5;
-constexpr uint8_t kRequestTooLong = 0xC8;
-constexpr uint8_t kNotPresent = 0xCB;
-constexpr uint8_t kCannotReturnLength = 0xCA;
-} // namespace cc
+// The data bytes of a response (completion code first), walked field by field.
+inline wire::Reader readData(std::span<const uint8_t> response)
+{
+    wire::Reader in(response);
+    in.skip(tvx::kAnswerData);
+    return in;
+}
 
 // An answer as the operations see it. When `status` is 0 or 0x0100|cc, `bytes` holds the
 // response with the completion code first (never empty); otherwise `bytes` is empty.
@@ -32,11 +34,8 @@ struct Reply {
 
     bool ok() const { return status == LIBIPMI_STATUS_OK; }
     bool completionCode(uint8_t code) const { return status == LIBIPMI_STATUS_COMPLETION_CODE(code); }
-    // The response data after the completion code.
-    std::span<const uint8_t> data() const
-    {
-        return bytes.empty() ? std::span<const uint8_t>() : std::span<const uint8_t>(bytes).subspan(1);
-    }
+    // The response data after the completion code, walked field by field.
+    wire::Reader read() const { return readData(bytes); }
 };
 
 // One request. The completion code that arrived decides between 0 and 0x0100|cc; an answer
@@ -48,8 +47,8 @@ inline Reply command(IpmiSession *session, uint8_t netFn, uint8_t cmd, std::span
     Reply r;
     r.status = exchange(session, netFn, cmd, request, r.bytes, timeout);
     if (r.status == LIBIPMI_STATUS_OK || LIBIPMI_STATUS_IS_COMPLETION_CODE(r.status)) {
-        if (!r.bytes.empty()) {
-            r.status = r.bytes[0] == 0 ? LIBIPMI_STATUS_OK : LIBIPMI_STATUS_COMPLETION_CODE(r.bytes[0]);
+        if (std::optional<uint8_t> code = wire::View(r.bytes).get(tvx::kCompletionCode)) {
+            r.status = *code == cc::kOk ? LIBIPMI_STATUS_OK : LIBIPMI_STATUS_COMPLETION_CODE(*code);
         } else if (r.status == LIBIPMI_STATUS_OK) {
             r.status = LIBIPMI_STATUS_BAD_RESPONSE;
         } else {
@@ -86,11 +85,6 @@ uint16_t recordCommand(IpmiSession *session, uint8_t netFn, uint8_t cmd, std::sp
 {
     if (!out) return LIBIPMI_STATUS_INVALID_ARGUMENT;
     return storeReply(command(session, netFn, cmd, request, timeout), out, sizeof(Record), minimum);
-}
-
-inline uint16_t le16(const std::vector<uint8_t> &b, std::size_t at)
-{
-    return static_cast<uint16_t>(b[at] | b[at + 1] << 8);
 }
 
 } // namespace libipmi

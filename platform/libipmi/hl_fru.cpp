@@ -52,21 +52,20 @@
 
 #include "command.h"
 #include "internal.h"
+#include "tvx/records.h"
+#include "tvx/text.h"
 
 namespace libipmi {
 namespace {
 
-constexpr uint8_t kGetFruInventoryAreaInfo = 0x10;
-constexpr uint8_t kReadFruData = 0x11;
-constexpr std::size_t kHeaderSize = 8;
-constexpr uint8_t kFormatVersion = 0x01;
-constexpr uint8_t kEndOfFields = 0xC1;
+namespace fru = tvx::fru;
+namespace storage = tvx::cmd::storage;
 constexpr int kMaxRequests = 1024;
 constexpr std::size_t kMaxCustomFields = 0xFF;
 
 bool tooLong(const Reply &r)
 {
-    return r.completionCode(cc::kCannotReturnLength) || r.completionCode(cc::kRequestTooLong);
+    return r.completionCode(cc::kCannotReturnBytes) || r.completionCode(cc::kRequestLengthExceeded);
 }
 
 // The inventory area as read so far: which bytes have arrived, and the reads to get more.
@@ -105,9 +104,9 @@ private:
             if (requests_ >= kMaxRequests) return LIBIPMI_STATUS_RETRIES_EXHAUSTED;
             ++requests_;
             const std::size_t want = std::min(last - first, chunkToTry());
-            const std::array<uint8_t, 4> req{id_, static_cast<uint8_t>(first & 0xFF), static_cast<uint8_t>(first >> 8),
-                                             static_cast<uint8_t>(want)};
-            Reply r = command(session_, netfn::kStorage, kReadFruData, req, timeout_);
+            std::array<uint8_t, 4> req;
+            wire::Writer(req).u8(id_).u16(static_cast<uint16_t>(first)).u8(static_cast<uint8_t>(want));
+            Reply r = command(session_, netfn::kStorage, storage::kReadFruData, req, timeout_);
             if (tooLong(r)) {
                 if (want <= 1) return r.status;
                 refused_ = want;
@@ -115,13 +114,16 @@ private:
                 continue;
             }
             if (!r.ok()) return r.status;
-            std::span<const uint8_t> d = r.data();
-            if (d.empty()) return LIBIPMI_STATUS_BAD_RESPONSE;
-            const std::size_t got = std::min({static_cast<std::size_t>(d[0]), want, (d.size() - 1) / unit_});
+            // The count the controller states (in units), then the bytes.
+            wire::Reader in = r.read();
+            const std::size_t count = in.u8();
+            const wire::View bytes = in.rest();
+            if (!in.ok()) return LIBIPMI_STATUS_BAD_RESPONSE;
+            const std::size_t got = std::min({count, want, bytes.size() / unit_});
             if (got == 0) return LIBIPMI_STATUS_BAD_RESPONSE;
             const std::size_t at = first * unit_;
             const std::size_t n = std::min(got * unit_, image_.size() - at);
-            std::memcpy(image_.data() + at, d.data() + 1, n);
+            std::memcpy(image_.data() + at, bytes.data(), n);
             std::memset(have_.data() + at, 1, n);
             if (got < want) { // the most this controller answers
                 worked_ = got;
@@ -173,57 +175,23 @@ public:
     std::vector<std::unique_ptr<void, SessionData::FreeBlock>> blocks_;
 };
 
-std::string decodeText(uint8_t typeLength, std::span<const uint8_t> b)
-{
-    static const char kHex[] = "0123456789abcdef";
-    static const char kBcdPlus[] = "0123456789 -.:,_";
-    std::string out;
-    switch (typeLength >> 6) {
-    case 0:
-        for (uint8_t v : b) {
-            out += kHex[v >> 4];
-            out += kHex[v & 0x0F];
-        }
-        return out;
-    case 1:
-        for (uint8_t v : b) {
-            out += kBcdPlus[v >> 4];
-            out += kBcdPlus[v & 0x0F];
-        }
-        break;
-    case 2:
-        for (std::size_t bit = 0; bit + 6 <= b.size() * 8; bit += 6) {
-            unsigned v = 0;
-            for (unsigned k = 0; k < 6; ++k) v |= ((b[(bit + k) / 8] >> ((bit + k) % 8)) & 1u) << k;
-            out += static_cast<char>(0x20 + v);
-        }
-        break;
-    default:
-        for (uint8_t v : b) {
-            if (v == 0) break;
-            out += static_cast<char>(v);
-        }
-        return out;
-    }
-    while (!out.empty() && out.back() == ' ') out.pop_back();
-    return out;
-}
-
 // Decodes the fields of an area from byte `at`: the mandatory ones into `fields`, the rest
 // as custom fields. False when the area cannot be trusted.
-bool decodeFields(std::span<const uint8_t> area, std::size_t at, std::initializer_list<FruField *> fields,
-                  char **&custom, uint8_t &customCount, Texts &texts)
+bool decodeFields(wire::View area, std::size_t at, std::initializer_list<FruField *> fields, char **&custom,
+                  uint8_t &customCount, Texts &texts)
 {
-    const std::size_t end = area.size() - 1; // the checksum byte
+    // Fields run up to the end marker, which stands before the checksum byte.
+    wire::Reader in(area.first(area.size() - 1));
+    in.seek(at);
     auto next = fields.begin();
     std::vector<char *> extra;
     for (;;) {
-        if (at >= end) return false; // no end marker
-        const uint8_t tl = area[at];
-        if (tl == kEndOfFields) break;
-        const std::size_t len = tl & 0x3F;
-        if (at + 1 + len > end) return false;
-        char *text = texts.keep(decodeText(tl, area.subspan(at + 1, len)));
+        const uint8_t tl = in.u8();
+        if (!in.ok()) return false; // no end marker
+        if (tl == fru::area::kEndOfFields) break;
+        const wire::View bytes = in.bytes(fru::lengthOf(tl));
+        if (!in.ok()) return false; // a field running past the checksum
+        char *text = texts.keep(std::string(fru::fieldText(tl, bytes).view()));
         if (!text) texts.failed = true;
         if (next != fields.end()) {
             (*next)->typeLength = tl;
@@ -232,7 +200,6 @@ bool decodeFields(std::span<const uint8_t> area, std::size_t at, std::initialize
         } else if (extra.size() < kMaxCustomFields) {
             extra.push_back(text);
         }
-        at += 1 + len;
     }
     if (!extra.empty()) {
         custom = texts.array(extra.size());
@@ -257,34 +224,40 @@ uint8_t checksum(std::span<const uint8_t> b)
 uint16_t readArea(FruReader &reader, uint8_t units, std::vector<uint8_t> &area)
 {
     area.clear();
-    const std::size_t start = static_cast<std::size_t>(units) * 8;
-    if (start + 8 > reader.size()) return LIBIPMI_STATUS_OK;
-    uint16_t status = reader.load(start, 2);
+    const std::size_t start = static_cast<std::size_t>(units) * fru::kOffsetUnit;
+    if (start + fru::kOffsetUnit > reader.size()) return LIBIPMI_STATUS_OK;
+    uint16_t status = reader.load(start, fru::area::kLength.end());
     if (status != LIBIPMI_STATUS_OK) return status;
-    const std::size_t length = static_cast<std::size_t>(reader.image()[start + 1]) * 8;
-    if (length == 0 || start + length > reader.size() || (reader.image()[start] & 0x0F) != kFormatVersion)
+    const wire::View head = wire::View(reader.image()).from(start);
+    const std::size_t length = static_cast<std::size_t>(head.get(fru::area::kLength, uint8_t{0})) * fru::kOffsetUnit;
+    if (length == 0 || start + length > reader.size() ||
+        wire::bits(head.get(fru::area::kVersion, uint8_t{0}), 0, 4) != fru::kVersion1)
         return LIBIPMI_STATUS_OK;
     status = reader.load(start, length);
     if (status != LIBIPMI_STATUS_OK) return status;
-    std::span<const uint8_t> bytes(reader.image().data() + start, length);
-    if (checksum(bytes) == 0) area.assign(bytes.begin(), bytes.end());
+    const wire::View bytes = head.first(length);
+    if (checksum(bytes.span()) == 0) area.assign(bytes.span().begin(), bytes.span().end());
     return LIBIPMI_STATUS_OK;
 }
 
 uint16_t decode(FruReader &reader, FruData &rec, Texts &texts)
 {
-    uint16_t status = reader.load(0, kHeaderSize);
+    uint16_t status = reader.load(0, fru::kHeaderSize);
     if (status != LIBIPMI_STATUS_OK) return status;
-    std::span<const uint8_t> header(reader.image().data(), kHeaderSize);
-    if (checksum(header) != 0 || (header[0] & 0x0F) != kFormatVersion) return LIBIPMI_STATUS_BAD_RESPONSE;
-    std::memcpy(&rec, header.data(), kHeaderSize);
+    const wire::View header = wire::View(reader.image()).first(fru::kHeaderSize);
+    auto headerByte = [&header](wire::U8 field) { return header.get(field, uint8_t{0}); };
+    if (checksum(header.span()) != 0 || wire::bits(headerByte(fru::kFormatVersion), 0, 4) != fru::kVersion1)
+        return LIBIPMI_STATUS_BAD_RESPONSE;
+    std::memcpy(&rec, header.data(), fru::kHeaderSize);
 
-    if (header[1] != 0) {
-        const std::size_t start = static_cast<std::size_t>(header[1]) * 8;
+    if (const uint8_t internal = headerByte(fru::kInternalUseOffset)) {
+        // At most 8 bytes, never past the next area or the end of the inventory area.
+        const std::size_t start = static_cast<std::size_t>(internal) * fru::kOffsetUnit;
         std::size_t end = std::min(reader.size(), start + sizeof rec.internalUse);
-        for (std::size_t k = 2; k <= 5; ++k)
-            if (header[k] != 0 && static_cast<std::size_t>(header[k]) * 8 > start)
-                end = std::min(end, static_cast<std::size_t>(header[k]) * 8);
+        for (wire::U8 other : {fru::kChassisOffset, fru::kBoardOffset, fru::kProductOffset, fru::kMultiRecordOffset}) {
+            const std::size_t at = static_cast<std::size_t>(headerByte(other)) * fru::kOffsetUnit;
+            if (at != 0 && at > start) end = std::min(end, at);
+        }
         if (start < end) {
             status = reader.load(start, end - start);
             if (status != LIBIPMI_STATUS_OK) return status;
@@ -303,7 +276,7 @@ uint16_t decode(FruReader &reader, FruData &rec, Texts &texts)
         if (offset == 0) return LIBIPMI_STATUS_OK;
         uint16_t read = readArea(reader, offset, area);
         if (read != LIBIPMI_STATUS_OK) return read;
-        if (area.empty() || !decodeFields(area, firstField, fields, custom, count, texts)) {
+        if (area.empty() || !decodeFields(wire::View(area), firstField, fields, custom, count, texts)) {
             area.clear();
             for (FruField *f : fields) *f = FruField{0, nullptr};
         }
@@ -311,20 +284,23 @@ uint16_t decode(FruReader &reader, FruData &rec, Texts &texts)
     };
     char **custom = nullptr;
     uint8_t count = 0;
+    // A field of the area just decoded (an area holds at least 8 bytes).
+    auto field = [&area](wire::U8 f) { return wire::View(area).get(f, uint8_t{0}); };
 
-    status = decodeArea(rec.chassisOffset, 3, {&rec.chassisPartNumber, &rec.chassisSerialNumber}, custom, count);
+    status = decodeArea(rec.chassisOffset, fru::chassis::kFirstField, {&rec.chassisPartNumber, &rec.chassisSerialNumber},
+                        custom, count);
     if (status != LIBIPMI_STATUS_OK) return status;
     if (area.empty()) {
         rec.chassisOffset = 0;
     } else {
-        rec.chassisFormatVersion = area[0];
-        rec.chassisLength = area[1];
-        rec.chassisType = area[2];
+        rec.chassisFormatVersion = field(fru::area::kVersion);
+        rec.chassisLength = field(fru::area::kLength);
+        rec.chassisType = field(fru::chassis::kType);
         rec.chassisCustomFields = custom;
         rec.chassisCustomCount = count;
     }
 
-    status = decodeArea(rec.boardOffset, 6,
+    status = decodeArea(rec.boardOffset, fru::board::kFirstField,
                         {&rec.boardManufacturer, &rec.boardProductName, &rec.boardSerialNumber, &rec.boardPartNumber,
                          &rec.boardFruFileId},
                         custom, count);
@@ -332,15 +308,16 @@ uint16_t decode(FruReader &reader, FruData &rec, Texts &texts)
     if (area.empty()) {
         rec.boardOffset = 0;
     } else {
-        rec.boardFormatVersion = area[0];
-        rec.boardLength = area[1];
-        rec.boardLanguage = area[2];
-        std::memcpy(rec.boardMfgDateTime, area.data() + 3, 3);
+        rec.boardFormatVersion = field(fru::area::kVersion);
+        rec.boardLength = field(fru::area::kLength);
+        rec.boardLanguage = field(fru::board::kLanguage);
+        std::memcpy(rec.boardMfgDateTime, wire::View(area).get(fru::board::kMfgDateTime).data(),
+                    sizeof rec.boardMfgDateTime);
         rec.boardCustomFields = custom;
         rec.boardCustomCount = count;
     }
 
-    status = decodeArea(rec.productOffset, 3,
+    status = decodeArea(rec.productOffset, fru::product::kFirstField,
                         {&rec.productManufacturer, &rec.productName, &rec.productPartNumber, &rec.productVersion,
                          &rec.productSerialNumber, &rec.productAssetTag, &rec.productFruFileId},
                         custom, count);
@@ -348,9 +325,9 @@ uint16_t decode(FruReader &reader, FruData &rec, Texts &texts)
     if (area.empty()) {
         rec.productOffset = 0;
     } else {
-        rec.productFormatVersion = area[0];
-        rec.productLength = area[1];
-        rec.productLanguage = area[2];
+        rec.productFormatVersion = field(fru::area::kVersion);
+        rec.productLength = field(fru::area::kLength);
+        rec.productLanguage = field(fru::product::kLanguage);
         rec.productCustomFields = custom;
         rec.productCustomCount = count;
     }
@@ -368,12 +345,15 @@ extern "C" uint16_t LIBIPMI_HL_GetFRUData(IpmiSession *s, uint8_t fruDeviceId, u
     if (!s || !dataFor(s)) return LIBIPMI_STATUS_NO_SESSION;
     if (!length || !record) return LIBIPMI_STATUS_INVALID_ARGUMENT;
     const std::array<uint8_t, 1> req{fruDeviceId};
-    Reply info = command(s, netfn::kStorage, kGetFruInventoryAreaInfo, req, timeout);
+    Reply info = command(s, netfn::kStorage, storage::kGetFruInventoryAreaInfo, req, timeout);
     if (!info.ok()) return info.status;
-    if (info.data().size() < 3) return LIBIPMI_STATUS_BAD_RESPONSE;
-    const std::size_t size = le16(info.bytes, 1);
-    if (size < kHeaderSize) return LIBIPMI_STATUS_BAD_RESPONSE; // no room for a common header
-    FruReader reader(s, fruDeviceId, timeout, size, info.data()[2] & 0x01);
+    // The area's size in bytes, and the access type (bit 0: by words).
+    wire::Reader in = info.read();
+    const std::size_t size = in.u16();
+    const bool words = wire::bits(in.u8(), 0, 1);
+    if (!in.ok()) return LIBIPMI_STATUS_BAD_RESPONSE;
+    if (size < fru::kHeaderSize) return LIBIPMI_STATUS_BAD_RESPONSE; // no room for a common header
+    FruReader reader(s, fruDeviceId, timeout, size, words);
     FruData rec;
     std::memset(&rec, 0, sizeof rec);
     Texts texts;

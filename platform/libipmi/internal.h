@@ -78,6 +78,11 @@ public:
 std::shared_ptr<Target> currentTarget(uint16_t &status);
 // Makes a target from a target string ("default", "machine:PATH", "PATH.json", "script:").
 std::shared_ptr<Target> makeTarget(const std::string &spec, const std::string &stateDir, bool reset = false);
+// The one precedence of target and state directory: the caller's choice, else the
+// environment's (TVX_IPMI_TARGET, TVX_IPMI_STATE_DIR), else the built-in default machine in
+// the default state directory. `target` null or empty and `stateDir` null mean "not chosen".
+std::shared_ptr<Target> resolveTarget(const char *target, const char *stateDir, bool reset = false);
+std::string stateDirOrDefault(const char *stateDir);
 std::shared_ptr<Target> makeMachineTarget(const std::string &profilePath, const std::string &stateDir,
                                           bool reset = false);
 std::shared_ptr<Target> scriptTarget();

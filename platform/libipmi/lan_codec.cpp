@@ -2,6 +2,9 @@
 
 #include <freeipmi/api/ipmi-api.h>
 
+#include "tvx/ipmi.h"
+#include "tvx/wire.h"
+
 namespace libipmi::lan {
 
 uint16_t statusForError(int errnum)
@@ -41,11 +44,14 @@ bool connectionLost(int errnum)
 
 Answer answerFromRaw(uint8_t command, std::span<const uint8_t> raw)
 {
-    if (raw.size() < 2 || raw[0] != command) return Answer{LIBIPMI_STATUS_BAD_RESPONSE, std::nullopt};
-    std::size_t n = raw.size() - 1;
-    if (n > LIBIPMI_MAX_RESPONSE_LEN) n = LIBIPMI_MAX_RESPONSE_LEN;
-    std::vector<uint8_t> bytes(raw.begin() + 1, raw.begin() + 1 + static_cast<std::ptrdiff_t>(n));
-    uint16_t status = raw[1] == 0 ? LIBIPMI_STATUS_OK : LIBIPMI_STATUS_COMPLETION_CODE(raw[1]);
+    tvx::wire::Reader in(raw);
+    const uint8_t echoed = in.u8();
+    const tvx::wire::View answer = in.rest(); // completion code first
+    const std::optional<uint8_t> code = answer.get(tvx::kCompletionCode);
+    if (!code || echoed != command) return Answer{LIBIPMI_STATUS_BAD_RESPONSE, std::nullopt};
+    const tvx::wire::View kept = answer.first(LIBIPMI_MAX_RESPONSE_LEN);
+    std::vector<uint8_t> bytes(kept.span().begin(), kept.span().end());
+    uint16_t status = *code == tvx::cc::kOk ? LIBIPMI_STATUS_OK : LIBIPMI_STATUS_COMPLETION_CODE(*code);
     return Answer{status, std::move(bytes)};
 }
 

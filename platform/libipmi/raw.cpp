@@ -4,6 +4,8 @@
 
 #include "internal.h"
 #include "libipmi_host.h"
+#include "tvx/ipmi.h"
+#include "tvx/wire.h"
 
 namespace libipmi {
 namespace {
@@ -23,7 +25,8 @@ Answer answerFromBytes(std::vector<uint8_t> bytes)
         return a;
     }
     if (bytes.size() > LIBIPMI_MAX_RESPONSE_LEN) bytes.resize(LIBIPMI_MAX_RESPONSE_LEN);
-    a.status = bytes[0] == 0 ? LIBIPMI_STATUS_OK : LIBIPMI_STATUS_COMPLETION_CODE(bytes[0]);
+    const uint8_t code = tvx::wire::View(bytes).get(tvx::kCompletionCode, uint8_t{0});
+    a.status = code == tvx::cc::kOk ? LIBIPMI_STATUS_OK : LIBIPMI_STATUS_COMPLETION_CODE(code);
     a.bytes = std::move(bytes);
     return a;
 }

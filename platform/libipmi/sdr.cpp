@@ -31,32 +31,30 @@
 
 #include "command.h"
 #include "internal.h"
+#include "tvx/records.h"
 
 namespace libipmi {
 namespace {
 
-constexpr uint8_t kGetSdrRepositoryInfo = 0x20;
-constexpr uint8_t kGetSdrRepositoryAllocInfo = 0x21;
-constexpr uint8_t kReserveSdrRepository = 0x22;
-constexpr uint8_t kGetSdr = 0x23;
+namespace sdr = tvx::sdr;
+namespace storage = tvx::cmd::storage;
 
 constexpr uint16_t kFirstRecord = 0x0000;
 constexpr uint16_t kLastRecord = 0xFFFF;
 constexpr uint8_t kWholeRecord = 0xFF;     // "bytes to read" meaning the entire record
-constexpr std::size_t kHeaderSize = 5;     // record ID, version, type, length
-constexpr std::size_t kLengthByte = 4;     // header byte holding the body length
-constexpr std::size_t kNextIdSize = 2;     // Get SDR answers start with the next record ID
-constexpr std::size_t kMaxRecordSize = kHeaderSize + 0xFF;
+constexpr std::size_t kHeaderSize = sdr::kHeaderSize;
+constexpr std::size_t kMaxRecordSize = sdr::kMaxRecordSize;
 constexpr uint8_t kMinChunk = 8;           // smallest body chunk tried before giving up
 constexpr int kMaxRestarts = 5;            // walks restarted after a lost reservation
 
-bool tooLong(const Reply &r) { return r.completionCode(cc::kCannotReturnLength) || r.completionCode(cc::kRequestTooLong); }
-
-uint16_t le16(std::span<const uint8_t> d, std::size_t at) { return static_cast<uint16_t>(d[at] | d[at + 1] << 8); }
+bool tooLong(const Reply &r)
+{
+    return r.completionCode(cc::kCannotReturnBytes) || r.completionCode(cc::kRequestLengthExceeded);
+}
 
 uint16_t getAllocInfo(IpmiSession *session, SdrRepositoryAllocInfo *res, int timeout)
 {
-    Reply r = command(session, netfn::kStorage, kGetSdrRepositoryAllocInfo, {}, timeout);
+    Reply r = command(session, netfn::kStorage, storage::kGetSdrRepositoryAllocInfo, {}, timeout);
     uint16_t status = storeReply(r, res, sizeof *res, sizeof *res);
     if (status == LIBIPMI_STATUS_OK) rememberSdrAllocInfo(session, *res);
     else forgetSdrAllocInfo(session);
@@ -92,7 +90,7 @@ public:
             if (status != LIBIPMI_STATUS_OK) return status;
             if (stored == slots_) return LIBIPMI_STATUS_BUFFER_TOO_SMALL;
             // The first record is asked for as "first"; its own ID closes a chain leading back to it.
-            if (id == kFirstRecord) markSeen(static_cast<uint16_t>(record_[0] | record_[1] << 8));
+            if (id == kFirstRecord) markSeen(wire::View(record_).get(sdr::kRecordId, kFirstRecord));
             uint8_t *slot = buffer_ + static_cast<std::size_t>(stored) * slotSize_;
             std::memcpy(slot, record_.data(), length);
             std::memset(slot + length, 0, slotSize_ - length);
@@ -107,24 +105,31 @@ public:
 private:
     uint16_t reserve()
     {
-        Reply r = command(session_, netfn::kStorage, kReserveSdrRepository, {}, timeout_);
+        Reply r = command(session_, netfn::kStorage, storage::kReserveSdrRepository, {}, timeout_);
         if (!r.ok()) return r.status;
-        if (r.data().size() < 2) return LIBIPMI_STATUS_BAD_RESPONSE;
-        reservation_ = le16(r.data(), 0);
-        return LIBIPMI_STATUS_OK;
+        wire::Reader in = r.read();
+        reservation_ = in.u16();
+        return in.ok() ? LIBIPMI_STATUS_OK : LIBIPMI_STATUS_BAD_RESPONSE;
     }
 
     Reply getSdr(uint16_t id, uint8_t offset, uint8_t count)
     {
-        const std::array<uint8_t, 6> req{static_cast<uint8_t>(reservation_ & 0xFF), static_cast<uint8_t>(reservation_ >> 8),
-                                         static_cast<uint8_t>(id & 0xFF), static_cast<uint8_t>(id >> 8), offset, count};
-        return command(session_, netfn::kStorage, kGetSdr, req, timeout_);
+        std::array<uint8_t, 6> req;
+        wire::Writer(req).u16(reservation_).u16(id).u8(offset).u8(count);
+        return command(session_, netfn::kStorage, storage::kGetSdr, req, timeout_);
     }
 
-    // The record's total length from its header, checked against the slot.
-    uint16_t lengthFromHeader(std::span<const uint8_t> header, std::size_t &length) const
+    // The answer of a read from offset 0: the next record ID, then the record from its
+    // header on (perhaps with junk after it). Sets `length` to the record's length, checked
+    // against the slot; the header must have arrived.
+    uint16_t readHeader(const Reply &r, uint16_t &next, wire::View &record, std::size_t &length) const
     {
-        length = kHeaderSize + header[kLengthByte];
+        wire::Reader in = r.read();
+        next = in.u16();
+        record = in.rest();
+        std::optional<uint8_t> body = record.get(sdr::kLength); // the header's last byte
+        if (!body) return LIBIPMI_STATUS_BAD_RESPONSE;
+        length = kHeaderSize + *body;
         return length <= slotSize_ ? LIBIPMI_STATUS_OK : LIBIPMI_STATUS_BUFFER_TOO_SMALL;
     }
 
@@ -138,15 +143,13 @@ private:
                 return readInPieces(id, next, length);
             }
             if (!r.ok()) return r.status;
-            std::span<const uint8_t> d = r.data();
-            if (d.size() < kNextIdSize + kHeaderSize) return LIBIPMI_STATUS_BAD_RESPONSE;
-            next = le16(d, 0);
-            std::span<const uint8_t> rec = d.subspan(kNextIdSize);
-            uint16_t status = lengthFromHeader(rec, length);
+            wire::View record;
+            uint16_t status = readHeader(r, next, record, length);
             if (status != LIBIPMI_STATUS_OK) return status;
             // Fewer bytes than the header announces: the answer contradicts itself.
-            if (rec.size() < length) return LIBIPMI_STATUS_BAD_RESPONSE;
-            std::memcpy(record_.data(), rec.data(), length);
+            wire::View whole = record.first(length);
+            if (whole.size() < length) return LIBIPMI_STATUS_BAD_RESPONSE;
+            std::memcpy(record_.data(), whole.data(), length);
             return LIBIPMI_STATUS_OK;
         }
         return readInPieces(id, next, length);
@@ -156,12 +159,10 @@ private:
     {
         Reply r = getSdr(id, 0, kHeaderSize);
         if (!r.ok()) return r.status;
-        std::span<const uint8_t> d = r.data();
-        if (d.size() < kNextIdSize + kHeaderSize) return LIBIPMI_STATUS_BAD_RESPONSE;
-        next = le16(d, 0);
-        uint16_t status = lengthFromHeader(d.subspan(kNextIdSize), length);
+        wire::View record;
+        uint16_t status = readHeader(r, next, record, length);
         if (status != LIBIPMI_STATUS_OK) return status;
-        std::memcpy(record_.data(), d.data() + kNextIdSize, kHeaderSize);
+        std::memcpy(record_.data(), record.data(), kHeaderSize);
         std::size_t offset = kHeaderSize;
         while (offset < length) {
             std::size_t want = std::min(length - offset, chunkToTry());
@@ -177,9 +178,11 @@ private:
                 continue;
             }
             if (!r.ok()) return r.status;
-            d = r.data();
-            if (d.size() < kNextIdSize + want) return LIBIPMI_STATUS_BAD_RESPONSE;
-            std::memcpy(record_.data() + offset, d.data() + kNextIdSize, want);
+            wire::Reader in = r.read();
+            in.u16(); // the next record ID, known from the header's read
+            wire::View chunk = in.bytes(want);
+            if (!in.ok()) return LIBIPMI_STATUS_BAD_RESPONSE;
+            std::memcpy(record_.data() + offset, chunk.data(), want);
             offset += want;
             if (want > worked_) worked_ = static_cast<uint8_t>(want);
         }
@@ -231,7 +234,7 @@ extern "C" uint16_t IPMICMD_GetSDRRepositoryInfo(IpmiSession *s, SdrRepositoryIn
 {
     if (!s) return LIBIPMI_STATUS_NO_SESSION;
     if (!res) return LIBIPMI_STATUS_INVALID_ARGUMENT;
-    Reply r = command(s, netfn::kStorage, kGetSdrRepositoryInfo, {}, timeout);
+    Reply r = command(s, netfn::kStorage, storage::kGetSdrRepositoryInfo, {}, timeout);
     return storeReply(r, res, sizeof *res, sizeof *res);
 }
 

@@ -5,27 +5,17 @@
 
 #include "command.h"
 #include "internal.h"
+#include "tvx/records.h"
 
 namespace libipmi {
 namespace {
 
-constexpr uint8_t kGetSensorReading = 0x2D;
+namespace sdr = tvx::sdr;
+namespace full = tvx::sdr::full;
+
 // An answer carries at least the completion code, the reading and the flags; the two state
 // bytes are optional.
-constexpr std::size_t kMinReadingAnswer = 3;
-
-// Full sensor record, offsets from the start of the record (header included).
-namespace full {
-constexpr uint8_t kRecordType = 0x01;
-constexpr std::size_t kTypeAt = 3;
-constexpr std::size_t kLengthAt = 4;
-constexpr std::size_t kUnits1At = 20;        // bits 7:6 analog data format
-constexpr std::size_t kLinearizationAt = 23; // bits 6:0
-constexpr std::size_t kMAt = 24;             // M: 8 low bits here, 2 high bits in bits 7:6 of the next byte
-constexpr std::size_t kBAt = 26;             // B: likewise
-constexpr std::size_t kExponentsAt = 29;     // bits 7:4 R exponent (K2), bits 3:0 B exponent (K1)
-constexpr std::size_t kHeaderSize = 5;
-} // namespace full
+constexpr std::size_t kMinReadingAnswer = tvx::sensor_reading::kFlags.end();
 
 enum AnalogFormat : uint8_t { kUnsigned = 0, kOnesComplement = 1, kTwosComplement = 2, kNoAnalogReading = 3 };
 
@@ -78,7 +68,7 @@ extern "C" uint16_t IPMICMD_GetSensorReading(IpmiSession *s, SensorReadingReques
     if (!s) return LIBIPMI_STATUS_NO_SESSION;
     if (!req || !res) return LIBIPMI_STATUS_INVALID_ARGUMENT;
     const uint8_t request[1] = {req->sensorNumber};
-    Reply r = command(s, netfn::kSensor, kGetSensorReading, request, timeout);
+    Reply r = command(s, netfn::kSensorEvent, tvx::cmd::sensor::kGetSensorReading, request, timeout);
     return storeReply(r, res, sizeof *res, kMinReadingAnswer);
 }
 
@@ -88,18 +78,23 @@ extern "C" uint16_t IPMICMD_GetSensorReading(IpmiSession *s, SensorReadingReques
 // a result that is not a finite float (the logarithm of a non-positive number, 1/0, overflow).
 extern "C" int ipmi_convert_reading(uint8_t *fullSensorRecord, uint8_t raw, float *value)
 {
-    const uint8_t *rec = fullSensorRecord;
-    if (!rec || !value) return -1;
-    if (rec[full::kTypeAt] != full::kRecordType) return -1;
-    if (full::kHeaderSize + rec[full::kLengthAt] <= full::kExponentsAt) return -1;
-    uint8_t format = rec[full::kUnits1At] >> 6;
+    if (!fullSensorRecord || !value) return -1;
+    // The record as long as its header says, every factor read within it.
+    const wire::View header(fullSensorRecord, sdr::kHeaderSize);
+    if (header.get(sdr::kRecordType) != sdr::kFullSensor) return -1;
+    const wire::View rec(fullSensorRecord, sdr::kHeaderSize + header.get(sdr::kLength, uint8_t{0}));
+    if (!rec.has(full::kExponents)) return -1;
+    auto byte = [&rec](wire::U8 f) { return static_cast<unsigned>(rec.get(f, uint8_t{0})); };
+    uint8_t format = static_cast<uint8_t>(wire::bits(byte(sdr::kUnits1), 6, 2));
     if (format == kNoAnalogReading) return -1;
-    uint8_t linearization = rec[full::kLinearizationAt] & 0x7F;
+    uint8_t linearization = static_cast<uint8_t>(wire::bits(byte(full::kLinearization), 0, 7));
     if (linearization > kLastStandard) return -1;
-    int m = signExtend(rec[full::kMAt] | (rec[full::kMAt + 1] & 0xC0u) << 2, 10);
-    int b = signExtend(rec[full::kBAt] | (rec[full::kBAt + 1] & 0xC0u) << 2, 10);
-    int k2 = signExtend(rec[full::kExponentsAt] >> 4, 4);
-    int k1 = signExtend(rec[full::kExponentsAt] & 0x0Fu, 4);
+    // M and B: ten-bit two's complement numbers, their two high bits in bits 7:6 of the
+    // byte after them.
+    int m = signExtend(byte(full::kM) | wire::bits(byte(full::kMTolerance), 6, 2) << 8, 10);
+    int b = signExtend(byte(full::kB) | wire::bits(byte(full::kBAccuracy), 6, 2) << 8, 10);
+    int k2 = signExtend(wire::bits(byte(full::kExponents), 4, 4), 4);
+    int k1 = signExtend(wire::bits(byte(full::kExponents), 0, 4), 4);
     double x = rawValue(format, raw);
     double y = linearize(linearization, (m * x + b * std::pow(10.0, k1)) * std::pow(10.0, k2));
     if (!std::isfinite(y) || std::fabs(y) > std::numeric_limits<float>::max()) return -1;

@@ -79,6 +79,18 @@ std::shared_ptr<Target> makeTarget(const std::string &spec, const std::string &s
     return nullptr;
 }
 
+std::shared_ptr<Target> resolveTarget(const char *target, const char *stateDir, bool reset)
+{
+    const char *spec = target && *target ? target : std::getenv(IPMIHOST_TARGET_ENV);
+    return makeTarget(spec ? spec : "", stateDirOrDefault(stateDir), reset);
+}
+
+std::string stateDirOrDefault(const char *stateDir)
+{
+    const char *dir = stateDir ? stateDir : std::getenv(IPMIHOST_STATE_ENV);
+    return dir ? dir : "";
+}
+
 std::shared_ptr<Target> currentTarget(uint16_t &status)
 {
     {
@@ -86,9 +98,7 @@ std::shared_ptr<Target> currentTarget(uint16_t &status)
         if (sel().selected) return sel().selected;
         if (sel().fromEnv) return sel().fromEnv;
     }
-    const char *spec = std::getenv(IPMIHOST_TARGET_ENV);
-    const char *dir = std::getenv(IPMIHOST_STATE_ENV);
-    std::shared_ptr<Target> t = makeTarget(spec ? spec : "", dir ? dir : "");
+    std::shared_ptr<Target> t = resolveTarget(nullptr, nullptr);
     std::lock_guard<std::mutex> g(sel().mutex);
     if (!t) {
         status = LIBIPMI_STATUS_CONFIG_ERROR;
@@ -110,7 +120,7 @@ using namespace libipmi;
 
 extern "C" int ipmihost_select_machine(const char *profilePath, const char *stateDir)
 {
-    auto t = makeMachineTarget(profilePath ? profilePath : "", stateDir ? stateDir : "");
+    auto t = makeMachineTarget(profilePath ? profilePath : "", stateDirOrDefault(stateDir));
     if (!t) return -1;
     setSelectedTarget(t);
     return 0;
@@ -118,11 +128,7 @@ extern "C" int ipmihost_select_machine(const char *profilePath, const char *stat
 
 extern "C" int ipmihost_select_target(const char *target, const char *stateDir)
 {
-    if (!target) {
-        setLastError("no target given");
-        return -1;
-    }
-    auto t = makeTarget(target, stateDir ? stateDir : "");
+    auto t = resolveTarget(target, stateDir);
     if (!t) return -1;
     setSelectedTarget(t);
     return 0;
@@ -130,7 +136,7 @@ extern "C" int ipmihost_select_target(const char *target, const char *stateDir)
 
 extern "C" int ipmihost_reset_target(const char *target, const char *stateDir)
 {
-    auto t = makeTarget(target ? target : "", stateDir ? stateDir : "", true);
+    auto t = resolveTarget(target, stateDir, true);
     if (!t) return -1;
     setSelectedTarget(t);
     return 0;

@@ -37,6 +37,7 @@
 #include "lan_codec.h"
 #include "lan_spec.h"
 #include "libipmi_host.h"
+#include "tvx/wire.h"
 
 namespace libipmi {
 namespace {
@@ -74,11 +75,12 @@ public:
     std::optional<Answer> request(uint8_t netFnLun, uint8_t command, std::span<const uint8_t> data, int &errnum,
                                   std::string &message)
     {
+        // libfreeipmi takes the command byte before the request data.
         uint8_t rq[1 + kMaxRequestData];
-        rq[0] = command;
-        if (!data.empty()) std::memcpy(rq + 1, data.data(), data.size());
+        tvx::wire::Writer w(rq);
+        w.u8(command).bytes(data);
         std::vector<uint8_t> rs(kMaxRawResponse);
-        int n = ipmi_cmd_raw(ctx_, netFnLun & 3, netFnLun >> 2, rq, static_cast<unsigned>(1 + data.size()), rs.data(),
+        int n = ipmi_cmd_raw(ctx_, netFnLun & 3, netFnLun >> 2, rq, static_cast<unsigned>(w.size()), rs.data(),
                              static_cast<unsigned>(rs.size()));
         lastUsed_ = Clock::now();
         ++served_;

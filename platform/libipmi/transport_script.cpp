@@ -6,6 +6,7 @@
 
 #include "internal.h"
 #include "libipmi_host.h"
+#include "tvx/hex_string.h"
 
 namespace libipmi {
 namespace {
@@ -43,16 +44,7 @@ Script &script()
 
 std::optional<std::string> copyText(const char *s) { return s ? std::optional<std::string>(s) : std::nullopt; }
 
-std::string hex(std::span<const uint8_t> bytes)
-{
-    std::string out;
-    char buf[4];
-    for (uint8_t b : bytes) {
-        std::snprintf(buf, sizeof buf, "%s%02x", out.empty() ? "" : " ", b);
-        out += buf;
-    }
-    return out.empty() ? "(none)" : out;
-}
+std::string hex(std::span<const uint8_t> bytes) { return bytes.empty() ? "(none)" : tvx::hexBytes(bytes); }
 
 Record &recordRaw(const RawCall &call, uint16_t status)
 {

@@ -35,6 +35,8 @@ extern "C" {
 #include "controller.h"
 #include "profile.h"
 #include "sdr.h"
+#include "tvx/ipmi.h"
+#include "tvx/wire.h"
 
 // ipmi_sim's table of Sensor/Event commands, exported by the program: the module chains its
 // Get Sensor Reading to the original.
@@ -42,10 +44,11 @@ extern "C" cmd_handler_f sensor_event_netfn_handlers[256];
 
 namespace {
 
-constexpr unsigned char kNetFnSensorEvent = 0x04;
-constexpr unsigned char kNetFnApp = 0x06;
-constexpr unsigned char kNetFnStorage = 0x0A;
-constexpr unsigned char kNetFnOemGroup = 0x2E;
+namespace cc = tvx::cc;
+namespace cmd = tvx::cmd;
+namespace netfn = tvx::netfn;
+namespace wire = tvx::wire;
+using Bytes = std::vector<uint8_t>;
 
 // ipmi_sim sends at most 31 bytes after the IANA number of an OEM answer.
 constexpr std::size_t kMaxOemDataAfterIana = 31;
@@ -78,14 +81,13 @@ void logLine(const std::string &text)
 void answer(const std::vector<uint8_t> &bytes, unsigned char *rdata, unsigned int *rdata_len)
 {
     std::size_t n = bytes.size() > kMaxAnswer ? kMaxAnswer : bytes.size();
-    if (n == 0) {
-        rdata[0] = tvxsim::cc::kUnspecified;
-        *rdata_len = 1;
-        return;
-    }
+    if (n == 0) return answer({cc::kUnspecified}, rdata, rdata_len);
     std::memcpy(rdata, bytes.data(), n);
     *rdata_len = static_cast<unsigned int>(n);
 }
+
+// The request's data bytes, walked field by field.
+wire::Reader requestOf(const msg_t *msg) { return wire::Reader(msg->data, msg->len); }
 
 // The controller's answer to a standard command, unless it does not model the command (or
 // cannot answer at all).
@@ -101,7 +103,8 @@ bool askController(const msg_t *msg, std::vector<uint8_t> &out)
         logLine(e.what());
         return false;
     }
-    if (!reply.answered || reply.bytes.empty() || reply.bytes[0] == tvxsim::cc::kInvalidCommand) return false;
+    const std::optional<uint8_t> code = wire::View(reply.bytes).get(tvx::kCompletionCode);
+    if (!reply.answered || !code || *code == cc::kInvalidCommand) return false;
     out = std::move(reply.bytes);
     return true;
 }
@@ -114,26 +117,28 @@ bool askController(const msg_t *msg, std::vector<uint8_t> &out)
 void handleOem(lmc_data_t *, msg_t *msg, unsigned char *rdata, unsigned int *rdata_len, void *)
 {
     Module &m = module();
-    std::vector<uint8_t> request{static_cast<uint8_t>(msg->iana), static_cast<uint8_t>(msg->iana >> 8),
-                                 static_cast<uint8_t>(msg->iana >> 16)};
-    request.insert(request.end(), msg->data, msg->data + msg->len);
+    Bytes request;
+    wire::Appender(request).u24(msg->iana).bytes({msg->data, msg->len});
     tvxsim::Reply reply;
     try {
-        reply = m.controller->handle(kNetFnOemGroup, msg->rs_lun & 3, msg->cmd, request);
+        reply = m.controller->handle(netfn::kOem, msg->rs_lun & 3, msg->cmd, request);
     } catch (const std::exception &e) {
         logLine(e.what());
-        answer({tvxsim::cc::kUnspecified}, rdata, rdata_len);
+        answer({cc::kUnspecified}, rdata, rdata_len);
         return;
     }
-    if (!reply.answered || reply.bytes.empty()) {
+    const wire::View got(reply.bytes);
+    const std::optional<uint8_t> code = got.get(tvx::kCompletionCode);
+    if (!reply.answered || !code) {
         // ipmi_sim always answers; the nearest it can say to "nothing" is that the command
         // timed out inside the controller.
-        answer({tvxsim::cc::kTimeout}, rdata, rdata_len);
+        answer({cc::kTimeout}, rdata, rdata_len);
         return;
     }
-    std::vector<uint8_t> out{reply.bytes[0]};
-    if (reply.bytes.size() > 4) out.insert(out.end(), reply.bytes.begin() + 4, reply.bytes.end());
-    if (out.size() - 1 > kMaxOemDataAfterIana) out = {tvxsim::cc::kCannotReturnBytes};
+    const wire::View payload = got.from(tvx::oem::kPayload);
+    Bytes out{*code};
+    wire::Appender(out).bytes(payload.span());
+    if (payload.size() > kMaxOemDataAfterIana) out = {cc::kCannotReturnBytes};
     answer(out, rdata, rdata_len);
 }
 
@@ -141,64 +146,65 @@ void handleOem(lmc_data_t *, msg_t *msg, unsigned char *rdata, unsigned int *rda
 
 void handleSdrAllocInfo(lmc_data_t *, msg_t *msg, unsigned char *rdata, unsigned int *rdata_len, void *)
 {
-    std::vector<uint8_t> out;
+    Bytes out;
     if (askController(msg, out)) return answer(out, rdata, rdata_len);
-    if (msg->len != 0) return answer({tvxsim::cc::kRequestLengthInvalid}, rdata, rdata_len);
+    if (!requestOf(msg).done()) return answer({cc::kRequestLengthInvalid}, rdata, rdata_len);
     // ipmi_sim reports 0xFFFE bytes free in Get SDR Repository Info; in units of 16 bytes that
     // is 0x0FFF of 0x1000 units. The largest record is a full sensor record, 64 bytes.
     constexpr uint16_t kUnits = 0x1000, kUnitSize = 16, kFree = 0x0FFF;
     constexpr uint8_t kMaxRecordUnits = 4;
-    out = {0x00,         kUnits & 0xFF, kUnits >> 8,  kUnitSize & 0xFF, kUnitSize >> 8,
-           kFree & 0xFF, kFree >> 8,    kFree & 0xFF, kFree >> 8,       kMaxRecordUnits};
+    wire::Appender(out).u8(cc::kOk).u16(kUnits).u16(kUnitSize).u16(kFree).u16(kFree).u8(kMaxRecordUnits);
     answer(out, rdata, rdata_len);
 }
 
 void handleReset(lmc_data_t *, msg_t *msg, unsigned char *rdata, unsigned int *rdata_len, void *)
 {
-    std::vector<uint8_t> out;
+    Bytes out;
     if (askController(msg, out)) return answer(out, rdata, rdata_len);
-    if (msg->len != 0) return answer({tvxsim::cc::kRequestLengthInvalid}, rdata, rdata_len);
+    if (!requestOf(msg).done()) return answer({cc::kRequestLengthInvalid}, rdata, rdata_len);
     // A simulated controller restarts instantly and keeps its sessions.
-    answer({0x00}, rdata, rdata_len);
+    answer({cc::kOk}, rdata, rdata_len);
 }
 
 void handleGetUtcOffset(lmc_data_t *, msg_t *msg, unsigned char *rdata, unsigned int *rdata_len, void *)
 {
-    std::vector<uint8_t> out;
+    Bytes out;
     if (askController(msg, out)) return answer(out, rdata, rdata_len);
-    if (msg->len != 0) return answer({tvxsim::cc::kRequestLengthInvalid}, rdata, rdata_len);
-    uint16_t v = module().utcOffset;
-    answer({0x00, static_cast<uint8_t>(v), static_cast<uint8_t>(v >> 8)}, rdata, rdata_len);
+    if (!requestOf(msg).done()) return answer({cc::kRequestLengthInvalid}, rdata, rdata_len);
+    wire::Appender(out).u8(cc::kOk).u16(module().utcOffset);
+    answer(out, rdata, rdata_len);
 }
 
 void handleSetUtcOffset(lmc_data_t *, msg_t *msg, unsigned char *rdata, unsigned int *rdata_len, void *)
 {
-    std::vector<uint8_t> out;
+    Bytes out;
     if (askController(msg, out)) return answer(out, rdata, rdata_len);
-    if (msg->len != 2) return answer({tvxsim::cc::kRequestLengthInvalid}, rdata, rdata_len);
-    uint16_t v = static_cast<uint16_t>(msg->data[0] | msg->data[1] << 8);
+    wire::Reader in = requestOf(msg);
+    const uint16_t v = in.u16();
+    if (!in.done()) return answer({cc::kRequestLengthInvalid}, rdata, rdata_len);
     int16_t minutes = static_cast<int16_t>(v);
     if (v != 0x07FF && (minutes < -1440 || minutes > 1440))
-        return answer({tvxsim::cc::kParameterOutOfRange}, rdata, rdata_len);
+        return answer({cc::kParameterOutOfRange}, rdata, rdata_len);
     module().utcOffset = v;
-    answer({0x00}, rdata, rdata_len);
+    answer({cc::kOk}, rdata, rdata_len);
 }
 
 void handleAlertImmediate(lmc_data_t *, msg_t *msg, unsigned char *rdata, unsigned int *rdata_len, void *)
 {
-    std::vector<uint8_t> out;
+    Bytes out;
     if (askController(msg, out)) return answer(out, rdata, rdata_len);
-    if (msg->len < 2) return answer({tvxsim::cc::kRequestLengthInvalid}, rdata, rdata_len);
+    // The channel and the destination selector at least.
+    if (!requestOf(msg).skip(2).ok()) return answer({cc::kRequestLengthInvalid}, rdata, rdata_len);
     // The alert goes nowhere but is reported as sent: status 0x00, normal end.
-    answer({0x00, 0x00}, rdata, rdata_len);
+    answer({cc::kOk, 0x00}, rdata, rdata_len);
 }
 
 // Commands ipmi_sim lacks that the controller model answers from the profile and its state
 // (Get Self Test Results, Set/Get ACPI Power State).
 void handleFromController(lmc_data_t *, msg_t *msg, unsigned char *rdata, unsigned int *rdata_len, void *)
 {
-    std::vector<uint8_t> out;
-    if (!askController(msg, out)) out = {tvxsim::cc::kInvalidCommand};
+    Bytes out;
+    if (!askController(msg, out)) out = {cc::kInvalidCommand};
     answer(out, rdata, rdata_len);
 }
 
@@ -206,21 +212,26 @@ void handleFromController(lmc_data_t *, msg_t *msg, unsigned char *rdata, unsign
 // version 2.0, never "device busy", and always the four auxiliary revision bytes.
 void handleGetDeviceId(lmc_data_t *, msg_t *msg, unsigned char *rdata, unsigned int *rdata_len, void *)
 {
-    std::vector<uint8_t> out;
-    if (!askController(msg, out)) out = {tvxsim::cc::kUnspecified};
+    Bytes out;
+    if (!askController(msg, out)) out = {cc::kUnspecified};
     answer(out, rdata, rdata_len);
 }
 
 // ---- Sensor readings -------------------------------------------------------------------------
 
-constexpr unsigned char kGetSensorReading = 0x2D;
 cmd_handler_f originalGetSensorReading = nullptr;
 
 void handleGetSensorReading(lmc_data_t *mc, msg_t *msg, unsigned char *rdata, unsigned int *rdata_len, void *cb)
 {
+    namespace reading = tvx::sensor_reading;
     originalGetSensorReading(mc, msg, rdata, rdata_len, cb);
     Module &m = module();
-    if (!m.controller || msg->len < 1 || *rdata_len < 4 || rdata[0] != 0) return;
+    wire::Reader request = requestOf(msg);
+    const uint8_t number = request.u8();
+    const wire::View got(rdata, *rdata_len);
+    if (!m.controller || !request.ok() || !got.has(reading::kState0) ||
+        got.get(tvx::kCompletionCode) != cc::kOk)
+        return;
     std::shared_ptr<const tvxsim::SdrModel> model;
     try {
         model = tvxsim::sdrModel(*m.controller);
@@ -228,16 +239,19 @@ void handleGetSensorReading(lmc_data_t *mc, msg_t *msg, unsigned char *rdata, un
         logLine(e.what());
         return;
     }
-    const tvxsim::SensorDef *sensor = model->find(msg->rs_lun & 3, msg->data[0]);
+    const tvxsim::SensorDef *sensor = model->find(msg->rs_lun & 3, number);
     if (!sensor) return;
-    constexpr unsigned char kUnavailable = 0x20;
-    if (sensor->poweredByHost && !m.powerOn) rdata[2] |= kUnavailable;
+    wire::Writer fix(rdata, *rdata_len);
+    const uint8_t flags = got.get(reading::kFlags, uint8_t{0});
+    if (sensor->poweredByHost && !m.powerOn)
+        fix.put(reading::kFlags, static_cast<uint8_t>(flags | reading::kUnavailable));
     if (sensor->thresholdBased()) {
         const bool isSigned = sensor->format == tvxsim::AnalogFormat::OnesComplement ||
                               sensor->format == tvxsim::AnalogFormat::TwosComplement;
         // Bits 7..6 of the threshold comparisons are reserved and sent as ones.
-        uint8_t bits = isSigned ? tvxsim::thresholdStatus(*sensor, rdata[1]) : (rdata[3] & 0x3F);
-        rdata[3] = static_cast<unsigned char>(0xC0 | bits);
+        uint8_t bits = isSigned ? tvxsim::thresholdStatus(*sensor, got.get(reading::kReading, uint8_t{0}))
+                                : static_cast<uint8_t>(wire::bits(got.get(reading::kState0, uint8_t{0}), 0, 6));
+        fix.put(reading::kState0, static_cast<uint8_t>(0xC0 | bits));
     }
 }
 
@@ -339,23 +353,24 @@ extern "C" __attribute__((visibility("default"))) int ipmi_sim_module_init(sys_d
         cmd_handler_f handler;
     };
     const Std standard[] = {
-        {kNetFnStorage, 0x21, handleSdrAllocInfo},
-        {kNetFnApp, 0x02, handleReset},
-        {kNetFnApp, 0x03, handleReset},
-        {kNetFnStorage, 0x5C, handleGetUtcOffset},
-        {kNetFnStorage, 0x5D, handleSetUtcOffset},
-        {kNetFnSensorEvent, 0x16, handleAlertImmediate},
-        {kNetFnApp, 0x04, handleFromController},
-        {kNetFnApp, 0x06, handleFromController},
-        {kNetFnApp, 0x07, handleFromController},
+        {netfn::kStorage, cmd::storage::kGetSdrRepositoryAllocInfo, handleSdrAllocInfo},
+        {netfn::kApp, cmd::app::kColdReset, handleReset},
+        {netfn::kApp, cmd::app::kWarmReset, handleReset},
+        {netfn::kStorage, cmd::storage::kGetSelTimeUtcOffset, handleGetUtcOffset},
+        {netfn::kStorage, cmd::storage::kSetSelTimeUtcOffset, handleSetUtcOffset},
+        {netfn::kSensorEvent, cmd::sensor::kAlertImmediate, handleAlertImmediate},
+        {netfn::kApp, cmd::app::kGetSelfTestResults, handleFromController},
+        {netfn::kApp, cmd::app::kSetAcpiPowerState, handleFromController},
+        {netfn::kApp, cmd::app::kGetAcpiPowerState, handleFromController},
     };
     for (const Std &s : standard) rv = rv ? rv : ipmi_emu_register_cmd_handler(s.netfn, s.cmd, s.handler, nullptr);
-    originalGetSensorReading = sensor_event_netfn_handlers[kGetSensorReading];
+    originalGetSensorReading = sensor_event_netfn_handlers[cmd::sensor::kGetSensorReading];
     if (!rv && originalGetSensorReading)
-        rv = ipmi_emu_register_cmd_handler(kNetFnSensorEvent, kGetSensorReading, handleGetSensorReading, nullptr);
+        rv = ipmi_emu_register_cmd_handler(netfn::kSensorEvent, cmd::sensor::kGetSensorReading, handleGetSensorReading,
+                                           nullptr);
     const tvxsim::DeviceIdentity &id = m.controller->profile().device;
     if (!rv && (id.ipmiVersionBcd != 0x02 || id.busy || !id.auxFirmwareRevision))
-        rv = ipmi_emu_register_cmd_handler(kNetFnApp, 0x01, handleGetDeviceId, nullptr);
+        rv = ipmi_emu_register_cmd_handler(netfn::kApp, cmd::app::kGetDeviceId, handleGetDeviceId, nullptr);
     if (rv) logLine("cannot register the command handlers");
     return rv;
 }

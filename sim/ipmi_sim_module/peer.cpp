@@ -22,6 +22,9 @@
 
 #include <freeipmi/api/ipmi-api.h>
 
+#include "tvx/ipmi.h"
+#include "tvx/wire.h"
+
 namespace tvxsim::ipmisim {
 namespace {
 
@@ -99,13 +102,15 @@ bool rmcpPing(uint16_t port, int waitMs)
     // RMCP header (version 6, sequence 0xFF: no ACK, class ASF), then the ASF message:
     // IANA 4542, type 0x80 (presence ping), tag, reserved, no data.
     const uint8_t ping[] = {0x06, 0x00, 0xFF, 0x06, 0x00, 0x00, 0x11, 0xBE, 0x80, 0x01, 0x00, 0x00};
+    constexpr tvx::wire::U8 kAsfMessageType{8}; // after the RMCP header and the IANA number
+    constexpr uint8_t kPresencePong = 0x40;
     bool pong = false;
     if (::sendto(fd, ping, sizeof ping, 0, reinterpret_cast<sockaddr *>(&a), sizeof a) == sizeof ping) {
         pollfd p{fd, POLLIN, 0};
         uint8_t buf[64];
         if (::poll(&p, 1, waitMs) == 1) {
             ssize_t n = ::recv(fd, buf, sizeof buf, 0);
-            pong = n >= 9 && buf[8] == 0x40;
+            pong = n > 0 && tvx::wire::View(buf, static_cast<std::size_t>(n)).get(kAsfMessageType) == kPresencePong;
         }
     }
     ::close(fd);
@@ -125,9 +130,11 @@ bool answersDeviceId(uint16_t port, const User &user, std::string &why)
     if (ipmi_ctx_open_outofband_2_0(ctx, host.c_str(), user.name.c_str(), user.password.c_str(), nullptr, 0,
                                     0x02 /* user */, 3, 500, 100,
                                     IPMI_WORKAROUND_FLAGS_OUTOFBAND_2_0_OPEN_SESSION_PRIVILEGE, IPMI_FLAGS_DEFAULT) == 0) {
-        uint8_t rq[1] = {0x01}, rs[64];
-        int n = ipmi_cmd_raw(ctx, 0, 0x06, rq, 1, rs, sizeof rs);
-        ok = n >= 2 && rs[1] == 0x00;
+        // libfreeipmi answers the command byte first, then the completion code.
+        constexpr tvx::wire::U8 kCompletionCode{1};
+        uint8_t rq[1] = {tvx::cmd::app::kGetDeviceId}, rs[64];
+        int n = ipmi_cmd_raw(ctx, 0, tvx::netfn::kApp, rq, 1, rs, sizeof rs);
+        ok = n > 0 && tvx::wire::View(rs, static_cast<std::size_t>(n)).get(kCompletionCode) == tvx::cc::kOk;
         if (!ok) why = n < 0 ? ipmi_ctx_errormsg(ctx) : "Get Device ID was refused";
         ipmi_ctx_close(ctx);
     } else {

@@ -1,25 +1,45 @@
-// A direct platform request whose answer buffer states no capacity: the platform then writes
-// the whole answer, so the buffer is as large as any answer the platform produces.
+// Direct platform requests and the views their answers are read through.
 #pragma once
 
 #include <cstdint>
 #include <cstring>
 
-#include "common/bytes.h"
 #include "libipmi.h"
+#include "tvx/ipmi.h"
+#include "tvx/wire.h"
 
 namespace tvx {
 
+// What arrived in an answer buffer of `capacity` bytes: a stated length beyond the buffer
+// (from a platform that broke its word) is cut.
+inline wire::View received(const uint8_t *buffer, std::size_t capacity, uint32_t length)
+{
+    return wire::View(buffer, length < capacity ? length : capacity);
+}
+template <std::size_t N> wire::View received(const uint8_t (&buffer)[N], uint32_t length)
+{
+    return received(buffer, N, length);
+}
+
+// The completion code in the first byte of an answer buffer as filled: ipmiSendCmd puts it
+// there even when the controller sent nothing else.
+template <std::size_t N> constexpr uint8_t completionCode(const uint8_t (&buffer)[N])
+{
+    return wire::View(buffer, N).get(kCompletionCode, uint8_t{0});
+}
+
+// A direct platform request whose answer buffer states no capacity: the platform then writes
+// the whole answer, so the buffer is as large as any answer the platform produces.
 struct RawAnswer {
     uint16_t status = 0;
     uint32_t length = 0;
     uint8_t bytes[LIBIPMI_MAX_RESPONSE_LEN];
 
-    // What arrived; a length beyond the buffer (from a platform that broke its word) is cut.
-    ByteView view() const { return ByteView(bytes, length < sizeof bytes ? length : sizeof bytes); }
+    // What arrived.
+    wire::View view() const { return received(bytes, length); }
     // The answer buffer as filled before and by the call, for reads of pre-set bytes.
-    ByteView buffer() const { return ByteView(bytes, sizeof bytes); }
-    bool ok() const { return status == 0 && bytes[0] == 0x00; }
+    wire::View buffer() const { return wire::View(bytes, sizeof bytes); }
+    bool ok() const { return status == 0 && completionCode(bytes) == cc::kOk; }
 };
 
 // Sends the request with response length 0 ("not stated"), after filling the first
@@ -45,12 +65,6 @@ inline uint16_t sendStated(IpmiSession *session, uint8_t netFnLun, uint8_t comma
     *len = kOemResponseSize;
     return LIBIPMI_Send_RAW_IPMI2_0_Command(session, 0, netFnLun, command, const_cast<uint8_t *>(request), requestLen,
                                             response, len, 60);
-}
-
-// What arrived of such an answer.
-inline ByteView received(const uint8_t (&response)[kOemResponseSize], uint32_t len)
-{
-    return ByteView(response, len < kOemResponseSize ? len : kOemResponseSize);
 }
 
 // The platform's status with its two low bytes exchanged, as the messages show it.

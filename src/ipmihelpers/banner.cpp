@@ -4,9 +4,28 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "tvx/wire.h"
 #include "tvx_toipmi.h"
 
 namespace {
+
+// The controller's IPv4 address on a system board of a partitionable server: 127.1.2.N,
+// where N - 1 is the board's number.
+constexpr tvx::wire::Run kBoardNetwork{0, 3};
+constexpr tvx::wire::U8 kBoardHost{3};
+constexpr uint8_t kBoardNetworkBytes[3] = {127, 1, 2};
+
+// The firmware revision the banner shows from the auxiliary revision bytes: major, minor and
+// a letter (the third byte is not shown).
+constexpr tvx::wire::U8 kAuxMajor{0}, kAuxMinor{1}, kAuxLetter{3};
+struct Revision {
+    int major, minor, letter;
+};
+Revision auxRevision(const IpmiDeviceId &id)
+{
+    const tvx::wire::View aux(id.auxFirmwareRevision, sizeof id.auxFirmwareRevision);
+    return {aux.get(kAuxMajor, uint8_t{0}), aux.get(kAuxMinor, uint8_t{0}), aux.get(kAuxLetter, uint8_t{0})};
+}
 
 constexpr uint8_t kUndetermined = 254;
 constexpr uint8_t kNotPartitioned = 255;
@@ -42,7 +61,9 @@ TVX_API unsigned ipmiGetSbNumber(IpmiSession *session)
     if (!session) return kNotPartitioned;
     if (gSbNumber != kUndetermined) return gSbNumber;
     if (uint8_t *address = ipmiGetIpAddress(session)) {
-        if (address[0] == 127 && address[1] == 1 && address[2] == 2) gSbNumber = static_cast<uint8_t>(address[3] - 1);
+        const tvx::wire::View ip(address, 4);
+        if (std::memcmp(ip.get(kBoardNetwork).data(), kBoardNetworkBytes, sizeof kBoardNetworkBytes) == 0)
+            gSbNumber = static_cast<uint8_t>(ip.get(kBoardHost, uint8_t{0}) - 1);
         std::free(address);
     }
     if (gSbNumber > 3) gSbNumber = kNotPartitioned;
@@ -64,8 +85,9 @@ TVX_API int KV_rmMenu(IpmiSession *session)
     std::puts("*                                          *\r");
     std::puts("*  Welcome to KESTRAVONE Remote Manager    *\r");
     IpmiDeviceId id = ipmiGetDeviceId(session);
-    std::printf("*  Firmware Revision %d.%d%c (%X.%02d)          *\n", id.auxFirmwareRevision[0],
-                id.auxFirmwareRevision[1], id.auxFirmwareRevision[3], id.firmwareRevision1, id.firmwareRevision2);
+    const Revision aux = auxRevision(id);
+    std::printf("*  Firmware Revision %d.%d%c (%X.%02d)          *\n", aux.major, aux.minor, aux.letter,
+                id.firmwareRevision1, id.firmwareRevision2);
     char text[256];
     if (readText(session, TVX_VAR_FIRMWARE_BUILD, text)) std::printf("*  Firmware built %s *\r\n", text);
     else std::printf("*  Firmware built %s     *\r\n", kBuildStamp);
@@ -82,9 +104,10 @@ TVX_API int ipmiPrintLoginHeader(IpmiSession *session)
     boxed("*    Welcome to TALVIREN Remote Manager", true);
 
     IpmiDeviceId id = ipmiGetDeviceId(session);
+    const Revision aux = auxRevision(id);
     // A fourth auxiliary byte of 0 ends the text there, as a character it cannot be shown.
-    std::snprintf(line, sizeof line, "*    Firmware Revision %d.%02d%c (%X.%02d)", id.auxFirmwareRevision[0],
-                  id.auxFirmwareRevision[1], id.auxFirmwareRevision[3], id.firmwareRevision1, id.firmwareRevision2);
+    std::snprintf(line, sizeof line, "*    Firmware Revision %d.%02d%c (%X.%02d)", aux.major, aux.minor, aux.letter,
+                  id.firmwareRevision1, id.firmwareRevision2);
     boxed(line, false);
 
     if (!readText(session, TVX_VAR_SDR_TEXT, text)) std::snprintf(text, 31, "%s", "info is not available");

@@ -3,22 +3,21 @@
 #include <cstring>
 
 #include "common/diag.h"
-#include "common/oem.h"
 #include "common/raw.h"
 #include "libipmi.h"
+#include "tvx/ipmi.h"
 #include "tvx_toipmi.h"
 
-using tvx::ByteView;
 using tvx::diag::Unit;
+namespace wire = tvx::wire;
+namespace oem = tvx::oem;
 
 namespace {
 
-constexpr uint8_t kConfigSpace = 0xE0;
-constexpr uint8_t kOemVendor = 0xF5;
-constexpr uint8_t kRead = 0x01;
-constexpr uint8_t kWrite = 0x02;
+constexpr uint8_t kConfigSpace = oem::cmd::kConfigSpace;
+constexpr uint8_t kOemVendor = oem::cmd::kVendor;
 constexpr uint32_t kResponseSize = tvx::kOemResponseSize;
-constexpr size_t kValueOffset = 5;
+constexpr size_t kRequestHead = oem::kIanaSize + 5; // operation, index, ID, length
 
 uint16_t send(IpmiSession *session, uint8_t command, const uint8_t *request, uint32_t requestLen,
               uint8_t (&response)[kResponseSize], uint32_t *len)
@@ -35,19 +34,22 @@ TVX_API int ipmiReadConfigSpaceVariable(IpmiSession *session, uint8_t index, uin
     uint8_t response[kResponseSize];
     std::memset(response, 0, sizeof response);
     if (!session) return 0;
-    auto request = tvx::oem::oemRequest(kRead, index, variableId & 0xFF, variableId >> 8);
+    uint8_t request[oem::kIanaSize + 4];
+    wire::Writer w(request);
+    w.u24(oem::kVendorIana).u8(oem::config_space::kRead).u8(index).u16(variableId);
     uint32_t len = 0;
-    uint16_t status = send(session, kConfigSpace, request.data(), request.size(), response, &len);
+    uint16_t status = send(session, kConfigSpace, request, static_cast<uint32_t>(w.size()), response, &len);
     if (status != 0) {
         tvx::diag::plainFormat("%s:%d: error code = %x\n", tvx::diag::unitFile(Unit::Helpers), __LINE__, status);
         return -1;
     }
-    if (len == 0 || response[0] != 0) return -1;
-    uint8_t length = response[4];
+    if (len == 0 || tvx::completionCode(response) != tvx::cc::kOk) return -1;
+    // The length byte is read from the zero-filled buffer: one that did not arrive reads 0.
+    uint8_t length = wire::View(response).get(oem::config_space::kValueLength, uint8_t{0});
     if (length == 0) return 0;
     // A length byte that promises more than arrived would hand out bytes the controller
     // never sent: such an answer is refused.
-    ByteView value = tvx::received(response, len).from(kValueOffset);
+    wire::View value = tvx::received(response, len).from(oem::config_space::kValue);
     if (value.size() < length) return -1;
     if (buffer) std::memcpy(buffer, value.data(), length);
     return length;
@@ -58,15 +60,15 @@ TVX_API int ipmiWriteConfigSpaceVariable(IpmiSession *session, uint16_t variable
 {
     if (!session) return 1;
     if (!data && length > 0) return 0;
-    uint32_t requestLen = 8u + length;
+    uint32_t requestLen = kRequestHead + length;
     uint8_t *request = static_cast<uint8_t *>(std::calloc(requestLen, 1));
     if (!request) {
         TVX_DIAG_LOCATED(Unit::Helpers, "Filed to allocate memory.");
         return 0;
     }
-    auto head = tvx::oem::oemRequest(kWrite, index, variableId & 0xFF, variableId >> 8, length);
-    std::memcpy(request, head.data(), head.size());
-    if (length > 0) std::memcpy(request + head.size(), data, length);
+    wire::Writer w(request, requestLen);
+    w.u24(oem::kVendorIana).u8(oem::config_space::kWrite).u8(index).u16(variableId).u8(length);
+    if (length > 0) w.bytes({data, length});
     uint8_t response[kResponseSize];
     uint32_t len = 0;
     uint16_t status = send(session, kConfigSpace, request, requestLen, response, &len);
@@ -76,8 +78,9 @@ TVX_API int ipmiWriteConfigSpaceVariable(IpmiSession *session, uint16_t variable
         return 0;
     }
     if (len == 0) return 0;
-    if (response[0] != 0) {
-        TVX_DIAG_LOCATED(Unit::Helpers, "Failed to read config space variable, completion code = 0x%x", response[0]);
+    if (tvx::completionCode(response) != tvx::cc::kOk) {
+        TVX_DIAG_LOCATED(Unit::Helpers, "Failed to read config space variable, completion code = 0x%x",
+                         tvx::completionCode(response));
         return 0;
     }
     return 1;
@@ -106,11 +109,13 @@ TVX_API void *getConfigSpaceVariable(void *destination, unsigned destinationSize
 TVX_API int ipmiResetConfigSpace(IpmiSession *session)
 {
     if (!session) return 0;
-    auto request = tvx::oem::oemRequest(0xE0, 'C', 'L', 'R', 0xAA);
+    uint8_t request[oem::kIanaSize + 1 + sizeof oem::vendor::kResetGuard];
+    wire::Writer w(request);
+    w.u24(oem::kVendorIana).u8(oem::vendor::kResetConfigSpace).bytes(oem::vendor::kResetGuard);
     uint8_t response[kResponseSize];
     uint32_t len = 0;
-    uint16_t status = send(session, kOemVendor, request.data(), request.size(), response, &len);
-    if (status != 0 || response[0] != 0) {
+    uint16_t status = send(session, kOemVendor, request, static_cast<uint32_t>(w.size()), response, &len);
+    if (status != 0 || tvx::completionCode(response) != tvx::cc::kOk) {
         TVX_DIAG_LOCATED(Unit::Helpers, "Failed to send ipmi raw command.");
         return 0;
     }
@@ -121,7 +126,8 @@ TVX_API int ipmiConsoleLogGetState(IpmiSession *session, uint32_t *state)
 {
     uint8_t value[kResponseSize];
     std::memset(value, 0, sizeof value);
-    if (ipmiReadConfigSpaceVariable(session, 0, TVX_VAR_CONSOLE_LOGGING, value) == 1 && state) *state = value[0];
+    if (ipmiReadConfigSpaceVariable(session, 0, TVX_VAR_CONSOLE_LOGGING, value) == 1 && state)
+        *state = wire::Reader(value, 1).u8();
     return 0;
 }
 
@@ -146,7 +152,7 @@ TVX_API int ipmiConsoleLogStop(IpmiSession *session)
 TVX_API int ipmiConsoleLogClear(IpmiSession *session)
 {
     if (!session) return 0;
-    auto request = tvx::oem::oemRequest(0x09, 0x07);
+    auto request = oem::request(oem::vendor::kConsoleLog, oem::vendor::kConsoleClear);
     uint8_t response[kResponseSize];
     uint32_t len = 0;
     return send(session, kOemVendor, request.data(), request.size(), response, &len);

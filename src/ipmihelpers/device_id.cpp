@@ -1,9 +1,10 @@
 // The controller's identity (Get Device ID).
 #include <cstring>
 
-#include "common/bytes.h"
 #include "common/diag.h"
 #include "libipmi.h"
+#include "tvx/ipmi.h"
+#include "tvx/wire.h"
 #include "tvx_toipmi.h"
 
 using tvx::diag::Unit;
@@ -12,6 +13,7 @@ namespace {
 
 constexpr int kTimeout = 60;
 constexpr uint32_t kDeviceIdResponseLen = 16; // completion code and the 15 bytes of the record
+static_assert(sizeof(IpmiDeviceId) == kDeviceIdResponseLen - tvx::kAnswerData);
 
 } // namespace
 
@@ -29,8 +31,8 @@ extern "C" TVX_API IpmiDeviceId ipmiGetDeviceId(IpmiSession *session)
         return id;
     }
     uint32_t len = 0;
-    uint16_t status = LIBIPMI_Send_RAW_IPMI2_0_Command(session, 0, TVX_NETFN_APP, 0x01, nullptr, 0, response, &len,
-                                                       kTimeout);
+    uint16_t status = LIBIPMI_Send_RAW_IPMI2_0_Command(session, 0, TVX_NETFN_APP, tvx::cmd::app::kGetDeviceId, nullptr,
+                                                       0, response, &len, kTimeout);
     if (status != 0) {
         TVX_DIAG_LOCATED(Unit::Helpers, "Failed to send ipmi raw command.");
         return id;
@@ -39,7 +41,7 @@ extern "C" TVX_API IpmiDeviceId ipmiGetDeviceId(IpmiSession *session)
         TVX_DIAG_LOCATED(Unit::Helpers, "Failed to read device id, wrong response size.");
         return id;
     }
-    tvx::ByteView data = tvx::ByteView(response, len).from(1);
+    tvx::wire::View data = tvx::wire::View(response, len).from(tvx::kAnswerData);
     std::memcpy(&id, data.data(), sizeof id);
     return id;
 }

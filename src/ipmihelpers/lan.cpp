@@ -1,6 +1,7 @@
 // The controller's LAN settings through the LAN configuration parameters of its first
 // 802.3 LAN channel, and the IPv4 address of a local interface.
 #include <arpa/inet.h>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <ifaddrs.h>
@@ -9,15 +10,21 @@
 
 #include "common/diag.h"
 #include "libipmi.h"
+#include "tvx/ipmi.h"
+#include "tvx/wire.h"
 #include "tvx_toipmi.h"
 
 using tvx::diag::Unit;
+namespace wire = tvx::wire;
 
 namespace {
 
 constexpr int kTimeout = 60;
-constexpr uint8_t kMedium8023Lan = 4;
 constexpr size_t kParameterSize = sizeof(LanConfigGetResponse); // 27 bytes
+// A parameter as _ipmiGetLanParameter hands it out (the platform's record, zero where the
+// controller sent nothing): completion code, parameter revision, then the data.
+constexpr size_t kParameterData = offsetof(LanConfigGetResponse, data);
+constexpr wire::U8 kAddressSource{kParameterData};
 
 // The data length of each parameter that can be written; 0 for the others.
 uint32_t dataLength(int selector)
@@ -43,7 +50,7 @@ uint8_t *addressBlock(IpmiSession *session, int selector, size_t n, const char *
         std::free(parameter);
         return nullptr;
     }
-    std::memcpy(block, parameter + 2, n);
+    std::memcpy(block, wire::View(parameter, kParameterSize).upTo(kParameterData, n).data(), n);
     std::free(parameter);
     return block;
 }
@@ -60,7 +67,7 @@ TVX_API unsigned getChannel(IpmiSession *session)
         ChannelInfoResponse response;
         std::memset(&response, 0, sizeof response);
         if (IPMICMD_GetChannelInfo(session, &request, &response, kTimeout) != 0) continue;
-        if (response.mediumType == kMedium8023Lan && response.channelNumber == channel) return channel;
+        if (response.mediumType == tvx::lan::kMedium8023 && response.channelNumber == channel) return channel;
     }
     return 0;
 }
@@ -104,7 +111,7 @@ TVX_API int ipmiGetAddressSource(IpmiSession *session)
 {
     uint8_t *parameter = _ipmiGetLanParameter(session, TVX_LAN_ADDRESS_SOURCE);
     if (!parameter) return -1;
-    int source = static_cast<int8_t>(parameter[2]);
+    int source = static_cast<int8_t>(wire::View(parameter, kParameterSize).get(kAddressSource, uint8_t{0}));
     std::free(parameter);
     return source;
 }
@@ -122,7 +129,8 @@ TVX_API int _ipmiSetLanParameter(IpmiSession *session, int selector, const uint8
     request.parameterSelector = static_cast<uint8_t>(selector);
     std::memcpy(request.data, data, n);
     uint8_t completion = 0xFF;
-    return IPMICMD_SetLANConfig(session, &request, 2 + n, &completion, kTimeout) == 0 ? 1 : 0;
+    uint32_t length = static_cast<uint32_t>(offsetof(LanConfigSetRequest, data) + n);
+    return IPMICMD_SetLANConfig(session, &request, length, &completion, kTimeout) == 0 ? 1 : 0;
 }
 
 TVX_API int ipmiSetIpAddress(IpmiSession *session, const uint8_t *data)

@@ -6,21 +6,32 @@
 
 #include "common/diag.h"
 #include "libipmi.h"
+#include "tvx/records.h"
 #include "tvx_toipmi.h"
 
 using tvx::diag::Unit;
+namespace sdr = tvx::sdr;
 
 namespace {
 
 constexpr int kTimeout = 60;
-constexpr uint32_t kFullRecordCopy = 64;    // largest full sensor record
-constexpr uint32_t kCompactRecordCopy = 48; // largest compact sensor record
+constexpr uint32_t kFullRecordCopy = sdr::full::kMaxSize;
+constexpr uint32_t kCompactRecordCopy = sdr::compact::kMaxSize;
 
 bool usable(const SDRInfo *info) { return info && info->records && info->count != 0 && info->recordSize != 0; }
 
 const uint8_t *slot(const SDRInfo *info, uint32_t index)
 {
     return info->records + static_cast<size_t>(info->recordSize) * index;
+}
+
+// A slot's bytes: the record read field by field, never past the slot.
+tvx::wire::View slotView(const SDRInfo *info, uint32_t index) { return {slot(info, index), info->recordSize}; }
+
+// Whether a slot holds a sensor record of this type and sensor type.
+bool isSensor(tvx::wire::View r, uint8_t recordType, uint8_t sensorType)
+{
+    return r.get(sdr::kRecordType) == recordType && r.get(sdr::kSensorType) == sensorType;
 }
 
 } // namespace
@@ -85,13 +96,11 @@ extern "C" TVX_API uint8_t *findCompactSdrByEntity(uint8_t entityId, uint8_t ent
                                                    SDRInfo *info)
 {
     if (!usable(info)) return nullptr;
-    // Every position read below lies within the slot.
-    if (info->recordSize <= TVX_SDR_POS_SENSOR_TYPE) return nullptr;
     for (uint32_t i = 0; i < info->count; ++i) {
-        const uint8_t *r = slot(info, i);
-        if (r[TVX_SDR_POS_RECORD_TYPE] == TVX_SDR_COMPACT_SENSOR && r[TVX_SDR_POS_SENSOR_TYPE] == sensorType &&
-            r[TVX_SDR_POS_ENTITY_ID] == entityId && r[TVX_SDR_POS_ENTITY_INST] == entityInstance)
-            return const_cast<uint8_t *>(r);
+        tvx::wire::View r = slotView(info, i);
+        if (isSensor(r, sdr::kCompactSensor, sensorType) && r.get(sdr::kEntityId) == entityId &&
+            r.get(sdr::kEntityInstance) == entityInstance)
+            return const_cast<uint8_t *>(r.data());
     }
     return nullptr;
 }
@@ -100,15 +109,15 @@ extern "C" TVX_API uint32_t ipmiFindSensorByType(ListNode **list, uint8_t record
                                                  SDRInfo *info)
 {
     uint32_t appended = 0;
-    if (!usable(info) || info->recordSize <= TVX_SDR_POS_SENSOR_TYPE) return 0;
+    if (!usable(info)) return 0;
     uint32_t copy;
-    if (recordType == TVX_SDR_FULL_SENSOR) copy = kFullRecordCopy;
-    else if (recordType == TVX_SDR_COMPACT_SENSOR) copy = kCompactRecordCopy;
+    if (recordType == sdr::kFullSensor) copy = kFullRecordCopy;
+    else if (recordType == sdr::kCompactSensor) copy = kCompactRecordCopy;
     else return 0;
     const uint64_t cacheSize = static_cast<uint64_t>(info->recordSize) * info->count;
     for (uint32_t i = 0; i < info->count; ++i) {
         const uint8_t *r = slot(info, i);
-        if (r[TVX_SDR_POS_RECORD_TYPE] != recordType || r[TVX_SDR_POS_SENSOR_TYPE] != sensorType) continue;
+        if (!isSensor(slotView(info, i), recordType, sensorType)) continue;
         // A slot smaller than the record copy: take what remains of the cache, never more,
         // so the last slot's copy stays inside the buffer.
         uint64_t remaining = cacheSize - static_cast<uint64_t>(info->recordSize) * i;

@@ -4,22 +4,37 @@
 #include <cstring>
 #include <ctime>
 
-#include "common/bytes.h"
 #include "common/diag.h"
 #include "common/raw.h"
-#include "common/sel_record.h"
 #include "libipmi.h"
+#include "tvx/ipmi.h"
+#include "tvx/records.h"
 #include "tvx_toipmi.h"
 
 using tvx::diag::Unit;
+namespace sel = tvx::sel;
+namespace wire = tvx::wire;
 
 namespace {
 
 constexpr int kTimeout = 60;
 constexpr size_t kRawLineSize = 255;
-constexpr uint8_t kReserveSel = 0x42;
-constexpr uint8_t kClearSel = 0x47;
-constexpr uint8_t kGetSelUtcOffset = 0x5C;
+constexpr wire::U16 kReservationId{1}; // Reserve SEL answer
+constexpr wire::U16 kUtcOffset{1};     // Get SEL Time UTC Offset answer
+
+// The hex digits of a run, upper case, with `separator` between bytes and `group` (after
+// every four bytes) instead where a group ends.
+int hexRun(char *out, size_t room, wire::View bytes, char separator, char group = 0)
+{
+    size_t n = 0;
+    for (size_t at = 0; at < bytes.size(); at += 4) {
+        if (at && n + 1 < room) out[n++] = group ? group : separator;
+        n += wire::formatHex(bytes.upTo(at, 4).span(), out + (n < room ? n : room), n < room ? room - n : 0,
+                             separator, true);
+    }
+    if (room) out[n < room ? n : room - 1] = '\0';
+    return static_cast<int>(n);
+}
 
 } // namespace
 
@@ -53,29 +68,34 @@ extern "C" TVX_API void addEntryToRawStringList(ListNode **head, const uint8_t *
     char time[25];
     std::memset(line, 0, sizeof line);
     std::memset(time, 0, sizeof time);
-    const uint8_t *r = record;
-    uint8_t type = r[2];
+    const wire::View r(record, sel::kRecordSize);
+    auto at = [&r](wire::U8 field) { return static_cast<int>(r.get(field, uint8_t{0})); };
+    uint8_t type = r.get(sel::kRecordType, uint8_t{0});
     const char *timeColumn = time;
-    if (tvx::sel::hasTimestamp(type)) {
-        time_t t = static_cast<time_t>(tvx::sel::timestamp(r));
+    if (sel::hasTimestamp(type)) {
+        time_t t = static_cast<time_t>(r.get(sel::kTimestamp, uint32_t{0}));
         convertTime(&t, time, sizeof time);
-    } else if (tvx::sel::isOemUntimed(type)) {
+    } else if (sel::isOemUntimed(type)) {
         timeColumn = "-OEM-";
     } else {
         timeColumn = "Unknown";
     }
-    int n = std::snprintf(line, sizeof line, "%04X %-20.20s ", r[0] | r[1] << 8, timeColumn);
+    int n = std::snprintf(line, sizeof line, "%04X %-20.20s ", r.get(sel::kRecordId, uint16_t{0}), timeColumn);
     char *body = line + n;
     size_t room = sizeof line - static_cast<size_t>(n);
-    if (type == tvx::sel::kSystemEvent) {
-        std::snprintf(body, room, "Addr:%02X:%d, EvM:%02X, Sens:%02X:%02X, Trig:%02X, Data:%02X:%02X:%02X", r[7], r[8],
-                      r[9], r[10], r[11], r[12], r[13], r[14], r[15]);
-    } else if (tvx::sel::isOemTimed(type)) {
-        std::snprintf(body, room, "OEM: %02X:%02X:%02X, Data:%02X:%02X:%02X:%02X:%02X:%02X", r[7], r[8], r[9], r[10],
-                      r[11], r[12], r[13], r[14], r[15]);
-    } else if (tvx::sel::isOemUntimed(type)) {
-        std::snprintf(body, room, "OEM: Data:%02X:%02X:%02X:%02X-%02X:%02X:%02X:%02X-%02X:%02X:%02X:%02X-%02X", r[3],
-                      r[4], r[5], r[6], r[7], r[8], r[9], r[10], r[11], r[12], r[13], r[14], r[15]);
+    char first[40], second[40];
+    if (type == sel::kSystemEvent) {
+        hexRun(first, sizeof first, r.get(sel::kEventData), ':');
+        std::snprintf(body, room, "Addr:%02X:%d, EvM:%02X, Sens:%02X:%02X, Trig:%02X, Data:%s", at(sel::kGeneratorAddress),
+                      at(sel::kGeneratorChannelLun), at(sel::kEvmRevision), at(sel::kSensorType),
+                      at(sel::kSensorNumber), at(sel::kEventDirType), first);
+    } else if (sel::isOemTimed(type)) {
+        hexRun(first, sizeof first, r.get(sel::kManufacturerIdBytes), ':');
+        hexRun(second, sizeof second, r.get(sel::kOemTimedData), ':');
+        std::snprintf(body, room, "OEM: %s, Data:%s", first, second);
+    } else if (sel::isOemUntimed(type)) {
+        hexRun(first, sizeof first, r.get(sel::kOemData), ':', '-');
+        std::snprintf(body, room, "OEM: Data:%s", first);
     }
     addToList(head, line, kRawLineSize);
 }
@@ -128,11 +148,13 @@ extern "C" TVX_API SelSummary ipmiGetSelInfo(IpmiSession *session)
 
 extern "C" TVX_API int16_t ipmiGetSelTimeUtcOffset(IpmiSession *session)
 {
+    // Bytes that do not arrive keep their 0xFF, so a cut answer reads as -1.
     uint8_t response[3] = {0xFF, 0xFF, 0xFF};
     uint32_t len = sizeof response;
-    if (!ipmiSendCmd(session, TVX_NETFN_STORAGE, kGetSelUtcOffset, 0, nullptr, &len, response)) return -1;
-    if (response[0] != 0) return -1;
-    return static_cast<int16_t>(response[1] | response[2] << 8);
+    if (!ipmiSendCmd(session, TVX_NETFN_STORAGE, tvx::cmd::storage::kGetSelTimeUtcOffset, 0, nullptr, &len, response))
+        return -1;
+    if (tvx::completionCode(response) != tvx::cc::kOk) return -1;
+    return static_cast<int16_t>(wire::View(response).get(kUtcOffset, uint16_t{0xFFFF}));
 }
 
 extern "C" TVX_API int ipmiClearEventLog(IpmiSession *session)
@@ -141,16 +163,20 @@ extern "C" TVX_API int ipmiClearEventLog(IpmiSession *session)
     uint8_t response[8];
     std::memset(response, 0, sizeof response);
     uint32_t len = sizeof response;
-    uint16_t status =
-        LIBIPMI_Send_RAW_IPMI2_0_Command(session, 0, TVX_NETFN_STORAGE, kReserveSel, nullptr, 0, response, &len, kTimeout);
+    uint16_t status = LIBIPMI_Send_RAW_IPMI2_0_Command(session, 0, TVX_NETFN_STORAGE, tvx::cmd::storage::kReserveSel,
+                                                       nullptr, 0, response, &len, kTimeout);
     // Without a reservation the clear still goes out with ID 0; the controller decides.
-    tvx::ByteView rsp(response, len < sizeof response ? len : sizeof response);
-    uint16_t reservation = status == 0 && rsp.u8(0, 0xFF) == 0 ? rsp.u16(1) : 0;
-    uint8_t request[6] = {static_cast<uint8_t>(reservation), static_cast<uint8_t>(reservation >> 8), 'C', 'L', 'R', 0xAA};
+    wire::View rsp = tvx::received(response, len);
+    uint16_t reservation =
+        status == 0 && rsp.get(tvx::kCompletionCode, uint8_t{0xFF}) == tvx::cc::kOk ? rsp.get(kReservationId, uint16_t{0})
+                                                                                       : 0;
+    uint8_t request[6];
+    wire::Writer w(request);
+    w.u16(reservation).bytes(tvx::clear_sel::kGuard).u8(tvx::clear_sel::kInitiate);
     std::memset(response, 0, sizeof response);
     len = sizeof response;
-    status = LIBIPMI_Send_RAW_IPMI2_0_Command(session, 0, TVX_NETFN_STORAGE, kClearSel, request, sizeof request, response,
-                                              &len, kTimeout);
+    status = LIBIPMI_Send_RAW_IPMI2_0_Command(session, 0, TVX_NETFN_STORAGE, tvx::cmd::storage::kClearSel, request,
+                                              static_cast<uint32_t>(w.size()), response, &len, kTimeout);
     return status == 0 ? 1 : 0;
 }
 
@@ -161,17 +187,18 @@ extern "C" TVX_API int ipmiWriteSelEntry(IpmiSession *session, uint8_t sensorTyp
     if (!session) return 0;
     SelRecord record;
     std::memset(&record, 0, sizeof record);
-    uint8_t *r = record.bytes;
-    r[2] = tvx::sel::kSystemEvent; // record ID 0 and timestamp 0: the controller assigns both
-    r[7] = 0x20;
-    r[8] = 0x00;
-    r[9] = 0x01;
-    r[10] = sensorType;
-    r[11] = sensorNumber;
-    r[12] = eventDirType;
-    r[13] = eventData1;
-    r[14] = eventData2;
-    r[15] = eventData3;
+    // Record ID 0 and timestamp 0: the controller assigns both.
+    wire::Writer(record.bytes)
+        .put(sel::kRecordType, sel::kSystemEvent)
+        .put(sel::kGeneratorAddress, uint8_t{0x20})
+        .put(sel::kGeneratorChannelLun, uint8_t{0x00})
+        .put(sel::kEvmRevision, uint8_t{0x01})
+        .put(sel::kSensorType, sensorType)
+        .put(sel::kSensorNumber, sensorNumber)
+        .put(sel::kEventDirType, eventDirType)
+        .put(sel::kEventData1, eventData1)
+        .put(sel::kEventData2, eventData2)
+        .put(sel::kEventData3, eventData3);
     SelAddResponse response;
     std::memset(&response, 0, sizeof response);
     uint16_t status = IPMICMD_AddSELEntry(session, &record, &response, kTimeout);

@@ -4,32 +4,33 @@
 // Every answer is read through a view of the bytes that actually arrived: lengths the
 // controller states are trusted only as far as the received bytes and the declared text
 // size allow.
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 
-#include "common/bytes.h"
 #include "common/diag.h"
-#include "common/oem.h"
 #include "common/raw.h"
-#include "common/sel_record.h"
 #include "libipmi.h"
+#include "tvx/ipmi.h"
+#include "tvx/records.h"
 #include "tvx_toipmi.h"
 
-using tvx::ByteView;
 using tvx::diag::Unit;
+using tvx::wire::View;
+namespace wire = tvx::wire;
+namespace vendor = tvx::oem::vendor;
 
 namespace {
 
 constexpr int kTimeout = 60;
-constexpr uint8_t kOemCommand = 0xF5;
-constexpr uint8_t kGetErrorCode = 0x72;
-constexpr uint8_t kGetTextChunk = 0x73;
-constexpr uint8_t kGetEntryText = 0x45;
-constexpr uint8_t kGetFollowUp = 0x71;
-constexpr uint8_t kGetEntryAsText = 0x89;
+constexpr uint8_t kOemCommand = tvx::oem::cmd::kVendor;
 constexpr uint32_t kRawResponse = tvx::kOemResponseSize;
+// The short text answer (0x45), as the 64-byte buffer holds it: from the payload on, the
+// SelEntryText record; its length byte decides how much of it is taken.
+constexpr wire::U8 kEntryTextLength{tvx::oem::kPayload + offsetof(SelEntryText, length)};
+constexpr std::size_t kEntryTextHead = offsetof(SelEntryText, text); // bytes before the text
 // A composed line, its terminator included, fits the 255-byte buffers its readers use.
 constexpr size_t kMaxLine = 255;
 
@@ -59,8 +60,17 @@ bool sendReporting(IpmiSession *session, const uint8_t *request, uint32_t reques
 
 using tvx::received;
 
+// An answer of this family read from its payload on (after the completion code and the IANA
+// number): every field is read in order, zero where the answer ended.
+wire::Reader payload(View answer)
+{
+    wire::Reader in(answer);
+    in.seek(tvx::oem::kPayload);
+    return in;
+}
+
 // Length of the zero-terminated text at the start of view (all of it if unterminated).
-size_t textLength(ByteView v)
+size_t textLength(View v)
 {
     if (v.size() == 0) return 0; // an answer that ends before its text has none
     const void *zero = std::memchr(v.data(), 0, v.size());
@@ -121,10 +131,13 @@ extern "C" TVX_API ErrorCodeRecord *getErrorCode(IpmiSession *session, const uin
         std::free(result);
         return nullptr;
     }
-    auto request = tvx::oem::oemRequest(kGetErrorCode, selector, record[0], record[1]);
+    uint8_t request[7];
+    wire::Writer w(request);
+    w.u24(tvx::oem::kVendorIana).u8(vendor::kGetErrorCode).u8(selector);
+    w.u16(View(record, tvx::sel::kRecordSize).get(tvx::sel::kRecordId, uint16_t{0}));
     uint8_t response[kRawResponse];
     uint32_t len = 0;
-    if (send(session, request.data(), request.size(), response, &len) != 0) {
+    if (send(session, request, static_cast<uint32_t>(w.size()), response, &len) != 0) {
         std::free(result);
         return nullptr;
     }
@@ -133,10 +146,10 @@ extern "C" TVX_API ErrorCodeRecord *getErrorCode(IpmiSession *session, const uin
         std::free(result);
         return nullptr;
     }
-    ByteView rsp = received(response, len);
-    for (int i = 0; i < 4; ++i) result->errorCode[i] = rsp.u8(4 + i);
-    result->flags = rsp.u8(8);
-    result->paramCount = rsp.u8(9);
+    wire::Reader in = payload(received(response, len));
+    for (uint8_t &b : result->errorCode) b = in.u8();
+    result->flags = in.u8();
+    result->paramCount = in.u8();
     if (result->paramCount == 0) return result;
     result->params = static_cast<char **>(std::calloc(result->paramCount, sizeof(char *)));
     if (!result->params) {
@@ -145,25 +158,20 @@ extern "C" TVX_API ErrorCodeRecord *getErrorCode(IpmiSession *session, const uin
         freeErrorCode(result);
         return nullptr;
     }
-    // Parameters: a length byte and that many characters each, from byte 10. An answer that
-    // ends early keeps what arrived: a parameter cut by the end of the answer holds the
-    // characters received, and parameters that never arrived are empty strings, so every
-    // one of paramCount pointers is a valid string.
-    size_t pos = 10;
+    // Parameters: a length byte and that many characters each. An answer that ends early
+    // keeps what arrived: a parameter cut by the end of the answer holds the characters
+    // received, and parameters that never arrived are empty strings, so every one of
+    // paramCount pointers is a valid string.
     for (uint8_t i = 0; i < result->paramCount; ++i) {
-        size_t declared = rsp.has(pos) ? rsp.u8(pos) : 0;
-        size_t start = pos + 1;
-        size_t available = rsp.has(start) ? rsp.size() - start : 0;
-        size_t n = declared < available ? declared : available;
-        char *param = static_cast<char *>(std::calloc(n + 1, 1));
+        View text = in.upTo(in.u8());
+        char *param = static_cast<char *>(std::calloc(text.size() + 1, 1));
         if (!param) {
             TVX_DIAG_LOCATED(Unit::Helpers, "Filed to allocate memory.");
             freeErrorCode(result);
             return nullptr;
         }
-        if (n > 0) std::memcpy(param, rsp.data() + start, n);
+        if (!text.empty()) std::memcpy(param, text.data(), text.size());
         result->params[i] = param;
-        pos = start + declared;
     }
     return result;
 }
@@ -189,27 +197,19 @@ char *fetchText(IpmiSession *session, const ErrorCodeRecord *code, char *buffer,
     // Each round moves the offset forward by a non-empty chunk, so the walk ends after at
     // most 65536 characters even if the controller keeps saying there is more.
     for (;;) {
-        uint8_t request[14] = {tvx::oem::kIana0,
-                               tvx::oem::kIana1,
-                               tvx::oem::kIana2,
-                               kGetTextChunk,
-                               code->errorCode[0],
-                               code->errorCode[1],
-                               code->errorCode[2],
-                               code->errorCode[3],
-                               static_cast<uint8_t>(offset),
-                               static_cast<uint8_t>(offset >> 8),
-                               selector,
-                               static_cast<uint8_t>(language),
-                               static_cast<uint8_t>(language >> 8),
-                               0x00};
+        uint8_t request[14];
+        wire::Writer w(request);
+        w.u24(tvx::oem::kVendorIana).u8(vendor::kGetTextChunk).bytes(code->errorCode);
+        w.u16(offset).u8(selector).u16(language).u8(0x00);
         uint8_t response[kRawResponse];
         uint32_t len = 0;
-        if (!sendReporting(session, request, sizeof request, response, &len, __LINE__, "getSelTextByErrorCode"))
+        if (!sendReporting(session, request, static_cast<uint32_t>(w.size()), response, &len, __LINE__,
+                           "getSelTextByErrorCode"))
             return buffer;
-        ByteView rsp = received(response, len);
-        uint16_t total = rsp.u16(4);
-        uint8_t chunk = rsp.u8(6);
+        wire::Reader in = payload(received(response, len));
+        uint16_t total = in.u16();
+        uint8_t chunk = in.u8();
+        View text = in.rest();
         if (!buffer) {
             buffer = static_cast<char *>(std::calloc(static_cast<size_t>(total) + 1, 1));
             if (!buffer) {
@@ -221,7 +221,6 @@ char *fetchText(IpmiSession *session, const ErrorCodeRecord *code, char *buffer,
         if (capacity == 0) capacity = static_cast<size_t>(total) + 1;
         // The chunk's text: up to its terminator, within the received bytes, and written only
         // inside the text's declared size (the terminator's place stays zero).
-        ByteView text = rsp.from(7);
         size_t s = textLength(text);
         size_t room = offset < capacity - 1 ? capacity - 1 - offset : 0;
         size_t n = s < room ? s : room;
@@ -252,7 +251,7 @@ extern "C" TVX_API char *buildSelTextString(IpmiSession *session, const uint8_t 
     char time[25];
     std::memset(time, 0, sizeof time);
     if (withTime) {
-        time_t t = static_cast<time_t>(tvx::sel::timestamp(record));
+        time_t t = static_cast<time_t>(View(record, tvx::sel::kRecordSize).get(tvx::sel::kTimestamp, uint32_t{0}));
         convertTime(&t, time, sizeof time);
     }
     ErrorCodeRecord *code = getErrorCode(session, record, selector);
@@ -339,18 +338,22 @@ extern "C" TVX_API SelEntryText getSELEntryText(IpmiSession *session, uint16_t r
 {
     SelEntryText entry;
     std::memset(&entry, 0, sizeof entry);
-    auto request = tvx::oem::oemRequest(kGetEntryText, recordId & 0xFF, recordId >> 8);
+    uint8_t request[6];
+    wire::Writer w(request);
+    w.u24(tvx::oem::kVendorIana).u8(vendor::kGetEntryText).u16(recordId);
     uint8_t response[64];
     std::memset(response, 0, sizeof response);
     uint32_t len = sizeof response;
-    if (!ipmiSendCmd(session, TVX_NETFN_OEM_GROUP, kOemCommand, request.size(), request.data(), &len, response))
+    if (!ipmiSendCmd(session, TVX_NETFN_OEM_GROUP, kOemCommand, static_cast<uint32_t>(w.size()), request, &len,
+                     response))
         return entry;
-    if (!tvx::oem::echoesIana(ByteView(response, sizeof response)) || len < 15) return entry;
     // The 64-byte answer buffer is zero-filled, so bytes beyond what arrived read as zero.
-    uint8_t length = response[14];
-    size_t copy = length > 20 ? 31 : static_cast<size_t>(length) + 11;
-    std::memcpy(&entry, response + 4, copy);
-    if (length > 20) entry.length = 20;
+    const View filled(response);
+    if (!tvx::oem::echoesIana(filled) || len < kEntryTextLength.end()) return entry;
+    uint8_t length = filled.get(kEntryTextLength, uint8_t{0});
+    size_t copy = length > sizeof entry.text ? sizeof entry - 1 : length + kEntryTextHead;
+    std::memcpy(&entry, filled.upTo(tvx::oem::kPayload, copy).data(), copy);
+    if (length > sizeof entry.text) entry.length = sizeof entry.text;
     entry.terminator = 0;
     return entry;
 }
@@ -365,22 +368,22 @@ bool readFollowUps(IpmiSession *session, uint8_t handle, char *buffer, size_t si
     // every chunk that added nothing also counts against a bound, so the walk always ends.
     unsigned idleRounds = 0;
     for (;;) {
-        auto request = tvx::oem::oemRequest(kGetFollowUp, handle);
+        auto request = tvx::oem::request(vendor::kGetFollowUp, handle);
         uint8_t response[kRawResponse];
         uint32_t len = 0;
         if (!sendReporting(session, request.data(), request.size(), response, &len, __LINE__,
                            "ipmiInterpretSELEntryUsTextFollowUp"))
             return false;
-        ByteView rsp = received(response, len);
-        uint16_t remaining = rsp.u16(4);
-        uint8_t chunk = rsp.u8(6);
+        wire::Reader in = payload(received(response, len));
+        uint16_t remaining = in.u16();
+        uint8_t chunk = in.u8();
         if (chunk > size) {
             tvx::diag::plain("response > buffer size\n");
             return false;
         }
         // At most chunk - 1 characters, only those received, and never past the buffer's
         // last byte, which stays the terminator.
-        ByteView text = rsp.from(7);
+        View text = in.rest();
         size_t n = textLength(text);
         if (chunk > 0 && n > static_cast<size_t>(chunk) - 1) n = static_cast<size_t>(chunk) - 1;
         if (chunk == 0) n = 0;
@@ -416,11 +419,13 @@ extern "C" TVX_API iESLText ipmiGetiESLSELEntryAsText(IpmiSession *session, uint
     iESLText result;
     std::memset(&result, 0, sizeof result);
     if (!session) return result;
-    auto request = tvx::oem::oemRequest(kGetEntryAsText, selector, recordId & 0xFF, recordId >> 8, p7, p8 & 0xFF,
-                                        p8 >> 8, p10, p11, 0x00);
+    uint8_t request[13];
+    wire::Writer w(request);
+    w.u24(tvx::oem::kVendorIana).u8(vendor::kGetEntryAsText).u8(selector).u16(recordId);
+    w.u8(p7).u16(p8).u8(p10).u8(p11).u8(0x00);
     uint8_t response[kRawResponse];
     uint32_t len = 0;
-    uint16_t status = send(session, request.data(), request.size(), response, &len);
+    uint16_t status = send(session, request, static_cast<uint32_t>(w.size()), response, &len);
     if (status != 0) {
         TVX_DIAG_LOCATED(Unit::Helpers, "Failed to send request with error 0x%x", tvx::swappedStatus(status));
         tvx::diag::plainFormat("\nrecordId = 0x%x\n", recordId);
@@ -432,23 +437,23 @@ extern "C" TVX_API iESLText ipmiGetiESLSELEntryAsText(IpmiSession *session, uint
         result.nextId = 0xFFFF;
         return result;
     }
-    ByteView rsp = received(response, len);
-    result.field1 = rsp.u16(4);
-    result.field2 = rsp.u16(6);
-    result.field3 = rsp.u16(8);
-    for (int i = 0; i < 4; ++i) result.code[i] = rsp.u8(10 + i);
-    result.byte14 = rsp.u8(14);
-    result.byte15 = rsp.u8(15);
-    result.nextId = rsp.u16(16);
-    result.word18 = rsp.u16(18);
-    result.textSize = rsp.u16(20);
-    result.firstLength = rsp.u8(22);
-    result.followUpHandle = rsp.u8(23);
+    wire::Reader in = payload(received(response, len));
+    result.field1 = in.u16();
+    result.field2 = in.u16();
+    result.field3 = in.u16();
+    for (uint8_t &b : result.code) b = in.u8();
+    result.byte14 = in.u8();
+    result.byte15 = in.u8();
+    result.nextId = in.u16();
+    result.word18 = in.u16();
+    result.textSize = in.u16();
+    result.firstLength = in.u8();
+    result.followUpHandle = in.u8();
+    View first = in.rest();
     if (result.textSize == 0) return result;
     result.text = static_cast<char *>(std::calloc(result.textSize, 1));
     if (!result.text) return result;
     // The first chunk: at most firstLength - 1 characters, those received, within the text.
-    ByteView first = rsp.from(24);
     size_t n = textLength(first);
     size_t most = result.firstLength > 0 ? static_cast<size_t>(result.firstLength) - 1 : 0;
     if (n > most) n = most;

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <span>
 
-#include "common/oem.h"
+#include "tvx/ipmi.h"
 #include "tvx_toipmi.h"
 
 namespace {

@@ -2,17 +2,19 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "common/bytes.h"
-#include "common/oem.h"
+#include "common/raw.h"
+#include "tvx/ipmi.h"
 #include "tvx_toipmi.h"
+
+namespace wire = tvx::wire;
+namespace reading = tvx::sensor_reading;
 
 namespace {
 
-constexpr uint8_t kGetSensorReading = 0x2D;
-constexpr uint8_t kOemVendorCommand = 0xF5;
-constexpr uint8_t kComponentStatus = 0x40;
-constexpr uint8_t kFlagScanning = 0x40;
-constexpr uint8_t kFlagUnavailable = 0x20;
+// The component status answer after the IANA number: component ID (2 bytes), 3 component
+// bytes, the status (bits 1:0), a component byte, the name's length (bits 4:0), the name.
+constexpr std::size_t kComponentFixedEnd = 11; // bytes up to the name's length
+constexpr std::size_t kMaxName = 16;
 
 } // namespace
 
@@ -25,20 +27,22 @@ extern "C" TVX_API int ipmiGetSensorReading(IpmiSession *session, uint8_t sensor
     uint8_t request[1] = {sensorNumber};
     uint8_t response[5] = {0, 0, 0, 0, 0};
     uint32_t len = sizeof response;
-    if (!ipmiSendCmd(session, TVX_NETFN_SENSOR, kGetSensorReading, sizeof request, request, &len, response)) return 0;
-    if (response[0] != 0) return 0;
-    // Never trust a stated length beyond the buffer: the view covers what can have arrived.
-    tvx::ByteView rsp(response, len < sizeof response ? len : sizeof response);
-    uint8_t flags = rsp.u8(2);
-    if (flags & kFlagUnavailable) {
+    if (!ipmiSendCmd(session, TVX_NETFN_SENSOR, tvx::cmd::sensor::kGetSensorReading, sizeof request, request, &len,
+                     response))
+        return 0;
+    if (tvx::completionCode(response) != tvx::cc::kOk) return 0;
+    wire::View rsp = tvx::received(response, len);
+    uint8_t flags = rsp.get(reading::kFlags, uint8_t{0});
+    if (flags & reading::kUnavailable) {
         // Unavailable while scanning: no reading. With scanning disabled the sensor is
         // simply not being read, which the callers count as a reading of 0.
-        return (flags & kFlagScanning) ? 0 : 1;
+        return (flags & reading::kScanningEnabled) ? 0 : 1;
     }
-    if (reading) *reading = rsp.u8(1);
+    if (reading) *reading = rsp.get(reading::kReading, uint8_t{0});
+    // A threshold sensor answers one state byte, a discrete sensor two.
     uint16_t state = 0;
-    if (len == 4) state = rsp.u8(3);
-    else if (len == 5) state = static_cast<uint16_t>(rsp.u8(3) | rsp.u8(4) << 8);
+    if (len == reading::kState0.end()) state = rsp.get(reading::kState0, uint8_t{0});
+    else if (len == reading::kStates.end()) state = rsp.get(reading::kStates, uint16_t{0});
     if (stateBits) *stateBits = static_cast<uint16_t>(state & 0x7FFF);
     return 1;
 }
@@ -46,37 +50,38 @@ extern "C" TVX_API int ipmiGetSensorReading(IpmiSession *session, uint8_t sensor
 extern "C" TVX_API ComponentStatus *oemGetComponentStatus(IpmiSession *session, const uint8_t *key)
 {
     if (!key) return nullptr;
-    auto request = tvx::oem::oemRequest(kComponentStatus, key[0], key[1], 0x01);
+    // The caller's two key bytes, then the selector 0x01.
+    auto request = tvx::oem::request(tvx::oem::vendor::kComponentStatus, key[0], key[1], 0x01);
     uint8_t response[64];
     std::memset(response, 0, sizeof response);
     uint32_t len = sizeof response;
-    if (!ipmiSendCmd(session, TVX_NETFN_OEM_GROUP, kOemVendorCommand, request.size(), request.data(), &len, response))
+    if (!ipmiSendCmd(session, TVX_NETFN_OEM_GROUP, tvx::oem::cmd::kVendor, request.size(), request.data(), &len,
+                     response))
         return nullptr;
-    tvx::ByteView rsp(response, len < sizeof response ? len : sizeof response);
-    if (!tvx::oem::echoesIana(tvx::ByteView(response, sizeof response))) return nullptr;
-    if (len <= 10) return nullptr;
+    if (!tvx::oem::echoesIana(wire::View(response, sizeof response))) return nullptr;
+    if (len < kComponentFixedEnd) return nullptr;
     ComponentStatus *status = static_cast<ComponentStatus *>(std::calloc(1, sizeof(ComponentStatus)));
     if (!status) return nullptr;
-    status->componentId[0] = rsp.u8(4);
-    status->componentId[1] = rsp.u8(5);
-    status->componentBytes[0] = rsp.u8(6);
-    status->componentBytes[1] = rsp.u8(7);
-    status->componentBytes[2] = rsp.u8(8);
-    switch (response[0]) {
-    case 0x00: status->status = static_cast<int8_t>(rsp.u8(9) & 0x03); break;
+    wire::Reader in(tvx::received(response, len));
+    in.seek(tvx::oem::kPayload);
+    std::memcpy(status->componentId, in.bytes(sizeof status->componentId).data(), sizeof status->componentId);
+    std::memcpy(status->componentBytes, in.bytes(sizeof status->componentBytes).data(),
+                sizeof status->componentBytes);
+    const uint8_t state = in.u8();
+    switch (tvx::completionCode(response)) {
+    case 0x00: status->status = static_cast<int8_t>(wire::bits(state, 0, 2)); break;
     case 0x01: status->status = -3; break;
     case 0x02: status->status = -2; break;
     default: status->status = -1; break;
     }
-    status->componentByte = rsp.u8(10);
-    if (rsp.has(11)) {
-        status->nameLength = rsp.u8(11) & 0x1F;
-        // The name: as many characters as its length says (at most 16) from byte 12, and only
-        // those that arrived; the rest stays zero. A length beyond 16 leaves it empty.
-        if (rsp.has(12) && status->nameLength <= 16) {
-            tvx::ByteView name = rsp.from(12);
-            size_t n = name.size() < status->nameLength ? name.size() : status->nameLength;
-            std::memcpy(status->name, name.data(), n);
+    status->componentByte = in.u8();
+    if (in.remaining() > 0) {
+        status->nameLength = static_cast<uint8_t>(wire::bits(in.u8(), 0, 5));
+        // The name: as many characters as its length says (at most 16), and only those that
+        // arrived; the rest stays zero. A length beyond 16 leaves it empty.
+        if (status->nameLength <= kMaxName) {
+            wire::View name = in.upTo(status->nameLength);
+            if (!name.empty()) std::memcpy(status->name, name.data(), name.size());
         }
     }
     return status;

@@ -3,6 +3,7 @@
 
 #include "common/diag.h"
 #include "libipmi.h"
+#include "tvx/ipmi.h"
 #include "tvx_toipmi.h"
 
 using tvx::diag::Unit;
@@ -59,13 +60,14 @@ extern "C" TVX_API int ipmiSendCmd(IpmiSession *session, uint8_t netFnLun, uint8
 {
     if (!session || !resData) return 0;
     if (!resLen || *resLen == 0) return 0;
+    const uint32_t capacity = *resLen;
     uint16_t status = LIBIPMI_Send_RAW_IPMI2_0_Command(session, 0, netFnLun, command, reqData, reqLen, resData,
                                                        resLen, kTimeout);
     if (status == 0) return 1;
     if (static_cast<uint16_t>(status >> 8) == 1) {
         // The controller answered with a non-zero completion code: put it where every
         // caller looks for it.
-        resData[0] = static_cast<uint8_t>(status & 0xFF);
+        tvx::wire::Writer(resData, capacity).put(tvx::kCompletionCode, static_cast<uint8_t>(status & 0xFF));
         return 1;
     }
     return 0;

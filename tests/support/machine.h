@@ -84,7 +84,8 @@ inline json generatedRepository(int count)
                            {"reading", 40 + i % 10}});
     }
     profile["sensors"] = sensors;
-    for (const char *part : {"fru_locators", "mc_locators", "components"}) profile.erase(part);
+    // The parts whose records or sensors are gone.
+    for (const char *part : {"fru_locators", "mc_locators", "components", "processors"}) profile.erase(part);
     profile["sdr"]["allocation_units"] = 8192;
     return profile;
 }

@@ -7,6 +7,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tvx/hex_string.h"
+#include "tvx/text.h"
 #include "tvx_toipmi.h"
 
 namespace tvxctl {
@@ -44,9 +46,8 @@ private:
 
 // Parses a byte as ipmitool does ("0x2e", "46", "056" octal).
 bool parseByte(const std::string &text, uint8_t &out);
-std::string hexByte(unsigned v);
-// The IPMI name of a completion code, e.g. 0xC1 -> "Invalid command".
-const char *completionCodeText(uint8_t cc);
+// "0x2e".
+inline std::string hexByte(unsigned v) { return tvx::hexNumber(v & 0xFF); }
 // What a platform status means, for a message.
 std::string statusText(uint16_t status);
 
@@ -74,8 +75,12 @@ private:
 // A number as C writes it (0x1f, 31, 037) within [0, max].
 bool parseNumber(const std::string &text, unsigned long max, unsigned long &out);
 
-// An SDR record's ID string (8-bit, 6-bit packed or BCD plus), never read past recordBytes.
-std::string sdrIdString(const uint8_t *rec, size_t recordBytes);
+// An SDR record's ID string, from the bytes of its slot (never read past them).
+inline std::string sdrIdString(tvx::wire::View record) { return std::string(tvx::sdr::idString(record).view()); }
+inline std::string sdrIdString(const uint8_t *rec, size_t recordBytes)
+{
+    return sdrIdString(tvx::wire::View(rec, recordBytes));
+}
 
 using Command = int (*)(const Options &, const std::vector<std::string> &args);
 int cmdDevid(const Options &, const std::vector<std::string> &);
@@ -91,5 +96,9 @@ int cmdLan(const Options &, const std::vector<std::string> &);
 int cmdConfig(const Options &, const std::vector<std::string> &);
 int cmdConsoleLog(const Options &, const std::vector<std::string> &);
 int cmdFru(const Options &, const std::vector<std::string> &);
+int cmdCpu(const Options &, const std::vector<std::string> &);
+int cmdMemory(const Options &, const std::vector<std::string> &);
+int cmdPci(const Options &, const std::vector<std::string> &);
+int cmdLanguages(const Options &, const std::vector<std::string> &);
 
 } // namespace tvxctl

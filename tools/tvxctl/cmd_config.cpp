@@ -15,16 +15,7 @@ bool printable(const uint8_t *b, int n)
     return n > 0;
 }
 
-std::string hex(const uint8_t *b, int n)
-{
-    std::string s;
-    char buf[4];
-    for (int i = 0; i < n; ++i) {
-        std::snprintf(buf, sizeof buf, "%s%02x", i ? " " : "", b[i]);
-        s += buf;
-    }
-    return s;
-}
+std::string hex(const uint8_t *b, int n) { return tvx::hexBytes({b, static_cast<std::size_t>(n)}); }
 
 uint16_t variableId(const std::string &text)
 {
@@ -53,7 +44,7 @@ int cmdConfig(const Options &opt, const std::vector<std::string> &words)
         Session session;
         uint8_t value[256] = {0};
         int n = ipmiReadConfigSpaceVariable(session.get(), idx, id, value);
-        if (n < 0) throw Failure{kExitFailed, "cannot read variable " + hexByte(id >> 8) + hexByte(id & 0xFF).substr(2) +
+        if (n < 0) throw Failure{kExitFailed, "cannot read variable " + tvx::hexNumber(id, 4) +
                                                    " index " + std::to_string(idx)};
         bool text = printable(value, n) && !asHex;
         std::string shown = text ? std::string(reinterpret_cast<char *>(value), static_cast<size_t>(n)) : hex(value, n);

@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "cli.h"
+#include "tvx/wire.h"
 
 namespace tvxctl {
 namespace {
@@ -32,8 +33,9 @@ int cmdDevid(const Options &opt, const std::vector<std::string> &args)
 
     std::string firmware = std::to_string(id.firmwareRevision1 & 0x7F) + "." + bcdMinor(id.firmwareRevision2);
     std::string ipmi = std::to_string(id.ipmiVersion & 0x0F) + "." + std::to_string((id.ipmiVersion >> 4) & 0x0F);
-    uint32_t manufacturer = id.manufacturerId[0] | id.manufacturerId[1] << 8 | (id.manufacturerId[2] & 0x0F) << 16;
-    unsigned product = id.productId[0] | id.productId[1] << 8;
+    // The manufacturer's IANA number has 20 bits; the top four of its three bytes are reserved.
+    uint32_t manufacturer = tvx::wire::Reader(id.manufacturerId, sizeof id.manufacturerId).u24() & 0x0FFFFF;
+    unsigned product = tvx::wire::Reader(id.productId, sizeof id.productId).u16();
     bool busy = id.firmwareRevision1 & 0x80;
     std::vector<std::string> support;
     for (int b = 0; b < 8; ++b)
@@ -69,8 +71,9 @@ int cmdDevid(const Options &opt, const std::vector<std::string> &args)
     row("Manufacturer ID", buf);
     std::snprintf(buf, sizeof buf, "%u (0x%04X)", product, product);
     row("Product ID", buf);
-    std::snprintf(buf, sizeof buf, "0x%02x 0x%02x 0x%02x 0x%02x", aux[0], aux[1], aux[2], aux[3]);
-    row("Aux Firmware Rev Info", buf);
+    std::string auxText;
+    for (uint8_t b : id.auxFirmwareRevision) auxText += (auxText.empty() ? "" : " ") + hexByte(b);
+    row("Aux Firmware Rev Info", auxText);
     row("Additional Device Support", support.empty() ? "none" : "");
     for (const auto &s : support) std::cout << "    " << s << "\n";
     return kExitOk;

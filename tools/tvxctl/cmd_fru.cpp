@@ -7,11 +7,13 @@
 
 #include "cli.h"
 #include "libipmi.h"
+#include "tvx/records.h"
 
 namespace tvxctl {
 namespace {
 
-constexpr uint8_t kFruLocator = 0x11;
+namespace locator = tvx::sdr::fru_locator;
+namespace wire = tvx::wire;
 constexpr long kEpoch1996 = 820454400; // 1996-01-01 00:00 UTC in Unix time
 
 struct Device {
@@ -27,9 +29,10 @@ std::vector<Device> locatedDevices(IpmiSession *session)
     if (!getSDRInfo(session, &info)) throw Failure{kExitFailed, "cannot read the SDR repository"};
     std::vector<Device> out;
     for (uint32_t i = 0; i < info.count; ++i) {
-        const uint8_t *rec = getSdrByIndex(i, &info);
-        if (rec && info.recordSize > 15 && rec[3] == kFruLocator && (rec[7] & 0x80))
-            out.push_back({rec[6], sdrIdString(rec, info.recordSize)});
+        const wire::View rec(getSdrByIndex(i, &info), info.recordSize);
+        const std::optional<uint8_t> access = rec.get(locator::kAccessLunBus); // bit 7: a logical device
+        if (rec.get(tvx::sdr::kRecordType) == tvx::sdr::kFruDeviceLocator && access && wire::bits(*access, 7, 1))
+            out.push_back({rec.get(locator::kFruDeviceId, uint8_t{0}), sdrIdString(rec)});
     }
     freeSDRInfo(&info);
     return out;
@@ -50,9 +53,9 @@ Json customs(char **fields, uint8_t count)
 }
 
 // "2024-02-27T14:32:00Z" from minutes since 1996; null for 0 (unspecified).
-Json mfgDate(const uint8_t *b)
+Json mfgDate(const uint8_t (&bytes)[3])
 {
-    long minutes = b[0] | b[1] << 8 | b[2] << 16;
+    long minutes = wire::Reader(bytes, sizeof bytes).u24();
     if (minutes == 0) return nullptr;
     std::time_t t = kEpoch1996 + minutes * 60;
     std::tm tm{};

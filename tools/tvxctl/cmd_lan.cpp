@@ -2,6 +2,7 @@
 #include <arpa/inet.h>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 
 #include "cli.h"
@@ -11,29 +12,26 @@ namespace {
 
 const char *kSources[] = {"unspecified", "static", "dhcp", "bios", "other"};
 
+// The four octets of a block the library handed out.
 std::string dotted(const uint8_t *b)
 {
     if (!b) return "";
+    tvx::wire::Reader in(b, 4);
+    const unsigned o1 = in.u8(), o2 = in.u8(), o3 = in.u8(), o4 = in.u8();
     char buf[20];
-    std::snprintf(buf, sizeof buf, "%u.%u.%u.%u", b[0], b[1], b[2], b[3]);
+    std::snprintf(buf, sizeof buf, "%u.%u.%u.%u", o1, o2, o3, o4);
     return buf;
 }
 
-std::string colons(const uint8_t *b)
-{
-    if (!b) return "";
-    char buf[24];
-    std::snprintf(buf, sizeof buf, "%02x:%02x:%02x:%02x:%02x:%02x", b[0], b[1], b[2], b[3], b[4], b[5]);
-    return buf;
-}
+// The six octets of a block the library handed out.
+std::string colons(const uint8_t *b) { return b ? tvx::hexBytes({b, 6}, ':') : ""; }
 
 void parseIpv4(const std::string &text, uint8_t out[4])
 {
     struct in_addr a;
     if (inet_pton(AF_INET, text.c_str(), &a) != 1)
         throw Failure{kExitUsage, "invalid IPv4 address \"" + text + "\" (expected dotted notation such as 192.168.1.20)"};
-    const uint8_t *b = reinterpret_cast<const uint8_t *>(&a.s_addr);
-    for (int i = 0; i < 4; ++i) out[i] = b[i];
+    std::memcpy(out, &a.s_addr, 4); // network order: the octets as written
 }
 
 void parseMac(const std::string &text, uint8_t out[6])

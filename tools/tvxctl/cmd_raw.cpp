@@ -4,6 +4,7 @@
 
 #include "cli.h"
 #include "libipmi.h"
+#include "tvx/ipmi.h"
 
 namespace tvxctl {
 
@@ -23,33 +24,34 @@ int cmdRaw(const Options &opt, const std::vector<std::string> &args)
     Session session;
     std::vector<uint8_t> response(LIBIPMI_MAX_RESPONSE_LEN);
     uint32_t len = static_cast<uint32_t>(response.size());
-    uint16_t status = LIBIPMI_Send_RAW_IPMI2_0_Command(session.get(), 0, static_cast<uint8_t>(netFn << 2), cmd,
+    uint16_t status = LIBIPMI_Send_RAW_IPMI2_0_Command(session.get(), 0, tvx::netfn::lun0(netFn), cmd,
                                                        request.empty() ? nullptr : request.data(),
                                                        static_cast<uint32_t>(request.size()), response.data(), &len, 60);
     if (status != 0 && !LIBIPMI_STATUS_IS_COMPLETION_CODE(status))
         throw Failure{kExitFailed, "unable to send RAW command (netfn=" + hexByte(netFn) + " cmd=" + hexByte(cmd) +
                                        "): " + statusText(status)};
     response.resize(len);
-    uint8_t cc = response.empty() ? static_cast<uint8_t>(status & 0xFF) : response[0];
-    std::vector<int> data(response.begin() + (response.empty() ? 0 : 1), response.end());
+    // The completion code, else (nothing arrived) the one the status carries; then the data.
+    const tvx::wire::View answer(response);
+    const uint8_t cc = answer.get(tvx::kCompletionCode, static_cast<uint8_t>(status & 0xFF));
+    const tvx::wire::View data = answer.from(tvx::kAnswerData);
     if (opt.json) {
         printJson({{"netfn", netFn},
                    {"command", cmd},
                    {"completion_code", cc},
-                   {"completion_code_text", completionCodeText(cc)},
-                   {"data", data}});
+                   {"completion_code_text", tvx::cc::text(cc)},
+                   {"data", std::vector<int>(data.span().begin(), data.span().end())}});
         return cc == 0 ? kExitOk : kExitFailed;
     }
     if (cc != 0) {
         std::fprintf(stderr, "tvxctl: unable to send RAW command (netfn=%s cmd=%s rsp=%s): %s\n", hexByte(netFn).c_str(),
-                     hexByte(cmd).c_str(), hexByte(cc).c_str(), completionCodeText(cc));
+                     hexByte(cmd).c_str(), hexByte(cc).c_str(), tvx::cc::text(cc));
         return kExitFailed;
     }
     // Data bytes as ipmitool prints them: " xx", sixteen to a line.
-    for (std::size_t i = 0; i < data.size(); ++i) {
-        std::printf(" %02x", data[i]);
-        if (i % 16 == 15 && i + 1 < data.size()) std::printf("\n");
-    }
+    constexpr std::size_t kPerLine = 16;
+    for (std::size_t at = 0; at < data.size(); at += kPerLine)
+        std::printf("%s %s", at ? "\n" : "", tvx::hexBytes(data.upTo(at, kPerLine).span()).c_str());
     std::printf("\n");
     return kExitOk;
 }

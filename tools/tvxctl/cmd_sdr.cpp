@@ -8,37 +8,29 @@
 
 #include "cli.h"
 #include "libipmi.h"
+#include "tvx/records.h"
 
 namespace tvxctl {
 namespace {
 
-constexpr uint8_t kFullSensor = 0x01;
-constexpr uint8_t kCompactSensor = 0x02;
-constexpr uint8_t kFruLocator = 0x11;
-constexpr uint8_t kMcLocator = 0x12;
+namespace sdr = tvx::sdr;
+namespace wire = tvx::wire;
 
-// Where each record type keeps its ID string's type/length byte (the string follows it).
-size_t idStringOffset(uint8_t type)
-{
-    switch (type) {
-    case kFullSensor: return 47;
-    case kCompactSensor: return 31;
-    case kFruLocator:
-    case kMcLocator: return 15;
-    default: return 0;
-    }
-}
+uint8_t field(wire::View rec, wire::U8 f) { return rec.get(f, uint8_t{0}); }
 
-std::string unitText(const uint8_t *rec)
+std::string unitText(wire::View rec)
 {
-    uint8_t units1 = rec[20];
+    const uint8_t units1 = field(rec, sdr::kUnits1);
+    const uint8_t base = field(rec, sdr::kBaseUnit), modifier = field(rec, sdr::kModifierUnit);
+    const bool percentage = wire::bits(units1, 0, 1);
+    const unsigned modifierUse = wire::bits(units1, 1, 2);
     // A bare percentage has no base unit to name.
-    std::string unit = rec[21] == 0 && (units1 & 1) ? "" : getUnitDesc(rec[21]);
-    if ((units1 >> 1 & 3) == 1) unit += std::string("/") + getUnitDesc(rec[22]);
-    if ((units1 >> 1 & 3) == 2) unit += std::string("*") + getUnitDesc(rec[22]);
+    std::string unit = base == 0 && percentage ? "" : getUnitDesc(base);
+    if (modifierUse == 1) unit += std::string("/") + getUnitDesc(modifier);
+    if (modifierUse == 2) unit += std::string("*") + getUnitDesc(modifier);
     static const char *kRate[8] = {"", "/us", "/ms", "/s", "/min", "/h", "/d", ""};
-    unit += kRate[units1 >> 3 & 7];
-    if (units1 & 1) unit = unit.empty() ? "%" : "% " + unit;
+    unit += kRate[wire::bits(units1, 3, 3)];
+    if (percentage) unit = unit.empty() ? "%" : "% " + unit;
     return unit;
 }
 
@@ -58,114 +50,79 @@ struct Row {
     int stateBits = -1;
 };
 
-Row describe(IpmiSession *session, const uint8_t *rec, size_t slot)
+// One record, from the bytes of its slot: every field is read within them.
+Row describe(IpmiSession *session, wire::View rec)
 {
     Row r;
-    r.recordId = rec[0] | rec[1] << 8;
-    r.type = rec[3];
-    r.name = sdrIdString(rec, slot);
-    if (r.type == kFruLocator || r.type == kMcLocator) {
-        r.entity = rec[12];
-        r.instance = rec[13];
-        r.typeName = r.type == kFruLocator ? "FRU Device Locator" : "MC Device Locator";
-        r.status = r.type == kFruLocator ? "FRU " + std::to_string(rec[6]) : "address " + hexByte(rec[5]);
+    r.recordId = rec.get(sdr::kRecordId, uint16_t{0});
+    r.type = field(rec, sdr::kRecordType);
+    r.name = sdrIdString(rec);
+    if (r.type == sdr::kFruDeviceLocator) {
+        r.entity = field(rec, sdr::fru_locator::kEntityId);
+        r.instance = field(rec, sdr::fru_locator::kEntityInstance);
+        r.typeName = "FRU Device Locator";
+        r.status = "FRU " + std::to_string(field(rec, sdr::fru_locator::kFruDeviceId));
         return r;
     }
-    if (r.type != kFullSensor && r.type != kCompactSensor) {
+    if (r.type == sdr::kMcDeviceLocator) {
+        r.entity = field(rec, sdr::mc_locator::kEntityId);
+        r.instance = field(rec, sdr::mc_locator::kEntityInstance);
+        r.typeName = "MC Device Locator";
+        r.status = "address " + hexByte(field(rec, sdr::mc_locator::kSlaveAddress));
+        return r;
+    }
+    if (!sdr::isSensorRecord(r.type)) {
         r.typeName = "record type " + hexByte(r.type);
         return r;
     }
-    r.number = rec[7];
-    r.entity = rec[8];
-    r.instance = rec[9];
-    r.sensorType = rec[12];
-    r.eventType = rec[13];
-    r.typeName = ipmiSdrGetSensorTypeDesc(rec[12]);
-    SensorReadingRequest req = {rec[7]};
-    SensorReadingResponse rsp;
-    std::memset(&rsp, 0, sizeof rsp);
-    uint16_t status = IPMICMD_GetSensorReading(session, &req, &rsp, 60);
-    if (status != 0) {
-        r.reading = "no reading";
-        r.status = statusText(status);
-        return r;
-    }
-    if (!(rsp.flags & 0x40)) {
-        r.reading = "disabled";
-        r.status = "scanning disabled";
-        return r;
-    }
-    if (rsp.flags & 0x20) {
+    const uint8_t number = field(rec, sdr::kSensorNumber);
+    r.number = number;
+    r.entity = field(rec, sdr::kEntityId);
+    r.instance = field(rec, sdr::kEntityInstance);
+    r.sensorType = field(rec, sdr::kSensorType);
+    r.eventType = field(rec, sdr::kEventReadingType);
+    r.typeName = ipmiSdrGetSensorTypeDesc(static_cast<uint32_t>(r.sensorType));
+    uint8_t raw = 0;
+    uint16_t state = 0;
+    if (!ipmiGetSensorReading(session, number, &raw, &state)) {
+        // Unavailable, or no answer the library could use: no reading either way.
         r.reading = "no reading";
         r.status = "unavailable";
         return r;
     }
-    r.raw = rsp.reading;
-    r.stateBits = (rsp.state0_7 | rsp.state8_14 << 8) & 0x7FFF;
+    r.raw = raw;
+    r.stateBits = state;
     if (r.eventType == 0x01) {
-        if (r.type == kFullSensor) {
-            float value = 0;
-            if (ipmi_convert_reading(const_cast<uint8_t *>(rec), rsp.reading, &value) == 0) {
-                int8_t k2 = static_cast<int8_t>(rec[29]) >> 4;
-                int decimals = k2 < 0 ? -k2 : 0;
-                char buf[48];
-                std::snprintf(buf, sizeof buf, "%.*f", decimals, static_cast<double>(value));
-                r.reading = buf;
-                r.value = static_cast<double>(value);
-                r.unit = unitText(rec);
-            } else {
-                r.reading = "raw " + hexByte(rsp.reading);
-            }
+        // The conversion reads the record as long as its header says: only when the slot
+        // holds all of it.
+        const bool whole = sdr::kHeaderSize + field(rec, sdr::kLength) <= rec.size();
+        float value = 0;
+        if (r.type == sdr::kFullSensor && whole &&
+            ipmi_convert_reading(const_cast<uint8_t *>(rec.data()), raw, &value) == 0) {
+            // As many decimals as the result exponent (bits 7:4, signed) asks for.
+            int8_t k2 = static_cast<int8_t>(static_cast<int8_t>(field(rec, sdr::full::kExponents)) >> 4);
+            int decimals = k2 < 0 ? -k2 : 0;
+            char buf[48];
+            std::snprintf(buf, sizeof buf, "%.*f", decimals, static_cast<double>(value));
+            r.reading = buf;
+            r.value = static_cast<double>(value);
+            r.unit = unitText(rec);
+        } else if (r.type == sdr::kFullSensor) {
+            r.reading = "raw " + hexByte(raw);
         }
-        r.status = ipmiSdrGetStatus(rsp.state0_7 & 0x3F);
+        r.status = ipmiSdrGetStatus(wire::bits(state, 0, 6));
     } else {
         int32_t offset = -1;
-        const char *state = ipmiGetDiscreteState(rec[12], rec[13], rsp.state0_7, rsp.state8_14, &offset);
-        char bits[16];
-        std::snprintf(bits, sizeof bits, "0x%04x", r.stateBits);
-        r.reading = bits;
-        r.status = state ? state : "-";
+        const char *text = ipmiGetDiscreteState(static_cast<uint8_t>(r.sensorType), static_cast<uint8_t>(r.eventType),
+                                                static_cast<uint8_t>(wire::bits(state, 0, 8)),
+                                                static_cast<uint8_t>(wire::bits(state, 8, 8)), &offset);
+        r.reading = tvx::hexNumber(state, 4);
+        r.status = text ? text : "-";
     }
     return r;
 }
 
 } // namespace
-
-// Decodes an ID string: 8-bit ASCII, 6-bit packed ASCII or BCD plus, never past the record.
-std::string sdrIdString(const uint8_t *rec, size_t recordBytes)
-{
-    size_t at = idStringOffset(rec[3]);
-    if (at == 0 || at >= recordBytes) return "";
-    uint8_t typeLength = rec[at];
-    size_t n = typeLength & 0x1F;
-    if (at + 1 + n > recordBytes) n = recordBytes - at - 1;
-    const uint8_t *s = rec + at + 1;
-    std::string out;
-    switch (typeLength >> 6) {
-    case 3: // 8-bit
-        for (size_t i = 0; i < n && s[i]; ++i) out += static_cast<char>(s[i]);
-        break;
-    case 2: // 6-bit packed: four characters in three bytes, from ' ' (0x20)
-        for (size_t bit = 0; bit + 6 <= n * 8; bit += 6) {
-            unsigned v = 0;
-            for (int b = 0; b < 6; ++b) v |= ((s[(bit + b) / 8] >> ((bit + b) % 8)) & 1u) << b;
-            out += static_cast<char>(0x20 + v);
-        }
-        while (!out.empty() && out.back() == ' ') out.pop_back();
-        break;
-    case 1: { // BCD plus
-        static const char digits[] = "0123456789 -.:,_";
-        for (size_t i = 0; i < n; ++i) {
-            out += digits[s[i] & 0x0F];
-            out += digits[s[i] >> 4];
-        }
-        break;
-    }
-    default:
-        break;
-    }
-    return out;
-}
 
 int cmdSdr(const Options &opt, const std::vector<std::string> &args)
 {
@@ -175,7 +132,8 @@ int cmdSdr(const Options &opt, const std::vector<std::string> &args)
     std::memset(&info, 0, sizeof info);
     if (!getSDRInfo(session.get(), &info)) throw Failure{kExitFailed, "cannot read the SDR repository"};
     std::vector<Row> rows;
-    for (uint32_t i = 0; i < info.count; ++i) rows.push_back(describe(session.get(), getSdrByIndex(i, &info), info.recordSize));
+    for (uint32_t i = 0; i < info.count; ++i)
+        rows.push_back(describe(session.get(), wire::View(getSdrByIndex(i, &info), info.recordSize)));
     freeSDRInfo(&info);
 
     if (opt.json) {

@@ -1,5 +1,6 @@
 // tvxctl sel: the system event log as raw lines, as localized texts, its summary; clearing
 // and adding records.
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -8,9 +9,15 @@
 
 #include "cli.h"
 #include "libipmi.h"
+#include "tvx/hex_string.h"
+#include "tvx/records.h"
 
 namespace tvxctl {
 namespace {
+
+namespace sel = tvx::sel;
+namespace wire = tvx::wire;
+using Record = std::array<uint8_t, sel::kRecordSize>;
 
 const char *kSeverity[8] = {"INFO", "MINOR", "MAJOR", "CRITICAL", "UNKNOWN", "UNKNOWN", "UNKNOWN", "UNKNOWN"};
 
@@ -25,17 +32,30 @@ std::string timeText(uint32_t t)
     return s;
 }
 
-// The log's records, read as the library reads them.
-std::vector<std::array<uint8_t, 16>> readRecords(IpmiSession *session)
+// The log's records in the order asked for. The library hands out lines and texts, not the
+// records they come from, which --json shows and texts in other languages need: they are read
+// once here, and every line and text is made from them by the library.
+std::vector<Record> readRecords(IpmiSession *session, bool reverse)
 {
     uint16_t count = 0;
     uint16_t status = LIBIPMI_HL_GetNumOfSELEntries(session, &count, 60);
     if (status != 0) throw Failure{kExitFailed, "cannot read the SEL: " + statusText(status)};
-    std::vector<std::array<uint8_t, 16>> records(count);
+    std::vector<Record> records(count);
     if (count == 0) return records;
     status = LIBIPMI_HL_GetAllSELEntries(session, reinterpret_cast<SelRecord *>(records.data()), 60);
     if (status != 0) throw Failure{kExitFailed, "cannot read the SEL: " + statusText(status)};
+    if (reverse) std::reverse(records.begin(), records.end());
     return records;
+}
+
+// The library's raw one-line text of a record.
+std::string rawLine(const Record &r)
+{
+    ListNode *node = nullptr;
+    addEntryToRawStringList(&node, r.data());
+    std::string line = node ? reinterpret_cast<const char *>(node->data) : "";
+    freeList(&node);
+    return line;
 }
 
 int raw(const Options &opt, Args &args)
@@ -44,35 +64,25 @@ int raw(const Options &opt, Args &args)
     args.noMoreOptions("sel");
     if (args.size() != 0) throw Failure{kExitUsage, "sel takes no further arguments (see tvxctl --help)"};
     Session session;
-    // Read first so that an unreadable log is reported, not shown as an empty one.
-    auto records = readRecords(session.get());
-    ListNode *lines = records.empty() ? nullptr : ipmiGetSelRawStrings(session.get(), reverse);
-    if (!records.empty() && !lines) throw Failure{kExitFailed, "cannot read the SEL"};
-    if (opt.json) {
-        Json out = Json::array();
-        size_t i = 0;
-        for (ListNode *n = lines; n; n = n->next, ++i) {
-            size_t index = reverse ? records.size() - 1 - i : i;
-            Json entry = {{"line", reinterpret_cast<const char *>(n->data)}};
-            if (index < records.size()) {
-                const auto &r = records[index];
-                entry["record_id"] = r[0] | r[1] << 8;
-                entry["record_type"] = r[2];
-                uint32_t t = r[3] | r[4] << 8 | r[5] << 16 | static_cast<uint32_t>(r[6]) << 24;
-                if (r[2] == 0x02 || (r[2] >= 0xC0 && r[2] <= 0xDF)) {
-                    entry["timestamp"] = t;
-                    entry["time"] = timeText(t);
-                }
-                entry["bytes"] = std::vector<int>(r.begin(), r.end());
-            }
-            out.push_back(entry);
-        }
-        freeList(&lines);
-        printJson(out);
+    auto records = readRecords(session.get(), reverse);
+    if (!opt.json) {
+        for (const Record &r : records) std::cout << rawLine(r) << "\n";
         return kExitOk;
     }
-    for (ListNode *n = lines; n; n = n->next) std::cout << reinterpret_cast<const char *>(n->data) << "\n";
-    freeList(&lines);
+    Json out = Json::array();
+    for (const Record &r : records) {
+        const wire::View rec(r);
+        const uint8_t type = rec.get(sel::kRecordType, uint8_t{0});
+        Json entry = {{"line", rawLine(r)}, {"record_id", rec.get(sel::kRecordId, uint16_t{0})}, {"record_type", type}};
+        if (sel::hasTimestamp(type)) {
+            const uint32_t t = rec.get(sel::kTimestamp, uint32_t{0});
+            entry["timestamp"] = t;
+            entry["time"] = timeText(t);
+        }
+        entry["bytes"] = std::vector<int>(r.begin(), r.end());
+        out.push_back(entry);
+    }
+    printJson(out);
     return kExitOk;
 }
 
@@ -85,32 +95,29 @@ int text(const Options &opt, Args &args)
     if (!lang.empty() && !parseNumber(lang, 0xFFFF, language))
         throw Failure{kExitUsage, "invalid --lang \"" + lang + "\" (a language identifier such as 0x0409 or 0x0407)"};
     Session session;
-    auto records = readRecords(session.get());
+    auto records = readRecords(session.get(), reverse);
     Json out = Json::array();
-    for (size_t i = 0; i < records.size(); ++i) {
-        const uint8_t *r = records[reverse ? records.size() - 1 - i : i].data();
+    for (const Record &record : records) {
+        const uint8_t *r = record.data();
         char *line = buildSelTextString(session.get(), r, 0, 1, 1, static_cast<uint16_t>(language));
         if (!opt.json) {
             if (line) std::cout << line << "\n";
             std::free(line);
             continue;
         }
-        Json entry = {{"record_id", r[0] | r[1] << 8}};
+        const wire::View rec(record);
+        Json entry = {{"record_id", rec.get(sel::kRecordId, uint16_t{0})}};
         ErrorCodeRecord *code = getErrorCode(session.get(), r, 0);
         char *message = code ? getSelTextByErrorCode(session.get(), code, nullptr, 0, 0, static_cast<uint16_t>(language))
                              : nullptr;
         if (code) {
-            char hex[12];
-            std::snprintf(hex, sizeof hex, "%02X%02X%02X%02X", code->errorCode[0], code->errorCode[1],
-                          code->errorCode[2], code->errorCode[3]);
-            entry["error_code"] = hex;
-            entry["severity"] = kSeverity[(code->flags >> 4) & 7];
+            entry["error_code"] = tvx::hexBytes(code->errorCode, 0, true);
+            entry["severity"] = kSeverity[wire::bits(code->flags, 4, 3)];
             std::vector<std::string> params;
             for (unsigned p = 0; p < code->paramCount; ++p) params.emplace_back(code->params[p]);
             entry["parameters"] = params;
         }
-        uint32_t t = r[3] | r[4] << 8 | r[5] << 16 | static_cast<uint32_t>(r[6]) << 24;
-        entry["time"] = timeText(t);
+        entry["time"] = timeText(rec.get(sel::kTimestamp, uint32_t{0}));
         entry["message"] = message ? Json(message) : Json(nullptr);
         entry["line"] = line ? Json(line) : Json(nullptr);
         out.push_back(entry);

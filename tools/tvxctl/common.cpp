@@ -7,6 +7,7 @@
 #include "cli.h"
 #include "libipmi.h"
 #include "libipmi_host.h"
+#include "tvx/ipmi.h"
 
 namespace tvxctl {
 
@@ -77,49 +78,10 @@ void Args::noMoreOptions(const char *command) const
             throw Failure{kExitUsage, std::string(command) + ": unknown option \"" + w + "\""};
 }
 
-std::string hexByte(unsigned v)
-{
-    char buf[8];
-    std::snprintf(buf, sizeof buf, "0x%02x", v & 0xFF);
-    return buf;
-}
-
-const char *completionCodeText(uint8_t cc)
-{
-    switch (cc) {
-    case 0x00: return "Command completed normally";
-    case 0xC0: return "Node busy";
-    case 0xC1: return "Invalid command";
-    case 0xC2: return "Invalid command on LUN";
-    case 0xC3: return "Timeout while processing command";
-    case 0xC4: return "Out of space";
-    case 0xC5: return "Reservation cancelled or invalid";
-    case 0xC6: return "Request data truncated";
-    case 0xC7: return "Request data length invalid";
-    case 0xC8: return "Request data field length limit exceeded";
-    case 0xC9: return "Parameter out of range";
-    case 0xCA: return "Cannot return number of requested data bytes";
-    case 0xCB: return "Requested sensor, data, or record not present";
-    case 0xCC: return "Invalid data field in request";
-    case 0xCD: return "Command illegal for specified sensor or record type";
-    case 0xCE: return "Command response could not be provided";
-    case 0xCF: return "Cannot execute duplicated request";
-    case 0xD0: return "SDR repository in update mode";
-    case 0xD1: return "Device firmware in update mode";
-    case 0xD2: return "BMC initialization in progress";
-    case 0xD3: return "Destination unavailable";
-    case 0xD4: return "Insufficient privilege level";
-    case 0xD5: return "Command not supported in present state";
-    case 0xD6: return "Command sub-function disabled or unavailable";
-    case 0xFF: return "Unspecified error";
-    default: return cc >= 0x01 && cc <= 0x7E ? "Device-specific (OEM) completion code" : "Unknown completion code";
-    }
-}
-
 std::string statusText(uint16_t status)
 {
     if (LIBIPMI_STATUS_IS_COMPLETION_CODE(status))
-        return "completion code " + hexByte(status & 0xFF) + " (" + completionCodeText(status & 0xFF) + ")";
+        return "completion code " + hexByte(status & 0xFF) + " (" + tvx::cc::text(status & 0xFF) + ")";
     switch (status) {
     case LIBIPMI_STATUS_OK: return "success";
     case LIBIPMI_STATUS_INVALID_ARGUMENT: return "invalid argument";
@@ -135,11 +97,7 @@ std::string statusText(uint16_t status)
         std::string why = ipmihost_last_error();
         return why.empty() ? "configuration error" : why;
     }
-    default: {
-        char buf[48];
-        std::snprintf(buf, sizeof buf, "platform status 0x%04x", status);
-        return buf;
-    }
+    default: return "platform status " + tvx::hexNumber(status, 4);
     }
 }
 

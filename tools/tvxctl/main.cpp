@@ -29,6 +29,11 @@ const Subcommand kCommands[] = {
     {"sel clear", cmdSel, "sel clear", "erase the log"},
     {"sel add", cmdSel, "sel add TYPE SENSOR EVTYPE D1 D2 D3", "add a system event record"},
     {"fru", cmdFru, "fru [ID]", "FRU inventory: chassis, board and product areas of every FRU device"},
+    {"cpu", cmdCpu, "cpu", "every processor socket: presence, status, model, speed, cores, caches"},
+    {"memory", cmdMemory, "memory", "memory policy and every module slot: status, size, type, voltage"},
+    {"memory spd", cmdMemory, "memory spd SLOT", "one module's SPD image, decoded"},
+    {"pci", cmdPci, "pci", "the controller's PCI slot table and which slots hold a device"},
+    {"languages", cmdLanguages, "languages", "the languages of the controller's texts"},
     {"banner", cmdBanner, "banner", "the console's login banner, exactly as the library writes it"},
     {"power", cmdPower, "power [status|on|off|cycle|reset|soft]", "chassis power state and control"},
     {"led", cmdLed, "led [status] | led identify on|off", "identify LED and system status (error LED)"},
@@ -121,21 +126,15 @@ int run(int argc, char **argv)
     if (!cmd) throw Failure{kExitUsage, "unknown command \"" + positional[0] + "\" (see tvxctl --help)"};
 
     // Choose the controller now, so that a bad profile or state is reported before anything.
-    std::string spec = opt.target;
-    if (!opt.machine.empty()) spec = "machine:" + opt.machine;
-    if (spec.empty()) {
-        const char *env = std::getenv(IPMIHOST_TARGET_ENV);
-        spec = env && *env ? env : "default";
-    }
-    std::string state = opt.state;
-    if (state.empty()) {
-        const char *env = std::getenv(IPMIHOST_STATE_ENV);
-        state = env ? env : "";
-    }
+    // What the user named goes to the platform as it stands; the platform decides what an
+    // unnamed target or state directory means (the environment's, else its defaults).
+    std::string spec = opt.machine.empty() ? opt.target : "machine:" + opt.machine;
+    const char *target = spec.empty() ? nullptr : spec.c_str();
+    const char *state = opt.state.empty() ? nullptr : opt.state.c_str();
     if (cmd->run == cmdReset && positional.size() > 1) throw Failure{kExitUsage, "reset takes no arguments"};
     // reset replaces the state without reading it, so it also mends a corrupt one.
-    int selected = cmd->run == cmdReset ? ipmihost_reset_target(spec.c_str(), state.empty() ? nullptr : state.c_str())
-                                        : ipmihost_select_target(spec.c_str(), state.empty() ? nullptr : state.c_str());
+    int selected =
+        cmd->run == cmdReset ? ipmihost_reset_target(target, state) : ipmihost_select_target(target, state);
     if (selected != 0) throw Failure{kExitFailed, ipmihost_last_error()};
 
     std::vector<std::string> args(positional.begin() + 1, positional.end());

@@ -184,6 +184,151 @@ TVX_STATIC_ASSERT(sizeof(ComponentStatus) == 24, "ComponentStatus is 24 bytes");
    there is no usable answer. */
 TVX_API ComponentStatus *oemGetComponentStatus(IpmiSession *session, const uint8_t *key);
 
+/* ---- Sensor lists ----------------------------------------------------------------------------- */
+
+/* Sensor type codes of the sensor lists and getters. */
+#define TVX_SENSOR_TEMPERATURE  0x01u
+#define TVX_SENSOR_VOLTAGE      0x02u
+#define TVX_SENSOR_CURRENT      0x03u
+#define TVX_SENSOR_FAN          0x04u
+#define TVX_SENSOR_POWER_UNIT   0x09u
+#define TVX_SENSOR_OTHER_UNITS  0x0Bu /* a power supply's load */
+#define TVX_SENSOR_FAN_STATUS   0xE6u /* the vendor's fan status (compact records) */
+#define TVX_SENSOR_PSU_STATUS   0xE8u /* the vendor's power supply status (compact records) */
+
+/* Sizes of the text fields of the list entries. Texts are zero-padded and not terminated
+   when they fill their field. */
+#define TVX_SENSOR_NAME_SIZE    18u
+#define TVX_SENSOR_STATUS_SIZE  40u
+#define TVX_SENSOR_UNIT_SIZE    4u
+
+/* One fan (a full record of sensor type 0x04). */
+typedef struct {
+    uint8_t sensorNumber;
+    uint8_t index;                          /* position in this list, from 0 */
+    uint16_t eventMask;                     /* assertion mask of the fan's status sensor, or 0 */
+    char name[TVX_SENSOR_NAME_SIZE];
+    float reading;                          /* in the record's unit; 0 when not read */
+    char status[TVX_SENSOR_STATUS_SIZE];    /* the status sensor's state, "N/A" or "Power Off" */
+} FanSensorEntry;
+TVX_STATIC_ASSERT(sizeof(FanSensorEntry) == 68, "FanSensorEntry is 68 bytes");
+TVX_STATIC_ASSERT(offsetof(FanSensorEntry, eventMask) == 2, "FanSensorEntry.eventMask at 2");
+TVX_STATIC_ASSERT(offsetof(FanSensorEntry, name) == 4, "FanSensorEntry.name at 4");
+TVX_STATIC_ASSERT(offsetof(FanSensorEntry, reading) == 24, "FanSensorEntry.reading at 24");
+TVX_STATIC_ASSERT(offsetof(FanSensorEntry, status) == 28, "FanSensorEntry.status at 28");
+
+/* One temperature, voltage or current sensor (a full threshold record). */
+typedef struct {
+    char name[TVX_SENSOR_NAME_SIZE];
+    float reading;                          /* in the record's unit; 0 when not read */
+    char status[TVX_SENSOR_STATUS_SIZE];    /* "N/A", "Power Off" or ipmiSdrGetStatus's word */
+    float lowerNonCritical;                 /* each threshold 0 when not readable */
+    float lowerCritical;
+    float upperNonCritical;
+    float upperCritical;
+    char unit[TVX_SENSOR_UNIT_SIZE];        /* the first four characters of the unit name */
+} ThresholdSensorEntry;
+TVX_STATIC_ASSERT(sizeof(ThresholdSensorEntry) == 84, "ThresholdSensorEntry is 84 bytes");
+TVX_STATIC_ASSERT(offsetof(ThresholdSensorEntry, reading) == 20, "ThresholdSensorEntry.reading at 20");
+TVX_STATIC_ASSERT(offsetof(ThresholdSensorEntry, status) == 24, "ThresholdSensorEntry.status at 24");
+TVX_STATIC_ASSERT(offsetof(ThresholdSensorEntry, lowerNonCritical) == 64, "ThresholdSensorEntry.lowerNonCritical at 64");
+TVX_STATIC_ASSERT(offsetof(ThresholdSensorEntry, upperCritical) == 76, "ThresholdSensorEntry.upperCritical at 76");
+TVX_STATIC_ASSERT(offsetof(ThresholdSensorEntry, unit) == 80, "ThresholdSensorEntry.unit at 80");
+
+/* One discrete sensor (a compact record). */
+typedef struct {
+    char name[TVX_SENSOR_NAME_SIZE];
+    char state[TVX_SENSOR_STATUS_SIZE];        /* first asserted state, "N/A" or "Power Off" */
+    char relatedState[TVX_SENSOR_STATUS_SIZE]; /* a related sensor's first asserted state, or "N/A" */
+    uint8_t sensorType;
+    uint8_t eventReadingType;
+    uint8_t state0_7;                          /* the state bytes as read; 0 when not read */
+    uint8_t state8_14;
+    int32_t stateOffset;                       /* offset whose text was found; -1 no text; 0 not looked up */
+    uint16_t sensorNumber;
+} DiscreteSensorEntry;
+TVX_STATIC_ASSERT(sizeof(DiscreteSensorEntry) == 112, "DiscreteSensorEntry is 112 bytes");
+TVX_STATIC_ASSERT(offsetof(DiscreteSensorEntry, relatedState) == 58, "DiscreteSensorEntry.relatedState at 58");
+TVX_STATIC_ASSERT(offsetof(DiscreteSensorEntry, sensorType) == 98, "DiscreteSensorEntry.sensorType at 98");
+TVX_STATIC_ASSERT(offsetof(DiscreteSensorEntry, stateOffset) == 104, "DiscreteSensorEntry.stateOffset at 104");
+TVX_STATIC_ASSERT(offsetof(DiscreteSensorEntry, sensorNumber) == 108, "DiscreteSensorEntry.sensorNumber at 108");
+
+/* Any sensor record's identity. */
+typedef struct {
+    char name[TVX_SENSOR_NAME_SIZE];
+    uint8_t sensorNumber;
+    uint8_t sensorType;
+    uint8_t eventReadingType;
+    uint8_t entityId;
+    uint8_t entityInstance;
+} CommonSensorEntry;
+TVX_STATIC_ASSERT(sizeof(CommonSensorEntry) == 23, "CommonSensorEntry is 23 bytes");
+TVX_STATIC_ASSERT(offsetof(CommonSensorEntry, sensorNumber) == 18, "CommonSensorEntry.sensorNumber at 18");
+
+/* Each appends one entry per sensor to *list (in SDR cache order, without clearing it first)
+   and returns how many it appended; the caller frees the list with freeList. A sensor that
+   cannot be read still gets an entry. The status texts are "N/A" while the server is on and
+   "Power Off" while it is off when the sensor has no reading. */
+TVX_API uint8_t ipmiGetFanSensors(IpmiSession *session, ListNode **list, SDRInfo *info);
+/* sensorType 1 (temperature), 2 (voltage) or 3 (current); anything else appends nothing. */
+TVX_API uint8_t ipmiGetTVCSensors(IpmiSession *session, ListNode **list, uint8_t sensorType, SDRInfo *info);
+/* -1 for a NULL session, else ipmiGetTVCSensors of their type. */
+TVX_API int ipmiGetTemperatureSensors(IpmiSession *session, ListNode **list, SDRInfo *info);
+TVX_API int ipmiGetVoltageSensors(IpmiSession *session, ListNode **list, SDRInfo *info);
+TVX_API int ipmiGetCurrentSensors(IpmiSession *session, ListNode **list, SDRInfo *info);
+/* The compact records of one sensor type and event/reading type. With relatedState non-zero
+   and relatedType non-zero, each entry also gets the state of the same entity's compact
+   record of relatedType. `unused` is ignored. When nothing was appended, *list is freed and
+   set to NULL. The session must be open. */
+TVX_API uint8_t ipmiGetDiscreteSensors(IpmiSession *session, ListNode **list, uint8_t sensorType,
+        uint8_t eventReadingType, uint8_t relatedType, uint32_t unused, int relatedState, SDRInfo *info);
+/* Every full record, then every compact record; reads nothing from the controller. */
+TVX_API uint32_t ipmiGetCommonSensors(ListNode **list, SDRInfo *info);
+/* A fan's two speed limits from the controller (the fan's maximum speed and its rated speed):
+   1 when stored (both 0 when the answer carries none), 0 on failure (both outputs 0). */
+TVX_API int ipmiGetFanMaximumSpeed(IpmiSession *session, uint8_t fanNumber, uint32_t *first, uint32_t *second);
+
+/* ---- Agent sensor getters ------------------------------------------------------------------- */
+
+/* The agent's getters: each opens a session of its own (administrator, empty user name) and
+   closes it before it returns; getSdrSensorStatus uses the caller's. Sensors are addressed by
+   number among the full records of a sensor type in the agent's SDR cache. Values are
+   truncated toward zero; voltages (and the voltage-scale getters) are in thousandths of the
+   unit, rounded to tens. A processor's sensors (entity 0x03) report plain raw bytes. */
+
+/* A sensor's status code on the agent's scale for its type (1: unknown or powered off). */
+TVX_API int getSdrSensorStatus(IpmiSession *session, uint8_t sensorNumber, uint8_t sensorType,
+        uint8_t eventReadingType);
+TVX_API int getCurrentSensorsStatus(uint8_t sensorNumber, uint8_t sensorType, SDRInfo *info);
+TVX_API int getCurrentValue(uint8_t sensorNumber, uint8_t sensorType, SDRInfo *info);
+/* 3: the sensor's critical reaction is set, 2: not set, 1: unknown; 0 without a session or
+   without records of the type. */
+TVX_API int getCriticalReaction(uint8_t sensorNumber, uint8_t sensorType, SDRInfo *info);
+TVX_API int getTemperatureSensorStatus(uint8_t sensorNumber, SDRInfo *info);
+TVX_API int getTemperatureCurrentValue(uint8_t sensorNumber, SDRInfo *info);
+/* which 0: the warning level (upper non-critical), else the critical level. 0 when none. */
+TVX_API int getTemperatureThresholdLevel(uint8_t sensorNumber, SDRInfo *info, int32_t which);
+TVX_API int getFanStatus(uint8_t sensorNumber, SDRInfo *info);
+TVX_API int getFanCurrentSpeed(uint8_t sensorNumber, SDRInfo *info);
+/* The fan's maximum speed as a percentage of its rated speed; 0 when unknown. */
+TVX_API int getFanQuality(uint8_t sensorNumber, SDRInfo *info);
+/* The fan's fail-shutdown delay; -1 when it cannot be read, 0 without a session or fans. */
+TVX_API int getFanFailShutdownDelay(uint8_t sensorNumber, SDRInfo *info);
+/* The status of a power supply status sensor (0xE8); info is not used. */
+TVX_API int getPowerSupplyStatus(uint8_t sensorNumber, SDRInfo *info);
+/* The load of the ordinal-th power supply (from 1); 0 when there is none. */
+TVX_API int getPowerSupplyLoad(uint8_t ordinal, SDRInfo *info);
+/* The normal maximum of the ordinal-th power supply's load sensor; 0 when the status sensor
+   reports the supply not present, or there is none. */
+TVX_API int getPowerSupplyNominal(uint8_t statusSensorNumber, uint8_t ordinal, SDRInfo *info);
+TVX_API int getNormalMax(uint8_t sensorNumber, uint8_t sensorType, SDRInfo *info);
+TVX_API int getVoltStatus(uint8_t sensorNumber, SDRInfo *info);
+TVX_API int getVoltCurrentValue(uint8_t sensorNumber, SDRInfo *info);
+TVX_API int getVoltNominalValue(uint8_t sensorNumber, uint8_t sensorType, SDRInfo *info);
+/* which 0: lower critical, 1: upper critical (0 for any other which or an unreadable
+   threshold); -1 without a session or record. */
+TVX_API int getVoltThresholds(uint8_t sensorNumber, uint8_t sensorType, SDRInfo *info, int32_t which);
+
 /* ---- System event log --------------------------------------------------------------------- */
 
 /* SEL records are the 16-byte IPMI SEL record, passed as a pointer to their first byte. */
@@ -307,6 +452,11 @@ TVX_API int ipmiGetErrLed(IpmiSession *session);
 #define TVX_VAR_SYSTEM_OS       0x020Fu
 #define TVX_VAR_ASSET_TAG       0x0210u
 #define TVX_CONFIG_VALUE_MAX    250u
+/* One value per sensor, indexed by the sensor's ordinal among the full records of its type. */
+#define TVX_VAR_CRITICAL_REACTION             0x0000u /* sensors other than temperatures and fans */
+#define TVX_VAR_FAN_CRITICAL_REACTION         0x0071u /* 1 byte: 0 none, else a reaction */
+#define TVX_VAR_FAN_FAIL_SHUTDOWN_DELAY       0x0072u /* 16 bits */
+#define TVX_VAR_TEMPERATURE_CRITICAL_REACTION 0x0073u /* 1 byte: 0 none, else a reaction */
 
 /* Reads a variable into buffer (at least 255 bytes; not terminated). Returns the value's
    length (0 for an empty value or a NULL session), or -1 on failure. */

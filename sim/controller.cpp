@@ -16,7 +16,7 @@ std::span<const Subsystem> Controller::standardSubsystems()
     static const Subsystem all[] = {kAppSubsystem,       kChassisSubsystem,       kConfigSpaceSubsystem,
                                     kLanSubsystem,       kSdrRepositorySubsystem, kSensorSubsystem,
                                     kComponentSubsystem, kSelSubsystem,           kFruSubsystem,
-                                    kProcessorSubsystem, kMemorySubsystem,        kPlatformInfoSubsystem};
+                                    kProcessorSubsystem, kMemorySubsystem,        kPlatformInfoSubsystem, kFanSubsystem};
     return all;
 }
 

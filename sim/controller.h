@@ -169,6 +169,7 @@ extern const Subsystem kAppSubsystem;
 extern const Subsystem kSdrRepositorySubsystem;
 extern const Subsystem kSensorSubsystem;
 extern const Subsystem kComponentSubsystem;
+extern const Subsystem kFanSubsystem;
 extern const Subsystem kChassisSubsystem;
 extern const Subsystem kConfigSpaceSubsystem;
 extern const Subsystem kLanSubsystem;

@@ -85,7 +85,8 @@ inline json generatedRepository(int count)
     }
     profile["sensors"] = sensors;
     // The parts whose records or sensors are gone.
-    for (const char *part : {"fru_locators", "mc_locators", "components", "processors"}) profile.erase(part);
+    for (const char *part : {"fru_locators", "mc_locators", "components", "processors", "fan_speed_limits"})
+        profile.erase(part);
     profile["sdr"]["allocation_units"] = 8192;
     return profile;
 }

@@ -100,5 +100,8 @@ int cmdCpu(const Options &, const std::vector<std::string> &);
 int cmdMemory(const Options &, const std::vector<std::string> &);
 int cmdPci(const Options &, const std::vector<std::string> &);
 int cmdLanguages(const Options &, const std::vector<std::string> &);
+int cmdSensor(const Options &, const std::vector<std::string> &);
+int cmdSdrQuery(const Options &, const std::vector<std::string> &);
+int cmdAgent(const Options &, const std::vector<std::string> &);
 
 } // namespace tvxctl

@@ -414,6 +414,61 @@ TVX_API char *ipmiInterpretSELEntryUsTextFollowUp(IpmiSession *session, uint8_t 
 TVX_API iESLText ipmiGetiESLSELEntryAsText(IpmiSession *session, uint8_t selector, uint16_t recordId,
         uint8_t p7, uint16_t p8, uint8_t p10, uint8_t p11);
 
+/* ---- Internal event log --------------------------------------------------------------------- */
+
+/* The controller's own log beside the SEL. The meanings of the fields, of the write
+   parameters and of the record are the controller's; the library passes them through. */
+#pragma pack(push, 1)
+/* The log's summary, as the controller sends it; all zero when it could not be read. */
+typedef struct {
+    uint8_t s0;
+    uint8_t s1;
+    uint16_t s2;
+    uint32_t s4;
+    uint8_t s8;
+    uint16_t s9;
+    uint16_t s11;
+    uint16_t s13;
+    uint16_t s15;
+    uint16_t s17;
+    uint16_t s19;
+} iELSummary;
+
+/* One entry; body is a heap buffer (the caller frees it) holding the entry's body from the
+   requested offset to its end. All zero, body NULL, when the entry could not be read. */
+typedef struct {
+    uint16_t e0;
+    uint8_t e2;
+    uint16_t e3;
+    uint32_t e5;
+    uint16_t e9;      /* always 0 */
+    uint8_t *body;
+} iELEntry;
+#pragma pack(pop)
+TVX_STATIC_ASSERT(sizeof(iELSummary) == 21, "iELSummary is 21 bytes");
+TVX_STATIC_ASSERT(sizeof(iELEntry) == 11 + sizeof(uint8_t *), "iELEntry is packed");
+
+TVX_API iELSummary ipmiGetiELInfo(IpmiSession *session);
+/* Reads the body in 50-byte pieces, one request each. */
+TVX_API iELEntry ipmiGetiELEntry(IpmiSession *session, uint16_t entryId, uint16_t offset);
+/* Writes an entry: text (zero-terminated) and the 16 bytes of record. 1 when the request was
+   exchanged, else 0. */
+TVX_API int ipmiWriteiELEntry(IpmiSession *session, uint8_t w4, uint8_t w5, uint8_t w6,
+        const uint8_t *record, const char *text, uint8_t w7);
+/* Clears every entry (all != 0) or the one entry. 1 when the controller accepted it. */
+TVX_API int ipmiCleariELLog(IpmiSession *session, int all, uint16_t entryId);
+
+/* ---- Event notification queue --------------------------------------------------------------- */
+
+/* A watcher (ID > 0) registers with the controller's SEL notification service and then
+   receives one message per event. Register/unregister: 0 when the request was queued, -1
+   otherwise. Receive: flags for msgrcv (0 waits, IPC_NOWAIT does not); type 0 takes the
+   oldest message, a positive type only that watcher's. 1 when a message was received and
+   its values stored (a NULL pointer skips that value), else 0. */
+TVX_API int selNotifyRegisterRemote(int watcherId);
+TVX_API int selNotifyUnregisterRemote(int watcherId);
+TVX_API int selNotifyRecvRemote(int flags, uint8_t *code, uint32_t *value32, uint16_t *value16, long type);
+
 /* ---- Chassis power control and LEDs --------------------------------------------------------- */
 
 /* Each returns 1 when the platform carried the action out, else 0 (0 for a NULL session). */
@@ -440,6 +495,46 @@ TVX_API int ipmiSetIdenLed(IpmiSession *session, int state);
 TVX_API int ipmiGetIdenLed(IpmiSession *session);
 /* The error LED (system status: 0 OK, 1 warning, 2 critical); 0 when unreadable. */
 TVX_API int ipmiGetErrLed(IpmiSession *session);
+
+/* ---- Chassis and board inventory ------------------------------------------------------------ */
+
+/* Texts from the FRU devices the SDR cache's FRU Device Locators name (system chassis 0x17,
+   system board 0x07). Each field is NULL or a heap copy the record owns; release the whole
+   record with the matching free operation, whatever the getter returned. */
+typedef struct {
+    char *productManufacturer;
+    char *productPartNumber;
+    char *productVersion;
+    char *chassisCustomField;   /* "Unknown" when the chassis area has no custom field */
+    char *chassisSerialNumber;
+    char *chassisPartNumber;
+} ChassisInfo;
+
+typedef struct {
+    char *productName;
+    char *customField;
+    char *serialNumber;
+    char *partNumber;
+    char *manufacturer;
+} BoardInfo;
+
+/* The controller's EEPROM information block, uninterpreted; all zero on failure. */
+typedef struct {
+    uint8_t data[16];
+} EEPROMInfo;
+TVX_STATIC_ASSERT(sizeof(EEPROMInfo) == 16, "EEPROMInfo is 16 bytes");
+
+/* 1 when at least one FRU device with a product area (chassis) or a board area (board) was
+   read, else 0. Every matching device is read; a later device's text replaces an earlier
+   one's. */
+TVX_API int ipmiGetChassisInfo(IpmiSession *session, ChassisInfo *chassisInfo, SDRInfo *sdrInfo);
+TVX_API void ipmiFreeChassisInfo(ChassisInfo *chassisInfo);
+TVX_API int ipmiGetBoardInfo(IpmiSession *session, BoardInfo *boardInfo, SDRInfo *sdrInfo);
+TVX_API void ipmiFreeBoardInfo(BoardInfo *boardInfo);
+/* 1 when the controller reports the host's agent as connected, else 0. */
+TVX_API int ipmiOemAgetConnected(IpmiSession *session);
+/* The EEPROM information block of that index (its low byte is sent). */
+TVX_API EEPROMInfo ipmiGetEEPROMInfo(IpmiSession *session, int index);
 
 /* ---- Configuration-space variables and console log ------------------------------------------ */
 

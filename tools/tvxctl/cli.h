@@ -103,5 +103,10 @@ int cmdLanguages(const Options &, const std::vector<std::string> &);
 int cmdSensor(const Options &, const std::vector<std::string> &);
 int cmdSdrQuery(const Options &, const std::vector<std::string> &);
 int cmdAgent(const Options &, const std::vector<std::string> &);
+int cmdIel(const Options &, const std::vector<std::string> &);
+// sel watch: the words after "watch"; asText for --text (taken by sel itself).
+int cmdSelWatch(const Options &, const std::vector<std::string> &args, bool asText);
+// fru: the chassis and board summary (printed after the devices, or alone by "fru summary").
+int cmdFruSummary(const Options &, IpmiSession *session);
 
 } // namespace tvxctl

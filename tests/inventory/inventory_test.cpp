@@ -49,11 +49,10 @@ Bytes fruImage(uint8_t version, const Bytes &chassis, const Bytes &board, const 
 // The header, then each area's first two bytes and its rest (empty image: the device is absent).
 void expectFru(uint8_t id, const Bytes &img)
 {
-    if (img.empty()) return expectRequest(0x28, 0x10, {id}, 0x01CB, {0xCB});
-    expectRequest(0x28, 0x10, {id}, 0, cat({{0x00}, le16(static_cast<uint16_t>(img.size())), {0x00}}));
+    if (img.empty()) return expect(0x28, 0x10, {id}, {0xCB}, 0x01CB);
+    expect(0x28, 0x10, {id}, cat({{0x00}, le16(static_cast<uint16_t>(img.size())), {0x00}}));
     auto read = [&](size_t at, size_t n) {
-        expectRequest(0x28, 0x11, cat({{id}, le16(static_cast<uint16_t>(at)), {static_cast<uint8_t>(n)}}), 0,
-                      cat({{0x00, static_cast<uint8_t>(n)}, Bytes(img.begin() + at, img.begin() + at + n)}));
+        expect(0x28, 0x11, cat({{id}, le16(static_cast<uint16_t>(at)), {static_cast<uint8_t>(n)}}), cat({{0x00, static_cast<uint8_t>(n)}, Bytes(img.begin() + at, img.begin() + at + n)}));
     };
     read(0, 8);
     for (int k = 2; k <= 4; ++k)
@@ -177,7 +176,7 @@ TEST_F(InventoryTest, AgentConnectedAndEepromInfo)
                                           {0, oemAnswer({0x01, 0x02}), 0},
                                           {0, oemAnswer({0x01}), 0},
                                           {0x01C1, oemAnswer({0x00, 0x01}, 0xC1), 0}}) {
-        expectRequest(0xB8, 0x02, oem({0x08}), static_cast<uint16_t>(status), answer);
+        expect(0xB8, 0x02, oem({0x08}), answer, static_cast<uint16_t>(status));
         EXPECT_EQ(ipmiOemAgetConnected(s), result);
     }
     const Bytes block = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16}, none(16, 0);
@@ -190,7 +189,7 @@ TEST_F(InventoryTest, AgentConnectedAndEepromInfo)
           {0, oemAnswer(Bytes(block.begin(), block.end() - 1)), none, wrongSize},
           {0, oemAnswer(cat({block, {0x00}})), none, wrongSize},
           {LIBIPMI_STATUS_TIMEOUT, Bytes{}, none, failed + "send ipmi raw command.\n"}}) {
-        expectRequest(0xB8, 0xF5, oem({0x12, 0x03}), static_cast<uint16_t>(status), answer);
+        expect(0xB8, 0xF5, oem({0x12, 0x03}), answer, static_cast<uint16_t>(status));
         EEPROMInfo got;
         EXPECT_DIAG(stderrOf([&] { got = ipmiGetEEPROMInfo(s, 0x103); }), diag);
         EXPECT_EQ(Bytes(got.data, got.data + 16), info);

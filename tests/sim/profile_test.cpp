@@ -82,6 +82,19 @@ TEST(Profile, MistakesAreNamedWithFilePlaceAndProblem)
         {R"({"fru": [{"fru_id": 0}, {"fru_id": "0x00"}]})",
          "/fru/1/fru_id: FRU device 0x00 is already described by /fru/0"},
         {R"({"fru": [{"fru_id": 0, "word_access": true, "size": 33}]})", "/fru/0: a device accessed by words"},
+        // The internal event log and the EEPROM blocks.
+        {R"({"iel": {"capacity": 1, "entries": [{"time": 0, "text": "a"}, {"time": 0, "text": "b"}]}})",
+         "/iel/entries: 2 entries do not fit"},
+        {R"({"eeprom_info": ["00 01"]})", "/eeprom_info/0: expected exactly 16 bytes"},
+        // Processors and memory modules.
+        {R"({"sensors": [)" + std::string(sensor) + R"(}], "processors": [{"socket": "C", "sensor": 1}]})",
+         "/processors/0/sensor: the sensor's state lacks the presence bit"},
+        {R"({"memory": {"modules": [{"slot": "A1", "frequency": 4800, "capacity_mb": 40000}]}})",
+         "/memory/modules/0/capacity_mb: a capacity of 32768 MB or more"},
+        {R"({"memory": {"modules": [{"slot": "A2", "empty": true, "spd": "00"}]}})",
+         "/memory/modules/0/spd: an empty slot holds no module"},
+        {R"({"memory": {"modules": [{"slot": "A1", "spd": {"file": "missing.bin"}}]}})",
+         "/memory/modules/0/spd/file: missing.bin: cannot read"},
     };
     for (const auto &[part, message] : cases) {
         json doc = tvxtest::baseProfile();

@@ -1,8 +1,10 @@
 // The internal event log, the host agent and the EEPROM blocks on the virtual controller: the
-// library against it, its profile checks, and tvxctl iel / fru summary as a user runs them.
+// library against it, and tvxctl iel / fru summary as a user runs them.
 #include <cstdlib>
 #include <cstring>
 #include <string>
+
+#include <gtest/gtest.h>
 
 #include "libipmi_host.h"
 #include "machine.h"

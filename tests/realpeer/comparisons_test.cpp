@@ -2,8 +2,10 @@
 // simulator, and with tvxctl against the virtual controller of the same profile.
 //
 // Each row of kComparisons runs tvxctl and ipmitool and compares what they report: the identity,
-// raw answers and refusals, the SDR repository with every sensor's reading and status, the SEL, the
-// chassis power after power control and the LAN settings after a set (by either side).
+// raw answers and refusals, the SDR repository and the sensor table with every sensor's reading,
+// status and thresholds (the host powered and not), the SEL, the chassis power after power control
+// and the LAN settings after a set (by either side).
+#include <cmath>
 #include <map>
 #include <sys/stat.h>
 
@@ -204,6 +206,64 @@ void compareLan(const Outcome &ours, const Outcome &theirs)
     for (const auto &[key, value] : same) EXPECT_EQ(first(t, key), value) << key;
 }
 
+// ipmitool's CSV lines as cells.
+std::vector<std::vector<std::string>> cells(const std::string &text)
+{
+    std::vector<std::vector<std::string>> rows;
+    std::istringstream in(text);
+    for (std::string line, cell; std::getline(in, line);) {
+        rows.emplace_back();
+        for (std::istringstream l(line); std::getline(l, cell, ',');) rows.back().push_back(cell);
+    }
+    return rows;
+}
+
+// ipmitool's words for the library's units and threshold states.
+const std::map<std::string, std::string> kUnits = {{"C", "degrees C"},     {"Volt", "Volts"},
+                                                   {"Amps", "Amps"},       {"RPM", "RPM"},
+                                                   {"percent", "percent"}, {"discrete", "discrete"}};
+const std::map<std::string, std::string> kStates = {{"OK", "ok"},       {"LowWarn", "nc"},   {"UpWarn", "nc"},
+                                                    {"LowCrit", "cr"},  {"UpCrit", "cr"},    {"LowNRecov", "nr"},
+                                                    {"UpNRecov", "nr"}, {"Power Off", "na"}, {"N/A", "na"}};
+const char *kThresholds[6] = {"lnr", "lcr", "lnc", "unc", "ucr", "unr"};
+
+// tvxctl --json sensor against ipmitool -c sensor: every sensor's unit, value, status (a fan's
+// is its status sensor's state, which ipmitool does not show) and thresholds; discrete
+// sensors' state bits.
+void compareSensors(const Outcome &ours, const Outcome &theirs)
+{
+    BOTH_OK(ours, theirs);
+    std::map<std::string, json> byName;
+    for (const json &r : json::parse(ours.out)) byName[r["name"]] = r;
+    auto rows = cells(theirs.out);
+    ASSERT_EQ(rows.size(), byName.size()) << theirs.out;
+    for (const auto &t : rows) {
+        SCOPED_TRACE(t[0]);
+        ASSERT_EQ(t.size(), 10u);
+        ASSERT_TRUE(byName.count(t[0]));
+        const json &r = byName[t[0]];
+        EXPECT_EQ(kUnits.at(r["unit"]), t[2]);
+        if (r["unit"] == "discrete") {
+            // ipmitool shows the two state bytes as one hexadecimal number, low byte first.
+            const unsigned bytes = t[3] == "na" ? 0 : std::stoul(t[3], nullptr, 16);
+            if (r["state_bits"].is_null()) EXPECT_EQ(t[3], "na");
+            else EXPECT_EQ(r["state_bits"].get<unsigned>(), (bytes >> 8) | (bytes & 0x7F) << 8) << t[3];
+            continue;
+        }
+        if (r["value"].is_null()) EXPECT_EQ(t[1], "na");
+        else EXPECT_NEAR(r["value"].get<double>(), std::stod(t[1]), 0.0005) << t[1];
+        // A fan's status is its status sensor's state, which ipmitool does not show.
+        if (r["class"] != "fan" || r["value"].is_null()) {
+            EXPECT_EQ(kStates.at(r["status"]), t[3]);
+        }
+        for (int i = 0; i < 6; ++i) {
+            const json &v = r["thresholds"][kThresholds[i]];
+            if (v.is_null()) EXPECT_EQ(t[4 + i], "na") << kThresholds[i];
+            else EXPECT_NEAR(v.get<double>(), std::stod(t[4 + i]), 0.0005) << kThresholds[i];
+        }
+    }
+}
+
 struct Comparison {
     const char *what;
     std::vector<std::vector<std::string>> before; // commands that change the machine first: tvxctl's
@@ -214,7 +274,8 @@ struct Comparison {
 };
 
 const std::vector<std::string> kPowerDown = {"raw", "0x00", "0x02", "0x00"}, kPowerUp = {"raw", "0x00", "0x02", "0x01"},
-                               kSdr = {"--json", "sdr"}, kElist = {"sdr", "elist", "all"};
+                               kSdr = {"--json", "sdr"}, kElist = {"sdr", "elist", "all"},
+                               kSensor = {"--json", "sensor"}, kCsvSensor = {"-c", "sensor"};
 
 // clang-format off
 const Comparison kComparisons[] = {
@@ -226,10 +287,13 @@ const Comparison kComparisons[] = {
      {"raw", "0x2e", "0x01", "0x01", "0x02", "0x03"}, sameRefusal},
     {"an unknown command", {}, {"raw", "0x06", "0x99"}, {"raw", "0x06", "0x99"}, sameRefusal},
     {"SDR repository and sensor readings", {}, kSdr, kElist, compareSdr},
+    {"sensor table", {}, kSensor, kCsvSensor, compareSensors},
     {"chassis power after Chassis Control power down", {kPowerDown}, {"raw", "0x00", "0x01"},
      {"chassis", "power", "status"}, samePowerState},
     {"sensors powered by the host while it is down", {}, kSdr, kElist, compareSdr},
+    {"sensor table while the host is down", {}, kSensor, kCsvSensor, compareSensors},
     {"sensors after power up", {kPowerUp}, kSdr, kElist, compareSdr},
+    {"sensor table after power up", {}, kSensor, kCsvSensor, compareSensors},
     {"system event log", {}, {"--json", "sel"}, {"sel", "list"}, compareSel},
     {"LAN settings after tvxctl set them",
      {{"lan", "set", "ip", "10.9.8.7"}, {"lan", "set", "netmask", "255.255.0.0"}, {"lan", "set", "gateway", "10.9.0.1"},

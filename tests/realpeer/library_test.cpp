@@ -1,5 +1,6 @@
 // The platform library and libtvx_toipmi over LAN against ipmi_sim: identity, what the
-// module adds to the simulator, OEM frames, and every kind of failure mapped to its status.
+// module adds to the simulator, OEM frames, every kind of failure mapped to its status, and
+// FRU data as ipmitool prints it.
 #include <gtest/gtest.h>
 
 #include "scripted.h"
@@ -29,6 +30,16 @@ void check(IpmiSession *s, const RawCase &c)
     Bytes response;
     EXPECT_EQ(raw(s, c.netFn, c.command, c.request, response), c.status) << ipmihost_last_error();
     EXPECT_EQ(response, c.response);
+}
+
+// Texts as ipmitool shows them: absent and empty fields print nothing; the blanks that pad
+// 6-bit and BCD plus texts are not shown.
+std::vector<std::string> shown(std::initializer_list<const char *> list)
+{
+    std::vector<std::string> out;
+    for (const char *t : list)
+        if (t && *t) out.push_back(trim(t));
+    return out;
 }
 
 } // namespace
@@ -194,4 +205,42 @@ TEST(RealPeerConfiguration, RefusesWhatTheFilesCannotHold)
         "x.json");
     std::string commands = tvxsim::ipmisim::commandFile(p);
     EXPECT_EQ(commands.find("\nlines"), std::string::npos) << commands;
+}
+
+// FRU inventory from ipmi_sim, which answers at most 34 FRU bytes per read: the platform reads
+// FRU 0 in chunks and decodes what ipmitool prints for the same simulator.
+TEST(RealPeerFru, ReadsInChunksWhatIpmitoolPrints)
+{
+    auto &peer = defaultPeer();
+    ASSERT_EQ(ipmihost_select_target(peer.target("&timeout=2000").c_str(), nullptr), 0) << ipmihost_last_error();
+    PlatformSession s;
+    ASSERT_EQ(s.open(), 0);
+    FruData r{};
+    uint32_t length = 0;
+    ASSERT_EQ(LIBIPMI_HL_GetFRUData(s.get(), 0, &length, &r, 60), 0) << ipmihost_last_error();
+    EXPECT_EQ(length, 512u);
+    ASSERT_EQ(r.boardCustomCount, 3); // 8-bit, 6-bit and binary
+    ASSERT_EQ(r.productCustomCount, 1);
+
+    Outcome tool = ipmitool(peer, {"fru", "print", "0"});
+    ASSERT_EQ(tool.code, 0) << tool;
+    Fields printed = fields(tool.out);
+    const std::pair<const char *, std::vector<std::string>> kFields[] = {
+        // clang-format off
+        {"Board Mfg", shown({r.boardManufacturer.text})}, {"Board Product", shown({r.boardProductName.text})},
+        {"Board Serial", shown({r.boardSerialNumber.text})}, {"Board Part Number", shown({r.boardPartNumber.text})},
+        {"Board Extra", shown({r.boardCustomFields[0], r.boardCustomFields[1], r.boardCustomFields[2]})},
+        {"Product Manufacturer", shown({r.productManufacturer.text})},
+        {"Product Name", shown({r.productName.text})}, {"Product Part Number", shown({r.productPartNumber.text})},
+        {"Product Version", shown({r.productVersion.text})}, {"Product Serial", shown({r.productSerialNumber.text})},
+        {"Product Asset Tag", shown({r.productAssetTag.text})}, {"Product Extra", shown({r.productCustomFields[0]})},
+        // clang-format on
+    };
+    for (const auto &[label, ours] : kFields) {
+        SCOPED_TRACE(label);
+        EXPECT_FALSE(ours.empty());
+        EXPECT_EQ(printed[label], ours) << tool.out;
+    }
+    s.close();
+    ipmihost_select_default();
 }

@@ -3,41 +3,15 @@
 #include <cstring>
 
 #include "machine.h"
-#include "scripted.h"
-#include "tvx/records.h"
+#include "sdr_records.h"
 
 namespace {
 
-struct Rec {
-    uint8_t type, sensorNumber, entity, instance, sensorType;
-};
-
-// A cache of hand-made slots: just the fields the lookups read (those that fit), the rest a fill pattern.
-class Cache {
-public:
-    Cache(uint32_t slotSize, std::vector<Rec> recs)
-    {
-        namespace sdr = tvx::sdr;
-        info_.recordSize = slotSize;
-        info_.count = static_cast<uint32_t>(recs.size());
-        info_.records = static_cast<uint8_t *>(std::malloc(slotSize * recs.size()));
-        std::memset(info_.records, 0xA5, slotSize * recs.size());
-        for (size_t i = 0; i < recs.size(); ++i)
-            tvx::wire::Writer(slot(i), slotSize)
-                .put(sdr::kRecordId, uint16_t(i + 1))
-                .put(sdr::kRecordType, recs[i].type)
-                .put(sdr::kSensorNumber, recs[i].sensorNumber)
-                .put(sdr::kEntityId, recs[i].entity)
-                .put(sdr::kEntityInstance, recs[i].instance)
-                .put(sdr::kSensorType, recs[i].sensorType);
-    }
-    ~Cache() { freeSDRInfo(&info_); }
-    SDRInfo *get() { return &info_; }
-    uint8_t *slot(size_t i) { return info_.records + i * info_.recordSize; }
-
-private:
-    SDRInfo info_{};
-};
+// A record with just the key fields the lookups read.
+Bytes rec(uint8_t type, uint8_t number, uint8_t entity, uint8_t instance, uint8_t sensorType)
+{
+    return record(type, number, sensorType, 0x01, entity, instance, "");
+}
 
 size_t length(const ListNode *l)
 {
@@ -49,19 +23,15 @@ size_t length(const ListNode *l)
 TEST(SdrCache, LookupsByEntityIndexAndType)
 {
     // A full record, an MC locator (0x12) with the same bytes, then compact matches.
-    Cache c(64, {{0x01, 10, 0x1D, 1, 0x04},
-                 {0x12, 10, 0x1D, 1, 0x04},
-                 {0x02, 11, 0x1D, 1, 0x04},
-                 {0x02, 12, 0x1D, 1, 0x04},
-                 {0x02, 13, 0x1D, 2, 0x04},
-                 {0x01, 14, 0x1D, 2, 0x04}});
+    Cache c({rec(0x01, 10, 0x1D, 1, 0x04), rec(0x12, 10, 0x1D, 1, 0x04), rec(0x02, 11, 0x1D, 1, 0x04),
+             rec(0x02, 12, 0x1D, 1, 0x04), rec(0x02, 13, 0x1D, 2, 0x04), rec(0x01, 14, 0x1D, 2, 0x04)});
     EXPECT_EQ(findCompactSdrByEntity(0x1D, 1, 0x04, c.get()), c.slot(2));
     EXPECT_EQ(findCompactSdrByEntity(0x1D, 2, 0x04, c.get()), c.slot(4));
     EXPECT_EQ(findCompactSdrByEntity(0x1D, 3, 0x04, c.get()), nullptr);
     EXPECT_EQ(findCompactSdrByEntity(0x1D, 1, 0x01, c.get()), nullptr);
     EXPECT_EQ(getSdrByIndex(5, c.get()), c.slot(5));
     EXPECT_EQ(getSdrByIndex(6, c.get()), nullptr) << "never a pointer past the cache";
-    SDRInfo zeroSlot{0, c.get()->records, 2}, empty{};
+    SDRInfo zeroSlot{0, c.bytes.data(), 2}, empty{};
     EXPECT_EQ(getSdrByIndex(0, &zeroSlot), nullptr);
     EXPECT_EQ(getSdrByIndex(0, &empty), nullptr);
     EXPECT_EQ(findCompactSdrByEntity(0, 0, 0, &empty), nullptr);
@@ -84,7 +54,7 @@ TEST(SdrCache, LookupsByEntityIndexAndType)
     EXPECT_EQ(none, nullptr);
 
     // 20-byte slots: the 64-byte copy of the last slot takes only what the cache holds.
-    Cache small(20, {{0x01, 1, 3, 1, 0x01}, {0x01, 2, 3, 1, 0x01}});
+    Cache small({rec(0x01, 1, 3, 1, 0x01), rec(0x01, 2, 3, 1, 0x01)}, 20);
     EXPECT_EQ(ipmiFindSensorByType(&full, 0x01, 0x01, small.get()), 2u);
     ASSERT_EQ(length(full), 2u);
     EXPECT_EQ(0, std::memcmp(full->next->data, small.slot(1), 20));

@@ -1,4 +1,4 @@
-// The virtual controller behind the platform library: machine selection and injected faults.
+// The virtual controller behind the platform library: injected faults.
 #include <gtest/gtest.h>
 
 #include "machine.h"
@@ -75,25 +75,6 @@ TEST_F(Host, EachInjectedFaultKindBecomesItsStatus)
     EXPECT_EQ(ipmihost_request_count(), 1u);
     ipmihost_clear_faults();
     EXPECT_EQ(raw(0x06, 0x01).bytes, kDeviceId);
-}
-
-TEST_F(Host, BadProfileOrStateKeepsThePreviousMachine)
-{
-    const std::string statePath = ipmihost_state_file(), badPath = machine_.dir().file("broken.json");
-    EXPECT_EQ(statePath, machine_.dir().file("machine.state.json"));
-    json bad = tvxtest::baseProfile();
-    bad["controller"]["product_id"] = 0x10000;
-    tvxtest::writeFile(badPath, bad.dump());
-    EXPECT_EQ(ipmihost_select_machine(badPath.c_str(), machine_.dir().path().c_str()), -1);
-    std::string err = ipmihost_last_error();
-    EXPECT_NE(err.find(badPath + ": /controller/product_id: "), std::string::npos) << err;
-    EXPECT_FALSE(std::filesystem::exists(machine_.dir().file("broken.state.json")));
-    EXPECT_FALSE(std::filesystem::exists(machine_.dir().file("broken.lock")));
-    // A corrupt state fails the selection, naming the file.
-    tvxtest::writeFile(statePath, "{ not json");
-    EXPECT_EQ(ipmihost_select_machine(machine_.profilePath().c_str(), machine_.dir().path().c_str()), -1);
-    err = ipmihost_last_error();
-    EXPECT_EQ(err.rfind(statePath + ": ", 0), 0u) << err;
 }
 
 } // namespace

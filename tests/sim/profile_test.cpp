@@ -85,6 +85,8 @@ TEST(Profile, MistakesAreNamedWithFilePlaceAndProblem)
         // The internal event log and the EEPROM blocks.
         {R"({"iel": {"capacity": 1, "entries": [{"time": 0, "text": "a"}, {"time": 0, "text": "b"}]}})",
          "/iel/entries: 2 entries do not fit"},
+        {R"({"iel": {"entries": [{"time": 0, "text": "x", "severity": "fatal"}]}})", "/iel/entries/0/severity: expected"},
+        {R"({"host_agent": {"state": "online"}})", "/host_agent/state: expected"},
         {R"({"eeprom_info": ["00 01"]})", "/eeprom_info/0: expected exactly 16 bytes"},
         // Processors and memory modules.
         {R"({"sensors": [)" + std::string(sensor) + R"(}], "processors": [{"socket": "C", "sensor": 1}]})",

@@ -1,5 +1,5 @@
-// Sensor records for a hand-made SDR cache: the bytes the sensor lists and getters read, at
-// their named positions, in slots of 64 bytes.
+// Records for a hand-made SDR cache: the bytes the lookups, sensor lists and getters read, at
+// their named positions, in slots of 64 bytes (or another size).
 #pragma once
 
 #include <algorithm>
@@ -60,6 +60,7 @@ struct Cache {
             std::copy_n(records[i].begin(), std::min<size_t>(slot, records[i].size()), bytes.begin() + i * slot);
     }
     SDRInfo *get() { return &info; }
+    uint8_t *slot(size_t i) { return bytes.data() + i * info.recordSize; }
 };
 
 // Get Sensor Reading answers: a threshold sensor's reading and comparison bits, a discrete

@@ -28,7 +28,7 @@
 #include "agent_pass.h"
 #include "libipmi_host.h"
 #include "peer.h"
-#include "scratch_machine.h"
+#include "machine.h"
 #include "tvx_toipmi.h"
 
 extern char **environ;
@@ -37,11 +37,9 @@ namespace {
 
 using tvxctl::AgentSensor;
 
-nlohmann::json defaultProfile()
-{
-    std::ifstream in(std::string(TVX_MACHINES_DIR) + "/default.json");
-    return nlohmann::json::parse(in);
-}
+using tvxtest::ScratchMachine;
+
+nlohmann::json defaultProfile() { return tvxtest::shippedProfile("default.json"); }
 
 // The SDR cache of the selected controller and the sensors the agent publishes.
 struct Machine {

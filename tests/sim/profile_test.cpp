@@ -89,13 +89,15 @@ TEST(Profile, MistakesAreNamedWithFilePlaceAndProblem)
         {R"({"host_agent": {"state": "online"}})", "/host_agent/state: expected"},
         {R"({"eeprom_info": ["00 01"]})", "/eeprom_info/0: expected exactly 16 bytes"},
         // Processors and memory modules.
-        {R"({"sensors": [)" + std::string(sensor) + R"(}], "processors": [{"socket": "C", "sensor": 1}]})",
+        {R"({"sensors": [{"record": "compact", "number": 1, "entity": 3, "instance": 1, "type": 7,
+                          "event_reading_type": "0x6F", "name": "CPU", "state": 0}],
+             "processors": [{"socket": "C", "sensor": 1}]})",
          "/processors/0/sensor: the sensor's state lacks the presence bit"},
         {R"({"memory": {"modules": [{"slot": "A1", "frequency": 4800, "capacity_mb": 40000}]}})",
          "/memory/modules/0/capacity_mb: a capacity of 32768 MB or more"},
         {R"({"memory": {"modules": [{"slot": "A2", "empty": true, "spd": "00"}]}})",
          "/memory/modules/0/spd: an empty slot holds no module"},
-        {R"({"memory": {"modules": [{"slot": "A1", "spd": {"file": "missing.bin"}}]}})",
+        {R"({"memory": {"modules": [{"slot": "A1", "frequency": 1, "spd": {"file": "missing.bin"}}]}})",
          "/memory/modules/0/spd/file: missing.bin: cannot read"},
     };
     for (const auto &[part, message] : cases) {

@@ -85,7 +85,8 @@ TEST(Profile, MistakesAreNamedWithFilePlaceAndProblem)
         // The internal event log and the EEPROM blocks.
         {R"({"iel": {"capacity": 1, "entries": [{"time": 0, "text": "a"}, {"time": 0, "text": "b"}]}})",
          "/iel/entries: 2 entries do not fit"},
-        {R"({"iel": {"entries": [{"time": 0, "text": "x", "severity": "fatal"}]}})", "/iel/entries/0/severity: expected"},
+        {R"({"iel": {"entries": [{"time": 0, "text": "x", "severity": "fatal"}]}})",
+         "/iel/entries/0/severity: expected"},
         {R"({"host_agent": {"state": "online"}})", "/host_agent/state: expected"},
         {R"({"eeprom_info": ["00 01"]})", "/eeprom_info/0: expected exactly 16 bytes"},
         // Processors and memory modules.
@@ -97,7 +98,8 @@ TEST(Profile, MistakesAreNamedWithFilePlaceAndProblem)
          "/memory/modules/0/capacity_mb: a capacity of 32768 MB or more"},
         {R"({"memory": {"modules": [{"slot": "A2", "empty": true, "spd": "00"}]}})",
          "/memory/modules/0/spd: an empty slot holds no module"},
-        {R"({"memory": {"modules": [{"slot": "A1", "frequency": 1, "spd": {"file": "missing.bin"}}]}})",
+        {R"({"memory": {"modules": [{"slot": "A1", "frequency": 1, "capacity_mb": 1024,
+                                     "spd": {"file": "missing.bin"}}]}})",
          "/memory/modules/0/spd/file: missing.bin: cannot read"},
     };
     for (const auto &[part, message] : cases) {

@@ -90,6 +90,7 @@ TEST_F(Tvxctl, BadProfileIsNamedWithThePlace)
         EXPECT_EQ(r.out, "");
     }
     EXPECT_FALSE(std::filesystem::exists(stateDir() + "/bad.state.json"));
+    EXPECT_FALSE(std::filesystem::exists(stateDir() + "/bad.lock"));
 }
 
 TEST_F(Tvxctl, StatePersistsAcrossProcessesUntilReset)

@@ -80,6 +80,7 @@ TEST_F(Getters, ProcessorRecordAndName)
         {{0x80, 0x80}, {{0x15, 0, record()}}, speed, "2500"},
         {{0x00}, {}, speed, "0"},
         {{0x80}, {{0x15, 0, record()}}, logicals, "32"},
+        {{0x00}, {}, logicals, "-1"},
         {{0x80}, {{0x15, 0, record()}}, [] { return std::to_string(getCpuCacheSize(0x38, 1, 2)); }, "32768"},
         {{}, {}, [] { return std::to_string(getCpuCacheSize(0x38, 1, 4)); }, "0"},
         {{0x80}, {{0x15, 0, record()}}, str(getCpuNumberCores), "16"},
@@ -87,6 +88,7 @@ TEST_F(Getters, ProcessorRecordAndName)
         {{0x80}, {{0x15, 0, record()}}, str(getCpuFamily), "179"},
         {{0x80, 0x80}, {{0x15, 0, record()}}, threading, "3"},
         {{0x80, 0x80}, {{0x15, 0, record({{32, 1}})}}, threading, "2"},
+        {{0x80, 0x80}, {{0x15, 0, record({{31, 1}, {32, 1}})}}, threading, "2"},
         {{0x00}, {}, threading, "2"},
         {{0x80, 0x80}, {{0x15, 0x01C1, {0xC1}}}, threading, "1", kSendFailed},
         {{0x80}, {{0x13, 0, name}}, model(10), "Xeon 6426Yxxxxxx"}, // exactly as long: no terminator
@@ -148,6 +150,7 @@ TEST_F(Getters, OneRequestEach)
         {0xF5, cpuReq, 0, oemAnswer({5}), cpu, 8},
         {0xF5, cpuReq, 0, oemAnswer({7}), cpu, 2},
         {0xF5, cpuAltReq, 0, oemAnswer({4}), cpuAlt, 1},
+        {0xF5, cpuAltReq, 0, oemAnswer({0x80}), cpuAlt, 1},
         {0xF5, cpuReq, 0x01C9, {0xC9}, cpu, 2},
         {0xF1, info, 0, oemAnswer({0xC0, 0x12, 0x01, 0x80}), capacity, 1024},
         {0xF1, info, 0, oemAnswer({0xC0, 0x12, 0x00, 0x80}), capacity, 32768},
@@ -160,6 +163,7 @@ TEST_F(Getters, OneRequestEach)
         {0xF5, configReq, 0, oemAnswer({7}), configCode, 1},
         {0xF5, configReq, 0, oemAnswer({254}), configCode, 0},
         {0x07, approvalReq, 0, oemAnswer({4, 1}), approval, 3},
+        {0x07, approvalReq, 0, oemAnswer({4, 2}), approval, 2},
         {0x07, approvalReq, 0x01CB, {0xCB}, approval, 1},
     };
     for (const auto &c : cases) {

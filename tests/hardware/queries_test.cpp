@@ -99,6 +99,7 @@ TEST_F(Queries, LanguagesWithTheirLimitAndFallback)
         std::vector<uint16_t> list;
     } cases[] = {
         {0, oemAnswer({2, 0x09, 0x04, 0x07, 0x04}), 2, {0x0409, 0x0407}},
+        {kTimeout, {}, 1, {0x0407}},
         {0x01C1, oemAnswer({1, 0x09, 0x04}, 0xC1), 1, {0x0407}},
         {0, oemAnswer(many), 37, {0x0400, 0x0401}}, // the first of 37: the 80-byte buffer holds no more
     };

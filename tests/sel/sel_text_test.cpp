@@ -1,5 +1,6 @@
 // Event message texts: error codes, chunks, composed lines, the log as text, entry texts and follow-ups.
 #include <cstdlib>
+#include <functional>
 
 #include "machine.h"
 #include "sel_fixture.h"
@@ -16,6 +17,7 @@ void expectErrorCode(uint8_t selector, uint16_t id, const Bytes &answer, uint16_
     expect(kOem, kOemCmd, oem(cat({{0x72, selector}, le16(id)})), answer, status);
 }
 using tvxtest::take;
+Bytes cut(Bytes b, size_t n) { return b.resize(n), b; }
 Bytes followUp(uint16_t remaining, uint8_t c, const std::string &s)
 {
     return cat({oemAnswer(cat({le16(remaining), {c}, text(s)})), {0}});
@@ -246,6 +248,35 @@ TEST_F(SelText, EntryAsText)
                 "\nipmihelpers.cpp:{line} (ipmiGetiESLSELEntryAsText) Failed to send request with error 0x300\n"
                 "\nrecordId = 0x1234\n");
     EXPECT_EQ(std::tuple(failed.nextId, failed.textSize, failed.text), std::tuple(0xFFFF, 0, nullptr));
+}
+
+// Answers that stop before the first text byte give an empty text on each path that reads one.
+TEST_F(SelText, AnswersEndingBeforeTheTextGiveAnEmptyText)
+{
+    ErrorCodeRecord code = {{1, 2, 3, 4}, 0, 0, nullptr};
+    const Bytes chunkRequest0 = chunkRequest({1, 2, 3, 4}, 0, 0, 0x0409);
+    const Bytes ieslRequest = oem({0x89, 0x02, 0x34, 0x12, 0, 0, 0, 0, 0, 0x00});
+    auto chunkText = [&] { return take(getSelTextByErrorCode(session_, &code, nullptr, 0, 0, 0x0409)); };
+    const struct {
+        Bytes request, answer;
+        std::function<std::string()> read;
+    } cases[] = {
+        {chunkRequest0, cut(chunkAnswer(5, 0, ""), 7), chunkText},
+        {chunkRequest0, {0x00}, chunkText},
+        {oem({0x71, 0x5C}), cut(followUp(0, 0, ""), 7),
+         [&] { return take(ipmiInterpretSELEntryUsTextFollowUp(session_, 0x5C, 6)); }},
+        // Every field up to the follow-up handle arrived, the text did not.
+        {ieslRequest, cut(iesl(10, 6, 0, "abc"), 24),
+         [&] {
+             iESLText t = ipmiGetiESLSELEntryAsText(session_, 0x02, 0x1234, 0, 0, 0, 0);
+             EXPECT_EQ(t.textSize * 1000 + t.firstLength, 10006);
+             return t.text ? take(t.text) : "(null)";
+         }},
+    };
+    for (const auto &c : cases) {
+        expect(kOem, kOemCmd, c.request, c.answer);
+        EXPECT_EQ(c.read(), "") << c.answer.size();
+    }
 }
 
 } // namespace

@@ -207,4 +207,41 @@ TEST(State, ConcurrentProgramsLoseNoUpdate)
     EXPECT_EQ(r.bytes, cat({{0x00}, le32(7 + kChildren * kRounds), {0x00}}));
 }
 
+// Random requests to every command the default machine answers, found by asking each command
+// and each OEM sub-function once: each is answered, within an IPMI answer's size (the
+// sanitizers watch the reads).
+TEST(Requests, ArbitraryOnesAreAnsweredNeverCrashedOn)
+{
+    Controller c(tvxsim::parseProfile(tvxtest::shippedProfile("default.json").dump(), "default.json"), "");
+    std::vector<std::pair<uint8_t, Bytes>> commands; // netFn; command and the request's fixed start
+    for (uint8_t netFn : {0x00, 0x04, 0x06, 0x0A, 0x0C})
+        for (int cmd = 0; cmd < 256; ++cmd)
+            if (send(c, netFn, uint8_t(cmd)).bytes != Bytes{0xC1}) commands.push_back({netFn, {uint8_t(cmd)}});
+    for (int cmd = 0; cmd < 256; ++cmd) {
+        if (send(c, kOem, uint8_t(cmd), kIana).bytes[0] == 0xC1) continue;
+        commands.push_back({kOem, cat({{uint8_t(cmd)}, kIana})});
+        for (int sub = 0; sub < 256; ++sub)
+            if (send(c, kOem, uint8_t(cmd), oem({uint8_t(sub)})).bytes[0] != 0xC1)
+                commands.push_back({kOem, cat({{uint8_t(cmd)}, kIana, {uint8_t(sub)}})});
+    }
+    ASSERT_GT(commands.size(), 60u) << "the machine answers far more commands";
+    uint32_t seed = 12345;
+    auto next = [&] { return seed = seed * 1103515245u + 12345u, static_cast<uint8_t>(seed >> 16); };
+    for (int round = 0; round < 100; ++round) {
+        for (const auto &[netFn, start] : commands) {
+            Bytes req(start.begin() + 1, start.end());
+            // Mostly short, mostly zeros and small numbers: the records, offsets and codes there are.
+            std::size_t extra = next() % (round % 10 == 0 ? 255 : 12);
+            for (std::size_t i = 0; i < extra; ++i) {
+                uint8_t kind = next() % 4;
+                req.push_back(kind < 2 ? 0 : kind == 2 ? uint8_t(1 + next() % 4) : next());
+            }
+            Reply r = send(c, netFn, start[0], req);
+            ASSERT_TRUE(r.answered);
+            ASSERT_GE(r.bytes.size(), netFn == kOem ? 4u : 1u);
+            ASSERT_LE(r.bytes.size(), 255u);
+        }
+    }
+}
+
 } // namespace

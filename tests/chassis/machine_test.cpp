@@ -8,6 +8,7 @@
 
 #include "machine.h"
 #include "process.h"
+#include "state_store.h"
 
 using nlohmann::json;
 using tvxtest::shippedProfile;
@@ -21,7 +22,7 @@ std::string text(const json &profile, const char *id, std::size_t index = 0)
 
 class DefaultMachine : public testing::Test {
 protected:
-    json state() const { return m_.state(); }
+    json state() const { return tvxsim::StateStore::readStored(m_.dir().file("machine.state.json")); }
 
     const json profile_ = shippedProfile("default.json");
     tvxtest::ScratchMachine m_{profile_};
@@ -81,7 +82,7 @@ protected:
             else EXPECT_NE(r.err.find(out), std::string::npos) << r;
         }
     }
-    json state() const { return tvxtest::readJson(dir_.file("state/default.state.json"))["state"]; }
+    json state() const { return tvxsim::StateStore::readStored(dir_.file("state/default.state.json")); }
     tvxtest::TempDir dir_;
 };
 

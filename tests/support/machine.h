@@ -154,8 +154,6 @@ public:
     IpmiSession *session() const { return session_; }
     const TempDir &dir() const { return dir_; }
     std::string profilePath() const { return dir_.file("machine.json"); }
-    // What the machine keeps of its state.
-    json state() const { return readJson(dir_.file("machine.state.json"))["state"]; }
 
 private:
     TempDir dir_;

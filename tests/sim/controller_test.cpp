@@ -1,7 +1,4 @@
-// The virtual controller: OEM framing, profile faults, and the state file shared by programs.
-#include <sys/wait.h>
-#include <unistd.h>
-
+// The virtual controller: OEM framing, profile faults, the state file and arbitrary requests.
 #include <gtest/gtest.h>
 
 #include "bytes.h"
@@ -155,56 +152,6 @@ TEST(State, AHandlerThatFailsHalfWayLeavesNothingBehind)
         EXPECT_EQ(send(*c, 0x30, 0x01).bytes, (Bytes{0x00, 9, 0, 0, 0}));
         EXPECT_EQ(send(*start(), 0x30, 0x02).bytes[1], stateDir.empty() ? 7 : 9) << "a new controller";
     }
-}
-
-uint32_t counter(const Bytes &answer)
-{
-    return answer.size() < 5 ? 0 : answer[1] | answer[2] << 8 | answer[3] << 16 | uint32_t(answer[4]) << 24;
-}
-
-TEST(State, ConcurrentProgramsLoseNoUpdate)
-{
-    constexpr int kChildren = 4, kRounds = 200;
-    TempDir dir;
-    const auto profile = profileOf(tvxtest::baseProfile(), "counter.json");
-    int gate[2];
-    ASSERT_EQ(pipe(gate), 0);
-    std::vector<pid_t> children;
-    for (int i = 0; i < kChildren; ++i) {
-        pid_t pid = fork();
-        ASSERT_GE(pid, 0);
-        if (pid == 0) {
-            close(gate[1]);
-            char ch;
-            (void)!read(gate[0], &ch, 1); // returns when the parent closes the gate: all start together
-            int rc = 0;
-            try {
-                Controller c(profile, dir.path(), kCounter);
-                uint32_t last = 7;
-                for (int n = 0; n < kRounds && rc == 0; ++n) {
-                    Reply r = send(c, 0x30, 0x01);
-                    if (!r.answered || r.bytes.size() != 5 || r.bytes[0] != 0) rc = 2;
-                    else if (counter(r.bytes) <= last) rc = 3; // the counter never goes back
-                    else last = counter(r.bytes);
-                }
-            } catch (...) {
-                rc = 4;
-            }
-            _exit(rc);
-        }
-        children.push_back(pid);
-    }
-    close(gate[0]);
-    close(gate[1]);
-    for (pid_t pid : children) {
-        int status = 0;
-        ASSERT_EQ(waitpid(pid, &status, 0), pid);
-        EXPECT_TRUE(WIFEXITED(status)) << status;
-        EXPECT_EQ(WEXITSTATUS(status), 0);
-    }
-    Controller check(profile, dir.path(), kCounter);
-    Reply r = send(check, 0x30, 0x02);
-    EXPECT_EQ(r.bytes, cat({{0x00}, le32(7 + kChildren * kRounds), {0x00}}));
 }
 
 // Random requests to every command the default machine answers, found by asking each command

@@ -112,7 +112,7 @@ TEST_F(AgentStatus, ExplainingTexts)
     Cache cache({compact(0x50, 0x25, 0x6F, 0x1D, 1, "FAN1 PRESENT"), compact(0x51, 0xE6, 0x6F, 0x1D, 1, "FAN1"),
                  compact(0x60, 0x07, 0x6F, 0x03, 1, "CPU1"), compact(0x70, 0xE8, 0x6F, 0x0A, 1, "PSU1"),
                  compact(0x80, 0xDE, 0x6F, 0x20, 1, "DIMM1"), compact(0x61, 0x07, 0x03, 0x03, 2, "CPU2")});
-    const Bytes policyOff = oemAnswer({0x00, 0x08});
+    auto policy = [](uint8_t p) { expectRequest(0xB8, 0xF5, oem({0x4A}), 0, oemAnswer({p, 0x08})); };
     using Script = std::function<void()>;
     const struct {
         uint8_t entity, instance, kind, statusIn;
@@ -120,62 +120,31 @@ TEST_F(AgentStatus, ExplainingTexts)
         const char *text;
         int statusOut;
     } cases[] = {
+        // clang-format off
         {0x1A, 2, 0x0D, 0, [] { signalAnswer(0x0D, 0x1A, 2, 0, oemAnswer({}, 0x02)); }, "Empty Slot", 254},
         {0x1D, 1, 0x04, 0, [] { expectReading(0x50, discreteAnswer(0x00)); }, nullptr, 253},
-        {0x1D, 1, 0x04, 0,
-         [] {
-             expectReading(0x50, discreteAnswer(0x01));
-             expectReading(0x51, discreteAnswer(0x20));
-         },
+        {0x1D, 1, 0x04, 0, [] { expectReading(0x50, discreteAnswer(0x01)); expectReading(0x51, discreteAnswer(0x20)); },
          "Fan not installed", 0},
-        {0x1D, 1, 0x04, 2,
-         [] {
-             expectNoReading(0x50);
-             expectPower(false);
-             expectNoReading(0x51);
-             expectPower(false);
-         },
+        {0x1D, 1, 0x04, 2, [] { expectNoReading(0x50); expectPower(false); expectNoReading(0x51); expectPower(false); },
          "Power Off", 2},
         {0x03, 1, 0x07, 0, [] { expectReading(0x60, discreteAnswer(0x0000)); }, "Processor not installed", 0},
         {0x03, 1, 0x07, 0, [] { expectReading(0x60, discreteAnswer(0x0180)); }, "Disabled", 0},
         {0x03, 1, 0x07, 0, [] { expectNoReading(0x60); expectPower(true); }, nullptr, 0},
         {0x03, 2, 0x07, 0, [] {}, nullptr, 0}, // not sensor-specific: nothing to say
         {0x0A, 1, 0x08, 0, [] { expectReading(0x70, discreteAnswer(0x0001)); }, "PSU not installed", 0},
-        {0x20, 1, 0x0C, 0,
-         [&] {
-             expectRequest(0xB8, 0xF5, oem({0x4A}), 0, policyOff);
-             expectReading(0x80, discreteAnswer(0x0001));
-         },
-         "Empty Slot", 0},
-        {0x20, 1, 0x0C, 0,
-         [&] {
-             expectRequest(0xB8, 0xF5, oem({0x4A}), 0, policyOff);
-             expectReading(0x80, discreteAnswer(0x0082));
-         },
-         "Unknown", 0},
-        {0x20, 1, 0x0C, 0,
-         [&] {
-             expectRequest(0xB8, 0xF5, oem({0x4A}), 0, policyOff);
-             expectNoReading(0x80);
-             expectPower(true);
-         },
-         "N/A", 0},
-        {0x20, 1, 0x0C, 1,
-         [&] {
-             expectRequest(0xB8, 0xF5, oem({0x4A}), 0, policyOff);
-             expectPower(false);
-         },
-         "Power Off", 1},
-        {0x20, 1, 0x0C, 0, [] { expectRequest(0xB8, 0xF5, oem({0x4A}), 0, oemAnswer({0x01, 0x08})); }, nullptr, 0},
+        {0x20, 1, 0x0C, 0, [&] { policy(0); expectReading(0x80, discreteAnswer(0x0001)); }, "Empty Slot", 0},
+        {0x20, 1, 0x0C, 0, [&] { policy(0); expectReading(0x80, discreteAnswer(0x0082)); }, "Unknown", 0},
+        {0x20, 1, 0x0C, 0, [&] { policy(0); expectNoReading(0x80); expectPower(true); }, "N/A", 0},
+        {0x20, 1, 0x0C, 1, [&] { policy(0); expectPower(false); }, "Power Off", 1},
+        {0x20, 1, 0x0C, 0, [&] { policy(1); }, nullptr, 0},
         // A PCI slot: empty by the slot table (instance + 1), whatever the signal said.
-        {0x31, 4, 0x2B, 0,
-         [] {
+        {0x31, 4, 0x2B, 0, [] {
              signalAnswer(0x2B, 0x31, 4, 0, oemAnswer({0x01}));
              expectRequest(0xB8, 0xF1, oem({0x1A, 0x01, 0x00}), 0, oemAnswer({0, 0, 3, 0x86, 0x80, 0x10, 0x15}));
-             expectRequest(0xB8, 0xF1, oem({0x1A, 0x02, 0x00}), 0, oemAnswer({}, 0xC9));
-         },
+             expectRequest(0xB8, 0xF1, oem({0x1A, 0x02, 0x00}), 0, oemAnswer({}, 0xC9)); },
          "Empty PCI Slot", 1},
         {0x31, 4, 0x2B, 0, [] { signalAnswer(0x2B, 0x31, 4, 0, oemAnswer({}, 0x01)); }, nullptr, 253},
+        // clang-format on
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(std::to_string(c.kind) + "/" + std::to_string(c.entity) + "." + std::to_string(c.instance));

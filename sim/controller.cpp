@@ -17,7 +17,7 @@ std::span<const Subsystem> Controller::standardSubsystems()
                                     kLanSubsystem,       kSdrRepositorySubsystem, kSensorSubsystem,
                                     kComponentSubsystem, kSelSubsystem,           kFruSubsystem,
                                     kProcessorSubsystem, kMemorySubsystem,        kPlatformInfoSubsystem, kFanSubsystem,
-                                    kInventorySubsystem,  kIelSubsystem};
+                                    kInventorySubsystem,  kIelSubsystem,           kSignalSubsystem};
     return all;
 }
 

@@ -192,5 +192,6 @@ extern const Subsystem kMemorySubsystem;
 extern const Subsystem kPlatformInfoSubsystem;
 extern const Subsystem kInventorySubsystem; // host agent, EEPROM information
 extern const Subsystem kIelSubsystem;       // the internal event log
+extern const Subsystem kSignalSubsystem;    // component signals, boot status, port functions
 
 } // namespace tvxsim

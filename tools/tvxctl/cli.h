@@ -104,6 +104,14 @@ int cmdSensor(const Options &, const std::vector<std::string> &);
 int cmdSdrQuery(const Options &, const std::vector<std::string> &);
 int cmdAgent(const Options &, const std::vector<std::string> &);
 int cmdIel(const Options &, const std::vector<std::string> &);
+int cmdStatus(const Options &, const std::vector<std::string> &);
+int cmdNetwork(const Options &, const std::vector<std::string> &);
+int cmdTrap(const Options &, const std::vector<std::string> &);
+// agent identity: what the agent tells its managers about itself.
+int cmdAgentIdentity(const Options &);
+// What the processor and memory-module status codes stand for.
+const char *cpuStatusMeaning(uint32_t code);
+const char *memoryStatusMeaning(uint32_t code);
 // sel watch: the words after "watch"; asText for --text (taken by sel itself).
 int cmdSelWatch(const Options &, const std::vector<std::string> &args, bool asText);
 // fru: the chassis and board summary (printed after the devices, or alone by "fru summary").

@@ -140,7 +140,39 @@ inline constexpr uint8_t kInProgress = 0x01;
 inline constexpr uint8_t kCommitWrite = 0x02;
 inline constexpr uint8_t kCurrentChannel = 0x0E; // the channel the request arrives on
 inline constexpr uint8_t kMedium8023 = 0x04;     // Get Channel Info: channel medium type
+inline constexpr uint8_t kDestinationCount = 17;  // read-only: bits 3:0 the destinations
+inline constexpr uint8_t kDestinationType = 18;   // set selector, type, ack time-out, retries
+inline constexpr uint8_t kDestinationAddress = 19; // set selector, format, gateway, IPv4, MAC
 } // namespace lan
+
+// Get Channel Info: the answer.
+namespace channel_info {
+inline constexpr wire::U8 kChannel{1};
+inline constexpr wire::U8 kMedium{2}; // bits 6:0 the medium type
+inline constexpr wire::U8 kProtocol{3};
+} // namespace channel_info
+
+// Alert Immediate: the request. Byte 0: operation (bits 7:6, 0 = initiate) and channel;
+// byte 1: destination selector (bits 3:0), bit 7 = send the alert string; byte 2: the alert
+// string selector; then, optionally, the platform event the alert carries: generator ID,
+// event message revision, sensor type, sensor number, event direction and type, event data
+// 1-3. The controller refuses those event parameters with kEventRefused.
+namespace alert_immediate {
+inline constexpr wire::U8 kChannel{0};
+inline constexpr wire::U8 kDestination{1};
+inline constexpr wire::U8 kStringSelector{2};
+inline constexpr wire::U8 kGeneratorId{3};
+inline constexpr wire::U8 kEventRevision{4};
+inline constexpr wire::U8 kSensorType{5};
+inline constexpr wire::U8 kSensorNumber{6};
+inline constexpr wire::U8 kEventType{7};
+inline constexpr wire::Run kEventData{8, 3};
+inline constexpr std::size_t kSizeWithEvent = 11;
+inline constexpr std::size_t kSizeWithoutEvent = 3;
+inline constexpr uint8_t kSendString = 0x80;
+inline constexpr uint8_t kEventRefused = 0x83;
+inline constexpr uint8_t kAlertFailed = 0x81;
+} // namespace alert_immediate
 
 // Completion codes: one name per code.
 namespace cc {

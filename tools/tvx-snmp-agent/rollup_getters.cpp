@@ -17,7 +17,6 @@ constexpr uint8_t kIpv6Addresses = 16;
 // terminator, so the buffer starts zeroed and one byte is kept back.
 template <typename Getter> std::optional<Value> identity(Getter *getter)
 {
-    if (!getter) return std::nullopt;
     char buffer[kTextSize + 1] = {};
     const int n = getter(buffer, kTextSize);
     return Value::text(n > 0 ? std::string(buffer, static_cast<std::size_t>(n)) : std::string());
@@ -25,20 +24,17 @@ template <typename Getter> std::optional<Value> identity(Getter *getter)
 
 template <typename Getter> std::optional<Value> status(Getter *getter, SDRInfo *info)
 {
-    if (!getter) return std::nullopt;
     return Value::number(static_cast<long>(getter(info)));
 }
 
-std::string nodeText(char *(*getter)(char *, uint32_t, uint8_t, uint8_t), uint8_t addressType)
+std::string nodeText(char *(*getter)(char *, unsigned, uint8_t, uint8_t), uint8_t addressType)
 {
-    if (!getter) return {};
     char buffer[kTextSize + 1] = {};
     return getter(buffer, kTextSize, addressType, kController) ? buffer : "";
 }
 
 std::string address(uint8_t family, uint8_t index)
 {
-    if (!getUnitNodeIpAddress) return {};
     char buffer[kTextSize + 1] = {};
     return getUnitNodeIpAddress(buffer, kTextSize, kController, family, 0, 0, 0, index) ? buffer : "";
 }
@@ -47,17 +43,14 @@ std::string address(uint8_t family, uint8_t index)
 // read their areas.
 void networkRows(Snapshot &out)
 {
-    if (!getUnitNodeIpAddress) return;
     std::string name;
-    if (getUnitNodeName) {
+    {
         char buffer[kTextSize + 1] = {};
         if (getUnitNodeName(buffer, kTextSize, kController, kIpv4, 0, 0, 0, 0)) name = buffer;
     }
     std::array<uint8_t, 6> mac{};
-    if (getUnitNodeMacAddress) getUnitNodeMacAddress(mac.data(), mac.size(), kController, 0, 0, 0);
-    const auto source = [](uint8_t family) {
-        return Value::number(getUnitNodeUseDHCP ? getUnitNodeUseDHCP(family, kController) : 1);
-    };
+    getUnitNodeMacAddress(mac.data(), mac.size(), kController, 0, 0, 0);
+    const auto source = [](uint8_t family) { return Value::number(getUnitNodeUseDHCP(family, kController)); };
     out.table(Table::Node).push_back(
         {{1},
          {Value::number(kController), Value::text(""), Value::text(name),
@@ -74,7 +67,6 @@ void networkRows(Snapshot &out)
 
 void channelRows(Snapshot &out)
 {
-    if (!getLanChannelCount || !getDefaultLanChannelNumber || !getChannelNumber) return;
     IpmiSession *session = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
     if (!session) return;
     const int count = getLanChannelCount(session);
@@ -99,20 +91,20 @@ void collectRollup(Snapshot &out, SDRInfo *info)
     out.scalar(Scalar::AgentCompany) = identity(snmpGetAgentCompany);
     out.scalar(Scalar::AgentVersion) = identity(snmpGetAgentVersion);
     out.scalar(Scalar::AgentBuild) = identity(snmpGetAgentBuild);
-    if (getStatusOverall) out.scalar(Scalar::StatusOverall) = Value::number(getStatusOverall(info, 0));
+    out.scalar(Scalar::StatusOverall) = Value::number(getStatusOverall(info, 0));
     out.scalar(Scalar::StatusTemperatures) = status(getStatusTemperature, info);
     out.scalar(Scalar::StatusFans) = status(getStatusFans, info);
     out.scalar(Scalar::StatusVoltages) = status(getStatusVoltages, info);
     out.scalar(Scalar::StatusPowerSupplies) = status(getStatusPowerSupply, info);
     out.scalar(Scalar::StatusProcessors) = status(getStatusCpu, info);
     out.scalar(Scalar::StatusMemoryModules) = status(getStatusMemoryModule, info);
-    if (getStatusBoot) out.scalar(Scalar::StatusBoot) = Value::number(getStatusBoot());
+    out.scalar(Scalar::StatusBoot) = Value::number(getStatusBoot());
     networkRows(out);
     channelRows(out);
 }
 
-bool rollupTestAlertAvailable() { return sendTestTrap != nullptr; }
+bool rollupTestAlertAvailable() { return true; }
 
-bool rollupSendTestAlert() { return sendTestTrap && sendTestTrap() == 1; }
+bool rollupSendTestAlert() { return sendTestTrap() == 1; }
 
 } // namespace tvxagent

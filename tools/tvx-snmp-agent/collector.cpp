@@ -36,6 +36,7 @@ private:
 };
 
 Value num(long v) { return Value::number(v); }
+Value text(const char *s) { return Value::text(s ? s : ""); }
 // The getters' "could not say" as all ones becomes the MIB's -1.
 Value counted(uint32_t v) { return num(v == kNotRead ? -1 : static_cast<long>(v)); }
 
@@ -117,7 +118,7 @@ void processorRows(Snapshot &out, SDRInfo *info)
         out.table(Table::Processor)
             .push_back({{static_cast<long>(socket) + 1},
                         {Value::text(sockets[socket].name), num(n), num(getCpuStatus(n, socket, 0)),
-                         Value::text(getCpuManufacturerName(n, socket)), Value::text(named ? model : ""),
+                         text(getCpuManufacturerName(n, socket)), Value::text(named ? model : ""),
                          num(stepping), num(getCpuFamily(n, socket)), counted(getCpuCurrentSpeed(n, socket)),
                          num(getCpuCacheSize(n, socket, 1)), num(getCpuCacheSize(n, socket, 2)),
                          num(getCpuCacheSize(n, socket, 3)), num(getCpuNumberCores(n, socket)),
@@ -140,7 +141,7 @@ void memoryRows(Snapshot &out, SDRInfo *info)
     constexpr uint32_t kText = 64;
     for (unsigned m = 0; m <= maxIndex && m <= 0xFF; ++m) {
         const uint8_t module = static_cast<uint8_t>(m);
-        auto text = [](auto getter, uint8_t mod) {
+        auto spdText = [](auto getter, uint8_t mod) {
             char buffer[kText + 1] = {};
             return Value::text(getter(buffer, kText, mod) ? buffer : "");
         };
@@ -149,8 +150,8 @@ void memoryRows(Snapshot &out, SDRInfo *info)
                         {Value::text(m < slots.size() ? slots[m].name : ""), num(getMemoryModuleStatus(module)),
                          counted(getMemoryModuleCapacity(module)), counted(getMemoryModuleFrequency(module)),
                          num(getMemoryModuleMaxFrequency(module)), num(getMemoryModuleApprovedStatus(module)),
-                         num(getMemoryModuleConfig(module)), text(getMemoryModuleForm, module),
-                         text(getMemoryModuleType, module), text(getMemoryModuleVoltInterface, module)}});
+                         num(getMemoryModuleConfig(module)), spdText(getMemoryModuleForm, module),
+                         spdText(getMemoryModuleType, module), spdText(getMemoryModuleVoltInterface, module)}});
     }
 }
 

@@ -26,6 +26,7 @@
 #include <nlohmann/json.hpp>
 
 #include "agent_pass.h"
+#include "collector.h"
 #include "libipmi_host.h"
 #include "peer.h"
 #include "machine.h"
@@ -179,6 +180,27 @@ void BM_Ipmitool_Sensor(benchmark::State &state)
     }
 }
 
+// The SNMP subagent's collection: every value of the hardware MIB read once, as
+// tvx-snmp-agent reads it on its collector thread (the SDR cache already built, so only Get
+// SDR Repository Info checks it). A walk answers from the last collection and sends nothing.
+// Argument: 0 in-process, 1 over LAN with the pool.
+void BM_SubagentCollection(benchmark::State &state)
+{
+    std::unique_ptr<ScratchMachine> machine;
+    if (state.range(0) && ipmihost_select_target(peer().target().c_str(), nullptr) != 0) std::abort();
+    if (!state.range(0)) machine = std::make_unique<ScratchMachine>(defaultProfile());
+    {
+        tvxagent::Collector collector;
+        benchmark::DoNotOptimize(collector.collect());
+        ipmihost_reset_request_count();
+        ipmihost_reset_session_count();
+        for (auto _ : state) benchmark::DoNotOptimize(collector.collect());
+        countPerIteration(state, ipmihost_request_count(), ipmihost_session_count());
+        state.counters["sdr_builds"] = static_cast<double>(collector.sdrBuilds());
+    }
+    ipmihost_select_default();
+}
+
 // The passes callgrind counts (bench/agent_callgrind.sh collects inside this function only).
 __attribute__((noinline)) void agentPasses(Machine &m, int n)
 {
@@ -224,6 +246,11 @@ int main(int argc, char **argv)
         ->ArgName("pool")
         ->Arg(1)
         ->Arg(0)
+        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("BM_SubagentCollection", BM_SubagentCollection)
+        ->ArgName("lan")
+        ->Arg(0)
+        ->Arg(1)
         ->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark("BM_Ipmitool_Sensor", BM_Ipmitool_Sensor)
         ->Unit(benchmark::kMillisecond)

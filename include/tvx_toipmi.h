@@ -360,6 +360,15 @@ TVX_API int ipmiWriteSelEntry(IpmiSession *session, uint8_t sensorType, uint8_t 
 
 /* ---- Event message texts ------------------------------------------------------------------ */
 
+/* What one text may cost, whatever the controller answers: one call fetches at most
+   TVX_SEL_TEXT_MAX characters of a message text or of follow-up chunks (the rest of a longer
+   text is not asked for), in at most TVX_SEL_TEXT_MAX / TVX_SEL_TEXT_MIN_CHUNK (128) chunk
+   requests: a controller must make an average progress of TVX_SEL_TEXT_MIN_CHUNK characters
+   per chunk, else the text ends where it stands after those requests. So no answer sequence
+   makes one text take more than 128 chunk requests (plus its error code or first request). */
+#define TVX_SEL_TEXT_MAX       1024u
+#define TVX_SEL_TEXT_MIN_CHUNK 8u
+
 #define TVX_LANG_ENGLISH 0x0409u
 #define TVX_LANG_GERMAN  0x0407u
 

@@ -160,6 +160,7 @@ public:
     static std::span<const Subsystem> standardSubsystems();
 
 private:
+    void transactChecked(const std::function<bool(nlohmann::json &)> &fn);
     void dispatch(Context &ctx, const Request &req, Response &rsp);
     void dispatchOem(Context &ctx, const Request &req, Response &rsp);
     std::optional<Fault> takeFault(uint8_t netFn, uint8_t command, std::span<const uint8_t> data);

@@ -59,7 +59,8 @@ IPMIHOST_API int ipmihost_select_script(void);
 IPMIHOST_API void ipmihost_select_default(void);
 
 /* The message of the last failure of this API or of a session that could not be opened
-   ("" when there was none). Valid until the next call into the platform library. */
+   ("" when there was none), kept per thread: each thread reads the reason of its own last
+   failure. Valid until that thread's next call into the platform library. */
 IPMIHOST_API const char *ipmihost_last_error(void);
 
 /* A short description of the selected controller (the profile path, or "script"). */
@@ -162,6 +163,16 @@ typedef struct {
     uint32_t resLenIn;          /* *resLen on entry */
     int timeout;
 } ipmihost_call;
+
+/* Answers requests of the scripted exchange through a function instead of announcements (for
+   fuzzing and for controllers too odd to script request by request): once set, every raw
+   request that no announcement matches goes to `answer`, which receives the request, may
+   store up to *resLen bytes (completion code first) at res, sets *resLen to the number
+   stored (0: no bytes) and returns the status of the request. NULL removes the responder.
+   Requests answered this way are not counted as mismatches. */
+typedef uint16_t (*ipmihost_script_responder)(void *context, uint8_t netFnLun, uint8_t command,
+        const uint8_t *req, uint32_t reqLen, uint8_t *res, uint32_t *resLen);
+IPMIHOST_API int ipmihost_script_set_responder(ipmihost_script_responder answer, void *context);
 
 IPMIHOST_API size_t ipmihost_script_call_count(void);
 IPMIHOST_API int ipmihost_script_call(size_t index, ipmihost_call *out);

@@ -94,6 +94,41 @@ void setSelectedTarget(std::shared_ptr<Target> target);
 void setLastError(const std::string &message);
 const char *lastError();
 
+// The C boundary: no C++ exception leaves a function of this library. Each exported function
+// runs its body through one of these; an exception becomes the function's failure value, with
+// its reason in the last error. As a status: out of memory LIBIPMI_STATUS_NO_MEMORY, an
+// unusable profile or machine state LIBIPMI_STATUS_CONFIG_ERROR, anything else
+// LIBIPMI_STATUS_TRANSPORT.
+uint16_t statusForCurrentException() noexcept;
+
+template <typename F> uint16_t boundaryStatus(F &&body) noexcept
+{
+    try {
+        return body();
+    } catch (...) {
+        return statusForCurrentException();
+    }
+}
+
+template <typename R, typename F> R boundary(R failure, F &&body) noexcept
+{
+    try {
+        return body();
+    } catch (...) {
+        (void)statusForCurrentException();
+        return failure;
+    }
+}
+
+template <typename F> void boundaryVoid(F &&body) noexcept
+{
+    try {
+        body();
+    } catch (...) {
+        (void)statusForCurrentException();
+    }
+}
+
 // The current target as a transport's own target type, or null with the last error saying
 // what is selected instead (`kind`: "a LAN target", ...). The selection keeps it alive.
 template <typename T> T *currentTargetAs(const char *kind)

@@ -81,14 +81,22 @@ extern "C" uint16_t LIBIPMI_Send_RAW_IPMI2_0_Command(IpmiSession *session, uint8
                                                      uint8_t command, uint8_t *reqData, uint32_t reqLen,
                                                      uint8_t *resData, uint32_t *resLen, int timeout)
 {
-    RawCall call{session, payloadType, netFnLun, command, reqData, reqLen, resData, resLen, timeout};
-    if (!resData || !resLen || (reqLen > 0 && !reqData) || payloadType != 0) {
-        if (auto link = linkFor(session)) link->reject(call, LIBIPMI_STATUS_INVALID_ARGUMENT);
-        return session ? LIBIPMI_STATUS_INVALID_ARGUMENT : LIBIPMI_STATUS_NO_SESSION;
-    }
-    return rawExchange(call, resData, resLen);
+    return boundaryStatus([&]() -> uint16_t {
+        RawCall call{session, payloadType, netFnLun, command, reqData, reqLen, resData, resLen, timeout};
+        if (!resData || !resLen || (reqLen > 0 && !reqData) || payloadType != 0) {
+            if (auto link = linkFor(session)) link->reject(call, LIBIPMI_STATUS_INVALID_ARGUMENT);
+            return session ? LIBIPMI_STATUS_INVALID_ARGUMENT : LIBIPMI_STATUS_NO_SESSION;
+        }
+        return rawExchange(call, resData, resLen);
+    });
 }
 
-extern "C" uint64_t ipmihost_request_count(void) { return gRequests.load(std::memory_order_relaxed); }
+extern "C" uint64_t ipmihost_request_count(void)
+{
+    return boundary<uint64_t>(uint64_t{0}, [&]() -> uint64_t { return gRequests.load(std::memory_order_relaxed); });
+}
 
-extern "C" void ipmihost_reset_request_count(void) { gRequests.store(0, std::memory_order_relaxed); }
+extern "C" void ipmihost_reset_request_count(void)
+{
+    boundaryVoid([&] { gRequests.store(0, std::memory_order_relaxed); });
+}

@@ -225,37 +225,43 @@ using namespace libipmi;
 
 extern "C" uint16_t IPMICMD_GetSDRRepositoryAllocInfo(IpmiSession *s, SdrRepositoryAllocInfo *res, int timeout)
 {
-    if (!s) return LIBIPMI_STATUS_NO_SESSION;
-    if (!res) return LIBIPMI_STATUS_INVALID_ARGUMENT;
-    return getAllocInfo(s, res, timeout);
+    return boundaryStatus([&]() -> uint16_t {
+        if (!s) return LIBIPMI_STATUS_NO_SESSION;
+        if (!res) return LIBIPMI_STATUS_INVALID_ARGUMENT;
+        return getAllocInfo(s, res, timeout);
+    });
 }
 
 extern "C" uint16_t IPMICMD_GetSDRRepositoryInfo(IpmiSession *s, SdrRepositoryInfo *res, int timeout)
 {
-    if (!s) return LIBIPMI_STATUS_NO_SESSION;
-    if (!res) return LIBIPMI_STATUS_INVALID_ARGUMENT;
-    Reply r = command(s, netfn::kStorage, storage::kGetSdrRepositoryInfo, {}, timeout);
-    return storeReply(r, res, sizeof *res, sizeof *res);
+    return boundaryStatus([&]() -> uint16_t {
+        if (!s) return LIBIPMI_STATUS_NO_SESSION;
+        if (!res) return LIBIPMI_STATUS_INVALID_ARGUMENT;
+        Reply r = command(s, netfn::kStorage, storage::kGetSdrRepositoryInfo, {}, timeout);
+        return storeReply(r, res, sizeof *res, sizeof *res);
+    });
 }
 
 extern "C" uint16_t LIBIPMI_HL_GetAllSDRs(IpmiSession *s, uint8_t *buffer, uint32_t bufferSize, int timeout)
 {
-    if (!s) return LIBIPMI_STATUS_NO_SESSION;
-    if (!buffer) return LIBIPMI_STATUS_INVALID_ARGUMENT;
-    SdrRepositoryAllocInfo alloc;
-    if (std::optional<SdrRepositoryAllocInfo> cached = cachedSdrAllocInfo(s)) {
-        alloc = *cached;
-    } else {
-        uint16_t status = getAllocInfo(s, &alloc, timeout);
-        if (status != LIBIPMI_STATUS_OK) return status;
-    }
-    uint32_t slotSize = static_cast<uint32_t>(alloc.allocUnitSize) * alloc.maxRecordSize;
-    // A controller reporting no room for any record gives no slot to store one in.
-    if (slotSize == 0) return LIBIPMI_STATUS_BAD_RESPONSE;
-    auto walk = std::make_unique<SdrWalk>(s, timeout, buffer, bufferSize, slotSize);
-    for (int restarts = 0; restarts <= kMaxRestarts; ++restarts) {
-        uint16_t status = walk->run();
-        if (status != LIBIPMI_STATUS_COMPLETION_CODE(cc::kReservationCancelled)) return status;
-    }
-    return LIBIPMI_STATUS_RETRIES_EXHAUSTED;
+    return boundaryStatus([&]() -> uint16_t {
+        if (!s) return LIBIPMI_STATUS_NO_SESSION;
+        if (!buffer) return LIBIPMI_STATUS_INVALID_ARGUMENT;
+        SdrRepositoryAllocInfo alloc;
+        if (std::optional<SdrRepositoryAllocInfo> cached = cachedSdrAllocInfo(s)) {
+            alloc = *cached;
+        } else {
+            uint16_t status = getAllocInfo(s, &alloc, timeout);
+            if (status != LIBIPMI_STATUS_OK) return status;
+        }
+        uint32_t slotSize = static_cast<uint32_t>(alloc.allocUnitSize) * alloc.maxRecordSize;
+        // A controller reporting no room for any record gives no slot to store one in.
+        if (slotSize == 0) return LIBIPMI_STATUS_BAD_RESPONSE;
+        auto walk = std::make_unique<SdrWalk>(s, timeout, buffer, bufferSize, slotSize);
+        for (int restarts = 0; restarts <= kMaxRestarts; ++restarts) {
+            uint16_t status = walk->run();
+            if (status != LIBIPMI_STATUS_COMPLETION_CODE(cc::kReservationCancelled)) return status;
+        }
+        return LIBIPMI_STATUS_RETRIES_EXHAUSTED;
+    });
 }

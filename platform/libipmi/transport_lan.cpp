@@ -359,70 +359,76 @@ using namespace libipmi;
 
 extern "C" int ipmihost_select_lan(const ipmihost_lan_params *params)
 {
-    if (!params || !params->host) {
-        setLastError("ipmihost_select_lan: no host given");
-        return -1;
-    }
-    lan::Config c;
-    std::string host = params->host;
-    if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
-    c.ipv6 = host.find(':') != std::string::npos;
-    c.host = host;
-    if (params->port) c.port = params->port;
-    if (params->user) c.user = params->user;
-    if (params->password) {
-        c.password = lan::Secret(params->password);
-        c.passwordSource = lan::PasswordSource::Inline;
-    }
-    if (params->passwordFile) c.passwordFile = params->passwordFile;
-    if (params->password && params->passwordFile) {
-        setLastError("ipmihost_select_lan: both a password and a password file; give one");
-        return -1;
-    }
-    if (params->cipherSuite) c.cipherSuite = params->cipherSuite;
-    if (params->privilege) c.privilege = params->privilege;
-    if (params->timeoutMs) c.timeoutMs = params->timeoutMs;
-    if (params->retransmitMs) c.retransmitMs = params->retransmitMs;
-    else c.retransmitMs = lan::defaultRetransmit(c.timeoutMs);
-    if (params->workarounds) {
+    return boundary<int>(-1, [&]() -> int {
+        if (!params || !params->host) {
+            setLastError("ipmihost_select_lan: no host given");
+            return -1;
+        }
+        lan::Config c;
+        std::string host = params->host;
+        if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
+        c.ipv6 = host.find(':') != std::string::npos;
+        c.host = host;
+        if (params->port) c.port = params->port;
+        if (params->user) c.user = params->user;
+        if (params->password) {
+            c.password = lan::Secret(params->password);
+            c.passwordSource = lan::PasswordSource::Inline;
+        }
+        if (params->passwordFile) c.passwordFile = params->passwordFile;
+        if (params->password && params->passwordFile) {
+            setLastError("ipmihost_select_lan: both a password and a password file; give one");
+            return -1;
+        }
+        if (params->cipherSuite) c.cipherSuite = params->cipherSuite;
+        if (params->privilege) c.privilege = params->privilege;
+        if (params->timeoutMs) c.timeoutMs = params->timeoutMs;
+        if (params->retransmitMs) c.retransmitMs = params->retransmitMs;
+        else c.retransmitMs = lan::defaultRetransmit(c.timeoutMs);
+        if (params->workarounds) {
+            std::string error;
+            auto flags = lan::parseWorkarounds(params->workarounds, error);
+            if (!flags) {
+                setLastError("ipmihost_select_lan: " + error);
+                return -1;
+            }
+            c.workaroundFlags = *flags;
+            c.workarounds = params->workarounds;
+        }
+        if (params->poolSize) c.poolSize = params->poolSize;
+        if (params->disablePool) c.poolSize = 0;
+        if (params->idleMs) c.idleMs = params->idleMs;
         std::string error;
-        auto flags = lan::parseWorkarounds(params->workarounds, error);
-        if (!flags) {
+        if (!lan::finish(c, error)) {
             setLastError("ipmihost_select_lan: " + error);
             return -1;
         }
-        c.workaroundFlags = *flags;
-        c.workarounds = params->workarounds;
-    }
-    if (params->poolSize) c.poolSize = params->poolSize;
-    if (params->disablePool) c.poolSize = 0;
-    if (params->idleMs) c.idleMs = params->idleMs;
-    std::string error;
-    if (!lan::finish(c, error)) {
-        setLastError("ipmihost_select_lan: " + error);
-        return -1;
-    }
-    setSelectedTarget(std::make_shared<LanTarget>(std::move(c)));
-    return 0;
+        setSelectedTarget(std::make_shared<LanTarget>(std::move(c)));
+        return 0;
+    });
 }
 
 extern "C" int ipmihost_lan_stats(ipmihost_lan_statistics *out)
 {
-    if (!out) {
-        setLastError("ipmihost_lan_stats: no place for the statistics");
-        return -1;
-    }
-    LanTarget *t = currentLan();
-    if (!t) return -1;
-    std::memset(out, 0, sizeof *out);
-    t->stats(*out);
-    return 0;
+    return boundary<int>(-1, [&]() -> int {
+        if (!out) {
+            setLastError("ipmihost_lan_stats: no place for the statistics");
+            return -1;
+        }
+        LanTarget *t = currentLan();
+        if (!t) return -1;
+        std::memset(out, 0, sizeof *out);
+        t->stats(*out);
+        return 0;
+    });
 }
 
 extern "C" int ipmihost_lan_drop_connections(void)
 {
-    LanTarget *t = currentLan();
-    if (!t) return -1;
-    t->dropIdle(false);
-    return 0;
+    return boundary<int>(-1, [&]() -> int {
+        LanTarget *t = currentLan();
+        if (!t) return -1;
+        t->dropIdle(false);
+        return 0;
+    });
 }

@@ -1,6 +1,7 @@
 // The system event log: raw lines, summary, UTC offset, clearing and adding records, with the
 // exact requests each operation sends.
 #include <cstring>
+#include <limits>
 
 #include "sel_fixture.h"
 
@@ -59,9 +60,37 @@ TEST(SelRawLine, RecordTypesAndTimes)
     char small[22];
     EXPECT_EQ(convertTime(&t, small, 21), 0u);
     EXPECT_EQ(convertTime(&t, small, 22), 21u);
+    // Times whose year does not fit an int are refused; the largest that do are written whole.
+    char wide[40];
+    for (auto [when, text] : {std::pair<int64_t, const char *>{67768036191676799, "31-Dec-2147485547 23:59:59 "},
+                              {std::numeric_limits<int64_t>::max(), ""}}) {
+        const time_t w = when;
+        EXPECT_EQ(convertTime(&w, wide, sizeof wide), std::strlen(text));
+        EXPECT_STREQ(wide, text);
+    }
 }
 
 using SelLog = SelTest;
+
+// The record read writes no more records than the last count reported on the session, however
+// the log grew since; a failed count leaves the caller's count and the reported one as they were.
+TEST_F(SelLog, RecordReadStaysWithinTheLastReportedCount)
+{
+    expectCount(2);
+    uint16_t count = 0;
+    ASSERT_EQ(LIBIPMI_HL_GetNumOfSELEntries(session_, &count, 5), 0);
+    expectCount(0, LIBIPMI_STATUS_COMPLETION_CODE(0xC1));
+    EXPECT_EQ(LIBIPMI_HL_GetNumOfSELEntries(session_, &count, 5), LIBIPMI_STATUS_COMPLETION_CODE(0xC1));
+    EXPECT_EQ(count, 2);
+    expectEntry(0, 2, selRecord(1, 0x02, 0, {}));
+    expectEntry(2, 3, selRecord(2, 0x02, 0, {}));
+    std::vector<SelRecord> records(3);
+    std::memset(records.data(), 0xAB, records.size() * sizeof(SelRecord));
+    ASSERT_EQ(LIBIPMI_HL_GetAllSELEntries(session_, records.data(), 5), 0);
+    EXPECT_EQ(Bytes(records[1].bytes, records[1].bytes + 16), selRecord(2, 0x02, 0, {}));
+    EXPECT_EQ(Bytes(records[2].bytes, records[2].bytes + 16), Bytes(16, 0xAB)) << "the third record stays unwritten";
+    EXPECT_EQ(ipmihost_script_pending(), 0u);
+}
 
 TEST_F(SelLog, RawStringsFollowTheNextIdsInEitherOrder)
 {

@@ -216,6 +216,38 @@ TEST_F(SelText, FollowUpChunks)
     ipmihost_script_reset();
 }
 
+// A controller that declares the largest text and serves it one character per answer: each
+// text stops after a bounded number of requests instead of 65535.
+TEST_F(SelText, OneTextCostsAtMostABoundedNumberOfRequests)
+{
+    static const Bytes kChunk = chunkAnswer(65535, 1, "x");
+    static const Bytes kFollowUp = followUp(65535, 2, "y");
+    auto answer = [](void *, uint8_t, uint8_t, const uint8_t *req, uint32_t reqLen, uint8_t *res, uint32_t *resLen) {
+        const Bytes &a = reqLen > 3 && req[3] == 0x71 ? kFollowUp : kChunk;
+        std::copy(a.begin(), a.end(), res);
+        *resLen = static_cast<uint32_t>(a.size());
+        return uint16_t{0};
+    };
+    ASSERT_EQ(ipmihost_script_set_responder(answer, nullptr), 0);
+    ErrorCodeRecord code = {{1, 2, 3, 4}, 0, 0, nullptr};
+    const struct {
+        const char *what;
+        std::function<char *()> call;
+        char character;
+    } cases[] = {
+        {"message text", [&] { return getSelTextByErrorCode(session_, &code, nullptr, 0, 0, 0x0409); }, 'x'},
+        {"follow-ups", [&] { return ipmiInterpretSELEntryUsTextFollowUp(session_, 1, 65535); }, 'y'},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        ipmihost_reset_request_count();
+        std::string got = take(c.call());
+        EXPECT_EQ(got, std::string(TVX_SEL_TEXT_MAX / TVX_SEL_TEXT_MIN_CHUNK, c.character));
+        EXPECT_EQ(ipmihost_request_count(), TVX_SEL_TEXT_MAX / TVX_SEL_TEXT_MIN_CHUNK);
+    }
+    ipmihost_script_set_responder(nullptr, nullptr);
+}
+
 TEST_F(SelText, EntryAsText)
 {
     const Bytes request = oem({0x89, 0x02, 0x34, 0x12, 0x07, 0x08, 0x09, 0x0A, 0x0B, 0x00});

@@ -2,8 +2,8 @@
 // machine in order, and a machine whose fan, memory module and processor have failed.
 #include <gtest/gtest.h>
 
-#include "scratch.h"
-#include "tvxctl_runner.h"
+#include "machine.h"
+#include "process.h"
 
 namespace {
 
@@ -14,7 +14,7 @@ protected:
     tvxtest::Outcome run(std::vector<std::string> args, const std::string &machine = "")
     {
         if (!machine.empty()) args.insert(args.begin(), {"--machine", std::string(TVX_MACHINES_DIR) + "/" + machine});
-        return tvxtest::runTvxctl(TVXCTL_PATH, scratch_.path(), args);
+        return tvxtest::tvxctl(scratch_.path(), args);
     }
     tvxtest::TempDir scratch_;
 };

@@ -19,9 +19,8 @@ void portArea(uint8_t id0, const Bytes &area)
         const size_t length = std::min<size_t>(64, 345 - offset);
         Bytes piece(length, 0);
         for (size_t i = 0; i < length && offset + i < area.size(); ++i) piece[i] = area[offset + i];
-        expectRequest(0xB8, 0xF1, oem(cat({{0x1C, id0, 0x00, 0x01}, le16(static_cast<uint16_t>(offset)),
-                                           {static_cast<uint8_t>(length)}})),
-                      0, oemAnswer(piece));
+        expect(0xB8, 0xF1, oem(cat({{0x1C, id0, 0x00, 0x01}, le16(static_cast<uint16_t>(offset)),
+                                           {static_cast<uint8_t>(length)}})), oemAnswer(piece));
     }
 }
 // An area: MAC, counts byte, then the addresses as given.
@@ -60,7 +59,7 @@ TEST_F(Network, PortFunctionAndControllerAddresses)
         {{}, 2, 0, ""},
     };
     for (const auto &c : cases) {
-        if (c.area.empty()) expectRequest(0xB8, 0xF1, oem({0x1C, 0x05, 0x00, 0x01, 0x00, 0x00, 0x40}), 0, {0xC1});
+        if (c.area.empty()) expect(0xB8, 0xF1, oem({0x1C, 0x05, 0x00, 0x01, 0x00, 0x00, 0x40}), {0xC1});
         else portArea(0x05, c.area);
         EXPECT_EQ(nodeAddress(TVX_NODE_PORT_FUNCTION, c.type, 0x05, c.index), c.text);
     }
@@ -73,9 +72,9 @@ TEST_F(Network, PortFunctionAndControllerAddresses)
     EXPECT_EQ(Bytes(mac, mac + 8), (Bytes{0x00, 0x1B, 0x21, 0xAA, 0xBB, 0xCC, 0xEE, 0xEE}));
 
     // The controller's IPv6 address and gateway from its variables; all zero says nothing.
-    expectRequest(0xB8, 0xE0, oem({0x01, 0x01, 0x25, 0x1A}), 0, oemAnswer(cat({{16}, kV6b})));
+    expect(0xB8, 0xE0, oem({0x01, 0x01, 0x25, 0x1A}), oemAnswer(cat({{16}, kV6b})));
     EXPECT_EQ(nodeAddress(TVX_NODE_CONTROLLER, 4, 0, 1), "2001:db8::7");
-    expectRequest(0xB8, 0xE0, oem({0x01, 0x00, 0x3A, 0x1A}), 0, oemAnswer(cat({{16}, Bytes(16, 0)})));
+    expect(0xB8, 0xE0, oem({0x01, 0x00, 0x3A, 0x1A}), oemAnswer(cat({{16}, Bytes(16, 0)})));
     char buffer[8] = "keep";
     EXPECT_STREQ(getNodeGatewayAddress(buffer, sizeof buffer, 4, 7), "");
     EXPECT_STREQ(getNodeIpNetMaskAddress(buffer, sizeof buffer, 4, 7), "");
@@ -105,7 +104,7 @@ TEST_F(Network, DhcpUseOfIpv6ByItsSourceVariable)
         {oemAnswer({1, 0}), 1}, {oemAnswer({0}), 1},    {oemAnswer({}, 0xCB), 1},
     };
     for (const auto &c : cases) {
-        expectRequest(0xB8, 0xE0, oem({0x01, 0x00, 0x36, 0x1A}), 0, c.answer);
+        expect(0xB8, 0xE0, oem({0x01, 0x00, 0x36, 0x1A}), c.answer);
         EXPECT_EQ(getUnitNodeUseDHCP(4, 7), c.result);
     }
     EXPECT_EQ(getUnitNodeUseDHCP(2, 2), 1);
@@ -117,11 +116,11 @@ void channels(const std::string &lan, uint8_t last = 7)
 {
     for (uint8_t ch = 1; ch <= last && ch <= lan.size(); ++ch) {
         if (lan[ch - 1] == '-') {
-            expectRequest(0x18, 0x42, {ch}, 0, {0xCC});
+            expect(0x18, 0x42, {ch}, {0xCC});
             continue;
         }
         uint8_t medium = lan[ch - 1] == 'L' ? 0x04 : 0x0C;
-        expectRequest(0x18, 0x42, {ch}, 0, {0x00, ch, medium, 0x01, 0x80, 0xF2, 0x1B, 0x00, 0x00});
+        expect(0x18, 0x42, {ch}, {0x00, ch, medium, 0x01, 0x80, 0xF2, 0x1B, 0x00, 0x00});
     }
 }
 
@@ -199,13 +198,13 @@ TEST_F(Network, DefaultChannelNotFoundIsSearchedAgain)
 // Alert Immediate for channel 1 and a destination: with the test event, or the plain one.
 void alertWithEvent(uint8_t dest, uint16_t status, const Bytes &answer)
 {
-    expectRequest(0x10, 0x16, {0x01, dest, 0x00, 0x20, 0x04, 0x12, 0xFF, 0x6F, 0xE4, 0x01, 0x80}, status, answer);
+    expect(0x10, 0x16, {0x01, dest, 0x00, 0x20, 0x04, 0x12, 0xFF, 0x6F, 0xE4, 0x01, 0x80}, answer, status);
 }
 void plainAlert(uint8_t dest, uint16_t status, const Bytes &answer)
 {
-    expectRequest(0x10, 0x16, {0x01, dest, 0x80}, status, answer);
+    expect(0x10, 0x16, {0x01, dest, 0x80}, answer, status);
 }
-void destinationCount(uint8_t n) { expectRequest(0xB8, 0xE0, oem({0x01, 0x00, 0x12, 0x14}), 0, oemAnswer({1, n})); }
+void destinationCount(uint8_t n) { expect(0xB8, 0xE0, oem({0x01, 0x00, 0x12, 0x14}), oemAnswer({1, n})); }
 
 TEST_F(Network, TestTrapTriesEveryDestinationAndReportsTheLast)
 {
@@ -229,7 +228,7 @@ TEST_F(Network, TestTrapTriesEveryDestinationAndReportsTheLast)
         plainAlert(2, 0, {0xC1});
         f += expectValue("answered plain alert", sendTestTrap(), 1);
 
-        expectRequest(0xB8, 0xE0, oem({0x01, 0x00, 0x12, 0x14}), 0, oemAnswer({2, 1, 0}));
+        expect(0xB8, 0xE0, oem({0x01, 0x00, 0x12, 0x14}), oemAnswer({2, 1, 0}));
         f += expectValue("count too long", sendTestTrap(), 0);
         return f;
     });

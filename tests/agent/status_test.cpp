@@ -24,11 +24,11 @@ protected:
 const Bytes kNoSend = {};
 void signalAnswer(uint8_t kind, uint8_t entity, uint8_t instance, uint16_t status, const Bytes &answer)
 {
-    expectRequest(0xB8, 0xF5, oem({0x42, entity, instance, kind, 0x00}), status, answer);
+    expect(0xB8, 0xF5, oem({0x42, entity, instance, kind, 0x00}), answer, status);
 }
 void presenceAnswer(uint8_t kind, uint8_t entity, uint8_t instance, uint16_t status, const Bytes &answer)
 {
-    expectRequest(0xB8, 0xF5, oem({0x54, entity, instance, kind, 0x00}), status, answer);
+    expect(0xB8, 0xF5, oem({0x54, entity, instance, kind, 0x00}), answer, status);
 }
 const Bytes kWrongIana = {0x00, 0xD9, 0x7E, 0x01, 0x02};
 
@@ -47,15 +47,15 @@ TEST_F(AgentStatus, IdentityTexts)
 
     // The firmware build variable: text up to its first NUL; nothing read leaves the buffer.
     const Bytes version = oemAnswer({0x06, '2', '.', '1', 0x00, 'z', 'z'});
-    expectRequest(0xB8, 0xE0, oem({0x01, 0x01, 0x50, 0x21}), 0, version);
+    expect(0xB8, 0xE0, oem({0x01, 0x01, 0x50, 0x21}), version);
     std::strcpy(buffer, "old");
     EXPECT_EQ(snmpGetAgentVersion(buffer, sizeof buffer), 10);
     EXPECT_STREQ(buffer, "Build: 2.1");
-    expectRequest(0xB8, 0xE0, oem({0x01, 0x00, 0x50, 0x21}), 0, oemAnswer({0x00}));
+    expect(0xB8, 0xE0, oem({0x01, 0x00, 0x50, 0x21}), oemAnswer({0x00}));
     std::strcpy(buffer, "old");
     EXPECT_EQ(snmpGetAgentBuild(buffer, sizeof buffer), 3);
     EXPECT_STREQ(buffer, "old");
-    expectRequest(0xB8, 0xE0, oem({0x01, 0x00, 0x50, 0x21}), 0, version);
+    expect(0xB8, 0xE0, oem({0x01, 0x00, 0x50, 0x21}), version);
     EXPECT_EQ(snmpGetAgentBuild(buffer, 6), 5);
     EXPECT_STREQ(buffer, "Build");
     ipmihost_script_open_result(LIBIPMI_STATUS_TIMEOUT, -1);
@@ -112,7 +112,7 @@ TEST_F(AgentStatus, ExplainingTexts)
     Cache cache({compact(0x50, 0x25, 0x6F, 0x1D, 1, "FAN1 PRESENT"), compact(0x51, 0xE6, 0x6F, 0x1D, 1, "FAN1"),
                  compact(0x60, 0x07, 0x6F, 0x03, 1, "CPU1"), compact(0x70, 0xE8, 0x6F, 0x0A, 1, "PSU1"),
                  compact(0x80, 0xDE, 0x6F, 0x20, 1, "DIMM1"), compact(0x61, 0x07, 0x03, 0x03, 2, "CPU2")});
-    auto policy = [](uint8_t p) { expectRequest(0xB8, 0xF5, oem({0x4A}), 0, oemAnswer({p, 0x08})); };
+    auto policy = [](uint8_t p) { expect(0xB8, 0xF5, oem({0x4A}), oemAnswer({p, 0x08})); };
     using Script = std::function<void()>;
     const struct {
         uint8_t entity, instance, kind, statusIn;
@@ -140,8 +140,8 @@ TEST_F(AgentStatus, ExplainingTexts)
         // A PCI slot: empty by the slot table (instance + 1), whatever the signal said.
         {0x31, 4, 0x2B, 0, [] {
              signalAnswer(0x2B, 0x31, 4, 0, oemAnswer({0x01}));
-             expectRequest(0xB8, 0xF1, oem({0x1A, 0x01, 0x00}), 0, oemAnswer({0, 0, 3, 0x86, 0x80, 0x10, 0x15}));
-             expectRequest(0xB8, 0xF1, oem({0x1A, 0x02, 0x00}), 0, oemAnswer({}, 0xC9)); },
+             expect(0xB8, 0xF1, oem({0x1A, 0x01, 0x00}), oemAnswer({0, 0, 3, 0x86, 0x80, 0x10, 0x15}));
+             expect(0xB8, 0xF1, oem({0x1A, 0x02, 0x00}), oemAnswer({}, 0xC9)); },
          "Empty PCI Slot", 1},
         {0x31, 4, 0x2B, 0, [] { signalAnswer(0x2B, 0x31, 4, 0, oemAnswer({}, 0x01)); }, nullptr, 253},
         // clang-format on
@@ -159,8 +159,8 @@ TEST_F(AgentStatus, ExplainingTexts)
 
 // Sends the answers one status getter needs.
 void tempReading(uint8_t number, uint8_t bits) { expectReading(number, thresholdAnswer(0x20, bits)); }
-void memoryStatus(uint8_t module, uint8_t value) { expectRequest(0xB8, 0xF5, oem({0x48, module}), 0, oemAnswer({value})); }
-void cpuStatus(uint8_t socket, uint8_t value) { expectRequest(0xB8, 0xF5, oem({0x4B, socket}), 0, oemAnswer({value})); }
+void memoryStatus(uint8_t module, uint8_t value) { expect(0xB8, 0xF5, oem({0x48, module}), oemAnswer({value})); }
+void cpuStatus(uint8_t socket, uint8_t value) { expect(0xB8, 0xF5, oem({0x4B, socket}), oemAnswer({value})); }
 void boot(const Bytes &answer) { signalAnswer(0x00, 0x22, 0x00, 0, answer); }
 
 TEST_F(AgentStatus, RollupKeepsTheWorstCountingComponent)

@@ -22,8 +22,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "scratch.h"
-#include "tvxctl_runner.h"
+#include "machine.h"
+#include "process.h"
 
 extern char **environ;
 
@@ -153,7 +153,7 @@ public:
         }
         args.push_back("127.0.0.1:" + std::to_string(port_));
         args.insert(args.end(), words.begin() + static_cast<long>(i), words.end());
-        return tvxtest::runTvxctl(std::string(SNMP_BIN_DIR) + "/" + name, dir_.path(), args, env());
+        return tvxtest::runAs(std::string(SNMP_BIN_DIR) + "/" + name, dir_.path(), args, env());
     }
 
     // The subtree as numeric OID -> value (strings without their quotes).
@@ -187,7 +187,7 @@ public:
     Outcome tvxctl(std::vector<std::string> args)
     {
         args.insert(args.begin(), {"--machine", dir_.file("machine.json"), "--state", dir_.file("state"), "--json"});
-        return tvxtest::runTvxctl(TVXCTL_PATH, dir_.path(), args);
+        return tvxtest::tvxctl(dir_.path(), args);
     }
 
     std::string file(const std::string &name) const { return tvxtest::readFile(dir_.file(name)); }

@@ -14,6 +14,7 @@
 #include <ostream>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 extern char **environ;
@@ -76,12 +77,18 @@ inline Outcome run(std::vector<std::string> argv, const std::vector<std::string>
     return {code, slurp(out), slurp(err)};
 }
 
-// tvxctl with HOME=scratch/home and TVX_IPMI_STATE_DIR=scratch/state, no target of the caller's.
-inline Outcome tvxctl(const std::string &scratch, std::vector<std::string> args, std::vector<std::string> env = {})
+// A program (tvxctl, or another run the way tvxctl is) with HOME=scratch/home and
+// TVX_IPMI_STATE_DIR=scratch/state, no target of the caller's.
+inline Outcome runAs(const std::string &program, const std::string &scratch, std::vector<std::string> args,
+                     std::vector<std::string> env = {})
 {
-    args.insert(args.begin(), TVXCTL_PATH);
+    args.insert(args.begin(), program);
     env.insert(env.end(), {"HOME=" + scratch + "/home", "TVX_IPMI_STATE_DIR=" + scratch + "/state"});
     return run(args, env, {"TVX_IPMI_", "XDG_STATE_HOME="});
+}
+inline Outcome tvxctl(const std::string &scratch, std::vector<std::string> args, std::vector<std::string> env = {})
+{
+    return runAs(TVXCTL_PATH, scratch, std::move(args), std::move(env));
 }
 
 } // namespace tvxtest

@@ -197,6 +197,8 @@ struct Mib::Tables {
         const TableDef *def;
         netsnmp_tdata *data;
         netsnmp_handler_registration *reg;
+        // Unregistering the handler leaves the table's description to its owner.
+        netsnmp_table_registration_info *info;
     };
     std::vector<Registered> tables;
     std::vector<netsnmp_handler_registration *> scalars;
@@ -215,6 +217,7 @@ Mib::~Mib()
         while (netsnmp_tdata_row *row = netsnmp_tdata_row_first(t.data)) netsnmp_tdata_remove_and_delete_row(t.data, row);
         netsnmp_unregister_handler(t.reg);
         netsnmp_tdata_delete_table(t.data);
+        netsnmp_table_registration_info_free(t.info);
     }
     for (netsnmp_handler_registration *reg : tables_->scalars) netsnmp_unregister_handler(reg);
     gMib = nullptr;
@@ -229,6 +232,8 @@ void Mib::registerObjects(const Snapshot &first)
             registration(def.name, tableHandler, objectPath(def.path), HANDLER_CAN_RONLY, &def);
         if (!data || !info || !reg) {
             snmp_log(LOG_ERR, "cannot register %s: out of memory\n", def.name);
+            if (data) netsnmp_tdata_delete_table(data);
+            if (info) netsnmp_table_registration_info_free(info);
             continue;
         }
         for (unsigned i = 0; i < def.indexes; ++i) netsnmp_table_helper_add_index(info, ASN_INTEGER);
@@ -237,9 +242,10 @@ void Mib::registerObjects(const Snapshot &first)
         if (netsnmp_tdata_register(reg, data, info) != MIB_REGISTERED_OK) {
             snmp_log(LOG_ERR, "cannot register %s\n", def.name);
             netsnmp_tdata_delete_table(data);
+            netsnmp_table_registration_info_free(info);
             continue;
         }
-        tables_->tables.push_back({&def, data, reg});
+        tables_->tables.push_back({&def, data, reg, info});
     }
     auto scalar = [this](const char *name, Netsnmp_Node_Handler *fn, const Path &path, int modes, const void *def) {
         netsnmp_handler_registration *reg = registration(name, fn, path, modes, def);

@@ -15,7 +15,8 @@ std::span<const Subsystem> Controller::standardSubsystems()
 {
     static const Subsystem all[] = {kAppSubsystem,       kChassisSubsystem,       kConfigSpaceSubsystem,
                                     kLanSubsystem,       kSdrRepositorySubsystem, kSensorSubsystem,
-                                    kComponentSubsystem, kSelSubsystem,           kFruSubsystem};
+                                    kComponentSubsystem, kSelSubsystem,           kFruSubsystem,
+                                    kIpmbSubsystem};
     return all;
 }
 

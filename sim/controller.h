@@ -174,5 +174,6 @@ extern const Subsystem kConfigSpaceSubsystem;
 extern const Subsystem kLanSubsystem;
 extern const Subsystem kSelSubsystem;
 extern const Subsystem kFruSubsystem;
+extern const Subsystem kIpmbSubsystem;
 
 } // namespace tvxsim

@@ -274,6 +274,8 @@ DeviceIdentity parseController(const Node &c)
 
 } // namespace
 
+DeviceIdentity parseDeviceIdentity(const Node &c) { return parseController(c); }
+
 Fault parseFault(const Node &n)
 {
     n.allowOnly({"netfn", "command", "match", "kind", "value", "count"});
@@ -324,7 +326,8 @@ Profile parseProfile(const std::string &text, const std::string &displayName)
     }
     Node root = p.root();
     root.allowOnly({"description", "controller", "faults", "sdr", "sensors", "fru_locators", "mc_locators",
-                    "components", "chassis", "leds", "config_space", "console", "lan", "sel", "event_texts", "fru"});
+                    "components", "chassis", "leds", "config_space", "console", "lan", "sel", "event_texts", "fru",
+                    "satellites"});
     if (auto d = root.find("description")) p.description = d->string();
     Node controller = root.at("controller");
     p.device = parseController(controller);

@@ -107,6 +107,9 @@ Profile loadProfile(const std::string &path);
 // The same from text already in memory; displayName is used in messages and for the name.
 Profile parseProfile(const std::string &text, const std::string &displayName);
 
+// Parses a controller's identity (the keys of the profile's "controller").
+DeviceIdentity parseDeviceIdentity(const Node &node);
+
 // Parses one fault description (shared by profiles and the control API's checks).
 Fault parseFault(const Node &node);
 

@@ -97,6 +97,14 @@ inline constexpr uint8_t kGetLanConfig = 0x02;
 inline constexpr wire::U8 kCompletionCode{0};
 inline constexpr std::size_t kAnswerData = 1; // the first data byte
 
+// Get Device ID: the answer's additional-device-support byte (controllers send 11 data bytes,
+// or 15 with the auxiliary firmware revision).
+namespace device_id {
+inline constexpr wire::U8 kAdditionalSupport{6};
+inline constexpr uint8_t kFruInventoryDevice = 0x08;
+inline constexpr uint8_t kChassisDevice = 0x80;
+} // namespace device_id
+
 // Chassis Control: the action byte.
 namespace chassis_control {
 inline constexpr uint8_t kPowerDown = 0x00;

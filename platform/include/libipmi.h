@@ -23,8 +23,10 @@
 #ifdef __cplusplus
 extern "C" {
 #define LIBIPMI_STATIC_ASSERT(cond, msg) static_assert(cond, msg)
+#define LIBIPMI_ZERO_UNLESS_GIVEN = 0 /* a C++ caller may leave the field out: {number} */
 #else
 #define LIBIPMI_STATIC_ASSERT(cond, msg) _Static_assert(cond, msg)
+#define LIBIPMI_ZERO_UNLESS_GIVEN
 #endif
 
 #if defined(__GNUC__)
@@ -105,9 +107,11 @@ LIBIPMI_STATIC_ASSERT(sizeof(SdrRepositoryInfo) == 15, "SdrRepositoryInfo is 15 
    meaning when the two are zero, as in a request made by {number} alone. */
 typedef struct {
     uint8_t sensorNumber;
-    uint8_t ownerId;  /* 0: the session's controller; else bits 7:1 the owner's slave
-                         address (bit 0 clear), or a system software ID (bit 0 set) */
-    uint8_t ownerLun; /* bits 7:4 the owner's channel, bits 1:0 the sensor's LUN */
+    uint8_t ownerId LIBIPMI_ZERO_UNLESS_GIVEN;  /* 0: the session's controller; else bits 7:1
+                         the owner's slave address (bit 0 clear), or a system software ID
+                         (bit 0 set) */
+    uint8_t ownerLun LIBIPMI_ZERO_UNLESS_GIVEN; /* bits 7:4 the owner's channel, bits 1:0 the
+                         sensor's LUN */
 } SensorReadingRequest;
 LIBIPMI_STATIC_ASSERT(sizeof(SensorReadingRequest) == 3, "SensorReadingRequest is 3 bytes");
 

@@ -5,6 +5,7 @@
 // and FRU device 0 of every other management controller whose locator says it has FRU
 // inventory, each read from its own controller (bridged through this one). With an ID, that
 // device of this controller alone, without reading the SDR repository.
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -22,7 +23,21 @@ namespace locator = tvx::sdr::fru_locator;
 namespace mc = tvx::sdr::mc_locator;
 namespace wire = tvx::wire;
 constexpr long kEpoch1996 = 820454400; // 1996-01-01 00:00 UTC in Unix time
-constexpr uint8_t kFruInventoryDevice = 0x08; // Get Device ID's support bit, and an MC locator's capability bit
+constexpr uint8_t kFruInventoryDevice = tvx::device_id::kFruInventoryDevice; // also an MC locator's capability bit
+
+// Whether Get Device ID says the controller is a FRU inventory device. Asked directly: a
+// controller may answer without the auxiliary revision, which the library's identity reader
+// takes for a broken answer.
+bool hasFruInventory(IpmiSession *session)
+{
+    uint8_t answer[LIBIPMI_MAX_RESPONSE_LEN];
+    uint32_t len = 0;
+    if (LIBIPMI_Send_RAW_IPMI2_0_Command(session, 0, tvx::netfn::lun0(tvx::netfn::kApp), tvx::cmd::app::kGetDeviceId,
+                                         nullptr, 0, answer, &len, 60) != 0)
+        return false;
+    const wire::View view(answer, std::min<std::size_t>(len, sizeof answer));
+    return view.get(tvx::device_id::kAdditionalSupport, uint8_t{0}) & kFruInventoryDevice;
+}
 
 struct Device {
     Device(uint8_t fruId, std::string text, uint8_t at = 0, uint8_t on = 0)
@@ -41,8 +56,7 @@ struct Device {
 std::vector<Device> allDevices(const Session &session)
 {
     std::vector<Device> out;
-    const IpmiDeviceId id = ipmiGetDeviceId(session.get());
-    const bool builtin = id.additionalDeviceSupport & kFruInventoryDevice;
+    const bool builtin = hasFruInventory(session.get());
     if (builtin) out.emplace_back(0, "Builtin FRU Device");
     SDRInfo info;
     std::memset(&info, 0, sizeof info);

@@ -53,18 +53,29 @@ struct Row {
 };
 
 // Reads a sensor from its owner, as ipmiGetSensorReading reads the controller's own: the
-// reading and state bits, false when the request failed or the reading is unavailable while
-// the sensor scans. The controller's own sensors on LUN 0 are read through the library; the
-// others (another LUN, another controller) through the platform, which asks the owner the
-// record names, bridged to another controller.
-bool readSensor(const Session &session, wire::View rec, uint8_t &raw, uint16_t &state)
+// reading and state bits; false when the reading is unavailable while the sensor scans, or
+// the sensor could not be read (`error` says why then). The controller's own sensors on LUN
+// 0 are read through the library; the others (another LUN, another controller) through the
+// platform, which asks the owner the record names, bridged to another controller.
+bool readSensor(const Session &session, wire::View rec, uint8_t &raw, uint16_t &state, std::string &error)
 {
     const uint8_t number = field(rec, sdr::kSensorNumber);
     const uint8_t owner = field(rec, sdr::kOwnerId), ownerLun = field(rec, sdr::kOwnerLun);
-    if (owner == tvx::ipmb::kBmcAddress && ownerLun == 0) return ipmiGetSensorReading(session.get(), number, &raw, &state);
+    if (owner == tvx::ipmb::kBmcAddress && ownerLun == 0) {
+        if (ipmiGetSensorReading(session.get(), number, &raw, &state)) return true;
+        error = session.whyFailed();
+        return false;
+    }
+    if (wire::bits(owner, 0, 1)) {
+        error = "owned by system software (ID " + hexByte(owner) + "), not by a controller";
+        return false;
+    }
     SensorReadingRequest request{number, owner, ownerLun};
     SensorReadingResponse response{};
-    if (IPMICMD_GetSensorReading(session.get(), &request, &response, 60) != 0) return false;
+    if (IPMICMD_GetSensorReading(session.get(), &request, &response, 60) != 0) {
+        error = session.whyFailed();
+        return false;
+    }
     if (response.flags & tvx::sensor_reading::kUnavailable) {
         raw = 0;
         state = 0;
@@ -109,10 +120,9 @@ Row describe(const Session &session, wire::View rec)
     r.typeName = ipmiSdrGetSensorTypeDesc(static_cast<uint32_t>(r.sensorType));
     uint8_t raw = 0;
     uint16_t state = 0;
-    if (!readSensor(session, rec, raw, state)) {
+    if (!readSensor(session, rec, raw, state, r.error)) {
         // Not read: refused or unanswered (the reason goes with it), or reading unavailable.
         r.reading = "no reading";
-        r.error = session.whyFailed();
         r.status = r.error.empty() ? "unavailable" : "not readable";
         return r;
     }

@@ -184,6 +184,151 @@ TVX_STATIC_ASSERT(sizeof(ComponentStatus) == 24, "ComponentStatus is 24 bytes");
    there is no usable answer. */
 TVX_API ComponentStatus *oemGetComponentStatus(IpmiSession *session, const uint8_t *key);
 
+/* ---- Sensor lists ----------------------------------------------------------------------------- */
+
+/* Sensor type codes of the sensor lists and getters. */
+#define TVX_SENSOR_TEMPERATURE  0x01u
+#define TVX_SENSOR_VOLTAGE      0x02u
+#define TVX_SENSOR_CURRENT      0x03u
+#define TVX_SENSOR_FAN          0x04u
+#define TVX_SENSOR_POWER_UNIT   0x09u
+#define TVX_SENSOR_OTHER_UNITS  0x0Bu /* a power supply's load */
+#define TVX_SENSOR_FAN_STATUS   0xE6u /* the vendor's fan status (compact records) */
+#define TVX_SENSOR_PSU_STATUS   0xE8u /* the vendor's power supply status (compact records) */
+
+/* Sizes of the text fields of the list entries. Texts are zero-padded and not terminated
+   when they fill their field. */
+#define TVX_SENSOR_NAME_SIZE    18u
+#define TVX_SENSOR_STATUS_SIZE  40u
+#define TVX_SENSOR_UNIT_SIZE    4u
+
+/* One fan (a full record of sensor type 0x04). */
+typedef struct {
+    uint8_t sensorNumber;
+    uint8_t index;                          /* position in this list, from 0 */
+    uint16_t eventMask;                     /* assertion mask of the fan's status sensor, or 0 */
+    char name[TVX_SENSOR_NAME_SIZE];
+    float reading;                          /* in the record's unit; 0 when not read */
+    char status[TVX_SENSOR_STATUS_SIZE];    /* the status sensor's state, "N/A" or "Power Off" */
+} FanSensorEntry;
+TVX_STATIC_ASSERT(sizeof(FanSensorEntry) == 68, "FanSensorEntry is 68 bytes");
+TVX_STATIC_ASSERT(offsetof(FanSensorEntry, eventMask) == 2, "FanSensorEntry.eventMask at 2");
+TVX_STATIC_ASSERT(offsetof(FanSensorEntry, name) == 4, "FanSensorEntry.name at 4");
+TVX_STATIC_ASSERT(offsetof(FanSensorEntry, reading) == 24, "FanSensorEntry.reading at 24");
+TVX_STATIC_ASSERT(offsetof(FanSensorEntry, status) == 28, "FanSensorEntry.status at 28");
+
+/* One temperature, voltage or current sensor (a full threshold record). */
+typedef struct {
+    char name[TVX_SENSOR_NAME_SIZE];
+    float reading;                          /* in the record's unit; 0 when not read */
+    char status[TVX_SENSOR_STATUS_SIZE];    /* "N/A", "Power Off" or ipmiSdrGetStatus's word */
+    float lowerNonCritical;                 /* each threshold 0 when not readable */
+    float lowerCritical;
+    float upperNonCritical;
+    float upperCritical;
+    char unit[TVX_SENSOR_UNIT_SIZE];        /* the first four characters of the unit name */
+} ThresholdSensorEntry;
+TVX_STATIC_ASSERT(sizeof(ThresholdSensorEntry) == 84, "ThresholdSensorEntry is 84 bytes");
+TVX_STATIC_ASSERT(offsetof(ThresholdSensorEntry, reading) == 20, "ThresholdSensorEntry.reading at 20");
+TVX_STATIC_ASSERT(offsetof(ThresholdSensorEntry, status) == 24, "ThresholdSensorEntry.status at 24");
+TVX_STATIC_ASSERT(offsetof(ThresholdSensorEntry, lowerNonCritical) == 64, "ThresholdSensorEntry.lowerNonCritical at 64");
+TVX_STATIC_ASSERT(offsetof(ThresholdSensorEntry, upperCritical) == 76, "ThresholdSensorEntry.upperCritical at 76");
+TVX_STATIC_ASSERT(offsetof(ThresholdSensorEntry, unit) == 80, "ThresholdSensorEntry.unit at 80");
+
+/* One discrete sensor (a compact record). */
+typedef struct {
+    char name[TVX_SENSOR_NAME_SIZE];
+    char state[TVX_SENSOR_STATUS_SIZE];        /* first asserted state, "N/A" or "Power Off" */
+    char relatedState[TVX_SENSOR_STATUS_SIZE]; /* a related sensor's first asserted state, or "N/A" */
+    uint8_t sensorType;
+    uint8_t eventReadingType;
+    uint8_t state0_7;                          /* the state bytes as read; 0 when not read */
+    uint8_t state8_14;
+    int32_t stateOffset;                       /* offset whose text was found; -1 no text; 0 not looked up */
+    uint16_t sensorNumber;
+} DiscreteSensorEntry;
+TVX_STATIC_ASSERT(sizeof(DiscreteSensorEntry) == 112, "DiscreteSensorEntry is 112 bytes");
+TVX_STATIC_ASSERT(offsetof(DiscreteSensorEntry, relatedState) == 58, "DiscreteSensorEntry.relatedState at 58");
+TVX_STATIC_ASSERT(offsetof(DiscreteSensorEntry, sensorType) == 98, "DiscreteSensorEntry.sensorType at 98");
+TVX_STATIC_ASSERT(offsetof(DiscreteSensorEntry, stateOffset) == 104, "DiscreteSensorEntry.stateOffset at 104");
+TVX_STATIC_ASSERT(offsetof(DiscreteSensorEntry, sensorNumber) == 108, "DiscreteSensorEntry.sensorNumber at 108");
+
+/* Any sensor record's identity. */
+typedef struct {
+    char name[TVX_SENSOR_NAME_SIZE];
+    uint8_t sensorNumber;
+    uint8_t sensorType;
+    uint8_t eventReadingType;
+    uint8_t entityId;
+    uint8_t entityInstance;
+} CommonSensorEntry;
+TVX_STATIC_ASSERT(sizeof(CommonSensorEntry) == 23, "CommonSensorEntry is 23 bytes");
+TVX_STATIC_ASSERT(offsetof(CommonSensorEntry, sensorNumber) == 18, "CommonSensorEntry.sensorNumber at 18");
+
+/* Each appends one entry per sensor to *list (in SDR cache order, without clearing it first)
+   and returns how many it appended; the caller frees the list with freeList. A sensor that
+   cannot be read still gets an entry. The status texts are "N/A" while the server is on and
+   "Power Off" while it is off when the sensor has no reading. */
+TVX_API uint8_t ipmiGetFanSensors(IpmiSession *session, ListNode **list, SDRInfo *info);
+/* sensorType 1 (temperature), 2 (voltage) or 3 (current); anything else appends nothing. */
+TVX_API uint8_t ipmiGetTVCSensors(IpmiSession *session, ListNode **list, uint8_t sensorType, SDRInfo *info);
+/* -1 for a NULL session, else ipmiGetTVCSensors of their type. */
+TVX_API int ipmiGetTemperatureSensors(IpmiSession *session, ListNode **list, SDRInfo *info);
+TVX_API int ipmiGetVoltageSensors(IpmiSession *session, ListNode **list, SDRInfo *info);
+TVX_API int ipmiGetCurrentSensors(IpmiSession *session, ListNode **list, SDRInfo *info);
+/* The compact records of one sensor type and event/reading type. With relatedState non-zero
+   and relatedType non-zero, each entry also gets the state of the same entity's compact
+   record of relatedType. `unused` is ignored. When nothing was appended, *list is freed and
+   set to NULL. The session must be open. */
+TVX_API uint8_t ipmiGetDiscreteSensors(IpmiSession *session, ListNode **list, uint8_t sensorType,
+        uint8_t eventReadingType, uint8_t relatedType, uint32_t unused, int relatedState, SDRInfo *info);
+/* Every full record, then every compact record; reads nothing from the controller. */
+TVX_API uint32_t ipmiGetCommonSensors(ListNode **list, SDRInfo *info);
+/* A fan's two speed limits from the controller (the fan's maximum speed and its rated speed):
+   1 when stored (both 0 when the answer carries none), 0 on failure (both outputs 0). */
+TVX_API int ipmiGetFanMaximumSpeed(IpmiSession *session, uint8_t fanNumber, uint32_t *first, uint32_t *second);
+
+/* ---- Agent sensor getters ------------------------------------------------------------------- */
+
+/* The agent's getters: each opens a session of its own (administrator, empty user name) and
+   closes it before it returns; getSdrSensorStatus uses the caller's. Sensors are addressed by
+   number among the full records of a sensor type in the agent's SDR cache. Values are
+   truncated toward zero; voltages (and the voltage-scale getters) are in thousandths of the
+   unit, rounded to tens. A processor's sensors (entity 0x03) report plain raw bytes. */
+
+/* A sensor's status code on the agent's scale for its type (1: unknown or powered off). */
+TVX_API int getSdrSensorStatus(IpmiSession *session, uint8_t sensorNumber, uint8_t sensorType,
+        uint8_t eventReadingType);
+TVX_API int getCurrentSensorsStatus(uint8_t sensorNumber, uint8_t sensorType, SDRInfo *info);
+TVX_API int getCurrentValue(uint8_t sensorNumber, uint8_t sensorType, SDRInfo *info);
+/* 3: the sensor's critical reaction is set, 2: not set, 1: unknown; 0 without a session or
+   without records of the type. */
+TVX_API int getCriticalReaction(uint8_t sensorNumber, uint8_t sensorType, SDRInfo *info);
+TVX_API int getTemperatureSensorStatus(uint8_t sensorNumber, SDRInfo *info);
+TVX_API int getTemperatureCurrentValue(uint8_t sensorNumber, SDRInfo *info);
+/* which 0: the warning level (upper non-critical), else the critical level. 0 when none. */
+TVX_API int getTemperatureThresholdLevel(uint8_t sensorNumber, SDRInfo *info, int32_t which);
+TVX_API int getFanStatus(uint8_t sensorNumber, SDRInfo *info);
+TVX_API int getFanCurrentSpeed(uint8_t sensorNumber, SDRInfo *info);
+/* The fan's maximum speed as a percentage of its rated speed; 0 when unknown. */
+TVX_API int getFanQuality(uint8_t sensorNumber, SDRInfo *info);
+/* The fan's fail-shutdown delay; -1 when it cannot be read, 0 without a session or fans. */
+TVX_API int getFanFailShutdownDelay(uint8_t sensorNumber, SDRInfo *info);
+/* The status of a power supply status sensor (0xE8); info is not used. */
+TVX_API int getPowerSupplyStatus(uint8_t sensorNumber, SDRInfo *info);
+/* The load of the ordinal-th power supply (from 1); 0 when there is none. */
+TVX_API int getPowerSupplyLoad(uint8_t ordinal, SDRInfo *info);
+/* The normal maximum of the ordinal-th power supply's load sensor; 0 when the status sensor
+   reports the supply not present, or there is none. */
+TVX_API int getPowerSupplyNominal(uint8_t statusSensorNumber, uint8_t ordinal, SDRInfo *info);
+TVX_API int getNormalMax(uint8_t sensorNumber, uint8_t sensorType, SDRInfo *info);
+TVX_API int getVoltStatus(uint8_t sensorNumber, SDRInfo *info);
+TVX_API int getVoltCurrentValue(uint8_t sensorNumber, SDRInfo *info);
+TVX_API int getVoltNominalValue(uint8_t sensorNumber, uint8_t sensorType, SDRInfo *info);
+/* which 0: lower critical, 1: upper critical (0 for any other which or an unreadable
+   threshold); -1 without a session or record. */
+TVX_API int getVoltThresholds(uint8_t sensorNumber, uint8_t sensorType, SDRInfo *info, int32_t which);
+
 /* ---- System event log --------------------------------------------------------------------- */
 
 /* SEL records are the 16-byte IPMI SEL record, passed as a pointer to their first byte. */
@@ -269,6 +414,61 @@ TVX_API char *ipmiInterpretSELEntryUsTextFollowUp(IpmiSession *session, uint8_t 
 TVX_API iESLText ipmiGetiESLSELEntryAsText(IpmiSession *session, uint8_t selector, uint16_t recordId,
         uint8_t p7, uint16_t p8, uint8_t p10, uint8_t p11);
 
+/* ---- Internal event log --------------------------------------------------------------------- */
+
+/* The controller's own log beside the SEL. The meanings of the fields, of the write
+   parameters and of the record are the controller's; the library passes them through. */
+#pragma pack(push, 1)
+/* The log's summary, as the controller sends it; all zero when it could not be read. */
+typedef struct {
+    uint8_t s0;
+    uint8_t s1;
+    uint16_t s2;
+    uint32_t s4;
+    uint8_t s8;
+    uint16_t s9;
+    uint16_t s11;
+    uint16_t s13;
+    uint16_t s15;
+    uint16_t s17;
+    uint16_t s19;
+} iELSummary;
+
+/* One entry; body is a heap buffer (the caller frees it) holding the entry's body from the
+   requested offset to its end. All zero, body NULL, when the entry could not be read. */
+typedef struct {
+    uint16_t e0;
+    uint8_t e2;
+    uint16_t e3;
+    uint32_t e5;
+    uint16_t e9;      /* always 0 */
+    uint8_t *body;
+} iELEntry;
+#pragma pack(pop)
+TVX_STATIC_ASSERT(sizeof(iELSummary) == 21, "iELSummary is 21 bytes");
+TVX_STATIC_ASSERT(sizeof(iELEntry) == 11 + sizeof(uint8_t *), "iELEntry is packed");
+
+TVX_API iELSummary ipmiGetiELInfo(IpmiSession *session);
+/* Reads the body in 50-byte pieces, one request each. */
+TVX_API iELEntry ipmiGetiELEntry(IpmiSession *session, uint16_t entryId, uint16_t offset);
+/* Writes an entry: text (zero-terminated) and the 16 bytes of record. 1 when the request was
+   exchanged, else 0. */
+TVX_API int ipmiWriteiELEntry(IpmiSession *session, uint8_t w4, uint8_t w5, uint8_t w6,
+        const uint8_t *record, const char *text, uint8_t w7);
+/* Clears every entry (all != 0) or the one entry. 1 when the controller accepted it. */
+TVX_API int ipmiCleariELLog(IpmiSession *session, int all, uint16_t entryId);
+
+/* ---- Event notification queue --------------------------------------------------------------- */
+
+/* A watcher (ID > 0) registers with the controller's SEL notification service and then
+   receives one message per event. Register/unregister: 0 when the request was queued, -1
+   otherwise. Receive: flags for msgrcv (0 waits, IPC_NOWAIT does not); type 0 takes the
+   oldest message, a positive type only that watcher's. 1 when a message was received and
+   its values stored (a NULL pointer skips that value), else 0. */
+TVX_API int selNotifyRegisterRemote(int watcherId);
+TVX_API int selNotifyUnregisterRemote(int watcherId);
+TVX_API int selNotifyRecvRemote(int flags, uint8_t *code, uint32_t *value32, uint16_t *value16, long type);
+
 /* ---- Chassis power control and LEDs --------------------------------------------------------- */
 
 /* Each returns 1 when the platform carried the action out, else 0 (0 for a NULL session). */
@@ -296,6 +496,46 @@ TVX_API int ipmiGetIdenLed(IpmiSession *session);
 /* The error LED (system status: 0 OK, 1 warning, 2 critical); 0 when unreadable. */
 TVX_API int ipmiGetErrLed(IpmiSession *session);
 
+/* ---- Chassis and board inventory ------------------------------------------------------------ */
+
+/* Texts from the FRU devices the SDR cache's FRU Device Locators name (system chassis 0x17,
+   system board 0x07). Each field is NULL or a heap copy the record owns; release the whole
+   record with the matching free operation, whatever the getter returned. */
+typedef struct {
+    char *productManufacturer;
+    char *productPartNumber;
+    char *productVersion;
+    char *chassisCustomField;   /* "Unknown" when the chassis area has no custom field */
+    char *chassisSerialNumber;
+    char *chassisPartNumber;
+} ChassisInfo;
+
+typedef struct {
+    char *productName;
+    char *customField;
+    char *serialNumber;
+    char *partNumber;
+    char *manufacturer;
+} BoardInfo;
+
+/* The controller's EEPROM information block, uninterpreted; all zero on failure. */
+typedef struct {
+    uint8_t data[16];
+} EEPROMInfo;
+TVX_STATIC_ASSERT(sizeof(EEPROMInfo) == 16, "EEPROMInfo is 16 bytes");
+
+/* 1 when at least one FRU device with a product area (chassis) or a board area (board) was
+   read, else 0. Every matching device is read; a later device's text replaces an earlier
+   one's. */
+TVX_API int ipmiGetChassisInfo(IpmiSession *session, ChassisInfo *chassisInfo, SDRInfo *sdrInfo);
+TVX_API void ipmiFreeChassisInfo(ChassisInfo *chassisInfo);
+TVX_API int ipmiGetBoardInfo(IpmiSession *session, BoardInfo *boardInfo, SDRInfo *sdrInfo);
+TVX_API void ipmiFreeBoardInfo(BoardInfo *boardInfo);
+/* 1 when the controller reports the host's agent as connected, else 0. */
+TVX_API int ipmiOemAgetConnected(IpmiSession *session);
+/* The EEPROM information block of that index (its low byte is sent). */
+TVX_API EEPROMInfo ipmiGetEEPROMInfo(IpmiSession *session, int index);
+
 /* ---- Configuration-space variables and console log ------------------------------------------ */
 
 #define TVX_VAR_CONSOLE_LOGGING 0x1630u /* ConfConsLoggingEnable: 1 on, 0 off */
@@ -307,6 +547,11 @@ TVX_API int ipmiGetErrLed(IpmiSession *session);
 #define TVX_VAR_SYSTEM_OS       0x020Fu
 #define TVX_VAR_ASSET_TAG       0x0210u
 #define TVX_CONFIG_VALUE_MAX    250u
+/* One value per sensor, indexed by the sensor's ordinal among the full records of its type. */
+#define TVX_VAR_CRITICAL_REACTION             0x0000u /* sensors other than temperatures and fans */
+#define TVX_VAR_FAN_CRITICAL_REACTION         0x0071u /* 1 byte: 0 none, else a reaction */
+#define TVX_VAR_FAN_FAIL_SHUTDOWN_DELAY       0x0072u /* 16 bits */
+#define TVX_VAR_TEMPERATURE_CRITICAL_REACTION 0x0073u /* 1 byte: 0 none, else a reaction */
 
 /* Reads a variable into buffer (at least 255 bytes; not terminated). Returns the value's
    length (0 for an empty value or a NULL session), or -1 on failure. */
@@ -327,6 +572,100 @@ TVX_API int ipmiConsoleLogGetState(IpmiSession *session, uint32_t *state);
 TVX_API int ipmiConsoleLogStart(IpmiSession *session);
 TVX_API int ipmiConsoleLogStop(IpmiSession *session);
 TVX_API int ipmiConsoleLogClear(IpmiSession *session);
+
+/* ---- Memory, PCI and language queries ------------------------------------------------------- */
+
+/* The controller's status and configuration value of a memory module (module index from 0),
+   passed on as the controller sends it; 7 when it cannot be read. The status is 0 when the
+   controller rejects the module number (completion code 0xC9). */
+TVX_API unsigned ipmiGetMemoryModuleStatus(IpmiSession *session, uint8_t module);
+TVX_API unsigned ipmiGetMemoryModuleConfig(IpmiSession *session, uint8_t module);
+/* The controller's memory policy value, or 0xFF when it cannot be read. */
+TVX_API unsigned ipmiGetMemoryPolicy(IpmiSession *session);
+/* Reads a module's SPD image into buffer (zeroed first), 64 bytes per request. 1 when at least
+   one chunk was stored (a later failure leaves the rest zero), else 0. Images are read up to
+   the 64 KiB the request's offset can address. */
+TVX_API int getMemorySPDdata(IpmiSession *session, uint8_t *buffer, unsigned size, uint8_t module);
+/* 1 when the controller's PCI slot table has an entry for slot with a device in it. The walk
+   ends at the end of the table or at an entry too short to read, and after 256 entries at
+   the latest. */
+TVX_API int ipmiGetPciInfo(IpmiSession *session, uint8_t slot);
+/* The languages (LCIDs) the controller holds its texts in, at most 37. With *list NULL the list
+   is allocated (the caller frees it), else the caller's array receives them. Returns their
+   number; when the controller cannot be asked, the list holds 0x0407 alone and 1 is returned.
+   0 for a NULL list pointer or when no list can be allocated. */
+TVX_API int ipmiGetSupportedLanguage(IpmiSession *session, uint16_t **list);
+
+/* ---- Processor getters ---------------------------------------------------------------------- */
+
+/* Processors are named by the sensor number of their SDR processor sensor (presence) and the
+   zero-based socket index (low 8 bits used). Each getter without a session argument opens and
+   closes a session of its own. */
+#define TVX_CPU_RECORD_SIZE 64u
+
+/* 1 when the processor sensor reports anything (or cannot be read), 0 when its state is 0. */
+TVX_API int getCpuPresenceStatus(IpmiSession *session, uint32_t sensorNumber);
+/* Reads the processor record (completion code first) into a TVX_CPU_RECORD_SIZE-byte buffer.
+   1 when it is there; 0 for an absent processor (nothing sent) or a failed request. */
+TVX_API int getCpuInfo(IpmiSession *session, uint8_t *buffer, uint32_t sensorNumber, uint32_t socket);
+/* "Intel", "AMD" or "unknown"; "" when there is no record. Constant text. */
+TVX_API const char *getCpuManufacturerName(uint32_t sensorNumber, uint32_t socket);
+/* The model name copied into buffer as sent, without a terminator (pass a zeroed buffer);
+   returns buffer, or NULL (buffer untouched) when there is none or it is longer than length. */
+TVX_API char *getCpuModelName(char *buffer, uint32_t length, uint32_t sensorNumber, uint32_t socket);
+/* The stepping (0-15), also written into buffer as decimal text; 0 without a record. */
+TVX_API uint32_t getCpuStep(char *buffer, uint32_t length, uint32_t sensorNumber, uint32_t socket);
+/* The processor status code: 2-8 as the controller reports it (mode 0 and other modes ask for
+   two different scales), 1 no session, 2 no answer. */
+TVX_API uint32_t getCpuStatus(uint32_t sensorNumber, uint32_t socket, uint32_t mode);
+/* The current speed; 0 when absent; 0xFFFFFFFF without a record. */
+TVX_API uint32_t getCpuCurrentSpeed(uint32_t sensorNumber, uint32_t socket);
+/* Cores times threads per core; -1 without a record. */
+TVX_API int getCpuNumberLogicals(uint32_t sensorNumber, uint32_t socket);
+/* Cache size of level 1, 2 or 3; 0 for other levels and without a record. */
+TVX_API uint32_t getCpuCacheSize(uint32_t sensorNumber, uint32_t socket, uint32_t level);
+/* Cores, processor family, enabled cores; 0 without a record. */
+TVX_API uint32_t getCpuNumberCores(uint32_t sensorNumber, uint32_t socket);
+TVX_API uint32_t getCpuFamily(uint32_t sensorNumber, uint32_t socket);
+TVX_API uint32_t getCpuEnabledCores(uint32_t sensorNumber, uint32_t socket);
+/* 3 when all of at least two threads per core are enabled; 2 when not (or absent); 1 when
+   there is no session or no record. */
+TVX_API uint32_t getCpuMultithreadingEnabled(uint32_t sensorNumber, uint32_t socket);
+
+/* ---- Memory module getters ------------------------------------------------------------------ */
+
+/* Modules are named by their zero-based index. Each getter without a session argument opens
+   and closes a session of its own. */
+#define TVX_SPD_IMAGE_SIZE 512u
+
+typedef struct {
+    uint32_t frequency; /* as the controller reports it */
+    uint32_t capacity;  /* raw: MB, or with bit 15 set GB in bits 14..0 */
+} MemoryModuleInfo;
+TVX_STATIC_ASSERT(sizeof(MemoryModuleInfo) == 8, "MemoryModuleInfo is 8 bytes");
+
+/* The highest module index the controller reports, in the caller's session; 0 on failure. */
+TVX_API unsigned getMemoryMaxIndex(IpmiSession *session);
+/* 1 with *info filled; 0 with *info untouched. */
+TVX_API int getMemoryModuleInfo(uint8_t module, MemoryModuleInfo *info);
+/* Capacity in MB; frequency as reported. 0xFFFFFFFF when the module info cannot be read. */
+TVX_API uint32_t getMemoryModuleCapacity(uint8_t module);
+TVX_API uint32_t getMemoryModuleFrequency(uint8_t module);
+/* Memory status code: 2-7 and 11 from the controller's value, 1 unknown or no session. */
+TVX_API uint32_t getMemoryModuleStatus(uint8_t module);
+/* 3 approved, 2 not approved, 1 unknown. */
+TVX_API uint32_t getMemoryModuleApprovedStatus(uint8_t module);
+/* The controller's configuration value plus 2 (modulo 256); 1 when unknown. */
+TVX_API uint32_t getMemoryModuleConfig(uint8_t module);
+/* From the module's SPD image (read anew each call) through the decode-utility library:
+   the module type (constant text of that library, also copied into buffer); "DEVICE / MODULE"
+   in buffer (returns buffer); the DDR frequency class (-1 without SPD data); the voltage
+   interface in buffer (returns buffer). NULL when there is no session, no SPD data or no text.
+   Texts are copied with at most length bytes, the terminator included when it fits. */
+TVX_API const char *getMemoryModuleForm(char *buffer, uint32_t length, uint8_t module);
+TVX_API char *getMemoryModuleType(char *buffer, uint32_t length, uint8_t module);
+TVX_API int getMemoryModuleMaxFrequency(uint8_t module);
+TVX_API char *getMemoryModuleVoltInterface(char *buffer, uint32_t length, uint8_t module);
 
 /* ---- LAN parameters ----------------------------------------------------------------------- */
 

@@ -16,7 +16,8 @@ std::span<const Subsystem> Controller::standardSubsystems()
     static const Subsystem all[] = {kAppSubsystem,       kChassisSubsystem,       kConfigSpaceSubsystem,
                                     kLanSubsystem,       kSdrRepositorySubsystem, kSensorSubsystem,
                                     kComponentSubsystem, kSelSubsystem,           kFruSubsystem,
-                                    kIpmbSubsystem};
+                                    kProcessorSubsystem, kMemorySubsystem,        kPlatformInfoSubsystem, kFanSubsystem,
+                                    kInventorySubsystem,  kIelSubsystem,        kIpmbSubsystem};
     return all;
 }
 
@@ -112,26 +113,29 @@ void Controller::dispatchOem(Context &ctx, const Request &req, Response &rsp)
         finish(inner);
         return;
     }
-    if (auto subs = oemSubHandlers_.find(req.command); subs != oemSubHandlers_.end()) {
-        // The first byte selects the sub-function; its handler sees what follows.
-        const uint8_t selector = in.u8();
-        if (!in.ok()) {
+    auto whole = oemHandlers_.find(req.command);
+    auto subs = oemSubHandlers_.find(req.command);
+    // A command whose first byte is a sub-function: that sub-function's handler sees what
+    // follows. Bytes no sub-function claims go to the command's own handler, if it has one.
+    wire::Reader peek = in;
+    const uint8_t selector = peek.u8();
+    if (subs != oemSubHandlers_.end() && (whole == oemHandlers_.end() || (peek.ok() && subs->second.count(selector)))) {
+        if (!peek.ok()) {
             inner.fail(cc::kRequestLengthInvalid);
         } else if (auto h = subs->second.find(selector); h == subs->second.end()) {
             inner.fail(cc::kInvalidCommand);
         } else {
-            Request sub{req.netFn, req.lun, req.command, in.rest().span()};
+            Request sub{req.netFn, req.lun, req.command, peek.rest().span()};
             h->second(ctx, sub, inner);
         }
         finish(inner);
         return;
     }
-    auto it = oemHandlers_.find(req.command);
-    if (it == oemHandlers_.end()) {
+    if (whole == oemHandlers_.end()) {
         inner.fail(cc::kInvalidCommand);
     } else {
         Request sub{req.netFn, req.lun, req.command, in.rest().span()};
-        it->second(ctx, sub, inner);
+        whole->second(ctx, sub, inner);
     }
     finish(inner);
 }

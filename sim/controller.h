@@ -107,7 +107,7 @@ public:
     // An OEM/Group command whose first byte after the IANA number selects a sub-function:
     // the handler sees the bytes after that selector. A command without any handler for its
     // sub-function answers 0xC1 (with the IANA number), one without selector byte 0xC7.
-    // Registering sub-functions takes over the command from onOem.
+    // A command with both keeps its onOem handler for the bytes no sub-function claims.
     void onOemSub(uint8_t command, uint8_t sub, Handler h);
 
     // Runs a host-side control (not a request) on the machine's state, serialized like a
@@ -169,11 +169,17 @@ extern const Subsystem kAppSubsystem;
 extern const Subsystem kSdrRepositorySubsystem;
 extern const Subsystem kSensorSubsystem;
 extern const Subsystem kComponentSubsystem;
+extern const Subsystem kFanSubsystem;
 extern const Subsystem kChassisSubsystem;
 extern const Subsystem kConfigSpaceSubsystem;
 extern const Subsystem kLanSubsystem;
 extern const Subsystem kSelSubsystem;
 extern const Subsystem kFruSubsystem;
 extern const Subsystem kIpmbSubsystem;
+extern const Subsystem kProcessorSubsystem;
+extern const Subsystem kMemorySubsystem;
+extern const Subsystem kPlatformInfoSubsystem;
+extern const Subsystem kInventorySubsystem; // host agent, EEPROM information
+extern const Subsystem kIelSubsystem;       // the internal event log
 
 } // namespace tvxsim

@@ -326,7 +326,8 @@ Profile parseProfile(const std::string &text, const std::string &displayName)
     }
     Node root = p.root();
     root.allowOnly({"description", "controller", "faults", "sdr", "sensors", "fru_locators", "mc_locators",
-                    "components", "chassis", "leds", "config_space", "console", "lan", "sel", "event_texts", "fru",
+                    "components", "fan_speed_limits", "chassis", "leds", "config_space", "console", "lan", "sel", "event_texts", "fru",
+                    "processors", "memory", "pci_slots", "languages", "iel", "host_agent", "eeprom_info",
                     "satellites"});
     if (auto d = root.find("description")) p.description = d->string();
     Node controller = root.at("controller");

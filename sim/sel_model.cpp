@@ -692,4 +692,6 @@ int16_t Log::utcOffset() const
 
 void Log::setUtcOffset(int16_t minutes) { (*sel_)["utc_offset"] = minutes; }
 
+uint32_t parseProfileTime(const Node &n) { return parseTime(n); }
+
 } // namespace tvxsim::sel

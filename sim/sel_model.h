@@ -122,6 +122,9 @@ struct Model {
 // naming the file and the JSON pointer of what is wrong.
 Model parseModel(const Profile &profile);
 
+// A time in a profile: "2026-11-16T21:45:12Z" (UTC) or seconds since 1970.
+uint32_t parseProfileTime(const Node &n);
+
 // The message text of an entry with its parameters in place of %1..%8.
 std::string compose(const std::string &text, const std::vector<std::string> &parameters);
 

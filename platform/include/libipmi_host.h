@@ -278,6 +278,11 @@ IPMIHOST_API int ipmihost_lan_drop_connections(void);
 IPMIHOST_API uint64_t ipmihost_request_count(void);
 IPMIHOST_API void ipmihost_reset_request_count(void);
 
+/* Sessions opened (LIBIPMI_Create_IPMI_Local_Session_Ext succeeded) through any transport
+   since the last ipmihost_reset_session_count. */
+IPMIHOST_API uint64_t ipmihost_session_count(void);
+IPMIHOST_API void ipmihost_reset_session_count(void);
+
 #ifdef __cplusplus
 }
 #endif

@@ -79,8 +79,9 @@ public:
 class Target {
 public:
     virtual ~Target() = default;
-    // Opens a link for a new session, or returns a non-zero status.
-    virtual uint16_t open(const OpenCall &call, std::unique_ptr<Link> &link) = 0;
+    // Opens a link for a new session, or returns a non-zero status. A link without state of
+    // its own may serve several sessions.
+    virtual uint16_t open(const OpenCall &call, std::shared_ptr<Link> &link) = 0;
     virtual std::string describe() const = 0;
     // A close of a handle that has no link.
     virtual void noteClose(IpmiSession *, uint16_t) {}

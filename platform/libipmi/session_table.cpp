@@ -1,12 +1,22 @@
 // Sessions: the caller's 36-byte block is only a key. The platform writes nothing into it;
 // what a session needs (its link to the controller) lives in this table.
-#include <map>
+//
+// A program holds few sessions at a time (an agent getter opens and closes one per call), so
+// the table is a short list of slots searched from the front. A closed session's slot is
+// reused and slots never move, so opening and closing a session allocates nothing once the
+// table has as many slots as sessions were ever open at once, and a session's data stays
+// where dataFor found it until the session is closed.
+#include <atomic>
 #include <mutex>
+#include <vector>
 
 #include "internal.h"
+#include "libipmi_host.h"
 
 namespace libipmi {
 namespace {
+
+std::atomic<uint64_t> gOpened{0}; // sessions opened, for the host's counts
 
 std::mutex &tableMutex()
 {
@@ -15,51 +25,59 @@ std::mutex &tableMutex()
 }
 
 struct Entry {
+    const IpmiSession *session = nullptr;
     std::shared_ptr<Link> link;
     SessionData data;
 };
 
-std::map<const IpmiSession *, Entry> &table()
+std::vector<std::unique_ptr<Entry>> &table()
 {
-    static std::map<const IpmiSession *, Entry> t;
+    static std::vector<std::unique_ptr<Entry>> t;
     return t;
 }
+
+// The entry of a session, or of no session (a free slot), or nullptr. The caller holds the lock.
+Entry *slotOf(const IpmiSession *session)
+{
+    for (const auto &e : table())
+        if (e->session == session) return e.get();
+    return nullptr;
+}
+Entry *find(const IpmiSession *session) { return session ? slotOf(session) : nullptr; }
 
 } // namespace
 
 std::shared_ptr<Link> linkFor(IpmiSession *session)
 {
     std::lock_guard<std::mutex> g(tableMutex());
-    auto it = table().find(session);
-    return it == table().end() ? nullptr : it->second.link;
+    Entry *e = find(session);
+    return e ? e->link : nullptr;
 }
 
 void rememberSdrAllocInfo(IpmiSession *session, const SdrRepositoryAllocInfo &info)
 {
     std::lock_guard<std::mutex> g(tableMutex());
-    auto it = table().find(session);
-    if (it != table().end()) it->second.data.sdrAllocInfo = info;
+    if (Entry *e = find(session)) e->data.sdrAllocInfo = info;
 }
 
 void forgetSdrAllocInfo(IpmiSession *session)
 {
     std::lock_guard<std::mutex> g(tableMutex());
-    auto it = table().find(session);
-    if (it != table().end()) it->second.data.sdrAllocInfo.reset();
+    if (Entry *e = find(session)) e->data.sdrAllocInfo.reset();
 }
 
 std::optional<SdrRepositoryAllocInfo> cachedSdrAllocInfo(IpmiSession *session)
 {
     std::lock_guard<std::mutex> g(tableMutex());
-    auto it = table().find(session);
-    return it == table().end() ? std::nullopt : it->second.data.sdrAllocInfo;
+    Entry *e = find(session);
+    return e ? e->data.sdrAllocInfo : std::nullopt;
 }
 
 SessionData *dataFor(IpmiSession *session)
 {
     std::lock_guard<std::mutex> g(tableMutex());
-    auto it = table().find(session);
-    return it == table().end() ? nullptr : &it->second.data;
+    Entry *e = find(session);
+    return e ? &e->data : nullptr;
 }
 
 } // namespace libipmi
@@ -75,25 +93,36 @@ extern "C" uint16_t LIBIPMI_Create_IPMI_Local_Session_Ext(IpmiSession *session, 
     uint16_t status = LIBIPMI_STATUS_OK;
     std::shared_ptr<Target> target = currentTarget(status);
     if (!target) return status;
-    std::unique_ptr<Link> link;
+    std::shared_ptr<Link> link;
     status = target->open(call, link);
     if (status != LIBIPMI_STATUS_OK) return status;
     std::lock_guard<std::mutex> g(tableMutex());
-    Entry &slot = table()[session];
-    if (slot.link) slot.link->close(); // the block was reused without a close: drop the old link
-    slot = Entry{std::move(link), SessionData{}};
+    Entry *slot = find(session);
+    if (slot) {
+        slot->link->close(); // the block was reused without a close: drop the old link
+        slot->data = SessionData{};
+    } else if (!(slot = slotOf(nullptr))) {
+        slot = table().emplace_back(std::make_unique<Entry>()).get();
+    }
+    slot->session = session;
+    slot->link = std::move(link);
+    gOpened.fetch_add(1, std::memory_order_relaxed);
     return LIBIPMI_STATUS_OK;
 }
+
+extern "C" uint64_t ipmihost_session_count(void) { return gOpened.load(std::memory_order_relaxed); }
+
+extern "C" void ipmihost_reset_session_count(void) { gOpened.store(0, std::memory_order_relaxed); }
 
 extern "C" uint16_t LIBIPMI_CloseSession(IpmiSession *session)
 {
     std::shared_ptr<Link> link;
     {
         std::lock_guard<std::mutex> g(tableMutex());
-        auto it = table().find(session);
-        if (it != table().end()) {
-            link = std::move(it->second.link);
-            table().erase(it);
+        if (Entry *e = find(session)) {
+            link = std::move(e->link);
+            e->session = nullptr;
+            e->data = SessionData{}; // what the session handed out is released with it
         }
     }
     if (!link) {

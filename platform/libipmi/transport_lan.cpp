@@ -114,7 +114,7 @@ public:
     explicit LanTarget(Config config) : config_(std::move(config)) {}
     ~LanTarget() override { dropIdle(false); }
 
-    uint16_t open(const OpenCall &call, std::unique_ptr<Link> &link) override;
+    uint16_t open(const OpenCall &call, std::shared_ptr<Link> &link) override;
     std::string describe() const override { return config_.describe(); }
 
     // Establishes a new connection (an RMCP+ handshake), or returns null with the status.
@@ -324,7 +324,7 @@ private:
     std::unique_ptr<Connection> conn_;
 };
 
-uint16_t LanTarget::open(const OpenCall &, std::unique_ptr<Link> &link)
+uint16_t LanTarget::open(const OpenCall &, std::shared_ptr<Link> &link)
 {
     // The credentials and privilege are the target's: the library opens its sessions as a
     // local program would, with no password.
@@ -332,7 +332,7 @@ uint16_t LanTarget::open(const OpenCall &, std::unique_ptr<Link> &link)
         uint16_t status = 0;
         std::unique_ptr<Connection> conn = establish(status);
         if (!conn) return status;
-        link = std::make_unique<DedicatedLink>(shared_from_this(), std::move(conn));
+        link = std::make_shared<DedicatedLink>(shared_from_this(), std::move(conn));
         return LIBIPMI_STATUS_OK;
     }
     if (!hasIdle()) {
@@ -341,7 +341,7 @@ uint16_t LanTarget::open(const OpenCall &, std::unique_ptr<Link> &link)
         if (!conn) return status;
         giveBack(std::move(conn));
     }
-    link = std::make_unique<PooledLink>(shared_from_this());
+    link = std::make_shared<PooledLink>(shared_from_this());
     return LIBIPMI_STATUS_OK;
 }
 

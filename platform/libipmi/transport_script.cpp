@@ -130,7 +130,7 @@ private:
 
 class ScriptTarget : public Target {
 public:
-    uint16_t open(const OpenCall &call, std::unique_ptr<Link> &link) override
+    uint16_t open(const OpenCall &call, std::shared_ptr<Link> &link) override
     {
         Script &s = script();
         std::lock_guard<std::mutex> g(s.mutex);
@@ -155,7 +155,7 @@ public:
         r.call.arg9 = call.arg9;
         r.call.arg10 = call.arg10;
         if (newPriv >= 0 && newPriv <= 255 && call.privLevel) *call.privLevel = static_cast<uint8_t>(newPriv);
-        if (status == LIBIPMI_STATUS_OK) link = std::make_unique<ScriptLink>(call.session);
+        if (status == LIBIPMI_STATUS_OK) link = std::make_shared<ScriptLink>(call.session);
         return status;
     }
 

@@ -39,11 +39,15 @@ private:
 
 class SimTarget : public Target {
 public:
-    explicit SimTarget(std::shared_ptr<tvxsim::Controller> c) : controller_(std::move(c)) {}
-
-    uint16_t open(const OpenCall &, std::unique_ptr<Link> &link) override
+    explicit SimTarget(std::shared_ptr<tvxsim::Controller> c)
+        : controller_(std::move(c)), link_(std::make_shared<SimLink>(controller_))
     {
-        link = std::make_unique<SimLink>(controller_);
+    }
+
+    // Sessions of an in-process controller have no state of their own: they share one link.
+    uint16_t open(const OpenCall &, std::shared_ptr<Link> &link) override
+    {
+        link = link_;
         return LIBIPMI_STATUS_OK;
     }
 
@@ -57,6 +61,7 @@ public:
 
 private:
     std::shared_ptr<tvxsim::Controller> controller_;
+    std::shared_ptr<Link> link_;
 };
 
 SimTarget *currentSim() { return currentTargetAs<SimTarget>("a virtual controller"); }

@@ -33,6 +33,8 @@ inline nlohmann::json generatedRepository(const std::string &machinesDir, int co
     profile.erase("fru_locators");
     profile.erase("mc_locators");
     profile.erase("components");
+    profile.erase("processors"); // their presence sensors are gone
+    profile.erase("fan_speed_limits");
     profile["sdr"]["allocation_units"] = 8192;
     return profile;
 }

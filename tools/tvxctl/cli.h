@@ -101,5 +101,17 @@ int cmdLan(const Options &, const std::vector<std::string> &);
 int cmdConfig(const Options &, const std::vector<std::string> &);
 int cmdConsoleLog(const Options &, const std::vector<std::string> &);
 int cmdFru(const Options &, const std::vector<std::string> &);
+int cmdCpu(const Options &, const std::vector<std::string> &);
+int cmdMemory(const Options &, const std::vector<std::string> &);
+int cmdPci(const Options &, const std::vector<std::string> &);
+int cmdLanguages(const Options &, const std::vector<std::string> &);
+int cmdSensor(const Options &, const std::vector<std::string> &);
+int cmdSdrQuery(const Options &, const std::vector<std::string> &);
+int cmdAgent(const Options &, const std::vector<std::string> &);
+int cmdIel(const Options &, const std::vector<std::string> &);
+// sel watch: the words after "watch"; asText for --text (taken by sel itself).
+int cmdSelWatch(const Options &, const std::vector<std::string> &args, bool asText);
+// fru: the chassis and board summary (printed after the devices, or alone by "fru summary").
+int cmdFruSummary(const Options &, IpmiSession *session);
 
 } // namespace tvxctl

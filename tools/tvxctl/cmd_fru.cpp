@@ -170,6 +170,7 @@ int cmdFru(const Options &opt, const std::vector<std::string> &args)
 {
     if (args.size() > 1) throw Failure{kExitUsage, "fru takes at most one FRU device ID"};
     Session session;
+    if (args.size() == 1 && args[0] == "summary") return cmdFruSummary(opt, session.get());
     std::vector<Device> devices;
     if (args.size() == 1) {
         uint8_t id;
@@ -236,6 +237,7 @@ int cmdFru(const Options &opt, const std::vector<std::string> &args)
                    {"fru_file_id", "FRU File ID"}});
         std::printf("\n");
     }
+    if (args.empty()) cmdFruSummary(opt, session.get());
     return failed ? kExitFailed : kExitOk;
 }
 

@@ -162,7 +162,7 @@ Row describe(const Session &session, wire::View rec)
 
 int cmdSdr(const Options &opt, const std::vector<std::string> &args)
 {
-    if (!args.empty()) throw Failure{kExitUsage, "sdr takes no arguments"};
+    if (!args.empty()) return cmdSdrQuery(opt, args);
     Session session;
     SDRInfo info;
     std::memset(&info, 0, sizeof info);

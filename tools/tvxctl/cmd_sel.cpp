@@ -291,6 +291,8 @@ int cmdSel(const Options &opt, const std::vector<std::string> &words)
 {
     Args args(words);
     bool asText = args.flag("--text");
+    if (args.size() > 0 && args[0] == "watch")
+        return cmdSelWatch(opt, std::vector<std::string>(args.words().begin() + 1, args.words().end()), asText);
     if (args.size() > 0 && args[0] == "info") {
         if (args.size() != 1) throw Failure{kExitUsage, "sel info takes no arguments"};
         return info(opt);

@@ -1,0 +1,237 @@
+// The agent's sensor getters: one agent pass is every sensor getter of the library for every
+// sensor of the default machine, called as the agent calls them (tvxctl agent sensors runs
+// the same pass). Measured in-process against the virtual controller, and over LAN against
+// ipmi_sim with and without the connection pool, beside one `ipmitool sensor` run on the
+// same simulator. Each benchmark reports the requests sent and the sessions opened; one
+// benchmark per getter reports them per call.
+//
+//   build/bench/bench/agent_bench                       the benchmarks
+//   build/bench/bench/agent_bench --passes=N            N passes in-process, nothing else
+//                                                       (for callgrind: bench/agent_callgrind.sh)
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <spawn.h>
+#include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "agent_pass.h"
+#include "libipmi_host.h"
+#include "peer.h"
+#include "scratch_machine.h"
+#include "tvx_toipmi.h"
+
+extern char **environ;
+
+namespace {
+
+using tvxctl::AgentSensor;
+
+nlohmann::json defaultProfile()
+{
+    std::ifstream in(std::string(TVX_MACHINES_DIR) + "/default.json");
+    return nlohmann::json::parse(in);
+}
+
+// The SDR cache of the selected controller and the sensors the agent publishes.
+struct Machine {
+    SDRInfo info{};
+    std::vector<AgentSensor> sensors;
+    explicit Machine(IpmiSession *s)
+    {
+        if (getSDRInfo(s, &info) != 1) std::abort();
+        sensors = tvxctl::agentSensors(&info);
+    }
+    ~Machine() { freeSDRInfo(&info); }
+    Machine(const Machine &) = delete;
+    Machine &operator=(const Machine &) = delete;
+};
+
+int pass(Machine &m)
+{
+    int sum = 0;
+    for (const AgentSensor &s : m.sensors)
+        for (const tvxctl::AgentGetter &g : tvxctl::agentGetters(s.kind)) sum += g.run(s, &m.info);
+    return sum;
+}
+
+std::size_t calls(const Machine &m)
+{
+    std::size_t n = 0;
+    for (const AgentSensor &s : m.sensors) n += tvxctl::agentGetters(s.kind).size();
+    return n;
+}
+
+void countPerIteration(benchmark::State &state, uint64_t requests, uint64_t sessions)
+{
+    using benchmark::Counter;
+    state.counters["requests/iter"] = Counter(static_cast<double>(requests), Counter::kAvgIterations);
+    state.counters["sessions/iter"] = Counter(static_cast<double>(sessions), Counter::kAvgIterations);
+}
+
+void BM_AgentPass_InProcess(benchmark::State &state)
+{
+    ScratchMachine machine(defaultProfile());
+    Machine m(machine.session());
+    ipmihost_reset_request_count();
+    ipmihost_reset_session_count();
+    for (auto _ : state) benchmark::DoNotOptimize(pass(m));
+    countPerIteration(state, ipmihost_request_count(), ipmihost_session_count());
+    state.counters["sensors"] = static_cast<double>(m.sensors.size());
+    state.counters["getter_calls"] = static_cast<double>(calls(m));
+}
+
+tvxsim::ipmisim::Peer &peer();
+
+// One getter for every sensor it applies to, per call: in-process, or over LAN with the pool.
+void BM_Getter(benchmark::State &state, std::string call, bool lan)
+{
+    std::unique_ptr<ScratchMachine> machine;
+    if (lan && ipmihost_select_target(peer().target().c_str(), nullptr) != 0) std::abort();
+    if (!lan) machine = std::make_unique<ScratchMachine>(defaultProfile());
+    IpmiSession *s = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
+    {
+        Machine m(s);
+        ipmiHelperCloseSession(&s);
+        std::vector<std::pair<const AgentSensor *, const tvxctl::AgentGetter *>> targets;
+        for (const AgentSensor &sensor : m.sensors)
+            for (const tvxctl::AgentGetter &g : tvxctl::agentGetters(sensor.kind))
+                if (call == g.call) targets.emplace_back(&sensor, &g);
+        ipmihost_reset_request_count();
+        ipmihost_reset_session_count();
+        for (auto _ : state)
+            for (auto [sensor, g] : targets) benchmark::DoNotOptimize(g->run(*sensor, &m.info));
+        const double n = static_cast<double>(state.iterations() * targets.size());
+        state.counters["requests/call"] = static_cast<double>(ipmihost_request_count()) / n;
+        state.counters["sessions/call"] = static_cast<double>(ipmihost_session_count()) / n;
+        state.counters["sensors"] = static_cast<double>(targets.size());
+        state.SetItemsProcessed(static_cast<int64_t>(n));
+    }
+    ipmihost_select_default();
+}
+
+// ---- Over LAN, against ipmi_sim ------------------------------------------------------------------
+
+tvxsim::ipmisim::Peer &peer()
+{
+    static std::unique_ptr<tvxsim::ipmisim::Peer> made = [] {
+        std::string work = TVX_BENCH_WORK;
+        ::mkdir(work.c_str(), 0700);
+        tvxsim::ipmisim::PeerOptions o;
+        o.profilePath = std::string(TVX_MACHINES_DIR) + "/default.json";
+        o.modulePath = TVX_IPMI_SIM_MODULE;
+        o.workDir = work + "/agent-sim";
+        return std::make_unique<tvxsim::ipmisim::Peer>(o);
+    }();
+    return *made;
+}
+
+void BM_AgentPass_Lan(benchmark::State &state)
+{
+    if (ipmihost_select_target(peer().target(state.range(0) ? "" : "&pool=0").c_str(), nullptr) != 0) std::abort();
+    IpmiSession *s = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
+    {
+        Machine m(s);
+        ipmiHelperCloseSession(&s);
+        ipmihost_lan_statistics before{};
+        ipmihost_lan_stats(&before);
+        ipmihost_reset_request_count();
+        ipmihost_reset_session_count();
+        for (auto _ : state) benchmark::DoNotOptimize(pass(m));
+        countPerIteration(state, ipmihost_request_count(), ipmihost_session_count());
+        ipmihost_lan_statistics after{};
+        ipmihost_lan_stats(&after);
+        state.counters["handshakes/iter"] = benchmark::Counter(
+            static_cast<double>(after.handshakes - before.handshakes), benchmark::Counter::kAvgIterations);
+    }
+    ipmihost_select_default();
+}
+
+// The same sensors' readings, statuses and thresholds as one `ipmitool sensor` process shows them.
+void BM_Ipmitool_Sensor(benchmark::State &state)
+{
+    const auto &p = peer();
+    std::vector<std::string> args = {
+        "ipmitool", "-I",    "lanplus", "-H",     "127.0.0.1", "-p", std::to_string(p.port()),
+        "-U",       "admin", "-P",      "secret", "-C",        "3",  "sensor"};
+    std::vector<char *> argv;
+    for (auto &a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    for (auto _ : state) {
+        posix_spawn_file_actions_t fa;
+        posix_spawn_file_actions_init(&fa);
+        posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
+        posix_spawn_file_actions_addopen(&fa, 2, "/dev/null", O_WRONLY, 0);
+        pid_t pid;
+        int status = 0;
+        if (posix_spawnp(&pid, argv[0], &fa, nullptr, argv.data(), environ) != 0 || waitpid(pid, &status, 0) != pid ||
+            !WIFEXITED(status) || WEXITSTATUS(status) != 0)
+            state.SkipWithError("ipmitool sensor failed");
+        posix_spawn_file_actions_destroy(&fa);
+    }
+}
+
+// The passes callgrind counts (bench/agent_callgrind.sh collects inside this function only).
+__attribute__((noinline)) void agentPasses(Machine &m, int n)
+{
+    for (int i = 0; i < n; ++i) benchmark::DoNotOptimize(pass(m));
+}
+
+// --passes=N: N agent passes in-process and nothing else, for an instruction count. Prints
+// the requests and sessions of the passes.
+int passesOnly(int n)
+{
+    ScratchMachine machine(defaultProfile());
+    Machine m(machine.session());
+    ipmihost_reset_request_count();
+    ipmihost_reset_session_count();
+    agentPasses(m, n);
+    std::printf("passes %d requests %llu sessions %llu getter_calls %zu\n", n,
+                static_cast<unsigned long long>(ipmihost_request_count()),
+                static_cast<unsigned long long>(ipmihost_session_count()), calls(m) * static_cast<std::size_t>(n));
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    if (argc == 2 && std::strncmp(argv[1], "--passes=", 9) == 0) return passesOnly(std::atoi(argv[1] + 9));
+    benchmark::RegisterBenchmark("BM_AgentPass_InProcess", BM_AgentPass_InProcess)->Unit(benchmark::kMicrosecond);
+    {
+        // One benchmark per getter, in the order the pass calls them.
+        ScratchMachine machine(defaultProfile());
+        Machine m(machine.session());
+        std::vector<std::string> seen;
+        for (const AgentSensor &s : m.sensors)
+            for (const tvxctl::AgentGetter &g : tvxctl::agentGetters(s.kind))
+                if (std::find(seen.begin(), seen.end(), g.call) == seen.end()) seen.push_back(g.call);
+        for (bool lan : {false, true})
+            for (const std::string &call : seen)
+                benchmark::RegisterBenchmark((std::string(lan ? "BM_GetterLan/" : "BM_Getter/") + call).c_str(),
+                                             BM_Getter, call, lan)
+                    ->Unit(benchmark::kMicrosecond);
+    }
+    benchmark::RegisterBenchmark("BM_AgentPass_Lan", BM_AgentPass_Lan)
+        ->ArgName("pool")
+        ->Arg(1)
+        ->Arg(0)
+        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("BM_Ipmitool_Sensor", BM_Ipmitool_Sensor)
+        ->Unit(benchmark::kMillisecond)
+        ->Iterations(10);
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

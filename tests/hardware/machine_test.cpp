@@ -1,0 +1,168 @@
+// The virtual controller's processors, memory, PCI slots and languages: its answers and
+// refusals, the profile mistakes it names, and tvxctl showing the default machine.
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "controller.h"
+#include "scratch.h"
+#include "tvxctl_runner.h"
+
+namespace {
+
+using nlohmann::json;
+using Bytes = std::vector<uint8_t>;
+
+json hardwareProfile()
+{
+    json p = tvxtest::baseProfile();
+    p["sensors"] = json::parse(R"([
+      {"record": "compact", "number": "0x38", "name": "CPU1", "entity": 3, "instance": 1, "type": 7,
+       "event_reading_type": "0x6F", "state": "0x0080"},
+      {"record": "compact", "number": "0x39", "name": "CPU2", "entity": 3, "instance": 2, "type": 7,
+       "event_reading_type": "0x6F", "state": "0x0000"}])");
+    p["processors"] = json::parse(R"([
+      {"socket": "CPU1", "sensor": "0x38", "manufacturer": "AMD", "model": "EPYC 9124", "signature": "0x00A10F11",
+       "family": "0x6B", "speed_mhz": {"current": 3000}, "cache_kb": {"l3": 32768}, "cores": 16},
+      {"socket": "CPU2", "sensor": "0x39", "present": false}])");
+    p["memory"] = json::parse(R"({"policy": 1, "modules": [
+      {"slot": "A1", "frequency": 4800, "capacity_mb": 65536, "spd": "12 00 0a"}, {"slot": "A2", "empty": true}]})");
+    return p;
+}
+
+Bytes answer(tvxsim::Controller &c, uint8_t command, const Bytes &data)
+{
+    Bytes request = {0xD9, 0x7E, 0x00};
+    request.insert(request.end(), data.begin(), data.end());
+    return c.handle(0x2E, 0, command, request).bytes;
+}
+
+TEST(HardwareController, AnswersAndRefusals)
+{
+    tvxsim::Controller c(tvxsim::parseProfile(hardwareProfile().dump(), "hw.json"), "");
+    const struct {
+        uint8_t command;
+        Bytes data;
+        Bytes answer; // after the IANA echo; a lone byte is the completion code
+    } cases[] = {
+        {0xF5, {0x4B, 2}, {0xC9}},
+        {0xF1, {0x15, 1}, {0xCB}},
+        {0xF1, {0x18, 1}, {0xCB}},
+        {0xF1, {0x31, 0x81, 0, 1, 0, 64, 0}, {0x00, 0x00, 0x0A}},
+        {0xF1, {0x31, 0x81, 0, 3, 0, 64, 0}, {0xC9}},
+        {0xF1, {0x1A, 1, 0}, {0xC1}}, // no PCI table in this machine
+        {0xF1, {0x13}, {0xC7}},
+    };
+    for (const auto &x : cases) {
+        SCOPED_TRACE(testing::PrintToString(x.data));
+        Bytes got = answer(c, x.command, x.data);
+        ASSERT_GE(got.size(), 4u);
+        Bytes payload(got.begin() + 4, got.end());
+        payload.insert(payload.begin(), got[0]);
+        EXPECT_EQ(payload, x.answer);
+    }
+}
+
+TEST(HardwareController, ProfileMistakesAreNamed)
+{
+    const struct {
+        const char *pointer;
+        json value;
+        const char *message;
+    } cases[] = {
+        {"/processors/1/present", true, "/processors/1/sensor: the sensor's state lacks the presence bit"},
+        {"/memory/modules/0/capacity_mb", 40000, "/memory/modules/0/capacity_mb: a capacity of 32768 MB or more"},
+        {"/memory/modules/1/spd", "00", "/memory/modules/1/spd: an empty slot holds no module"},
+        {"/memory/modules/0/spd", json{{"file", "missing.bin"}}, "/memory/modules/0/spd/file: missing.bin: cannot read"},
+    };
+    for (const auto &x : cases) {
+        json p = hardwareProfile();
+        p[json::json_pointer(x.pointer)] = x.value;
+        try {
+            tvxsim::Controller c(tvxsim::parseProfile(p.dump(), "hw.json"), "");
+            ADD_FAILURE() << "accepted " << x.pointer;
+        } catch (const tvxsim::ProfileError &e) {
+            EXPECT_EQ(std::string(e.what()).rfind(std::string("hw.json: ") + x.message, 0), 0u) << e.what();
+        }
+    }
+}
+
+class HardwareCli : public testing::Test {
+protected:
+    json run(const std::vector<std::string> &args)
+    {
+        std::vector<std::string> all = {"--json"};
+        all.insert(all.end(), args.begin(), args.end());
+        tvxtest::Outcome r = tvxtest::runTvxctl(TVXCTL_PATH, scratch_.path(), all);
+        EXPECT_EQ(r.code, 0) << r;
+        return r.code == 0 ? json::parse(r.out) : json();
+    }
+    tvxtest::TempDir scratch_;
+};
+
+TEST_F(HardwareCli, DefaultMachine)
+{
+    json cpus = run({"cpu"});
+    ASSERT_EQ(cpus.size(), 2u);
+    EXPECT_EQ(cpus[1]["sensor"], 0x39);
+    EXPECT_EQ(cpus[1]["model"], "Intel(R) Xeon(R) Gold 6426Y");
+    EXPECT_EQ(cpus[1]["stepping"], 8);
+    EXPECT_EQ(cpus[1]["logical_processors"], 32);
+    EXPECT_EQ(cpus[1]["cache"]["l3"], 38400);
+
+    json memory = run({"memory"});
+    EXPECT_EQ(memory["max_index"], 15);
+    ASSERT_EQ(memory["modules"].size(), 16u);
+    EXPECT_EQ(memory["modules"][0]["status_meaning"], "prefailure warning");
+    EXPECT_EQ(memory["modules"][15]["name"], "DIMM-2H");
+    EXPECT_EQ(memory["modules"][2]["frequency"], 4800);
+    EXPECT_EQ(memory["modules"][3]["capacity_mb"], nullptr);
+    EXPECT_EQ(memory["modules"][14]["approval_meaning"], "not approved");
+    EXPECT_EQ(memory["modules"][2]["type"], "DDR5 SDRAM / RDIMM");
+    EXPECT_EQ(memory["modules"][2]["voltage_interface"], "1.1 V");
+
+    json spd = run({"memory", "spd", "0"});
+    EXPECT_EQ(spd["size_mb"], 32768);
+    EXPECT_EQ(spd["part_number"], "M321R4GA0BB0-CQK");
+    EXPECT_EQ(spd["crc"]["result"].get<std::string>().rfind("OK", 0), 0u);
+
+    json pci = run({"pci"});
+    ASSERT_EQ(pci["entries"].size(), 6u);
+    EXPECT_EQ(pci["slots"][0], json({{"slot", 1}, {"occupied", true}}));
+    EXPECT_EQ(pci["slots"][1], json({{"slot", 2}, {"occupied", false}}));
+    json languages = run({"languages"});
+    ASSERT_EQ(languages.size(), 2u);
+    EXPECT_EQ(languages[0]["lcid"], "0x0409");
+    EXPECT_EQ(languages[1]["name"], "German (Germany)");
+}
+
+#ifdef TVX_SPD_DATA
+// Real modules' images, served by a machine and read through the library in chunks, show the
+// size, maker and part number that decode-dimms (or the JEDEC layout read by hand) reads.
+TEST_F(HardwareCli, RealSpdImagesThroughTheWholePath)
+{
+    std::istringstream tsv(tvxtest::readFile(TVX_SPD_DATA "/expected.tsv"));
+    std::vector<std::vector<std::string>> rows; // file, type, module type, speed, -, MB, -, maker, part
+    json p = tvxtest::baseProfile();
+    for (std::string line; std::getline(tsv, line);) {
+        std::istringstream fields(line);
+        std::vector<std::string> &c = rows.emplace_back();
+        for (std::string cell; std::getline(fields, cell, '\t');) c.push_back(cell);
+        if (c.size() < 9 || c[0] == "file") rows.pop_back();
+        else p["memory"]["modules"].push_back({{"slot", "S"}, {"frequency", 1}, {"capacity_mb", std::stoi(c[5])},
+                                               {"spd", {{"file", TVX_SPD_DATA "/" + c[0]}}}});
+    }
+    tvxtest::writeFile(scratch_.file("real.json"), p.dump());
+    auto firstWord = [](const std::string &t) { return t.substr(0, t.find(' ')); };
+    for (size_t i = 0; i < rows.size(); ++i) {
+        json spd = run({"--machine", scratch_.file("real.json"), "memory", "spd", std::to_string(i)});
+        EXPECT_EQ(spd["module_type"], rows[i][2]) << rows[i][0];
+        EXPECT_EQ(spd["size_mb"], std::stoi(rows[i][5])) << rows[i][0];
+        EXPECT_EQ(firstWord(spd["manufacturer"]), firstWord(rows[i][7])) << rows[i][0];
+        EXPECT_EQ(spd["part_number"], rows[i][8]) << rows[i][0];
+    }
+    EXPECT_EQ(rows.size(), 11u);
+}
+#endif
+
+} // namespace

@@ -1,0 +1,200 @@
+// Chassis and board inventory through the scripted exchange: which FRU devices are read, what
+// their decoded records become, and the agent-connected and EEPROM requests.
+#include <malloc.h>
+
+#include <array>
+#include <cstring>
+#include <optional>
+
+#include "scripted.h"
+
+namespace {
+
+using InventoryTest = ScriptTest;
+
+// ---- FRU images in the IPMI storage format, and the reads the platform makes of them --------
+
+// The byte that makes the first n bytes sum to zero.
+uint8_t zeroSum(const Bytes &b, size_t n)
+{
+    unsigned sum = 0;
+    for (size_t i = 0; i < n; ++i) sum += b[i];
+    return static_cast<uint8_t>(-sum);
+}
+
+Bytes area(const Bytes &fixed, const std::vector<std::string> &fields)
+{
+    Bytes a = cat({{0x01, 0x00}, fixed});
+    for (const std::string &f : fields) a = cat({a, {static_cast<uint8_t>(0xC0 | f.size())}, text(f)});
+    a.push_back(0xC1);
+    a.resize((a.size() + 8) / 8 * 8, 0); // room for the checksum
+    a[1] = static_cast<uint8_t>(a.size() / 8);
+    a.back() = zeroSum(a, a.size() - 1);
+    return a;
+}
+Bytes chassisArea(const std::vector<std::string> &f) { return area({0x17}, f); }
+Bytes boardArea(const std::vector<std::string> &f) { return area({0x00, 0, 0, 0}, f); }
+Bytes productArea(const std::vector<std::string> &f) { return area({0x00}, f); }
+
+Bytes fruImage(uint8_t version, const Bytes &chassis, const Bytes &board, const Bytes &product)
+{
+    Bytes img = {version, 0, 0, 0, 0, 0, 0, 0};
+    const Bytes *areas[] = {&chassis, &board, &product};
+    for (int k = 0; k < 3; ++k)
+        if (!areas[k]->empty()) img[2 + k] = static_cast<uint8_t>(img.size() / 8), img = cat({img, *areas[k]});
+    img[7] = zeroSum(img, 7);
+    return img;
+}
+
+// The header, then each area's first two bytes and its rest (empty image: the device is absent).
+void expectFru(uint8_t id, const Bytes &img)
+{
+    if (img.empty()) return expectRequest(0x28, 0x10, {id}, 0x01CB, {0xCB});
+    expectRequest(0x28, 0x10, {id}, 0, cat({{0x00}, le16(static_cast<uint16_t>(img.size())), {0x00}}));
+    auto read = [&](size_t at, size_t n) {
+        expectRequest(0x28, 0x11, cat({{id}, le16(static_cast<uint16_t>(at)), {static_cast<uint8_t>(n)}}), 0,
+                      cat({{0x00, static_cast<uint8_t>(n)}, Bytes(img.begin() + at, img.begin() + at + n)}));
+    };
+    read(0, 8);
+    for (int k = 2; k <= 4; ++k)
+        if (size_t start = img[k] * 8u) read(start, 2), read(start + 2, img[start + 1] * 8u - 2);
+}
+
+struct Device {
+    uint8_t entity;
+    uint8_t id;
+    Bytes image; // read when the entity is the chassis or the board
+};
+
+// An SDR cache of FRU Device Locators, 32-byte slots.
+struct Cache {
+    explicit Cache(const std::vector<Device> &devices) : slots(devices.size() * 32)
+    {
+        for (size_t i = 0; i < devices.size(); ++i) {
+            uint8_t *s = slots.data() + i * 32;
+            const uint8_t locator[] = {uint8_t(i + 1),    0, 0x51, 0x11, 27, 0x20, devices[i].id, 0x80, 0, 0, 0x10, 0,
+                                       devices[i].entity, 1};
+            std::memcpy(s, locator, sizeof locator);
+        }
+        info = {32, slots.data(), static_cast<uint32_t>(devices.size())};
+    }
+    Bytes slots;
+    SDRInfo info;
+};
+
+using Texts = std::vector<std::optional<std::string>>;
+Texts texts(std::initializer_list<char *> fields)
+{
+    Texts out;
+    for (char *f : fields) out.push_back(f ? std::optional<std::string>(f) : std::nullopt);
+    return out;
+}
+const std::nullopt_t no = std::nullopt;
+
+TEST_F(InventoryTest, ChassisAndBoardFromTheLocatedFruDevices)
+{
+    const Bytes board1 = boardArea({"Kestravone", "KV BOARD", "S-1", "P-1", "", "", "second custom"});
+    const Bytes board2 = boardArea({"", "", "S-2", ""});
+    const Bytes product = productArea({"Kestravone", "KV2400", "KV-R2", "A3"});
+    // Chassis fields: manufacturer, part, version, custom, serial, part; board: name, custom, serial, part, mfr.
+    const struct {
+        const char *what;
+        bool chassis;
+        std::vector<Device> devices;
+        int result;
+        Texts fields;
+    } cases[] = {
+        // clang-format off
+        {"typed chassis texts, no custom field: Unknown; no product area", true,
+         {{0x17, 1, fruImage(1, chassisArea({"CHS-1", "ABCDE"}), {}, {})}}, 0, {no, no, no, "Unknown", "ABCDE", "CHS-1"}},
+        {"an empty first custom field replaces Unknown; a second device adds the product", true,
+         {{0x17, 1, fruImage(1, chassisArea({"CHS-1", "ABCDE", "", "x"}), {}, {})}, {0x07, 0, fruImage(1, {}, {}, product)}},
+         1, {"Kestravone", "KV-R2", "A3", "", "ABCDE", "CHS-1"}},
+        {"other entities are not read; version 0x11 and unreadable devices are skipped", true,
+         {{0x15, 5, {}}, {0x0B, 6, {}}, {0x17, 2, {}}, {0x07, 0, fruImage(0x11, {}, {}, product)}}, 0, Texts(6, no)},
+        {"board: an empty first custom field is none; a later device's texts win, empty ones do not", false,
+         {{0x07, 0, fruImage(1, {}, board1, {})}, {0x07, 3, fruImage(1, {}, board2, {})}}, 1,
+         {"KV BOARD", no, "S-2", "P-1", "Kestravone"}},
+        {"no board area", false, {{0x17, 1, fruImage(1, chassisArea({"CHS-1"}), {}, product)}}, 0, Texts(5, no)},
+        // clang-format on
+    };
+    IpmiSession *s = open();
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        Cache cache(c.devices);
+        for (const Device &d : c.devices)
+            if (d.entity == 0x17 || d.entity == 0x07) expectFru(d.id, d.image);
+        ChassisInfo ci;
+        BoardInfo bi;
+        std::memset(&ci, 0xA5, sizeof ci); // whatever the caller left there is not freed
+        std::memset(&bi, 0xA5, sizeof bi);
+        int r = -1;
+        EXPECT_EQ(stderrOf([&] {
+                      r = c.chassis ? ipmiGetChassisInfo(s, &ci, &cache.info) : ipmiGetBoardInfo(s, &bi, &cache.info);
+                  }),
+                  "");
+        EXPECT_EQ(r, c.result);
+        EXPECT_EQ(c.chassis ? texts({ci.productManufacturer, ci.productPartNumber, ci.productVersion,
+                                     ci.chassisCustomField, ci.chassisSerialNumber, ci.chassisPartNumber})
+                            : texts({bi.productName, bi.customField, bi.serialNumber, bi.partNumber, bi.manufacturer}),
+                  c.fields);
+        // A type/length byte of 0xC5 sizes the copy: 197 characters and the terminator.
+        EXPECT_GE(c.chassis && ci.chassisSerialNumber ? malloc_usable_size(ci.chassisSerialNumber) : 198u, 198u);
+        c.chassis ? ipmiFreeChassisInfo(&ci) : ipmiFreeBoardInfo(&bi);
+        EXPECT_EQ(c.chassis ? ci.chassisCustomField : bi.serialNumber, nullptr);
+        EXPECT_EQ(ipmihost_script_pending(), 0u);
+    }
+}
+
+TEST_F(InventoryTest, MissingArgumentsSendNothing)
+{
+    Cache cache({{0x17, 1, {}}});
+    ChassisInfo ci;
+    BoardInfo bi;
+    std::memset(&ci, 0xA5, sizeof ci);
+    std::memset(&bi, 0xA5, sizeof bi);
+    const std::string error = "ERROR: ipmihelpers.cpp:{line} ";
+    EXPECT_DIAG(stderrOf([&] { ipmiGetChassisInfo(nullptr, nullptr, &cache.info); }),
+                error + "chassis info pointer error\n");
+    EXPECT_DIAG(stderrOf([&] { ipmiGetChassisInfo(nullptr, &ci, nullptr); }), error + "sdr info pointer error\n");
+    EXPECT_DIAG(stderrOf([&] { EXPECT_EQ(ipmiGetChassisInfo(nullptr, &ci, &cache.info), 0); }),
+                error + "session is null\n");
+    EXPECT_EQ(ci.productManufacturer, nullptr); // cleared before the session is looked at
+    EXPECT_EQ(
+        stderrOf([&] { EXPECT_EQ(ipmiGetBoardInfo(nullptr, &bi, &cache.info) + ipmiOemAgetConnected(nullptr), 0); }),
+        "");
+    EXPECT_EQ(bi.manufacturer, nullptr);
+    EXPECT_DIAG(stderrOf([] { ipmiGetEEPROMInfo(nullptr, 0); }),
+                "\nipmihelpers.cpp:{line} (ipmiGetEEPROMInfo) Session check failed.\n");
+    EXPECT_EQ(ipmihost_script_call_count(), 0u);
+}
+
+TEST_F(InventoryTest, AgentConnectedAndEepromInfo)
+{
+    IpmiSession *s = open();
+    // Only byte 5 = 1 of an answer the platform took counts.
+    for (auto [status, answer, result] : {std::tuple{0, oemAnswer({0x00, 0x01}), 1},
+                                          {0, oemAnswer({0x01, 0x02}), 0},
+                                          {0, oemAnswer({0x01}), 0},
+                                          {0x01C1, oemAnswer({0x00, 0x01}, 0xC1), 0}}) {
+        expectRequest(0xB8, 0x02, oem({0x08}), static_cast<uint16_t>(status), answer);
+        EXPECT_EQ(ipmiOemAgetConnected(s), result);
+    }
+    const Bytes block = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16}, none(16, 0);
+    const std::string failed = "\nipmihelpers.cpp:{line} (ipmiGetEEPROMInfo) Failed to ";
+    const std::string wrongSize = failed + "read device id, wrong response size.\n";
+    // Only the length decides, not the completion code.
+    for (auto [status, answer, info, diag] :
+         {std::tuple{0, oemAnswer(block), block, std::string()},
+          {0, oemAnswer(block, 0xC9), block, std::string()},
+          {0, oemAnswer(Bytes(block.begin(), block.end() - 1)), none, wrongSize},
+          {0, oemAnswer(cat({block, {0x00}})), none, wrongSize},
+          {LIBIPMI_STATUS_TIMEOUT, Bytes{}, none, failed + "send ipmi raw command.\n"}}) {
+        expectRequest(0xB8, 0xF5, oem({0x12, 0x03}), static_cast<uint16_t>(status), answer);
+        EEPROMInfo got;
+        EXPECT_DIAG(stderrOf([&] { got = ipmiGetEEPROMInfo(s, 0x103); }), diag);
+        EXPECT_EQ(Bytes(got.data, got.data + 16), info);
+    }
+}
+
+} // namespace

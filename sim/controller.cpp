@@ -17,7 +17,8 @@ std::span<const Subsystem> Controller::standardSubsystems()
                                     kLanSubsystem,       kSdrRepositorySubsystem, kSensorSubsystem,
                                     kComponentSubsystem, kSelSubsystem,           kFruSubsystem,
                                     kProcessorSubsystem, kMemorySubsystem,        kPlatformInfoSubsystem, kFanSubsystem,
-                                    kInventorySubsystem,  kIelSubsystem,           kSignalSubsystem};
+                                    kInventorySubsystem,  kIelSubsystem,           kSignalSubsystem,
+                                    kIpmbSubsystem};
     return all;
 }
 

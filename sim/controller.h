@@ -188,6 +188,7 @@ extern const Subsystem kConfigSpaceSubsystem;
 extern const Subsystem kLanSubsystem;
 extern const Subsystem kSelSubsystem;
 extern const Subsystem kFruSubsystem;
+extern const Subsystem kIpmbSubsystem;
 extern const Subsystem kProcessorSubsystem;
 extern const Subsystem kMemorySubsystem;
 extern const Subsystem kPlatformInfoSubsystem;

@@ -111,6 +111,33 @@ IPMIHOST_API int ipmihost_set_sensor_reading(uint8_t sensorNumber, uint8_t raw);
 IPMIHOST_API int ipmihost_set_sensor_state(uint8_t sensorNumber, uint16_t stateBits);
 IPMIHOST_API int ipmihost_set_sensor_flags(uint8_t sensorNumber, int scanning, int unavailable);
 
+/* ---- Other controllers, and what became of a request ---------------------------------------
+ *
+ * A session's requests go to the controller it was opened with, unless routed elsewhere: to
+ * the controller at IPMB slave address `address` (its 8-bit form, e.g. 0x2C) on channel
+ * `channel` of the session's controller, which bridges each request there and the answer
+ * back (over LAN as libfreeipmi bridges; to the virtual controller with Send Message and Get
+ * Message, as through a system interface). Address 0, or the controller's own address 0x20 on
+ * the primary IPMB (channel 0), sends them to the session's controller again. A controller
+ * nothing answers for gives 0x0100 | 0x83 (NAK on write) or a time-out. Applies to every
+ * later request of the session, the platform's operations included (LIBIPMI_HL_GetFRUData of
+ * a satellite controller's FRU device). 0, or -1 for a session that is not open. */
+IPMIHOST_API int ipmihost_session_route(struct IpmiSession *session, uint8_t channel, uint8_t address);
+
+/* The last request sent on a session and the status the platform returned for it. */
+typedef struct {
+    uint8_t netFn;    /* network function (not shifted) */
+    uint8_t lun;
+    uint8_t command;
+    uint8_t channel;  /* where it went: address 0 the session's controller */
+    uint8_t address;
+    uint16_t status;  /* 0, 0x0100 | completion code, or a LIBIPMI_STATUS_* code */
+} ipmihost_request_outcome;
+
+/* 0 and *out filled; -1 when the session is not open or has sent nothing yet. A host program
+   uses this to tell a refused request (and its completion code) from a value of 0. */
+IPMIHOST_API int ipmihost_last_request(struct IpmiSession *session, ipmihost_request_outcome *out);
+
 /* ---- The scripted exchange ----------------------------------------------------------------- */
 
 /* Announces the next request and the answer to give. The request must carry exactly this

@@ -68,8 +68,13 @@ extern "C" uint16_t IPMICMD_GetSensorReading(IpmiSession *s, SensorReadingReques
     return boundaryStatus([&]() -> uint16_t {
         if (!s) return LIBIPMI_STATUS_NO_SESSION;
         if (!req || !res) return LIBIPMI_STATUS_INVALID_ARGUMENT;
+        // A sensor that system software owns is not read from any controller.
+        if (wire::bits(req->ownerId, 0, 1)) return LIBIPMI_STATUS_NOT_AVAILABLE;
         const uint8_t request[1] = {req->sensorNumber};
-        Reply r = command(s, netfn::kSensorEvent, tvx::cmd::sensor::kGetSensorReading, request, timeout);
+        const uint8_t lun = static_cast<uint8_t>(wire::bits(req->ownerLun, 0, 2));
+        const Route owner{static_cast<uint8_t>(wire::bits(req->ownerLun, 4, 4)), req->ownerId};
+        Reply r = command(s, netfn::kSensorEvent, tvx::cmd::sensor::kGetSensorReading, request, timeout,
+                          owner.direct() ? nullptr : &owner, lun);
         return storeReply(r, res, sizeof *res, kMinReadingAnswer);
     });
 }

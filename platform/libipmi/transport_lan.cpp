@@ -71,17 +71,22 @@ public:
     // The link failed: free it without another exchange with the controller.
     void abandon() { abandoned_ = true; }
 
-    // One request. On failure of the exchange itself returns nothing and sets errnum.
-    std::optional<Answer> request(uint8_t netFnLun, uint8_t command, std::span<const uint8_t> data, int &errnum,
-                                  std::string &message)
+    // One request, to the controller or (route) bridged through it to another one, as
+    // libfreeipmi bridges: Send Message, and the answer carried back on the session. On
+    // failure of the exchange itself returns nothing and sets errnum.
+    std::optional<Answer> request(uint8_t netFnLun, uint8_t command, std::span<const uint8_t> data, const Route &route,
+                                  int &errnum, std::string &message)
     {
         // libfreeipmi takes the command byte before the request data.
         uint8_t rq[1 + kMaxRequestData];
         tvx::wire::Writer w(rq);
         w.u8(command).bytes(data);
         std::vector<uint8_t> rs(kMaxRawResponse);
-        int n = ipmi_cmd_raw(ctx_, netFnLun & 3, netFnLun >> 2, rq, static_cast<unsigned>(w.size()), rs.data(),
-                             static_cast<unsigned>(rs.size()));
+        int n = route.direct() ? ipmi_cmd_raw(ctx_, netFnLun & 3, netFnLun >> 2, rq, static_cast<unsigned>(w.size()),
+                                              rs.data(), static_cast<unsigned>(rs.size()))
+                               : ipmi_cmd_raw_ipmb(ctx_, route.channel, route.address, netFnLun & 3, netFnLun >> 2, rq,
+                                                   static_cast<unsigned>(w.size()), rs.data(),
+                                                   static_cast<unsigned>(rs.size()));
         lastUsed_ = Clock::now();
         ++served_;
         if (n < 0) {
@@ -228,7 +233,7 @@ public:
             int errnum = 0;
             std::string message;
             counters_.requests.fetch_add(1);
-            std::optional<Answer> a = conn->request(call.netFnLun, call.command, request, errnum, message);
+            std::optional<Answer> a = conn->request(call.netFnLun, call.command, request, call.route, errnum, message);
             if (a) return *a;
             uint16_t status = lan::statusForError(errnum);
             if (lan::connectionLost(errnum)) {
@@ -286,6 +291,7 @@ public:
         if (conn) target_->giveBack(std::move(conn));
         return a;
     }
+    Answer bridge(const RawCall &call, std::span<const uint8_t> request) override { return exchange(call, request); }
 
 private:
     std::shared_ptr<LanTarget> target_;
@@ -304,6 +310,7 @@ public:
         std::lock_guard<std::mutex> g(mutex_);
         return target_->send(conn_, false, call, request);
     }
+    Answer bridge(const RawCall &call, std::span<const uint8_t> request) override { return exchange(call, request); }
 
     void close() override
     {

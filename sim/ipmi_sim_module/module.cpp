@@ -258,7 +258,7 @@ void handleGetSensorReading(lmc_data_t *mc, msg_t *msg, unsigned char *rdata, un
         logLine(e.what());
         return;
     }
-    const tvxsim::SensorDef *sensor = model->find(msg->rs_lun & 3, number);
+    const tvxsim::SensorDef *sensor = model->find(tvxsim::kControllerAddress, msg->rs_lun & 3, number);
     if (!sensor) return;
     wire::Writer fix(rdata, *rdata_len);
     const uint8_t flags = got.get(reading::kFlags, uint8_t{0});

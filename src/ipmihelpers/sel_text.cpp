@@ -311,6 +311,7 @@ extern "C" TVX_API char *buildSelTextString(IpmiSession *session, const uint8_t 
 
 extern "C" TVX_API ListNode *ipmiGetSelText(IpmiSession *session, int reverse, uint8_t selector)
 {
+    if (!session) return nullptr;
     uint16_t count = 0;
     (void)LIBIPMI_HL_GetNumOfSELEntries(session, &count, kTimeout);
     if (count == 0) {

@@ -39,6 +39,11 @@ public:
     Session(const Session &) = delete;
     Session &operator=(const Session &) = delete;
     IpmiSession *get() const { return session_; }
+    // Why the session's last request failed, as a message ends ("": it did not): the
+    // completion code a controller refused it with, named, or what kept it from answering.
+    std::string whyFailed() const;
+    // A failure (exit 1) saying what could not be done, and why.
+    Failure failed(const std::string &what) const;
 
 private:
     IpmiSession *session_ = nullptr;

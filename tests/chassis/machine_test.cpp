@@ -102,7 +102,7 @@ TEST_F(Cli, ChangesAreSeenByTheNextCommandAndTheBanner)
     steps({
         // clang-format off
         {{"power", "off"}, 0, "Chassis Power Control: Down/Off\n"}, {{"power", "status"}, 0, "Chassis Power is off\n"},
-        {{"power", "cycle"}, 1, "the controller refused power cycle"}, {{"power", "on"}, 0,
+        {{"power", "cycle"}, 1, "power cycle was not carried out: the controller refused"}, {{"power", "on"}, 0,
          "Chassis Power Control: Up/On\n"},
         {{"power", "soft"}, 0, "Chassis Power Control: Soft\n"}, {{"power"}, 0, "Chassis Power is off\n"},
         {{"led", "identify", "on"}, 0, "Identify LED on\n"},

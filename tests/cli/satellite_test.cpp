@@ -6,8 +6,8 @@
 
 #include <gtest/gtest.h>
 
-#include "scratch.h"
-#include "tvxctl_runner.h"
+#include "machine.h"
+#include "process.h"
 
 using nlohmann::json;
 
@@ -58,7 +58,7 @@ protected:
         tvxtest::writeFile(scratch_.file("machine.json"), machine.dump());
         std::vector<std::string> all = {"--machine", scratch_.file("machine.json")};
         all.insert(all.end(), args.begin(), args.end());
-        return tvxtest::runTvxctl(TVXCTL_PATH, scratch_.path(), all);
+        return tvxtest::tvxctl(scratch_.path(), all);
     }
     // The same with --json, succeeding; the parsed output.
     json run(std::vector<std::string> args, const json &faults = json::array())

@@ -205,7 +205,7 @@ Items freeipmiSel(const std::string &out)
 // --- chassis power: the state, or the refusal ---
 Item powerOutcome(const Outcome &r, const std::string &onText)
 {
-    if (r.exitCode != 0)
+    if (r.code != 0)
         return {{"outcome", lower(r.err).find("invalid") != std::string::npos ? "refused: invalid command"
                                                                                         : "failed"}};
     return {{"outcome", lower(r.out).find(onText) != std::string::npos ? "on" : "off"}};
@@ -248,7 +248,7 @@ Outcome freeipmi(const tvxsim::ipmisim::Peer &peer, std::vector<std::string> arg
     if (argv.front() != "ipmi-chassis") argv.insert(argv.begin() + 1, "--sdr-cache-directory=" + peer.options().workDir);
     argv.insert(argv.begin() + 1, {"-h", peer.hostPort(), "-u", u.name, "-p", u.password, "-l", "ADMIN", "-I", "3",
                                    "-W", "opensesspriv", "--session-timeout=2000"});
-    return run(argv);
+    return tvxtest::run(argv);
 }
 
 std::vector<std::string> machines()
@@ -292,9 +292,9 @@ TEST(StockController, TvxctlAgreesWithIpmitoolAndFreeIpmi)
                 first["-"] = powerOutcome(a, "power is on");
                 second["-"] = powerOutcome(b, "system power                        : on");
             } else {
-                ASSERT_EQ(ours.exitCode, 0) << ours.err;
-                ASSERT_EQ(a.exitCode, 0) << a.err;
-                ASSERT_EQ(b.exitCode, 0) << b.err;
+                ASSERT_EQ(ours.code, 0) << ours.err;
+                ASSERT_EQ(a.code, 0) << a.err;
+                ASSERT_EQ(b.code, 0) << b.err;
                 mine = row.ours.parse(ours.out);
                 first = row.ipmitool.parse(a.out);
                 second = row.freeipmi.parse(b.out);

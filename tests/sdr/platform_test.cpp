@@ -196,7 +196,7 @@ TEST_F(SdrWalk, WalksThatFailStopWithAClearStatus)
         {"chain loops back to an earlier record", 256,
          {a, r, whole(1, 0, 2, r1), whole(1, 2, 3, r2), whole(1, 3, 2, r3)}, kBad},
         {"whole record shorter than its header says", 128, {a, r, cut(whole(1, 0, 0xFFFF, r1), 3 + 24)}, kBad},
-        {"allocation info refused", 128, {{kGetAllocInfo, {}, {0xC1}, cc(0xC1)}}, cc(0xC1)},
+        {"allocation info refused", 128, {{kGetAllocInfo, {}, {0xD4}, cc(0xD4)}}, cc(0xD4)},
         {"no answer mid-walk", 128,
          {a, r, whole(1, 0, 2, r1), {kGetSdr, getSdr(1, 2, 0, 0xFF), {}, LIBIPMI_STATUS_TIMEOUT}},
          LIBIPMI_STATUS_TIMEOUT},

@@ -101,6 +101,8 @@ TEST(SelLibrary, ControllersThatCannotAnswerWholeRecordsAreReadInPieces)
 
 TEST(SelLibrary, TvxctlListsTheLogRawAndAsTexts)
 {
+    // The record without a text of the controller's, decoded the standard way.
+    const std::string kOemRecord = "OEM record 0xe0 0d0c0b0a090807060504030201\n";
     TempDir dir;
     tvxtest::writeFile(dir.file("small.json"), smallMachine().dump());
     const struct {
@@ -108,9 +110,9 @@ TEST(SelLibrary, TvxctlListsTheLogRawAndAsTexts)
         std::string out;
     } cases[] = {
         {{"sel", "--reverse"}, kRaw[2] + "\n" + kRaw[1] + "\n" + kRaw[0] + "\n"},
-        {{"sel", "--text", "--lang", "0x0407"}, kFanGerman + "\n02-Mar-2026 10:00:00  OEM event (CRITICAL)\n"},
+        {{"sel", "--text", "--lang", "0x0407"}, kFanGerman + "\n02-Mar-2026 10:00:00  OEM event (CRITICAL)\n" + kOemRecord},
         {{"sel", "list", "--text", "--lang", "1036"},
-         "01-Mar-2026 10:00:00  " + kFanEnglish + " (MAJOR)\n02-Mar-2026 10:00:00  OEM event (CRITICAL)\n"},
+         "01-Mar-2026 10:00:00  " + kFanEnglish + " (MAJOR)\n02-Mar-2026 10:00:00  OEM event (CRITICAL)\n" + kOemRecord},
     };
     for (const auto &c : cases) {
         std::vector<std::string> args = {"--machine", dir.file("small.json")};

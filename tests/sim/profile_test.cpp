@@ -65,7 +65,7 @@ TEST(Profile, MistakesAreNamedWithFilePlaceAndProblem)
         {R"({"sensors": [)" + std::string(sensor) + R"(, "thresholds": {"lnc": 30, "unc": 10}}]})",
          "/sensors/0/thresholds/unc: unc (10) must lie above lnc (30)"},
         {R"({"sensors": [)" + std::string(sensor) + "}, " + sensor + "}]}",
-         "/sensors/1/number: sensor number 0x01 on LUN 0 is already used by /sensors/0"},
+         "/sensors/1/number: sensor number 0x01 on LUN 0 of owner 0x20 is already used by /sensors/0"},
         {R"({"sdr": {"allocation_units": 1}, "sensors": [)" + std::string(sensor) + "}]}",
          "/sdr/allocation_units: the records take 3 allocation units, more than the 1"},
         // Configuration space and LAN channels.

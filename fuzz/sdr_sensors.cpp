@@ -19,8 +19,8 @@ static void run(IpmiSession *s, Params &p)
     ipmiSdrGetStatus(p.u32());
     int32_t offset = 0;
     ipmiGetDiscreteState(p.u8(), p.u8(), p.u8(), p.u8(), &offset);
-    std::free(ipmiSdrGetSensorTypeDesc(p.u32()));
-    std::free(oemval2str(p.u32(), p.u32(), ipmi_oem_sdr_type_vals));
+    ipmiSdrGetSensorTypeDesc(p.u32()); // static buffers, as are the OEM texts
+    oemval2str(p.u32(), p.u32(), ipmi_oem_sdr_type_vals);
     getUnitDesc(p.u32());
     uint8_t key[2];
     for (uint8_t &b : key) b = p.u8();

@@ -9,7 +9,10 @@ static void run(IpmiSession *s, Params &p)
     if (p.u8() & 1) {
         uint32_t size = 1 + p.u16() % 8192;
         std::vector<uint8_t> buffer(size);
-        if (LIBIPMI_HL_GetAllSDRs(s, buffer.data(), size, 5) == LIBIPMI_STATUS_OK) {
+        // The conversion takes a whole record and trusts its caller for that: only a first
+        // slot that holds its header and the length the header gives is converted.
+        if (LIBIPMI_HL_GetAllSDRs(s, buffer.data(), size, 5) == LIBIPMI_STATUS_OK && size >= 5 &&
+            5u + buffer[4] <= size) {
             float value = 0;
             ipmi_convert_reading(buffer.data(), p.u8(), &value);
         }

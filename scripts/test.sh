@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Every test: install what is needed, build with AddressSanitizer and
 # UndefinedBehaviorSanitizer, and run the whole suite with CTest (the benchmarks are built too,
-# so they keep compiling, but not run).
+# so they keep compiling, but not run); then every fuzz target for 30 s on its seed corpus
+# (scripts/fuzz.sh; any finding fails the run).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh
@@ -9,5 +10,5 @@ cmake -S . -B build/sanitize -DCMAKE_BUILD_TYPE=Debug -DTVX_SANITIZE=ON -DTVX_BU
 cmake --build build/sanitize -j"$(nproc)"
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
-cd build/sanitize
-ctest --output-on-failure -j"$(nproc)" --timeout 300
+(cd build/sanitize && ctest --output-on-failure -j"$(nproc)" --timeout 300)
+scripts/fuzz.sh all 30

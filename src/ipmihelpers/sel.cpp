@@ -52,8 +52,9 @@ extern "C" TVX_API size_t convertTime(const time_t *timestamp, char *buffer, siz
         return 0;
     }
     char text[48];
-    int n = std::snprintf(text, sizeof text, "%02d-%s-%04d %02d:%02d:%02d ", tm.tm_mday, kMonths[tm.tm_mon % 12],
-                          tm.tm_year + 1900, tm.tm_hour, tm.tm_min, tm.tm_sec);
+    // The year in 64 bits: tm_year + 1900 overflows an int for times from the year 2^31 on.
+    int n = std::snprintf(text, sizeof text, "%02d-%s-%04lld %02d:%02d:%02d ", tm.tm_mday, kMonths[tm.tm_mon % 12],
+                          static_cast<long long>(tm.tm_year) + 1900, tm.tm_hour, tm.tm_min, tm.tm_sec);
     if (n < 0 || static_cast<size_t>(n) + 1 > size) {
         buffer[0] = '\0';
         return 0;

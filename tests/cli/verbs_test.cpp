@@ -2,11 +2,12 @@
 // written.
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
 
 #include <gtest/gtest.h>
 
-#include "scratch.h"
-#include "tvxctl_runner.h"
+#include "machine.h"
+#include "process.h"
 
 using nlohmann::json;
 using tvxtest::Outcome;
@@ -19,8 +20,7 @@ protected:
     // canonical command each start from the same machine.
     Outcome run(const std::vector<std::string> &args, const std::string &state = "state")
     {
-        return tvxtest::runTvxctl(TVXCTL_PATH, scratch_.path(), args,
-                                  {"TVX_IPMI_STATE_DIR=" + scratch_.path() + "/" + state});
+        return tvxtest::tvxctl(scratch_.path(), args, {"TVX_IPMI_STATE_DIR=" + scratch_.path() + "/" + state});
     }
     tvxtest::TempDir scratch_;
 };

@@ -11,14 +11,12 @@
 
 #include "controller.h"
 #include "fru.h"
-#include "libipmi.h"
-#include "libipmi_host.h"
-#include "scratch.h"
-#include "tvxctl_runner.h"
+#include "machine.h"
+#include "process.h"
+#include "scripted.h"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
 using nlohmann::json;
 
 json profile()
@@ -40,13 +38,6 @@ json profile()
       ]})");
 }
 
-// A scratch directory holding the profile as fru.json.
-struct TempFile {
-    tvxtest::TempDir scratch;
-    std::string dir = scratch.path(), path = scratch.file("fru.json");
-    explicit TempFile(const json &doc) { tvxtest::writeFile(path, doc.dump()); }
-};
-
 std::string text(const FruField &f)
 {
     const char *t = f.text;
@@ -57,12 +48,10 @@ std::string text(const FruField &f)
 
 TEST(FruController, EveryEncodingComesBackThroughThePlatform)
 {
-    TempFile file(profile());
-    ASSERT_EQ(ipmihost_select_machine(file.path.c_str(), file.dir.c_str()), 0) << ipmihost_last_error();
-    alignas(8) uint8_t block[LIBIPMI_SESSION_SIZE] = {};
-    auto *s = reinterpret_cast<IpmiSession *>(block);
-    ASSERT_EQ(LIBIPMI_Create_IPMI_Local_Session_Ext(s, nullptr, nullptr, nullptr, nullptr, nullptr, 0, nullptr, 2, 5),
-              0);
+    tvxtest::ScratchMachine m(profile());
+    PlatformSession session;
+    ASSERT_EQ(session.open(), 0);
+    IpmiSession *s = session.get();
     FruData r{}, words{};
     uint32_t length = 0, wordLength = 0;
     ASSERT_EQ(LIBIPMI_HL_GetFRUData(s, 0, &length, &r, 60), 0) << ipmihost_last_error();
@@ -77,20 +66,15 @@ TEST(FruController, EveryEncodingComesBackThroughThePlatform)
         uint8_t typeLength;
         const char *text;
     } kFields[] = {
-        {&FruData::chassisPartNumber, 0x45, "12-34.5 6"},
-        {&FruData::chassisSerialNumber, 0x86, "SER#42_X"},
-        {&FruData::boardManufacturer, 0xC4, "ACME"},
-        {&FruData::boardProductName, 0x86, "BOARD-7"},
-        {&FruData::boardSerialNumber, 0x45, "0123456789"},
-        {&FruData::boardPartNumber, 0x02, "dead"},
-        {&FruData::boardFruFileId, 0xC0, ""},
-        {&FruData::productManufacturer, 0xC4, "ACME"},
-        {&FruData::productName, 0xC6, "Widget"},
-        {&FruData::productPartNumber, 0x83, "W-1"},
-        {&FruData::productVersion, 0x42, "2.0"},
-        {&FruData::productSerialNumber, 0xC7, "SN 0001"},
-        {&FruData::productAssetTag, 0xC2, "AT"},
-        {&FruData::productFruFileId, 0x81, "F"},
+        // clang-format off
+        {&FruData::chassisPartNumber, 0x45, "12-34.5 6"}, {&FruData::chassisSerialNumber, 0x86, "SER#42_X"},
+        {&FruData::boardManufacturer, 0xC4, "ACME"}, {&FruData::boardProductName, 0x86, "BOARD-7"},
+        {&FruData::boardSerialNumber, 0x45, "0123456789"}, {&FruData::boardPartNumber, 0x02, "dead"},
+        {&FruData::boardFruFileId, 0xC0, ""}, {&FruData::productManufacturer, 0xC4, "ACME"},
+        {&FruData::productName, 0xC6, "Widget"}, {&FruData::productPartNumber, 0x83, "W-1"},
+        {&FruData::productVersion, 0x42, "2.0"}, {&FruData::productSerialNumber, 0xC7, "SN 0001"},
+        {&FruData::productAssetTag, 0xC2, "AT"}, {&FruData::productFruFileId, 0x81, "F"},
+        // clang-format on
     };
     for (const auto &f : kFields) {
         SCOPED_TRACE(f.text);
@@ -112,8 +96,6 @@ TEST(FruController, EveryEncodingComesBackThroughThePlatform)
     FruData none{};
     EXPECT_EQ(LIBIPMI_HL_GetFRUData(s, 9, &length, &none, 60), LIBIPMI_STATUS_COMPLETION_CODE(0xCB));
     EXPECT_EQ(none.formatVersion, 0);
-    EXPECT_EQ(LIBIPMI_CloseSession(s), 0);
-    ipmihost_select_default();
 }
 
 TEST(FruController, CompletionCodesAndTheResponseLimit)
@@ -146,38 +128,11 @@ TEST(FruController, CompletionCodesAndTheResponseLimit)
     }
 }
 
-TEST(FruController, BadProfilesNameTheirPlace)
-{
-    const struct {
-        const char *fru;
-        const char *message;
-    } kCases[] = {
-        {R"([{"fru_id": 0, "board": {"serial_number": {"bcd": "12A"}}}])",
-         "/fru/0/board/serial_number/bcd: BCD plus holds only"},
-        {R"([{"fru_id": 0, "chassis": {"part_number": "X"}}])", "/fru/0/chassis/part_number: a one-character"},
-        {R"([{"fru_id": 0, "board": {"manufacturer": "0123456789012345678901234567890123456789012345678901234567890123"}}])",
-         "/fru/0/board/manufacturer: the field takes 64 bytes"},
-        {R"([{"fru_id": 0, "size": 16, "board": {}}])", "/fru/0/size: the FRU data takes 24 bytes"},
-        {R"([{"fru_id": 0}, {"fru_id": "0x00"}])", "/fru/1/fru_id: FRU device 0x00 is already described by /fru/0"},
-        {R"([{"fru_id": 0, "word_access": true, "size": 33}])", "/fru/0: a device accessed by words"},
-    };
-    for (const auto &k : kCases) {
-        SCOPED_TRACE(k.fru);
-        json doc = profile();
-        doc["fru"] = json::parse(k.fru);
-        try {
-            tvxsim::parseFruModel(tvxsim::parseProfile(doc.dump(), "bad.json"));
-            ADD_FAILURE() << "accepted";
-        } catch (const tvxsim::ProfileError &e) {
-            EXPECT_NE(std::string(e.what()).find(std::string("bad.json: ") + k.message), std::string::npos) << e.what();
-        }
-    }
-}
-
 TEST(FruController, TvxctlListsTheLocatedDevices)
 {
-    TempFile file(profile());
-    auto all = tvxtest::runTvxctl(TVXCTL_PATH, file.dir, {"--machine", file.path, "--json", "fru"});
+    tvxtest::TempDir dir;
+    tvxtest::writeFile(dir.file("fru.json"), profile().dump());
+    auto all = tvxtest::tvxctl(dir.path(), {"--machine", dir.file("fru.json"), "--json", "fru"});
     ASSERT_EQ(all.code, 0) << all;
     json list = json::parse(all.out);
     ASSERT_EQ(list.size(), 2u);
@@ -185,7 +140,7 @@ TEST(FruController, TvxctlListsTheLocatedDevices)
     EXPECT_EQ(list[0]["board"]["mfg_date"], "1996-01-02T00:00:00Z");
     EXPECT_EQ(list[0]["chassis"]["custom"], json({"00ff7e", "Latin \u00e9"}));
     EXPECT_EQ(list[1]["product"]["name"], "Worded");
-    auto absent = tvxtest::runTvxctl(TVXCTL_PATH, file.dir, {"--machine", file.path, "fru", "9"});
+    auto absent = tvxtest::tvxctl(dir.path(), {"--machine", dir.file("fru.json"), "fru", "9"});
     EXPECT_EQ(absent.code, 1) << absent;
     EXPECT_NE(absent.out.find("FRU 9: "), std::string::npos) << absent;
 }

@@ -37,8 +37,8 @@ TEST(IpmitoolVerbs, ChassisStatusPrintsWhatIpmitoolPrints)
 {
     Outcome ours = tvxctl(&defaultPeer(), {"chassis", "status"});
     Outcome theirs = ipmitool(defaultPeer(), {"chassis", "status"});
-    ASSERT_EQ(ours.exitCode, 0) << ours.err;
-    ASSERT_EQ(theirs.exitCode, 0) << theirs.err;
+    ASSERT_EQ(ours.code, 0) << ours.err;
+    ASSERT_EQ(theirs.code, 0) << theirs.err;
     EXPECT_EQ(lines(ours.out), lines(theirs.out));
 }
 
@@ -52,12 +52,12 @@ TEST(IpmitoolVerbs, SelElistDecodesEveryRecordAsIpmitoolDoes)
                                                   {"0x04", "0x40", "0x81", "0x02", "0xff", "0xff"}}) {
         std::vector<std::string> args = {"sel", "add"};
         args.insert(args.end(), event.begin(), event.end());
-        ASSERT_EQ(tvxctl(peer.get(), args).exitCode, 0);
+        ASSERT_EQ(tvxctl(peer.get(), args).code, 0);
     }
     Outcome ours = tvxctl(peer.get(), {"sel", "elist"});
     Outcome theirs = ipmitool(*peer, {"sel", "elist"});
-    ASSERT_EQ(ours.exitCode, 0) << ours.err;
-    ASSERT_EQ(theirs.exitCode, 0) << theirs.err;
+    ASSERT_EQ(ours.code, 0) << ours.err;
+    ASSERT_EQ(theirs.code, 0) << theirs.err;
     const auto a = lines(ours.out), b = lines(theirs.out);
     ASSERT_EQ(a.size(), b.size()) << ours.out << "---\n" << theirs.out;
     ASSERT_GE(a.size(), 3u);

@@ -10,6 +10,7 @@
 #include "cli.h"
 #include "libipmi.h"
 #include "tvx/ipmi.h"
+#include "tvx/event_states.h"
 #include "tvx/records.h"
 
 namespace tvxctl {
@@ -279,11 +280,8 @@ Decoded decode(const Record &r, const SensorNames &names)
     d.sensorType = typeName;
     d.sensorNumber = number;
     d.sensorName = name ? Json(*name) : Json(nullptr);
-    int32_t found = -1;
-    const uint16_t bit = static_cast<uint16_t>(1u << offset);
-    const char *text = ipmiGetDiscreteState(type, eventType, static_cast<uint8_t>(bit & 0xFF),
-                                            static_cast<uint8_t>(bit >> 8), &found);
-    d.event = text && found == static_cast<int32_t>(offset) ? text : "Offset " + std::to_string(offset);
+    const char *text = tvx::events::describe(type, eventType, static_cast<uint8_t>(offset));
+    d.event = text ? text : "Offset " + std::to_string(offset);
     while (!d.event.empty() && d.event.back() == ' ') d.event.pop_back();
     d.direction = wire::bits(dirType, 7, 1) ? "Deasserted" : "Asserted";
     return d;

@@ -65,6 +65,7 @@ int cmdLan(const Options &opt, const std::vector<std::string> &words)
     Session session;
     IpmiSession *s = session.get();
     const unsigned channel = getChannel(s);
+    if (channel == 0 && !session.whyFailed().empty()) throw session.failed("cannot find the LAN channel");
     if (!asked.empty()) {
         unsigned long n;
         if (!parseNumber(asked, 0x0F, n)) throw Failure{kExitUsage, "invalid channel \"" + asked + "\" (0 to 15)"};
@@ -113,7 +114,7 @@ int cmdLan(const Options &opt, const std::vector<std::string> &words)
         } else {
             throw Failure{kExitUsage, "unknown LAN setting \"" + what + "\" (ip, netmask, gateway, mac, source)"};
         }
-        if (!ok) throw Failure{kExitFailed, "the controller refused the " + what + " setting"};
+        if (!ok) throw session.failed("the " + what + " setting was not stored");
         if (opt.json) printJson({{"set", what}, {"value", value}});
         else std::cout << "Set " << what << " to " << value << "\n";
         return kExitOk;

@@ -41,10 +41,23 @@ const Page kPages[] = {
      "thresholds (\"na\" where there is none). KIND: temperature, fan, voltage, current,\n"
      "discrete, all (the default).\n",
      "tvxctl sensor\ntvxctl sensor --type fan\ntvxctl --csv sensor\n"},
-    {"agent", "agent sensors",
-     "What the hardware-monitoring agent publishes for each sensor: every sensor getter's result\n"
-     "and status code with its meaning (--json: each result under its call).\n",
-     "tvxctl agent sensors\n"},
+    {"status", "status",
+     "The machine's health as the hardware-monitoring agent reports it: the overall, class and\n"
+     "boot statuses, then every component that counts towards them with its status and the text\n"
+     "that explains it.\n",
+     "tvxctl status\ntvxctl --json status\n"},
+    {"agent", "agent sensors\nagent identity",
+     "What the hardware-monitoring agent publishes. sensors: for each sensor, every sensor\n"
+     "getter's result and status code with its meaning (--json: each result under its call).\n"
+     "identity: the agent's name, company, version and build.\n",
+     "tvxctl agent sensors\ntvxctl agent identity\n"},
+    {"network", "network",
+     "The network identity of the controller and of the server's port functions: addresses,\n"
+     "masks, MAC addresses and whether DHCP assigns them.\n",
+     "tvxctl network\ntvxctl --csv network\n"},
+    {"trap", "trap test",
+     "Has the controller send a test trap to every alert destination it has configured.\n",
+     "tvxctl trap test\n"},
     {"sel",
      "sel [list] [--reverse]\nsel --text [--lang LCID]\nsel elist\nsel get ID...\nsel info\nsel clear\n"
      "sel add TYPE SENSOR EVTYPE D1 D2 D3\nsel watch [--text [--lang LCID]]",

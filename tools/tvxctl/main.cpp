@@ -29,7 +29,11 @@ const Subcommand kCommands[] = {
     {"sdr get", cmdSdr, "sdr get NAME...", "named sensors in detail: reading, status, thresholds"},
     {"sensor", cmdSensor, "sensor [--type KIND]",
      "the sensor table as ipmitool sensor prints it; KIND: temperature, fan, voltage, current, discrete, all"},
+    {"status", cmdStatus, "status", "overall, class and boot status, and every component's status explained"},
     {"agent", cmdAgent, "agent sensors", "what the agent publishes for each sensor: every sensor getter"},
+    {"agent identity", cmdAgent, "agent identity", "the agent's name, company, version and build"},
+    {"network", cmdNetwork, "network", "the controller's and the port functions' addresses, masks, MAC, DHCP"},
+    {"trap", cmdTrap, "trap test", "have the controller send a test trap to every alert destination"},
     {"sel", cmdSel, "sel [--reverse]", "the system event log, one raw line per record"},
     {"sel --text", cmdSel, "sel --text [--lang LCID]", "the log as localized messages with time and severity"},
     {"sel info", cmdSel, "sel info", "entries, capacity, last addition and erase, UTC offset"},
@@ -137,17 +141,17 @@ int run(int argc, char **argv)
         usage(stderr);
         return kExitUsage;
     }
-    if (positional[0] == "help") {
-        if (positional.size() > 2) throw Failure{kExitUsage, "help takes one command"};
-        if (positional.size() == 1) usage(stdout);
-        else printCommandHelp(stdout, positional[1]);
-        return kExitOk;
-    }
     for (std::size_t i = 1; i < positional.size(); ++i) {
         if (positional[i] == "--help" || positional[i] == "-h") {
             printCommandHelp(stdout, positional[0]);
             return kExitOk;
         }
+    }
+    if (positional[0] == "help") {
+        if (positional.size() > 2) throw Failure{kExitUsage, "help takes one command"};
+        if (positional.size() == 1) usage(stdout);
+        else printCommandHelp(stdout, positional[1]);
+        return kExitOk;
     }
     positional = canonicalWords(positional);
     if (!opt.machine.empty() && !opt.target.empty())

@@ -223,9 +223,17 @@ IPMIHOST_API void ipmihost_script_reset(void);
  *   priv=LEVEL       user, operator or admin (default admin)
  *   timeout=MS       how long a handshake or a request may take, retransmissions included
  *                    (default 10000)
+ *   retries=N        retransmissions before giving up (1 to 30; default as many as fit)
  *   retransmit=MS    when to send a request again while waiting (default a fifth of the
- *                    time-out, at most 1000; always shorter than the time-out). A handshake
- *                    or request gives up at the first retransmission past the time-out.
+ *                    time-out, at most 1000; always shorter than the time-out). The waits
+ *                    between sends grow (r, r, 2r, 2r, 3r, ...); the retransmission time-out
+ *                    is stretched so that the last retransmission ends at the time-out, which
+ *                    is then exact: ipmihost_describe_target() and time-out messages state
+ *                    the figure used (retries with a time-out set the retransmission
+ *                    time-out; retries alone set the time-out).
+ *   sdr_cache=on|off keep the SDR repository in $XDG_CACHE_HOME/tvx/sdr/HOST_PORT (else
+ *                    ~/.cache/tvx/sdr), checked against Get SDR Repository Info's addition and
+ *                    erase time stamps (default on)
  *   workaround=LIST  comma-separated workarounds for controllers that bend the protocol:
  *                    opensesspriv, authcap, intel20, supermicro20, sun20,
  *                    integritycheckvalue, nochecksumcheck (none by default)

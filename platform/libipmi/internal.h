@@ -12,6 +12,7 @@
 
 #include "libipmi.h"
 #include "libipmi_host.h"
+#include "sdr_copy.h"
 
 namespace libipmi {
 
@@ -71,6 +72,8 @@ public:
     // system interface: Send Message to the IPMB, then Get Message for the answer (bridge.cpp).
     virtual Answer bridge(const RawCall &call, std::span<const uint8_t> request);
     virtual void close() {}
+    // Where the controller's SDR copy is kept between programs (sdr_copy.h); empty: nowhere.
+    virtual std::string sdrCopyPath() const { return {}; }
     // A call refused before it reached the controller (bad arguments).
     virtual void reject(const RawCall &, uint16_t) {}
 };
@@ -162,6 +165,14 @@ struct SessionData {
     // array in LIBIPMI_HL_GetAllSELEntries (absent until reported).
     std::optional<uint16_t> selCount;
     std::optional<SdrRepositoryAllocInfo> sdrAllocInfo;
+    // Get SDR Repository Info as this session last asked it to check the on-disk SDR copy:
+    // its time stamps date the copy the next walk stores, and the answer itself is handed to
+    // the caller's next IPMICMD_GetSDRRepositoryInfo once instead of a second request.
+    std::optional<SdrRepositoryInfo> sdrRepositoryInfo;
+    bool sdrRepositoryInfoUnclaimed = false;
+    bool sdrCopyChecked = false; // asked for the read under way (until its walk)
+    // The on-disk copy that answer showed current: the next walk is served from it.
+    std::shared_ptr<const sdrcopy::Copy> sdrCopy;
     // Where the session's requests go (ipmihost_session_route).
     Route route;
     // The last request sent on the session and its status (ipmihost_last_request).

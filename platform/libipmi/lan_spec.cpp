@@ -1,5 +1,6 @@
 #include "lan_spec.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -113,8 +114,19 @@ bool readPasswordFile(const std::string &path, Secret &out, std::string &error)
     return true;
 }
 
-constexpr const char *kParameterNames[] = {"cipher", "priv", "timeout",       "retransmit",
-                                           "pool",   "idle", "password_file", "workaround"};
+constexpr const char *kParameterNames[] = {"cipher", "priv", "timeout",       "retransmit", "pool",
+                                           "idle",   "password_file", "workaround", "retries", "sdr_cache"};
+constexpr int kTimeoutParam = 2, kRetransmitParam = 3, kRetriesParam = 8;
+
+// The time of the k-th retransmission in units of the retransmission time-out: libfreeipmi
+// waits r, r, 2r, 2r, 3r, 3r, ... between sends and gives up at the first of these points at
+// or past the session time-out.
+uint64_t backoffUnits(uint32_t k)
+{
+    uint64_t units = 0;
+    for (uint32_t i = 1; i <= k; ++i) units += (i + 1) / 2;
+    return units;
+}
 
 // Where the parameters begin: at the first '?' followed by a known parameter name and '=',
 // so that a '?' inside a password does not cut the target there.
@@ -169,7 +181,7 @@ std::string Config::describe() const
 {
     std::string d = "lan " + (user.empty() ? std::string("(anonymous)") : user) + "@" + endpoint() + " (cipher suite " +
                     std::to_string(cipherSuite) + ", " + privilegeName(privilege) + ", time-out " +
-                    std::to_string(timeoutMs) + " ms";
+                    std::to_string(timeoutMs) + " ms, " + std::to_string(retries) + " retries";
     if (!workarounds.empty()) d += ", workarounds " + workarounds;
     d += poolSize == 0 ? ", no connection pool" : ", pool " + std::to_string(poolSize);
     switch (passwordSource) {
@@ -251,6 +263,14 @@ bool finish(Config &c, std::string &error)
         error = "invalid privilege level";
         return false;
     }
+    if (c.retries > kMaxRetries) {
+        error = "at most " + std::to_string(kMaxRetries) + " retries";
+        return false;
+    }
+    // Retries and a time-out: the retransmission time-out follows from them; retries alone:
+    // the time-out does.
+    if (c.retries != 0 && c.timeoutMs != 0) c.retransmitMs = static_cast<uint32_t>(c.timeoutMs / backoffUnits(c.retries));
+    else if (c.retries != 0) c.timeoutMs = static_cast<uint32_t>(std::min<uint64_t>(c.retransmitMs * backoffUnits(c.retries), UINT32_MAX));
     if (c.timeoutMs < 10 || c.timeoutMs > 600000) {
         error = "the time-out must be 10 to 600000 ms";
         return false;
@@ -260,6 +280,22 @@ bool finish(Config &c, std::string &error)
                 std::to_string(c.timeoutMs) + " ms)";
         return false;
     }
+    // libfreeipmi overshoots a time-out that falls between two retransmissions (up to 12 s
+    // for 10 s with the default retransmissions): the retransmission time-out is stretched so
+    // that the last retransmission that fits ends exactly at, or just before, the time-out,
+    // and that is the time-out libfreeipmi is given and messages state.
+    if (c.retries == 0) {
+        uint32_t k = 1;
+        while (k < kMaxRetries && backoffUnits(k + 1) * c.retransmitMs <= c.timeoutMs) ++k;
+        c.retries = k;
+    }
+    c.retransmitMs = static_cast<uint32_t>(c.timeoutMs / backoffUnits(c.retries));
+    if (c.retransmitMs == 0) {
+        error = "the time-out (" + std::to_string(c.timeoutMs) + " ms) is too short for " + std::to_string(c.retries) +
+                " retries";
+        return false;
+    }
+    c.timeoutMs = static_cast<uint32_t>(c.retransmitMs * backoffUnits(c.retries));
     if (c.poolSize > kMaxPoolSize) {
         error = "the pool holds at most " + std::to_string(kMaxPoolSize) + " connections";
         return false;
@@ -281,8 +317,8 @@ std::optional<Config> parseTarget(std::string_view spec, std::string &error)
         rest = rest.substr(0, q);
     } else if (rest.find('?') != std::string_view::npos && rest.find('@') == std::string_view::npos) {
         // No user part, so this '?' cannot belong to a password: an unknown parameter.
-        error = "unknown LAN target parameter after '?' (cipher, priv, timeout, retransmit, workaround, pool, "
-                "idle, password_file)";
+        error = "unknown LAN target parameter after '?' (cipher, priv, timeout, retransmit, retries, workaround, "
+                "pool, idle, password_file, sdr_cache)";
         return std::nullopt;
     }
     Config c;
@@ -383,7 +419,8 @@ std::optional<Config> parseTarget(std::string_view spec, std::string &error)
             if (name == kParameterNames[i]) index = i;
         if (index < 0) {
             error = "unknown LAN target parameter \"" + std::string(name) +
-                    "\" (cipher, priv, timeout, retransmit, workaround, pool, idle, password_file)";
+                    "\" (cipher, priv, timeout, retransmit, retries, workaround, pool, idle, password_file, "
+                    "sdr_cache)";
             return std::nullopt;
         }
         if (seen & (1u << index)) {
@@ -434,6 +471,16 @@ std::optional<Config> parseTarget(std::string_view spec, std::string &error)
             if (!parseNumber(value, UINT32_MAX, n)) return bad("milliseconds");
             c.idleMs = static_cast<uint32_t>(n);
             break;
+        case 8:
+            if (!parseNumber(value, kMaxRetries, n) || n == 0)
+                return bad(("the number of retransmissions, 1 to " + std::to_string(kMaxRetries)).c_str());
+            c.retries = static_cast<uint32_t>(n);
+            break;
+        case 9:
+            if (value == "on" || value == "1") c.sdrCache = true;
+            else if (value == "off" || value == "0") c.sdrCache = false;
+            else return bad("on or off");
+            break;
         case 6:
             if (inlinePassword) {
                 error = "the LAN target gives both a password and a password file; give one";
@@ -445,7 +492,13 @@ std::optional<Config> parseTarget(std::string_view spec, std::string &error)
     }
     // A retransmission time-out not given follows the time-out, so that a short time-out is
     // not overshot by much (libfreeipmi gives up at the first retransmission past it).
-    if (!(seen & (1u << 3))) c.retransmitMs = defaultRetransmit(c.timeoutMs);
+    // With retries and no time-out, the time-out follows from the retries.
+    if ((seen & (1u << kRetriesParam)) && !(seen & (1u << kTimeoutParam))) {
+        c.timeoutMs = 0;
+        if (!(seen & (1u << kRetransmitParam))) c.retransmitMs = kDefaultRetransmitMs;
+    } else if (!(seen & (1u << kRetransmitParam))) {
+        c.retransmitMs = defaultRetransmit(c.timeoutMs);
+    }
     if (!finish(c, error)) return std::nullopt;
     return c;
 }

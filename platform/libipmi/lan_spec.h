@@ -28,6 +28,7 @@ inline constexpr uint32_t kDefaultRetransmitMs = 1000;
 inline constexpr uint32_t kDefaultPoolSize = 2;
 inline constexpr uint32_t kMaxPoolSize = 16;
 inline constexpr uint32_t kDefaultIdleMs = 30000;
+inline constexpr uint32_t kMaxRetries = 30;
 
 // Limits of the RMCP+ session: user names up to 16 bytes, passwords up to 20.
 inline constexpr std::size_t kMaxUserLength = 16;
@@ -62,6 +63,11 @@ struct Config {
     uint8_t privilege = kPrivAdmin;
     uint32_t timeoutMs = kDefaultTimeoutMs;
     uint32_t retransmitMs = kDefaultRetransmitMs;
+    // Retransmissions before a handshake or request gives up: given (retries=), or the most
+    // that fit into the time-out. Once finished, timeoutMs is when the last one ends, which
+    // is when libfreeipmi gives up.
+    uint32_t retries = 0;
+    bool sdrCache = true; // keep the SDR repository in $XDG_CACHE_HOME between programs
     unsigned workaroundFlags = 0; // libfreeipmi's IPMI 2.0 workaround flags
     std::string workarounds;      // their names, for describe()
     uint32_t poolSize = kDefaultPoolSize;

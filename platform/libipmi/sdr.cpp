@@ -26,6 +26,13 @@
 //    buffer is filled does not fit (LIBIPMI_STATUS_BUFFER_TOO_SMALL), so a chain that never
 //    ends costs at most one request per slot.
 //  - An empty repository (0xCB for the first record) stores nothing and succeeds.
+//  - Over LAN, the repository is kept on disk between programs (sdr_copy.h). The first of
+//    allocation info or the walk in a session asks Get SDR Repository Info; when its addition
+//    and erase time stamps are the copy's, allocation info and the walk are served from the
+//    copy, and the caller's own Get SDR Repository Info right after gets that answer: reading
+//    a repository that has not changed costs one request. A walk made otherwise stores a new
+//    copy dated by the time stamps asked before it, so a change during the walk only makes
+//    the copy look stale. A session routed to another controller never uses the copy.
 //  - Every slot gets its record and zeros after it; slots after the last record, and any
 //    bytes after the last whole slot, are zeroed. Nothing is written past bufferSize. On a
 //    failure the buffer's contents are unspecified (but still within bufferSize).
@@ -132,8 +139,50 @@ uint16_t deriveAllocInfo(IpmiSession *session, SdrRepositoryAllocInfo *res, int 
     return LIBIPMI_STATUS_RETRIES_EXHAUSTED;
 }
 
+uint16_t getRepositoryInfo(IpmiSession *session, SdrRepositoryInfo *res, int timeout)
+{
+    Reply r = command(session, netfn::kStorage, storage::kGetSdrRepositoryInfo, {}, timeout);
+    return storeReply(r, res, sizeof *res, sizeof *res);
+}
+
+// The path of the session's on-disk copy, or empty when it has none (not LAN, switched off,
+// no cache directory, or routed to another controller).
+std::string copyPath(IpmiSession *session)
+{
+    SessionData *d = dataFor(session);
+    std::shared_ptr<Link> link = linkFor(session);
+    if (!d || !link || !d->route.direct()) return {};
+    return link->sdrCopyPath();
+}
+
+// Asks Get SDR Repository Info once for a session about to read the repository, and takes
+// the on-disk copy when it is current. Returns the copy to serve from, or null.
+std::shared_ptr<const sdrcopy::Copy> checkCopy(IpmiSession *session, int timeout)
+{
+    SessionData *d = dataFor(session);
+    if (!d) return nullptr;
+    if (d->sdrCopyChecked) return d->sdrCopy;
+    const std::string path = copyPath(session);
+    if (path.empty()) return nullptr;
+    SdrRepositoryInfo info{};
+    d->sdrRepositoryInfo.reset();
+    if (getRepositoryInfo(session, &info, timeout) != LIBIPMI_STATUS_OK) return nullptr;
+    d->sdrCopyChecked = true;
+    d->sdrRepositoryInfo = info;
+    d->sdrRepositoryInfoUnclaimed = true;
+    std::optional<sdrcopy::Copy> copy = sdrcopy::load(path);
+    if (!copy || !sdrcopy::matches(*copy, info) || copy->records.size() != info.recordCount) return nullptr;
+    d->sdrCopy = std::make_shared<const sdrcopy::Copy>(std::move(*copy));
+    return d->sdrCopy;
+}
+
 uint16_t getAllocInfo(IpmiSession *session, SdrRepositoryAllocInfo *res, int timeout)
 {
+    if (auto copy = checkCopy(session, timeout)) {
+        *res = copy->alloc;
+        rememberSdrAllocInfo(session, *res);
+        return LIBIPMI_STATUS_OK;
+    }
     Reply r = command(session, netfn::kStorage, storage::kGetSdrRepositoryAllocInfo, {}, timeout);
     uint16_t status = r.completionCode(cc::kInvalidCommand) ? deriveAllocInfo(session, res, timeout)
                                                             : storeReply(r, res, sizeof *res, sizeof *res);
@@ -180,8 +229,12 @@ public:
         }
         std::size_t used = static_cast<std::size_t>(stored) * slotSize_;
         std::memset(buffer_ + used, 0, bufferSize_ - used);
+        stored_ = stored;
         return LIBIPMI_STATUS_OK;
     }
+
+    // The records the last successful run stored.
+    uint32_t stored() const { return stored_; }
 
 private:
     uint16_t reserve() { return reserveSdr(session_, timeout_, reservation_); }
@@ -279,6 +332,7 @@ private:
     uint32_t slotSize_;
     uint32_t slots_;
     uint16_t reservation_ = 0;
+    uint32_t stored_ = 0;
     // What the walk learnt about the controller; kept across restarts.
     bool piecewise_ = false;
     uint8_t worked_ = 0;  // the largest body chunk the controller returned (0: none yet)
@@ -286,6 +340,33 @@ private:
     std::array<uint8_t, kMaxRecordSize> record_{};
     SeenIds seen_;
 };
+
+// The copy's records into the caller's slots, as a walk stores them.
+uint16_t fillFromCopy(const sdrcopy::Copy &copy, uint8_t *buffer, uint32_t bufferSize)
+{
+    const std::size_t slot = static_cast<std::size_t>(copy.alloc.allocUnitSize) * copy.alloc.maxRecordSize;
+    if (slot == 0 || copy.records.size() > bufferSize / slot) return LIBIPMI_STATUS_BUFFER_TOO_SMALL;
+    std::memset(buffer, 0, bufferSize);
+    for (std::size_t i = 0; i < copy.records.size(); ++i)
+        std::memcpy(buffer + i * slot, copy.records[i].data(), copy.records[i].size());
+    return LIBIPMI_STATUS_OK;
+}
+
+// A walk's records as a copy dated by the repository information asked before it.
+sdrcopy::Copy copyOf(const SdrRepositoryInfo &info, const SdrRepositoryAllocInfo &alloc, const uint8_t *buffer,
+                     uint32_t count, uint32_t slotSize)
+{
+    sdrcopy::Copy c;
+    c.additionTime = info.addTimeStamp;
+    c.eraseTime = info.eraseTimeStamp;
+    c.alloc = alloc;
+    for (uint32_t i = 0; i < count; ++i) {
+        const wire::View rec(buffer + static_cast<std::size_t>(i) * slotSize, slotSize);
+        const std::size_t length = kHeaderSize + rec.get(sdr::kLength, uint8_t{0});
+        c.records.emplace_back(rec.data(), rec.data() + std::min<std::size_t>(length, slotSize));
+    }
+    return c;
+}
 
 } // namespace
 } // namespace libipmi
@@ -306,8 +387,15 @@ extern "C" uint16_t IPMICMD_GetSDRRepositoryInfo(IpmiSession *s, SdrRepositoryIn
     return boundaryStatus([&]() -> uint16_t {
         if (!s) return LIBIPMI_STATUS_NO_SESSION;
         if (!res) return LIBIPMI_STATUS_INVALID_ARGUMENT;
-        Reply r = command(s, netfn::kStorage, storage::kGetSdrRepositoryInfo, {}, timeout);
-        return storeReply(r, res, sizeof *res, sizeof *res);
+        // The answer this session just got for its on-disk copy, once; asked again otherwise,
+        // so a caller polling for changes sees each one.
+        SessionData *d = dataFor(s);
+        if (d && d->sdrRepositoryInfoUnclaimed && d->sdrRepositoryInfo && !copyPath(s).empty()) {
+            d->sdrRepositoryInfoUnclaimed = false;
+            *res = *d->sdrRepositoryInfo;
+            return LIBIPMI_STATUS_OK;
+        }
+        return getRepositoryInfo(s, res, timeout);
     });
 }
 
@@ -316,6 +404,15 @@ extern "C" uint16_t LIBIPMI_HL_GetAllSDRs(IpmiSession *s, uint8_t *buffer, uint3
     return boundaryStatus([&]() -> uint16_t {
         if (!s) return LIBIPMI_STATUS_NO_SESSION;
         if (!buffer) return LIBIPMI_STATUS_INVALID_ARGUMENT;
+        std::shared_ptr<const sdrcopy::Copy> copy = checkCopy(s, timeout);
+        SessionData *d = dataFor(s);
+        // The check serves this read only: the session's next one asks the controller again.
+        const bool checked = d && d->sdrCopyChecked;
+        if (d) d->sdrCopyChecked = false, d->sdrCopy.reset();
+        if (copy) {
+            uint16_t status = fillFromCopy(*copy, buffer, bufferSize);
+            if (status == LIBIPMI_STATUS_OK) return status;
+        }
         SdrRepositoryAllocInfo alloc;
         if (std::optional<SdrRepositoryAllocInfo> cached = cachedSdrAllocInfo(s)) {
             alloc = *cached;
@@ -329,6 +426,10 @@ extern "C" uint16_t LIBIPMI_HL_GetAllSDRs(IpmiSession *s, uint8_t *buffer, uint3
         auto walk = std::make_unique<SdrWalk>(s, timeout, buffer, bufferSize, slotSize);
         for (int restarts = 0; restarts <= kMaxRestarts; ++restarts) {
             uint16_t status = walk->run();
+            if (status == LIBIPMI_STATUS_OK && checked && d->sdrRepositoryInfo) {
+                const std::string path = copyPath(s);
+                if (!path.empty()) sdrcopy::store(path, copyOf(*d->sdrRepositoryInfo, alloc, buffer, walk->stored(), slotSize));
+            }
             if (status != LIBIPMI_STATUS_COMPLETION_CODE(cc::kReservationCancelled)) return status;
         }
         return LIBIPMI_STATUS_RETRIES_EXHAUSTED;

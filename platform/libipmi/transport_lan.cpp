@@ -244,6 +244,7 @@ public:
             }
             char head[64];
             std::snprintf(head, sizeof head, "request netFn 0x%02x cmd 0x%02x: ", call.netFnLun >> 2, call.command);
+            if (status == LIBIPMI_STATUS_TIMEOUT) message += " (no answer within " + std::to_string(config_.timeoutMs) + " ms)";
             setLastError(where() + ": " + head + message);
             bool linkFailure = status == LIBIPMI_STATUS_TIMEOUT || status == LIBIPMI_STATUS_TRANSPORT;
             if (fresh || !linkFailure || attempt > 0) return Answer{status, std::nullopt};
@@ -253,6 +254,8 @@ public:
     }
 
     const Config &config() const { return config_; }
+
+    std::string sdrCopyPath() const { return config_.sdrCache ? sdrcopy::pathFor(config_.endpoint()) : std::string(); }
 
     void stats(ipmihost_lan_statistics &out)
     {
@@ -292,6 +295,7 @@ public:
         return a;
     }
     Answer bridge(const RawCall &call, std::span<const uint8_t> request) override { return exchange(call, request); }
+    std::string sdrCopyPath() const override { return target_->sdrCopyPath(); }
 
 private:
     std::shared_ptr<LanTarget> target_;
@@ -317,6 +321,7 @@ public:
         std::lock_guard<std::mutex> g(mutex_);
         conn_.reset();
     }
+    std::string sdrCopyPath() const override { return target_->sdrCopyPath(); }
 
 private:
     std::shared_ptr<LanTarget> target_;

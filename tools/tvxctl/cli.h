@@ -23,7 +23,10 @@ struct Options {
     std::string machine; // --machine FILE
     std::string state;   // --state DIR
     std::string target;  // --target SPEC
+    bool noSdrCache = false;
+    bool stats = false;
 };
+extern bool showStats;
 
 // A failure worth one line on stderr and an exit code.
 struct Failure {

@@ -118,15 +118,6 @@ constexpr const char *kParameterNames[] = {"cipher", "priv", "timeout",       "r
                                            "idle",   "password_file", "workaround", "retries", "sdr_cache"};
 constexpr int kTimeoutParam = 2, kRetransmitParam = 3, kRetriesParam = 8;
 
-// The time of the k-th retransmission in units of the retransmission time-out: libfreeipmi
-// waits r, r, 2r, 2r, 3r, 3r, ... between sends and gives up at the first of these points at
-// or past the session time-out.
-uint64_t backoffUnits(uint32_t k)
-{
-    uint64_t units = 0;
-    for (uint32_t i = 1; i <= k; ++i) units += (i + 1) / 2;
-    return units;
-}
 
 // Where the parameters begin: at the first '?' followed by a known parameter name and '=',
 // so that a '?' inside a password does not cut the target there.
@@ -154,6 +145,23 @@ Secret &Secret::operator=(const Secret &other)
 }
 
 Secret::~Secret() { explicit_bzero(value_.data(), value_.size()); }
+
+uint64_t backoffUnits(uint32_t k)
+{
+    uint64_t units = 0;
+    for (uint32_t i = 1; i <= k; ++i) units += (i + 1) / 2;
+    return units;
+}
+
+uint32_t Config::freeipmiRetransmitMs() const
+{
+    return retries == 0 ? retransmitMs : static_cast<uint32_t>(timeoutMs / backoffUnits(retries));
+}
+
+uint32_t Config::freeipmiTimeoutMs() const
+{
+    return retries == 0 ? timeoutMs : static_cast<uint32_t>(freeipmiRetransmitMs() * backoffUnits(retries));
+}
 
 uint32_t defaultRetransmit(uint32_t timeoutMs)
 {
@@ -280,22 +288,17 @@ bool finish(Config &c, std::string &error)
                 std::to_string(c.timeoutMs) + " ms)";
         return false;
     }
-    // libfreeipmi overshoots a time-out that falls between two retransmissions (up to 12 s
-    // for 10 s with the default retransmissions): the retransmission time-out is stretched so
-    // that the last retransmission that fits ends exactly at, or just before, the time-out,
-    // and that is the time-out libfreeipmi is given and messages state.
+    // Without retries given: as many as fit into the time-out at the retransmission time-out.
     if (c.retries == 0) {
         uint32_t k = 1;
         while (k < kMaxRetries && backoffUnits(k + 1) * c.retransmitMs <= c.timeoutMs) ++k;
         c.retries = k;
     }
-    c.retransmitMs = static_cast<uint32_t>(c.timeoutMs / backoffUnits(c.retries));
-    if (c.retransmitMs == 0) {
+    if (c.freeipmiRetransmitMs() == 0) {
         error = "the time-out (" + std::to_string(c.timeoutMs) + " ms) is too short for " + std::to_string(c.retries) +
                 " retries";
         return false;
     }
-    c.timeoutMs = static_cast<uint32_t>(c.retransmitMs * backoffUnits(c.retries));
     if (c.poolSize > kMaxPoolSize) {
         error = "the pool holds at most " + std::to_string(kMaxPoolSize) + " connections";
         return false;

@@ -64,14 +64,21 @@ struct Config {
     uint32_t timeoutMs = kDefaultTimeoutMs;
     uint32_t retransmitMs = kDefaultRetransmitMs;
     // Retransmissions before a handshake or request gives up: given (retries=), or the most
-    // that fit into the time-out. Once finished, timeoutMs is when the last one ends, which
-    // is when libfreeipmi gives up.
+    // that fit into the time-out.
     uint32_t retries = 0;
     bool sdrCache = true; // keep the SDR repository in $XDG_CACHE_HOME between programs
     unsigned workaroundFlags = 0; // libfreeipmi's IPMI 2.0 workaround flags
     std::string workarounds;      // their names, for describe()
     uint32_t poolSize = kDefaultPoolSize;
     uint32_t idleMs = kDefaultIdleMs;
+
+    // What libfreeipmi is given. It waits r, r, 2r, 2r, 3r, ... between sends and gives up at
+    // the first of these points at or past its session time-out, which overshoots a time-out
+    // between two of them (12 s for 10 s at 1 s). So the retransmission time-out is stretched
+    // until the last retransmission ends at the time-out (or up to `retries` ms before it),
+    // and that is the session time-out: a handshake or request gives up within timeoutMs.
+    uint32_t freeipmiRetransmitMs() const;
+    uint32_t freeipmiTimeoutMs() const;
 
     // "HOST:PORT" as libfreeipmi takes it ("[ADDR]:PORT" for IPv6).
     std::string endpoint() const;
@@ -90,6 +97,10 @@ bool finish(Config &config, std::string &error);
 // The libfreeipmi workaround flags for a comma-separated list of names ("opensesspriv", ...),
 // or nothing when a name is unknown (error names it).
 std::optional<unsigned> parseWorkarounds(std::string_view names, std::string &error);
+
+// The time of the k-th retransmission in units of the retransmission time-out, as libfreeipmi
+// spaces them (1, 2, 4, 6, 9, 12, ...).
+uint64_t backoffUnits(uint32_t k);
 
 // The retransmission time-out used when none is given: a fifth of the time-out, at most
 // kDefaultRetransmitMs.

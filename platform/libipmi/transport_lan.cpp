@@ -129,7 +129,8 @@ public:
         std::string endpoint = config_.endpoint();
         int rc = ipmi_ctx_open_outofband_2_0(ctx, endpoint.c_str(), config_.user.c_str(),
                                              config_.password.value().c_str(), nullptr, 0, config_.privilege,
-                                             config_.cipherSuite, config_.timeoutMs, config_.retransmitMs,
+                                             config_.cipherSuite, config_.freeipmiTimeoutMs(),
+                                             config_.freeipmiRetransmitMs(),
                                              config_.workaroundFlags, IPMI_FLAGS_DEFAULT);
         if (rc < 0) {
             int errnum = ipmi_ctx_errnum(ctx);

@@ -10,13 +10,17 @@ cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/out" >/dev/null
 deb=$(ls "$work"/out/*.deb)
 echo "package: $(basename "$deb")"
 
-multiarch=$(dpkg-architecture -qDEB_HOST_MULTIARCH 2>/dev/null || gcc -print-multiarch)
 dpkg-deb -c "$deb" | awk '{print $6}' > "$work/contents"
-for f in ./usr/lib/$multiarch/libtvx_toipmi.so.1.0.0 ./usr/lib/$multiarch/libipmi.so.2.0.0 \
-         ./usr/lib/$multiarch/libtvx_decodeUtil.so.1.0.0 ./usr/include/tvx_toipmi.h ./usr/bin/tvxctl \
-         ./usr/bin/tvx-selnotifyd ./usr/share/man/man1/tvxctl.1 ./usr/share/snmp/mibs/TVX-HARDWARE-MIB.txt \
-         ./usr/share/tvx/machines/default.json ./usr/lib/$multiarch/pkgconfig/libtvx_toipmi.pc \
-         ./usr/lib/$multiarch/cmake/tvx_toipmi/tvx_toipmiConfig.cmake; do
+# The library directory is the build's (GNUInstallDirs): /usr/lib/MULTIARCH when configured
+# for /usr, else /usr/lib; both are searched by the dynamic linker.
+lib=$(grep -m1 '/libtvx_toipmi.so.1.0.0$' "$work/contents" | sed 's|/libtvx_toipmi.so.1.0.0$||')
+lib=${lib:-./usr/lib}
+for f in $lib/libtvx_toipmi.so.1.0.0 $lib/libipmi.so.2.0.0 \
+         $lib/libtvx_decodeUtil.so.1.0.0 ./usr/include/tvx_toipmi.h ./usr/bin/tvxctl \
+         ./usr/bin/tvx-selnotifyd ./usr/bin/tvx-snmp-agent ./usr/share/man/man1/tvxctl.1 \
+         ./usr/share/snmp/mibs/TVX-HARDWARE-MIB.txt \
+         ./usr/share/tvx/machines/default.json $lib/pkgconfig/libtvx_toipmi.pc \
+         $lib/cmake/tvx_toipmi/tvx_toipmiConfig.cmake; do
   grep -qx "$f" "$work/contents" || { echo "FAIL: not in the package: $f"; exit 1; }
 done
 depends=$(dpkg-deb -f "$deb" Depends)
@@ -34,6 +38,6 @@ dpkg --root="$root" --force-depends --force-not-root --force-script-chrootless -
      -i "$deb" >/dev/null
 dpkg --root="$root" -s libtvx-toipmi | grep -q "^Status: install ok installed" || { echo "FAIL: not installed"; exit 1; }
 export TVX_IPMI_STATE_DIR=$work/state
-out=$(LD_LIBRARY_PATH=$root/usr/lib/$multiarch "$root/usr/bin/tvxctl" devid)
+out=$(LD_LIBRARY_PATH=$root/${lib#./} "$root/usr/bin/tvxctl" devid)
 echo "$out" | grep -q "^Firmware Revision *: 3.52" || { echo "FAIL: the installed tvxctl printed: $out"; exit 1; }
 echo "OK"

@@ -14,7 +14,7 @@ libdir=$(ls -d "$prefix"/lib* | head -n 1)
 for f in "$libdir/libtvx_toipmi.so.1" "$libdir/libipmi.so.2" "$libdir/libtvx_decodeUtil.so.1" \
          "$libdir/pkgconfig/libtvx_toipmi.pc" "$prefix/include/tvx_toipmi.h" "$prefix/include/libipmi.h" \
          "$prefix/include/decodeUtil.h" "$prefix/include/libipmi_host.h" "$prefix/bin/tvxctl" \
-         "$prefix/share/tvx/machines/default.json" "$prefix/bin/tvx-selnotifyd" \
+         "$prefix/share/tvx/machines/default.json" "$prefix/bin/tvx-selnotifyd" "$prefix/bin/tvx-snmp-agent" \
          "$prefix/share/man/man1/tvxctl.1" "$prefix/share/snmp/mibs/TVX-HARDWARE-MIB.txt" \
          "$libdir/cmake/tvx_toipmi/tvx_toipmiConfig.cmake"; do
   [ -e "$f" ] || { echo "FAIL: not installed: $f"; exit 1; }

@@ -376,7 +376,7 @@ TEST(RealPeer, EventTextsOverLanAreTheProfiles)
             for (const auto &param : p.value("parameters", nlohmann::json::array()))
                 needed += 1 + param.get<std::string>().size();
             if (needed > kParameterRoom) {
-                EXPECT_FALSE(l.contains("message")) << l; // decoded the standard way instead
+                EXPECT_TRUE(l["message"].is_null()) << l; // decoded the standard way instead
                 continue;
             }
             ++withText;

@@ -61,7 +61,23 @@ TEST(IpmitoolVerbs, SelElistDecodesEveryRecordAsIpmitoolDoes)
     const auto a = lines(ours.out), b = lines(theirs.out);
     ASSERT_EQ(a.size(), b.size()) << ours.out << "---\n" << theirs.out;
     ASSERT_GE(a.size(), 3u);
-    for (size_t i = 0; i < a.size(); ++i) EXPECT_EQ(columns(a[i], 6), columns(b[i], 6)) << a[i] << "\n" << b[i];
+    for (size_t i = 0; i < a.size(); ++i) {
+        auto ours = columns(a[i], 6), theirs = columns(b[i], 6);
+        SCOPED_TRACE(a[i] + "\n" + b[i]);
+        ASSERT_EQ(ours.size(), theirs.size());
+        if (ours.size() < 5) { // an OEM record without a time stamp: ID, type, bytes
+            EXPECT_EQ(ours, theirs);
+            continue;
+        }
+        // The sensor's type word: ipmitool knows no vendor sensor types ("Unknown", and no
+        // event text) and calls 0x23 "Watchdog2"; the library's tables name them. The sensor's
+        // name or number after it is the same.
+        const std::string label = theirs[3].substr(theirs[3].find(' ') + 1);
+        EXPECT_TRUE(ours[3].ends_with(label)) << ours[3];
+        const bool vendorType = theirs[3].rfind("Unknown ", 0) == 0;
+        for (size_t c = 0; c < ours.size(); ++c)
+            if (c != 3 && !(vendorType && c == 4)) EXPECT_EQ(ours[c], theirs[c]) << "column " << c;
+    }
 }
 
 } // namespace

@@ -67,7 +67,7 @@ Items oursSensors(const std::string &out)
 {
     Items items;
     for (const json &r : json::parse(out)) {
-        if (!r.contains("sensor_number")) continue; // locators
+        if (r["sensor_number"].is_null()) continue; // locators
         Item &i = items[r["name"].get<std::string>()];
         char number[8];
         std::snprintf(number, sizeof number, "%02xh", r["sensor_number"].get<int>());
@@ -113,7 +113,7 @@ Items oursFru(const std::string &out)
 {
     Items items;
     for (const json &d : json::parse(out)) {
-        if (!d.contains("board")) continue;
+        if (d["board"].is_null()) continue;
         const json &b = d["board"];
         Item &i = items[b.value("serial_number", "")];
         i["manufacturer"] = b.value("manufacturer", "");

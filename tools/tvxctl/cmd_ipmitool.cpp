@@ -200,10 +200,11 @@ int mcSelftest(const Options &opt)
 
 using Record = std::array<uint8_t, sel::kRecordSize>;
 
-// Sensor names by owner and number, from the SDR repository.
+// Sensor names by owner, number and sensor type, from the SDR repository: an event names the
+// sensor only when a record of that number also has the event's sensor type.
 struct SensorNames {
     struct Entry {
-        uint8_t owner, number;
+        uint8_t owner, number, type;
         std::string name;
     };
     std::vector<Entry> entries;
@@ -217,15 +218,15 @@ struct SensorNames {
             const wire::View rec(getSdrByIndex(i, &info), info.recordSize);
             if (!sdr::isSensorRecord(rec.get(sdr::kRecordType, uint8_t{0}))) continue;
             entries.push_back({rec.get(sdr::kOwnerId, uint8_t{0}), rec.get(sdr::kSensorNumber, uint8_t{0}),
-                               sdrIdString(rec)});
+                               rec.get(sdr::kSensorType, uint8_t{0}), sdrIdString(rec)});
         }
         freeSDRInfo(&info);
     }
 
-    const std::string *find(uint8_t owner, uint8_t number) const
+    const std::string *find(uint8_t owner, uint8_t number, uint8_t type) const
     {
         for (const Entry &e : entries)
-            if (e.owner == owner && e.number == number) return &e.name;
+            if (e.owner == owner && e.number == number && e.type == type) return &e.name;
         return nullptr;
     }
 };
@@ -236,6 +237,7 @@ struct Decoded {
     Json date = nullptr, time = nullptr;
     std::string sensor, event, direction;
     Json sensorType = nullptr, sensorNumber = nullptr, sensorName = nullptr;
+    std::string manufacturer; // of a timestamped OEM record, 6 hex digits
 };
 
 Decoded decode(const Record &r, const SensorNames &names)
@@ -264,6 +266,9 @@ Decoded decode(const Record &r, const SensorNames &names)
         const wire::View oem = rec.get(sel::isOemUntimed(d.recordType) ? sel::kOemData : sel::kOemTimedData);
         d.sensor = "OEM record " + tvx::hexNumber(d.recordType, 2).substr(2);
         d.event = tvx::hexBytes(oem.span(), 0);
+        // A timestamped OEM record begins with its manufacturer's ID, shown in a column of its own.
+        if (sel::isOemTimed(d.recordType))
+            d.manufacturer = tvx::hexNumber(rec.get(sel::kManufacturerId, uint32_t{0}), 6).substr(2);
         return d;
     }
     const uint8_t type = rec.get(sel::kSensorType, uint8_t{0}), number = rec.get(sel::kSensorNumber, uint8_t{0});
@@ -273,7 +278,7 @@ Decoded decode(const Record &r, const SensorNames &names)
     // The generator's slave address (bit 0 tells software from a controller) owns the sensor.
     const uint8_t owner = static_cast<uint8_t>(rec.get(sel::kGeneratorId, uint16_t{0}) & 0xFF);
     const std::string typeName = ipmiSdrGetSensorTypeDesc(type);
-    const std::string *name = names.find(owner, number);
+    const std::string *name = names.find(owner, number, type);
     char num[8];
     std::snprintf(num, sizeof num, "#0x%02x", number);
     d.sensor = typeName + " " + (name ? *name : num);
@@ -297,6 +302,7 @@ Json toJson(const Decoded &d)
             {"sensor_type", d.sensorType},
             {"sensor_number", d.sensorNumber},
             {"sensor_name", d.sensorName},
+            {"manufacturer_id", d.manufacturer.empty() ? Json(nullptr) : Json(d.manufacturer)},
             {"event", d.event},
             {"direction", d.direction.empty() ? Json(nullptr) : Json(d.direction)}};
 }
@@ -306,7 +312,9 @@ void printLine(const Decoded &d)
 {
     std::printf("%4x | ", d.id);
     if (d.date.is_string()) std::printf("%s | %s | ", d.date.get<std::string>().c_str(), d.time.get<std::string>().c_str());
-    std::printf("%s | %s", d.sensor.c_str(), d.event.c_str());
+    std::printf("%s | ", d.sensor.c_str());
+    if (!d.manufacturer.empty()) std::printf("%s | ", d.manufacturer.c_str());
+    std::printf("%s", d.event.c_str());
     if (!d.direction.empty()) std::printf(" | %s", d.direction.c_str());
     std::printf("\n");
 }

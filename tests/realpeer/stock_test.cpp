@@ -202,6 +202,90 @@ Items freeipmiSel(const std::string &out)
     return items;
 }
 
+// --- identity: tvxctl --json devid; ipmitool mc info and bmc-info print "Name : value" ---
+std::string firstNumber(const std::string &text)
+{
+    const auto start = text.find_first_of("0123456789");
+    return start == std::string::npos ? text : std::to_string(std::stoul(text.substr(start)));
+}
+Items oursIdentity(const std::string &out)
+{
+    const json j = json::parse(out);
+    return {{"-",
+             {{"device", std::to_string(j["device_id"].get<int>())},
+              {"firmware", j["firmware_revision"].get<std::string>()},
+              {"ipmi", j["ipmi_version"].get<std::string>()},
+              {"manufacturer", std::to_string(j["manufacturer_id"].get<unsigned>())},
+              {"product", std::to_string(j["product_id"].get<unsigned>())}}}};
+}
+Items peerIdentity(const std::string &out)
+{
+    Fields f = fields(out);
+    Item i;
+    const std::pair<const char *, const char *> keys[] = {{"device", "Device ID"},
+                                                          {"firmware", "Firmware Revision"},
+                                                          {"ipmi", "IPMI Version"},
+                                                          {"manufacturer", "Manufacturer ID"},
+                                                          {"product", "Product ID"}};
+    for (const auto &[name, key] : keys)
+        if (!f[key].empty()) i[name] = name == std::string("firmware") || name == std::string("ipmi")
+                                           ? f[key].front()
+                                           : firstNumber(f[key].front());
+    return {{"-", i}};
+}
+
+// --- raw Get Device ID: the answer's data bytes (ipmi-raw prints the command and the
+// completion code first) ---
+std::string hexWords(std::istringstream in, int skip)
+{
+    std::string out, word;
+    while (in >> word)
+        if (word.find(':') == std::string::npos && skip-- <= 0) out += (out.empty() ? "" : " ") + lower(word);
+    return out;
+}
+Items rawBytes(const std::string &out) { return {{"-", {{"bytes", hexWords(std::istringstream(out), 0)}}}}; }
+Items ipmiRawBytes(const std::string &out) { return {{"-", {{"bytes", hexWords(std::istringstream(out), 2)}}}}; }
+
+// --- LAN: tvxctl --json lan; ipmitool lan print 1 ("Name : value"); ipmi-config's Lan_Conf
+// section ("Key   value") ---
+Items oursLan(const std::string &out)
+{
+    const json j = json::parse(out);
+    auto text = [&j](const char *k) {
+        return j.contains(k) && j[k].is_string() ? j[k].get<std::string>() : std::string("(none)");
+    };
+    return {{"-",
+             {{"ip", text("ip_address")},
+              {"mask", text("subnet_mask")},
+              {"mac", lower(text("mac_address"))},
+              {"gateway", text("default_gateway")}}}};
+}
+Items ipmitoolLan(const std::string &out)
+{
+    Fields f = fields(out);
+    auto one = [&f](const char *k) { return f[k].empty() ? std::string("(none)") : lower(f[k].front()); };
+    return {{"-",
+             {{"ip", one("IP Address")},
+              {"mask", one("Subnet Mask")},
+              {"mac", one("MAC Address")},
+              {"gateway", one("Default Gateway IP")}}}};
+}
+Items freeipmiLan(const std::string &out)
+{
+    std::map<std::string, std::string> v;
+    std::istringstream in(out);
+    for (std::string line; std::getline(in, line);) {
+        std::istringstream words(line);
+        std::string key, value;
+        if (words >> key >> value) v[key] = lower(value);
+    }
+    return {{"-",
+             {{"ip", v["IP_Address"]},
+              {"mask", v["Subnet_Mask"]},
+              {"mac", v["MAC_Address"]},
+              {"gateway", v["Default_Gateway_IP_Address"]}}}};
+}
+
 // --- chassis power: the state, or the refusal ---
 Item powerOutcome(const Outcome &r, const std::string &onText)
 {
@@ -235,6 +319,18 @@ const Row kRows[] = {
      {{"sel", "list"}, ipmitoolSel},
      {{"ipmi-sel", "--comma-separated-output"}, freeipmiSel},
      {"time", "type", "event", "direction"}},
+    {"identity", {{"--json", "devid"}, oursIdentity},
+     {{"mc", "info"}, peerIdentity},
+     {{"bmc-info"}, peerIdentity},
+     {"device", "firmware", "ipmi", "manufacturer", "product"}},
+    {"raw Get Device ID", {{"raw", "0x06", "0x01"}, rawBytes},
+     {{"raw", "0x06", "0x01"}, rawBytes},
+     {{"ipmi-raw", "00", "06", "01"}, ipmiRawBytes},
+     {"bytes"}},
+    {"LAN", {{"--json", "lan"}, oursLan},
+     {{"lan", "print", "1"}, ipmitoolLan},
+     {{"ipmi-config", "--checkout", "--section=Lan_Conf"}, freeipmiLan},
+     {"ip", "mask", "mac", "gateway"}},
     {"chassis power", {{"power"}, nullptr},
      {{"chassis", "power", "status"}, nullptr},
      {{"ipmi-chassis", "--get-chassis-status"}, nullptr},
@@ -245,7 +341,8 @@ Outcome freeipmi(const tvxsim::ipmisim::Peer &peer, std::vector<std::string> arg
 {
     const auto &u = peer.options().users.front();
     // Its own SDR cache for the programs that keep one: ports are reused by other machines.
-    if (argv.front() != "ipmi-chassis") argv.insert(argv.begin() + 1, "--sdr-cache-directory=" + peer.options().workDir);
+    if (argv.front() == "ipmi-sensors" || argv.front() == "ipmi-sel" || argv.front() == "ipmi-fru")
+        argv.insert(argv.begin() + 1, "--sdr-cache-directory=" + peer.options().workDir);
     argv.insert(argv.begin() + 1, {"-h", peer.hostPort(), "-u", u.name, "-p", u.password, "-l", "ADMIN", "-I", "3",
                                    "-W", "opensesspriv", "--session-timeout=2000"});
     return tvxtest::run(argv);

@@ -123,7 +123,7 @@ public:
         traps_ = Process({SNMPTRAPD_PATH, "-f", "-C", "-c", dir_.file("snmptrapd.conf"), "-On", "-Lf",
                           dir_.file("traps.log"), "udp:127.0.0.1:" + std::to_string(trapPort_)},
                          env(), dir_.file("snmptrapd.out"));
-        agent_ = Process({TVX_AGENT_PATH, "-f", "-Lf", dir_.file("agent.log"), "-x", agentx(), "-I", "1", "--machine",
+        agent_ = Process({TVX_AGENT_PATH, "-f", "-Lf", dir_.file("agent.log"), "-x", agentx(), "-I", "1", "--port-function", "01:00:00", "--machine",
                           dir_.file("machine.json"), "--state", dir_.file("state")},
                          env(), dir_.file("agent.out"));
     }
@@ -324,6 +324,23 @@ TEST(Agent, ServesWhatTheLibraryReports)
             {8, m.at("config").dump()},     {9, text(m.at("form"))},          {10, text(m.at("type"))},
             {11, text(m.at("voltage_interface"))}};
         for (const auto &[col, value] : expected) EXPECT_EQ(walked.at(column("9", col, i)), value) << "memory column " << col;
+    }
+
+    // The node table: the controller, then the port function the agent was told of, with the
+    // addresses tvxctl network reads for it.
+    const Outcome network = stack.tvxctl({"network", "01:00:00"});
+    ASSERT_EQ(network.code, 0) << network;
+    const json nodes = json::parse(network.out);
+    ASSERT_EQ(nodes.size(), 2u);
+    EXPECT_EQ(rows(walked, "10.1", 2), 2u);
+    EXPECT_EQ(walked.at(column("10.1", 2, 2)), "2"); // portFunction(2)
+    for (const auto &[family, key] : {std::pair{2, "ipv4"}, {4, "ipv6"}}) {
+        std::string listed;
+        const std::string prefix = kObjects + ".10.2.1.3.2." + std::to_string(family) + ".";
+        for (long i = 1; walked.count(prefix + std::to_string(i)); ++i)
+            listed += (listed.empty() ? "" : " ") + walked.at(prefix + std::to_string(i));
+        EXPECT_EQ(listed, nodes[1].at(key).get<std::string>()) << key;
+        EXPECT_FALSE(listed.empty()) << key;
     }
 
     const auto secure = stack.walk(true);

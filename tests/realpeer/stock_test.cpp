@@ -25,26 +25,10 @@ namespace {
 using Item = std::map<std::string, std::string>;
 using Items = std::map<std::string, Item>; // by key
 
-std::string trim(std::string s)
-{
-    s.erase(0, s.find_first_not_of(" \t"));
-    s.erase(s.find_last_not_of(" \t\r\n") + 1);
-    return s;
-}
-
 std::string lower(std::string s)
 {
     for (char &c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     return s;
-}
-
-std::vector<std::string> split(const std::string &line, char sep)
-{
-    std::vector<std::string> cells;
-    std::stringstream in(line);
-    std::string cell;
-    while (std::getline(in, cell, sep)) cells.push_back(trim(cell));
-    return cells;
 }
 
 std::string twoDecimals(double v)
@@ -81,9 +65,7 @@ Items oursSensors(const std::string &out)
 Items ipmitoolSensors(const std::string &out)
 {
     Items items;
-    std::istringstream in(out);
-    for (std::string line; std::getline(in, line);) {
-        auto c = split(line, '|');
+    for (const auto &c : table(out, '|')) {
         if (c.size() != 5 || c[4].find(" @") != std::string::npos) continue; // locators: "Logical FRU @01h"
         Item &i = items[c[0]];
         i["number"] = lower(c[1]);
@@ -96,11 +78,7 @@ Items ipmitoolSensors(const std::string &out)
 Items freeipmiSensors(const std::string &out)
 {
     Items items;
-    std::istringstream in(out);
-    std::string line;
-    std::getline(in, line); // header
-    while (std::getline(in, line)) {
-        auto c = split(line, ',');
+    for (const auto &c : table(out, ',', true)) {
         if (c.size() < 5) continue;
         Item &i = items[c[1]];
         if (c[4] == "C") i["reading"] = c[3] == "N/A" ? "no reading" : reading(c[3]);
@@ -173,9 +151,7 @@ Items oursSel(const std::string &out)
 Items ipmitoolSel(const std::string &out)
 {
     Items items;
-    std::istringstream in(out);
-    for (std::string line; std::getline(in, line);) {
-        auto c = split(line, '|');
+    for (const auto &c : table(out, '|')) {
         if (c.size() != 6) continue;
         Item &i = items[std::to_string(std::stoul(c[0], nullptr, 16))];
         i["time"] = c[1] == "Pre-Init" ? "Pre-Init " + c[2] : c[1] + " " + c[2];
@@ -189,11 +165,7 @@ Items ipmitoolSel(const std::string &out)
 Items freeipmiSel(const std::string &out)
 {
     Items items;
-    std::istringstream in(out);
-    std::string line;
-    std::getline(in, line); // header
-    while (std::getline(in, line)) {
-        auto c = split(line, ',');
+    for (const auto &c : table(out, ',', true)) {
         if (c.size() < 6) continue;
         Item &i = items[c[0]];
         i["type"] = c[4];

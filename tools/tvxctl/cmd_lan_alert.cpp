@@ -78,6 +78,13 @@ Json toJson(const AlertDestinationInfo &d)
 int list(const Options &opt, Session &session, uint8_t channel)
 {
     const uint8_t count = alertDestinationCount(session, channel);
+    LanConfigGetResponse probe;
+    if (count == 0 && unsupported(getParameter(session, channel, lan::kDestinationAddress, 0, probe))) {
+        // No destination at all, not even the volatile one (ipmi_sim, for one).
+        if (opt.json) printJson({{"channel", channel}, {"count", 0}, {"destinations", Json::array()}});
+        else std::printf("LAN channel %u has no alert destinations.\n", channel);
+        return kExitOk;
+    }
     std::vector<AlertDestinationInfo> all;
     for (unsigned s = 0; s <= count; ++s) all.push_back(alertDestination(session, channel, static_cast<uint8_t>(s)));
     if (opt.json) {
@@ -163,7 +170,9 @@ AlertDestinationInfo alertDestination(Session &session, uint8_t channel, uint8_t
     d.selector = selector;
     LanConfigGetResponse res;
     const std::string which = "alert destination " + std::to_string(selector) + " of LAN channel " + std::to_string(channel);
-    if (getParameter(session, channel, lan::kDestinationType, selector, res) != 0) throw session.failed("cannot read " + which);
+    const uint16_t status = getParameter(session, channel, lan::kDestinationType, selector, res);
+    if (unsupported(status)) throw Failure{kExitFailed, "the controller keeps no alert destinations on LAN channel " + std::to_string(channel)};
+    if (status != 0) throw session.failed("cannot read " + which);
     tvx::wire::View v(res.data, sizeof res.data);
     d.type = v.get(dtype::kType, uint8_t{0}), d.ackTimeout = v.get(dtype::kAckTimeout, uint8_t{0});
     d.retries = v.get(dtype::kRetries, uint8_t{0});
@@ -174,8 +183,7 @@ AlertDestinationInfo alertDestination(Session &session, uint8_t channel, uint8_t
     inet_ntop(AF_INET, ip.data(), text, sizeof text);
     d.address = text;
     d.mac = tvx::hexBytes(v.get(daddr::kMac).span(), ':');
-    const uint16_t status = getParameter(session, channel, lan::kDestinationPort, selector, res);
-    if (status == 0) d.port = v.get(dport::kPort, uint16_t{0});
+    if (getParameter(session, channel, lan::kDestinationPort, selector, res) == 0) d.port = v.get(dport::kPort, uint16_t{0});
     return d;
 }
 

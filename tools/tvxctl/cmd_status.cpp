@@ -400,7 +400,9 @@ int cmdTrap(const Options &opt, const std::vector<std::string> &args)
     else std::printf("Test trap on LAN channel %u to %u destination%s:\n", channel, count, count == 1 ? "" : "s");
     for (uint8_t d = 1; d <= count; ++d)
         std::printf("  %-3u %-21s %s\n", d, where[d - 1u].c_str(), describe(outcomes[d - 1u]).c_str());
-    std::printf("Result: %s\n", result == 1 ? "the last destination accepted the alert" : "not accepted");
+    // The library's outcome: any answer to the last destination's alert but 0x83 counts as accepted.
+    std::printf("Result: %s\n", result == 1 ? "1, the controller answered the last destination's alert"
+                                             : "0, the last destination's alert was not accepted");
     return result == 1 ? kExitOk : kExitFailed;
 }
 

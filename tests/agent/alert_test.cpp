@@ -1,19 +1,36 @@
 // The test trap end to end: tvxctl points the virtual controller's alert destinations at a
 // real snmptrapd on loopback, and trap test makes the controller send its Platform Event Traps
 // there; a destination that refuses the event parameters gets the plain alert instead.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
 #include <thread>
 
-#include "daemon.h"
 #include "machine.h"
 #include "process.h"
 
 namespace {
 
 using nlohmann::json;
+
+uint16_t freeUdpPort()
+{
+    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a);
+    getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
+    close(fd);
+    return ntohs(a.sin_port);
+}
 
 TEST(TestTrap, ReachesSnmptrapdAndARefusingDestinationGetsThePlainAlert)
 {
@@ -23,8 +40,8 @@ TEST(TestTrap, ReachesSnmptrapdAndARefusingDestinationGetsThePlainAlert)
     const std::string machine = dir.file("alerts.json");
     tvxtest::writeFile(machine, profile.dump());
     tvxtest::writeFile(dir.file("snmptrapd.conf"), "disableAuthorization yes\n");
-    const std::string port = std::to_string(tvxtest::freeUdpPort()), log = dir.file("traps.log");
-    tvxtest::Process trapd({SNMPTRAPD_PATH, "-f", "-Lo", "-n", "-C", "-m", "", "-c", dir.file("snmptrapd.conf"),
+    const std::string port = std::to_string(freeUdpPort()), log = dir.file("traps.log");
+    tvxtest::Daemon trapd({SNMPTRAPD_PATH, "-f", "-Lo", "-n", "-C", "-m", "", "-c", dir.file("snmptrapd.conf"),
                             "udp:127.0.0.1:" + port},
                            {}, log);
     auto tvxctl = [&](std::vector<std::string> args) {

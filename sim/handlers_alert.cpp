@@ -44,12 +44,15 @@ void alertImmediate(Context &ctx, const Request &req, Response &rsp)
     if ((channelByte & ~alert::kChannelMask) || wire::bits(destByte, 4, 2) || operation > alert::kClearStatus)
         return rsp.fail(cc::kInvalidDataField);
     if (!alertDestination(ctx, channel, 0)) return rsp.fail(cc::kInvalidDataField); // not an 802.3 channel
-    nlohmann::json &ram = machine::section(ctx.state, kStatusArea);
     const std::string key = std::to_string(channel == tvx::lan::kCurrentChannel ? ctx.profile.settings.lan.currentChannel : channel);
-    if (operation == alert::kGetStatus) {
-        rsp.u8(static_cast<uint8_t>(machine::number(ram.value(key, nlohmann::json::object()), "status", alert::kStatusNone, 0xFF)));
+    if (operation == alert::kGetStatus) { // a read: nothing is created
+        uint64_t status = alert::kStatusNone;
+        if (auto area = ctx.state.find(kStatusArea); area != ctx.state.end() && area->is_object())
+            if (auto it = area->find(key); it != area->end()) status = machine::number(*it, "status", status, 0xFF);
+        rsp.u8(static_cast<uint8_t>(status));
         return;
     }
+    nlohmann::json &ram = machine::section(ctx.state, kStatusArea);
     if (operation == alert::kClearStatus) {
         ram.erase(key);
         ctx.changed();

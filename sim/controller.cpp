@@ -18,7 +18,7 @@ std::span<const Subsystem> Controller::standardSubsystems()
                                     kComponentSubsystem, kSelSubsystem,           kFruSubsystem,
                                     kProcessorSubsystem, kMemorySubsystem,        kPlatformInfoSubsystem, kFanSubsystem,
                                     kInventorySubsystem,  kIelSubsystem,           kSignalSubsystem,
-                                    kIpmbSubsystem};
+                                    kIpmbSubsystem,      kAlertSubsystem};
     return all;
 }
 

@@ -186,6 +186,7 @@ extern const Subsystem kFanSubsystem;
 extern const Subsystem kChassisSubsystem;
 extern const Subsystem kConfigSpaceSubsystem;
 extern const Subsystem kLanSubsystem;
+extern const Subsystem kAlertSubsystem;
 extern const Subsystem kSelSubsystem;
 extern const Subsystem kFruSubsystem;
 extern const Subsystem kIpmbSubsystem;

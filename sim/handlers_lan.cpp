@@ -7,8 +7,16 @@
 //
 // Parameters: 0 set in progress, 1 authentication type support (read-only), 3 IP address,
 // 4 address source, 5 MAC address, 6 subnet mask, 12 default gateway, 13 default gateway
-// MAC. Others answer 0x80 (not supported), a write to a read-only one 0x82, data of the wrong
-// length 0xC7. Writes made without a set in progress take effect at once.
+// MAC, 17 number of alert destinations (read-only), 18 destination type, 19 destination
+// address, and the controller's own 0xC0, a destination's UDP port. Others answer 0x80 (not
+// supported), a write to a read-only one 0x82, data of the wrong length 0xC7. Writes made
+// without a set in progress take effect at once.
+//
+// Alert destinations: the profile declares a channel's destinations (selectors 1 to N, N its
+// count); destination 0 is the volatile one, kept in RAM (state["lan_volatile"]["CHANNEL"]),
+// the others as state["lan"]["CHANNEL"]["alert_destination_S"]. A selector beyond the count
+// answers 0xC9 (parameter out of range); a destination type other than a PET trap or OEM, or
+// an address format other than IPv4, 0xCC.
 //
 // A set in progress lives in the controller's RAM, per channel: state["lan_set"]["CHANNEL"] =
 // {"owner": {"pid": P, "start": T}, "pending": {...}}. Writes wait in "pending" until a commit
@@ -26,6 +34,7 @@
 #include <unistd.h>
 
 #include "controller.h"
+#include "lan_alerts.h"
 #include "machine_state.h"
 
 namespace tvxsim {
@@ -124,6 +133,79 @@ nlohmann::json &channelState(Context &ctx, uint8_t number)
     return ch;
 }
 
+// ---- alert destinations ----------------------------------------------------------------------
+
+namespace dtype = lan::destination_type;
+namespace daddr = lan::destination_address;
+namespace dport = lan::destination_port;
+
+constexpr const char *kVolatile = "lan_volatile"; // RAM: destination 0 of each channel
+
+std::string destinationKey(uint8_t selector) { return "alert_destination_" + std::to_string(selector); }
+
+// Stores a member of the channel's state; destination 0 goes to RAM.
+void storeMember(Context &ctx, uint8_t number, const std::string &key, const nlohmann::json &value)
+{
+    if (key == destinationKey(0)) machine::section(ctx.state, kVolatile)[std::to_string(number)] = value;
+    else channelState(ctx, number)[key] = value;
+}
+
+DestinationState profileDestination(const ChannelSettings &c, uint8_t selector)
+{
+    DestinationState d;
+    if (selector == 0 || selector > c.alertDestinations.size()) return d;
+    const AlertDestination &p = c.alertDestinations[selector - 1u];
+    d.ip = p.ip, d.mac = p.mac, d.port = p.port, d.refusesEvent = p.refusesEvent;
+    return d;
+}
+
+nlohmann::json destinationJson(const DestinationState &d)
+{
+    return {{"type", d.type},       {"ack_timeout", d.ackTimeout},   {"retries", d.retries},
+            {"format", d.format},   {"gateway", d.gateway},          {"address", ipv4Text(d.ip)},
+            {"mac_address", macText(d.mac)}, {"port", d.port}};
+}
+
+// The stored members over the profile's values (a member that cannot be read keeps the profile's).
+DestinationState destinationFrom(const nlohmann::json &o, DestinationState d)
+{
+    if (!o.is_object()) return d;
+    d.type = static_cast<uint8_t>(machine::number(o, "type", d.type, 0xFF));
+    d.ackTimeout = static_cast<uint8_t>(machine::number(o, "ack_timeout", d.ackTimeout, 0xFF));
+    d.retries = static_cast<uint8_t>(machine::number(o, "retries", d.retries, 0xFF));
+    d.format = static_cast<uint8_t>(machine::number(o, "format", d.format, 0xFF));
+    d.gateway = static_cast<uint8_t>(machine::number(o, "gateway", d.gateway, 0xFF));
+    d.port = static_cast<uint16_t>(machine::number(o, "port", d.port, 0xFFFF));
+    if (auto it = o.find("address"); it != o.end() && it->is_string()) parseIpv4(it->get<std::string>(), d.ip);
+    if (auto it = o.find("mac_address"); it != o.end() && it->is_string()) parseMac(it->get<std::string>(), d.mac);
+    return d;
+}
+
+const nlohmann::json *member(const nlohmann::json &state, const char *area, uint8_t number, const std::string *key)
+{
+    auto a = state.find(area);
+    if (a == state.end() || !a->is_object()) return nullptr;
+    auto ch = a->find(std::to_string(number));
+    if (ch == a->end()) return nullptr;
+    if (!key) return &*ch;
+    if (!ch->is_object()) return nullptr;
+    auto it = ch->find(*key);
+    return it == ch->end() ? nullptr : &*it;
+}
+
+// The destination as stored (pending: as a set in progress would leave it).
+DestinationState storedDestination(Context &ctx, const ChannelSettings &c, uint8_t selector, const nlohmann::json *pending)
+{
+    const std::string key = destinationKey(selector);
+    DestinationState d = profileDestination(c, selector);
+    const nlohmann::json *stored =
+        selector == 0 ? member(ctx.state, kVolatile, c.number, nullptr) : member(ctx.state, "lan", c.number, &key);
+    if (stored) d = destinationFrom(*stored, d);
+    if (pending && pending->is_object())
+        if (auto it = pending->find(key); it != pending->end()) d = destinationFrom(*it, d);
+    return d;
+}
+
 // ---- the owner of a set in progress ---------------------------------------------------------
 
 struct Client {
@@ -215,7 +297,8 @@ void getLanConfig(Context &ctx, const Request &req, Response &rsp)
 {
     wire::Reader in = req.reader();
     const uint8_t channel = in.u8(), selector = in.u8();
-    in.skip(2); // set and block selectors: no parameter here has sets or blocks
+    const uint8_t set = in.u8();
+    in.skip(1); // block selector: no parameter here has blocks
     if (!rsp.complete(in)) return;
     const bool revisionOnly = channel & 0x80;
     if (channel & 0x70) return rsp.fail(cc::kInvalidDataField);
@@ -233,6 +316,19 @@ void getLanConfig(Context &ctx, const Request &req, Response &rsp)
         if (auto it = lan->find(std::to_string(c->number)); it != lan->end()) ch = &*it;
     if (selector == kAuthTypeSupport) {
         rsp.u8(c->lan.authTypeSupport);
+        return;
+    }
+    if (selector == lan::kDestinationCount) {
+        rsp.u8(static_cast<uint8_t>(c->alertDestinations.size() & lan::destination_count::kMask));
+        return;
+    }
+    if (selector == lan::kDestinationType || selector == lan::kDestinationAddress || selector == lan::kDestinationPort) {
+        if ((set & 0xF0) || set > c->alertDestinations.size()) return rsp.fail(cc::kParameterOutOfRange);
+        const DestinationState d = storedDestination(ctx, *c, set, nullptr);
+        rsp.u8(set);
+        if (selector == lan::kDestinationType) rsp.u8(d.type).u8(d.ackTimeout).u8(d.retries);
+        else if (selector == lan::kDestinationAddress) rsp.u8(d.format).u8(d.gateway).append(std::span<const uint8_t>(d.ip)).append(std::span<const uint8_t>(d.mac));
+        else rsp.u16(d.port);
         return;
     }
     const Parameter *p = findParameter(selector);
@@ -261,10 +357,8 @@ void setProgress(Context &ctx, uint8_t number, uint8_t value, Response &rsp)
     case 2:
         if (t) {
             nlohmann::json &pending = (*t)["pending"];
-            if (pending.is_object()) {
-                nlohmann::json &ch = channelState(ctx, number);
-                for (auto it = pending.begin(); it != pending.end(); ++it) ch[it.key()] = it.value();
-            }
+            if (pending.is_object())
+                for (auto it = pending.begin(); it != pending.end(); ++it) storeMember(ctx, number, it.key(), it.value());
             pending = nlohmann::json::object();
             ctx.changed();
         } else if (stale) {
@@ -272,6 +366,46 @@ void setProgress(Context &ctx, uint8_t number, uint8_t value, Response &rsp)
         }
         break;
     }
+}
+
+// Parameters 18, 19 and 0xC0: one part of a destination, the rest as it stands.
+void setDestination(Context &ctx, const ChannelSettings &c, uint8_t selector, wire::Reader &in, Response &rsp)
+{
+    const std::size_t size = selector == lan::kDestinationType      ? dtype::kSize
+                             : selector == lan::kDestinationAddress ? daddr::kSize
+                                                                    : dport::kSize;
+    const wire::View data = in.bytes(size);
+    if (!rsp.complete(in)) return;
+    const uint8_t set = data.get(dtype::kSelector, uint8_t{0});
+    if ((set & 0xF0) || set > c.alertDestinations.size()) return rsp.fail(cc::kParameterOutOfRange);
+    bool stale = false;
+    nlohmann::json *t = transaction(ctx, c.number, &stale);
+    nlohmann::json *pending = t ? &(*t)["pending"] : nullptr;
+    if (pending && !pending->is_object()) *pending = nlohmann::json::object();
+    DestinationState d = storedDestination(ctx, c, set, pending);
+    if (selector == lan::kDestinationType) {
+        const uint8_t type = data.get(dtype::kType, uint8_t{0}), kind = type & dtype::kTypeMask;
+        if ((type & 0x78) || (kind != dtype::kPetTrap && kind != dtype::kOem1 && kind != dtype::kOem2))
+            return rsp.fail(cc::kInvalidDataField);
+        d.type = type, d.ackTimeout = data.get(dtype::kAckTimeout, uint8_t{0}), d.retries = data.get(dtype::kRetries, uint8_t{0});
+        if (d.retries > 7) return rsp.fail(cc::kInvalidDataField);
+    } else if (selector == lan::kDestinationAddress) {
+        d.format = data.get(daddr::kFormat, uint8_t{0});
+        d.gateway = data.get(daddr::kGateway, uint8_t{0});
+        if (d.format != daddr::kFormatIpv4 || d.gateway > 1) return rsp.fail(cc::kInvalidDataField);
+        std::copy_n(data.get(daddr::kIpv4).data(), d.ip.size(), d.ip.begin());
+        std::copy_n(data.get(daddr::kMac).data(), d.mac.size(), d.mac.begin());
+    } else {
+        d.port = data.get(dport::kPort, uint16_t{0});
+        if (d.port == 0) return rsp.fail(cc::kInvalidDataField);
+    }
+    if (pending) {
+        (*pending)[destinationKey(set)] = destinationJson(d);
+    } else {
+        if (stale) endTransaction(ctx, c.number);
+        storeMember(ctx, c.number, destinationKey(set), destinationJson(d));
+    }
+    ctx.changed();
 }
 
 void setLanConfig(Context &ctx, const Request &req, Response &rsp)
@@ -287,7 +421,9 @@ void setLanConfig(Context &ctx, const Request &req, Response &rsp)
         if (!rsp.complete(in)) return;
         return setProgress(ctx, c->number, value, rsp);
     }
-    if (selector == kAuthTypeSupport) return rsp.fail(kReadOnlyParameter);
+    if (selector == kAuthTypeSupport || selector == lan::kDestinationCount) return rsp.fail(kReadOnlyParameter);
+    if (selector == lan::kDestinationType || selector == lan::kDestinationAddress || selector == lan::kDestinationPort)
+        return setDestination(ctx, *c, selector, in, rsp);
     const Parameter *p = findParameter(selector);
     if (!p) return rsp.fail(kParameterNotSupported);
     const wire::View data = in.bytes(p->length);
@@ -315,6 +451,7 @@ void install(Controller &c)
     c.on(tvx::netfn::kTransport, tvx::cmd::transport::kSetLanConfig, setLanConfig);
     c.on(tvx::netfn::kTransport, tvx::cmd::transport::kGetLanConfig, getLanConfig);
     c.keepInRam("lan_set");
+    c.keepInRam(kVolatile);
 }
 
 void initState(const Profile &p, nlohmann::json &state)
@@ -324,12 +461,33 @@ void initState(const Profile &p, nlohmann::json &state)
         if (c.medium != kMediumLan) continue;
         nlohmann::json ch = nlohmann::json::object();
         for (const Parameter &param : kParameters) ch[param.key] = toJson(param, profileValue(c.lan, param.selector));
+        for (std::size_t s = 1; s <= c.alertDestinations.size(); ++s)
+            ch[destinationKey(static_cast<uint8_t>(s))] = destinationJson(profileDestination(c, static_cast<uint8_t>(s)));
         lan[std::to_string(c.number)] = ch;
     }
     state["lan"] = lan;
 }
 
 } // namespace
+
+std::optional<DestinationState> alertDestination(Context &ctx, uint8_t channel, uint8_t selector)
+{
+    const ChannelSettings *c = resolveChannel(ctx, channel);
+    if (!c || c->medium != kMediumLan || selector > c->alertDestinations.size()) return std::nullopt;
+    return storedDestination(ctx, *c, selector, nullptr);
+}
+
+std::array<uint8_t, 4> channelAddress(Context &ctx, uint8_t channel)
+{
+    std::array<uint8_t, 4> ip{};
+    const ChannelSettings *c = resolveChannel(ctx, channel);
+    if (!c || c->medium != kMediumLan) return ip;
+    const Parameter *p = findParameter(lan::kIpAddress);
+    const nlohmann::json *stored = member(ctx.state, "lan", c->number, nullptr);
+    const std::vector<uint8_t> v = fromJson(*p, stored ? *stored : nlohmann::json(), profileValue(c->lan, lan::kIpAddress));
+    std::copy_n(v.begin(), std::min(v.size(), ip.size()), ip.begin());
+    return ip;
+}
 
 const Subsystem kLanSubsystem = {"lan", install, initState};
 

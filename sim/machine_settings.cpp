@@ -261,10 +261,21 @@ std::array<uint8_t, N> parseAddress(const Node &n, bool (*parse)(const std::stri
     return out;
 }
 
+AlertDestination parseDestination(const Node &n)
+{
+    n.allowOnly({"address", "mac_address", "port", "refuses_event"});
+    AlertDestination d;
+    if (auto v = n.find("address")) d.ip = parseAddress<4>(*v, parseIpv4, "10.20.30.5");
+    if (auto v = n.find("mac_address")) d.mac = parseAddress<6>(*v, parseMac, "02:00:0a:14:1e:05");
+    if (auto v = n.find("port")) d.port = static_cast<uint16_t>(v->integer(1, 65535));
+    if (auto v = n.find("refuses_event")) d.refusesEvent = v->boolean();
+    return d;
+}
+
 ChannelSettings parseChannel(const Node &n)
 {
     n.allowOnly({"number", "medium", "protocol", "sessions", "aux_info", "ip_address", "subnet_mask", "default_gateway",
-                 "gateway_mac", "mac_address", "address_source", "auth_type_support"});
+                 "gateway_mac", "mac_address", "address_source", "auth_type_support", "alert_destinations"});
     ChannelSettings c;
     Node number = n.at("number");
     c.number = static_cast<uint8_t>(number.integer(0, 15));
@@ -288,7 +299,7 @@ ChannelSettings parseChannel(const Node &n)
         c.auxInfo = {b[0], b[1]};
     }
     static const char *lanKeys[] = {"ip_address", "subnet_mask", "default_gateway", "gateway_mac", "mac_address",
-                                    "address_source", "auth_type_support"};
+                                    "address_source", "auth_type_support", "alert_destinations"};
     if (!lan) {
         for (const char *k : lanKeys)
             if (auto v = n.find(k)) v->fail("LAN settings belong to 802.3 channels (medium \"802.3\")");
@@ -312,6 +323,11 @@ ChannelSettings parseChannel(const Node &n)
         a.addressSource = namedByte(*v, names, 4);
     }
     if (auto v = n.find("auth_type_support")) a.authTypeSupport = static_cast<uint8_t>(v->integer(0, 0x3F));
+    if (auto list = n.find("alert_destinations")) {
+        if (list->size() > tvx::lan::kMaxDestinations)
+            list->fail("a channel has at most " + std::to_string(tvx::lan::kMaxDestinations) + " alert destinations");
+        for (std::size_t i = 0; i < list->size(); ++i) c.alertDestinations.push_back(parseDestination(list->at(i)));
+    }
     return c;
 }
 

@@ -80,6 +80,16 @@ struct LanAddresses {
     uint8_t authTypeSupport = 0x15; // none, MD5, straight password
 };
 
+// An alert destination of an 802.3 channel as the profile declares it: where its traps go
+// (an address of 0.0.0.0 is a destination not set up), and whether the controller refuses
+// the platform event parameters of Alert Immediate for it.
+struct AlertDestination {
+    std::array<uint8_t, 4> ip{};
+    std::array<uint8_t, 6> mac{};
+    uint16_t port = tvx::lan::kTrapPort;
+    bool refusesEvent = false;
+};
+
 struct ChannelSettings {
     uint8_t number = 0;
     uint8_t medium = 0;
@@ -87,6 +97,7 @@ struct ChannelSettings {
     uint8_t sessionSupport = 0x00; // bits 7:6: 0 session-less, 1 single, 2 multi, 3 session-based
     std::array<uint8_t, 2> auxInfo{};
     LanAddresses lan; // 802.3 channels only
+    std::vector<AlertDestination> alertDestinations; // selectors 1 to N
 };
 
 struct LanSettings {

@@ -105,7 +105,9 @@ void appendConsole(Context &ctx, const std::vector<std::string> &lines)
 
 void forgetLanWritesInProgress(Context &ctx)
 {
-    if (ctx.state.is_object() && ctx.state.erase("lan_set")) ctx.changed();
+    if (!ctx.state.is_object()) return;
+    if (ctx.state.erase("lan_set")) ctx.changed();
+    if (ctx.state.erase("lan_volatile")) ctx.changed(); // the volatile alert destinations
 }
 
 } // namespace tvxsim::machine

@@ -36,7 +36,8 @@ std::optional<std::vector<uint8_t>> configValue(Context &ctx, uint16_t id, uint8
 bool consoleLogging(Context &ctx);
 void appendConsole(Context &ctx, const std::vector<std::string> &lines);
 
-// What the controller forgets when it restarts: LAN parameter writes in progress.
+// What the controller forgets when it restarts: LAN parameter writes in progress and the
+// volatile alert destinations.
 void forgetLanWritesInProgress(Context &ctx);
 
 } // namespace tvxsim::machine

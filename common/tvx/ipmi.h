@@ -154,6 +154,49 @@ inline constexpr uint8_t kMedium8023 = 0x04;     // Get Channel Info: channel me
 inline constexpr uint8_t kDestinationCount = 17;  // read-only: bits 3:0 the destinations
 inline constexpr uint8_t kDestinationType = 18;   // set selector, type, ack time-out, retries
 inline constexpr uint8_t kDestinationAddress = 19; // set selector, format, gateway, IPv4, MAC
+// OEM parameter (192-255 are the controller's own) of the virtual controller: the UDP port of
+// an alert destination, which IPMI leaves at the SNMP trap port.
+inline constexpr uint8_t kDestinationPort = 0xC0;
+inline constexpr uint16_t kTrapPort = 162;
+inline constexpr uint8_t kMaxDestinations = 15; // selectors 1-15; 0 is the volatile destination
+
+// Parameter data (after the revision byte of an answer, after the parameter selector of a
+// write). Destination count: bits 3:0.
+namespace destination_count {
+inline constexpr wire::U8 kCount{0};
+inline constexpr uint8_t kMask = 0x0F;
+} // namespace destination_count
+// Destination type: the set selector (bits 3:0 the destination), the type (bit 7 acknowledged
+// alert, bits 2:0 the type: 0 a PET trap), the acknowledge time-out in seconds, the retries.
+namespace destination_type {
+inline constexpr wire::U8 kSelector{0};
+inline constexpr wire::U8 kType{1};
+inline constexpr wire::U8 kAckTimeout{2};
+inline constexpr wire::U8 kRetries{3};
+inline constexpr std::size_t kSize = 4;
+inline constexpr uint8_t kAcknowledged = 0x80;
+inline constexpr uint8_t kTypeMask = 0x07;
+inline constexpr uint8_t kPetTrap = 0x00;
+inline constexpr uint8_t kOem1 = 0x06, kOem2 = 0x07;
+} // namespace destination_type
+// Destination address: the set selector, the address format (bits 7:4; 0 IPv4 and MAC), the
+// gateway (bit 0: 0 default, 1 backup), the IPv4 address (most significant octet first) and the
+// MAC address.
+namespace destination_address {
+inline constexpr wire::U8 kSelector{0};
+inline constexpr wire::U8 kFormat{1};
+inline constexpr wire::U8 kGateway{2};
+inline constexpr wire::Run kIpv4{3, 4};
+inline constexpr wire::Run kMac{7, 6};
+inline constexpr std::size_t kSize = 13;
+inline constexpr uint8_t kFormatIpv4 = 0x00;
+} // namespace destination_address
+// Destination UDP port: the set selector, then the port (least significant byte first).
+namespace destination_port {
+inline constexpr wire::U8 kSelector{0};
+inline constexpr wire::U16 kPort{1};
+inline constexpr std::size_t kSize = 3;
+} // namespace destination_port
 } // namespace lan
 
 // Get Channel Info: the answer.
@@ -163,11 +206,13 @@ inline constexpr wire::U8 kMedium{2}; // bits 6:0 the medium type
 inline constexpr wire::U8 kProtocol{3};
 } // namespace channel_info
 
-// Alert Immediate: the request. Byte 0: operation (bits 7:6, 0 = initiate) and channel;
-// byte 1: destination selector (bits 3:0), bit 7 = send the alert string; byte 2: the alert
-// string selector; then, optionally, the platform event the alert carries: generator ID,
-// event message revision, sensor type, sensor number, event direction and type, event data
-// 1-3. The controller refuses those event parameters with kEventRefused.
+// Alert Immediate: the request. Byte 0: the channel (bits 3:0); byte 1: the operation (bits
+// 7:6: 0 initiate an alert, 1 get the status of the last one, 2 clear that status) and the
+// destination selector (bits 3:0); byte 2: bit 7 = send the alert string, bits 6:0 its
+// selector; then, optionally, the platform event the alert carries: generator ID, event
+// message revision, sensor type, sensor number, event direction and type, event data 1-3. A
+// controller refuses those event parameters with kEventRefused; kAlertFailed means an alert is
+// already in progress. The get-status answer carries one status byte.
 namespace alert_immediate {
 inline constexpr wire::U8 kChannel{0};
 inline constexpr wire::U8 kDestination{1};
@@ -183,6 +228,11 @@ inline constexpr std::size_t kSizeWithoutEvent = 3;
 inline constexpr uint8_t kSendString = 0x80;
 inline constexpr uint8_t kEventRefused = 0x83;
 inline constexpr uint8_t kAlertFailed = 0x81;
+inline constexpr uint8_t kChannelMask = 0x0F, kDestinationMask = 0x0F;
+inline constexpr unsigned kOperationShift = 6;
+inline constexpr uint8_t kInitiate = 0, kGetStatus = 1, kClearStatus = 2;
+// The status of the last alert: none, or ended normally (an unacknowledged trap was sent).
+inline constexpr uint8_t kStatusNone = 0x00, kStatusNormalEnd = 0x01;
 } // namespace alert_immediate
 
 // Bridging to another controller on an IPMB channel. A system interface sends the IPMB

@@ -253,6 +253,10 @@ public:
     constexpr Appender &u16(uint16_t v) { return le(v, 2); }
     constexpr Appender &u24(uint32_t v) { return le(v, 3); }
     constexpr Appender &u32(uint32_t v) { return le(v, 4); }
+    // Most significant byte first, for the formats outside IPMI's messages that use that order
+    // (the platform event trap's data).
+    constexpr Appender &be16(uint16_t v) { return be(v, 2); }
+    constexpr Appender &be32(uint32_t v) { return be(v, 4); }
     constexpr Appender &bytes(std::span<const uint8_t> b)
     {
         out_.insert(out_.end(), b.begin(), b.end());
@@ -272,6 +276,11 @@ private:
     constexpr Appender &le(uint32_t v, std::size_t width)
     {
         for (std::size_t i = 0; i < width; ++i) out_.push_back(static_cast<uint8_t>(v >> (8 * i)));
+        return *this;
+    }
+    constexpr Appender &be(uint32_t v, std::size_t width)
+    {
+        for (std::size_t i = width; i-- > 0;) out_.push_back(static_cast<uint8_t>(v >> (8 * i)));
         return *this;
     }
     Bytes &out_;

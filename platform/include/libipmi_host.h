@@ -138,6 +138,14 @@ typedef struct {
    uses this to tell a refused request (and its completion code) from a value of 0. */
 IPMIHOST_API int ipmihost_last_request(struct IpmiSession *session, ipmihost_request_outcome *out);
 
+/* A watcher of every request this process sends, on any session: called after each one with
+   its outcome and its data bytes (req/reqLen), from the thread that sent it. One watcher per
+   process; NULL removes it. A host program uses this to report what an operation of the
+   library did request by request (tvxctl trap test: each destination's completion code). */
+typedef void (*ipmihost_request_watcher)(void *context, const ipmihost_request_outcome *outcome,
+        const uint8_t *req, uint32_t reqLen);
+IPMIHOST_API void ipmihost_watch_requests(ipmihost_request_watcher watcher, void *context);
+
 /* ---- The scripted exchange ----------------------------------------------------------------- */
 
 /* Announces the next request and the answer to give. The request must carry exactly this

@@ -1,6 +1,7 @@
 // The raw exchange: one request in, the status and the response bytes out.
 #include <atomic>
 #include <cstring>
+#include <mutex>
 
 #include "internal.h"
 #include "libipmi_host.h"
@@ -46,6 +47,29 @@ Route sessionRoute(IpmiSession *session)
     return d ? d->route : Route{};
 }
 
+struct Watcher {
+    std::mutex lock;
+    ipmihost_request_watcher fn = nullptr;
+    void *context = nullptr;
+};
+Watcher &watcher()
+{
+    static Watcher w;
+    return w;
+}
+
+void tellWatcher(const ipmihost_request_outcome &outcome, std::span<const uint8_t> request)
+{
+    Watcher &w = watcher();
+    ipmihost_request_watcher fn;
+    void *context;
+    {
+        std::lock_guard<std::mutex> g(w.lock);
+        fn = w.fn, context = w.context;
+    }
+    if (fn) fn(context, &outcome, request.data(), static_cast<uint32_t>(request.size()));
+}
+
 uint16_t rawExchange(const RawCall &call, uint8_t *resData, uint32_t *resLen)
 {
     std::shared_ptr<Link> link = linkFor(call.session);
@@ -57,9 +81,10 @@ uint16_t rawExchange(const RawCall &call, uint8_t *resData, uint32_t *resLen)
     RawCall routed = call;
     routed.route = route;
     Answer a = route.direct() ? link->exchange(routed, request) : link->bridge(routed, request);
-    if (SessionData *d = dataFor(call.session))
-        d->last = ipmihost_request_outcome{static_cast<uint8_t>(call.netFnLun >> 2), static_cast<uint8_t>(call.netFnLun & 3),
-                                           call.command,  route.channel, route.address, a.status};
+    const ipmihost_request_outcome outcome{static_cast<uint8_t>(call.netFnLun >> 2), static_cast<uint8_t>(call.netFnLun & 3),
+                                           call.command, route.channel, route.address, a.status};
+    if (SessionData *d = dataFor(call.session)) d->last = outcome;
+    tellWatcher(outcome, request);
     if (a.bytes) {
         // Never more than the stated capacity; with none stated, the whole response (which
         // the platform keeps within LIBIPMI_MAX_RESPONSE_LEN).
@@ -137,6 +162,16 @@ extern "C" int ipmihost_session_route(IpmiSession *session, uint8_t channel, uin
             return -1;
         }
         d->route = normalised(Route{static_cast<uint8_t>(channel & 0x0F), address});
+        return 0;
+    });
+}
+
+extern "C" void ipmihost_watch_requests(ipmihost_request_watcher fn, void *context)
+{
+    boundary<int>(0, [&]() -> int {
+        Watcher &w = watcher();
+        std::lock_guard<std::mutex> g(w.lock);
+        w.fn = fn, w.context = context;
         return 0;
     });
 }

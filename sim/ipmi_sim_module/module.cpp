@@ -5,9 +5,12 @@
 //    OEM handlers as the virtual controller: a tvxsim::Controller built from the profile,
 //    with its state in memory;
 //  - standard commands the library sends and ipmi_sim lacks (Get SDR Repository Allocation
-//    Info, Warm/Cold Reset, Get/Set SEL Time UTC Offset, Alert Immediate) are answered by
-//    that controller when it models them, else by the plain answers below; Get Self Test
-//    Results and Set/Get ACPI Power State by the controller alone;
+//    Info, Warm/Cold Reset, Get/Set SEL Time UTC Offset) are answered by that controller when
+//    it models them, else by the plain answers below; Get Self Test Results and Set/Get ACPI
+//    Power State by the controller alone;
+//  - Alert Immediate stays refused (0xC1, as ipmi_sim answers it): ipmi_sim keeps the LAN
+//    configuration itself, so the controller model's alert destinations are not the ones a
+//    client sets over LAN, and an alert that claimed to be sent while going nowhere would lie;
 //  - chassis power: Chassis Control changes the power state that Get Chassis Status reports;
 //  - Get Sensor Reading: ipmi_sim's answer, with three corrections: the threshold
 //    comparisons of sensors with signed readings (ipmi_sim compares the raw bytes as
@@ -208,16 +211,6 @@ void handleSetUtcOffset(lmc_data_t *, msg_t *msg, unsigned char *rdata, unsigned
     answer({cc::kOk}, rdata, rdata_len);
 }
 
-void handleAlertImmediate(lmc_data_t *, msg_t *msg, unsigned char *rdata, unsigned int *rdata_len, void *)
-{
-    Bytes out;
-    if (askController(msg, out)) return answer(out, rdata, rdata_len);
-    // The channel and the destination selector at least.
-    if (!requestOf(msg).skip(2).ok()) return answer({cc::kRequestLengthInvalid}, rdata, rdata_len);
-    // The alert goes nowhere but is reported as sent: status 0x00, normal end.
-    answer({cc::kOk, 0x00}, rdata, rdata_len);
-}
-
 // Commands ipmi_sim lacks that the controller model answers from the profile and its state
 // (Get Self Test Results, Set/Get ACPI Power State).
 void handleFromController(lmc_data_t *, msg_t *msg, unsigned char *rdata, unsigned int *rdata_len, void *)
@@ -379,7 +372,6 @@ int initModule(sys_data_t *sys, const char *options)
         {netfn::kApp, cmd::app::kWarmReset, guarded<handleReset>},
         {netfn::kStorage, cmd::storage::kGetSelTimeUtcOffset, guarded<handleGetUtcOffset>},
         {netfn::kStorage, cmd::storage::kSetSelTimeUtcOffset, guarded<handleSetUtcOffset>},
-        {netfn::kSensorEvent, cmd::sensor::kAlertImmediate, guarded<handleAlertImmediate>},
         {netfn::kApp, cmd::app::kGetSelfTestResults, guarded<handleFromController>},
         {netfn::kApp, cmd::app::kSetAcpiPowerState, guarded<handleFromController>},
         {netfn::kApp, cmd::app::kGetAcpiPowerState, guarded<handleFromController>},

@@ -10,7 +10,7 @@ using tvxsim::Controller;
 
 namespace {
 
-constexpr uint8_t kChassis = 0x00, kApp = 0x06, kTransport = 0x0C, kOem = 0x2E;
+constexpr uint8_t kChassis = 0x00, kSensorEvent = 0x04, kApp = 0x06, kTransport = 0x0C, kOem = 0x2E;
 
 json machine()
 {
@@ -25,7 +25,8 @@ json machine()
         {"logging", false}, {"capacity", 40}, {"log", {"old line"}}, {"boot_lines", {"BIOS 1.0", "login:"}}};
     doc["lan"] = json::parse(R"({"channels": [
       {"number": 1, "medium": "802.3", "ip_address": "10.1.2.3", "subnet_mask": "255.255.0.0",
-       "default_gateway": "10.1.0.1", "mac_address": "02:00:00:00:00:01", "address_source": "static"},
+       "default_gateway": "10.1.0.1", "mac_address": "02:00:00:00:00:01", "address_source": "static",
+       "alert_destinations": [{"address": "10.1.0.50", "port": 1620}, {"refuses_event": true}]},
       {"number": 2, "medium": "802.3", "ip_address": "10.9.9.9", "address_source": "dhcp"},
       {"number": 3, "medium": "serial"}]})");
     return doc;
@@ -73,6 +74,28 @@ TEST(ChassisCommands, AnswerByteForByte)
           {kTransport, 0x02, {1, 3, 0, 0}, {0x00, 0x11, 10, 1, 2, 99}}, {kTransport, 0x01, {1, 0, 3}, {0xCC}},
           {kTransport, 0x01, {1, 0, 1}, {0x00}}, {kApp, 0x02, {}, {0x00}}, // a restart forgets the set in progress
           {kTransport, 0x02, {1, 0, 0, 0}, {0x00, 0x11, 0}}}},
+        {"alert destinations", {{kTransport, 0x02, {1, 17, 0, 0}, {0x00, 0x11, 2}},
+          {kTransport, 0x02, {1, 19, 1, 0}, {0x00, 0x11, 1, 0x00, 0, 10, 1, 0, 50, 0, 0, 0, 0, 0, 0}},
+          {kTransport, 0x02, {1, 0xC0, 1, 0}, {0x00, 0x11, 1, 0x54, 0x06}},
+          {kTransport, 0x01, {1, 19, 2, 0x00, 1, 10, 9, 8, 7, 2, 0, 0, 0, 0, 1}, {0x00}},
+          {kTransport, 0x01, {1, 18, 2, 0x80, 5, 3}, {0x00}}, {kTransport, 0x01, {1, 0xC0, 2, 0xA2, 0x00}, {0x00}},
+          {kTransport, 0x02, {1, 19, 2, 0}, {0x00, 0x11, 2, 0x00, 1, 10, 9, 8, 7, 2, 0, 0, 0, 0, 1}},
+          {kTransport, 0x02, {1, 18, 2, 0}, {0x00, 0x11, 2, 0x80, 5, 3}},
+          {kTransport, 0x02, {1, 0xC0, 2, 0}, {0x00, 0x11, 2, 0xA2, 0x00}},
+          {kTransport, 0x02, {1, 19, 3, 0}, {0xC9}}, {kTransport, 0x01, {1, 18, 3, 0, 0, 0}, {0xC9}},
+          {kTransport, 0x01, {1, 17, 4}, {0x82}}, {kTransport, 0x01, {1, 18, 1, 0x03, 0, 0}, {0xCC}},
+          {kTransport, 0x01, {1, 19, 1, 0x10, 0, 1, 2, 3, 4, 0, 0, 0, 0, 0, 0}, {0xCC}},
+          {kTransport, 0x01, {1, 0xC0, 1, 0, 0}, {0xCC}}, {kTransport, 0x01, {1, 19, 1, 0}, {0xC7}},
+          {kTransport, 0x02, {2, 17, 0, 0}, {0x00, 0x11, 0}}, {kTransport, 0x02, {3, 17, 0, 0}, {0xCC}},
+          {kTransport, 0x01, {1, 19, 0, 0x00, 0, 1, 2, 3, 4, 0, 0, 0, 0, 0, 0}, {0x00}}, // the volatile one
+          {kTransport, 0x02, {1, 19, 0, 0}, {0x00, 0x11, 0, 0x00, 0, 1, 2, 3, 4, 0, 0, 0, 0, 0, 0}},
+          {kApp, 0x02, {}, {0x00}}, {kTransport, 0x02, {1, 19, 0, 0}, {0x00, 0x11, 0, 0x00, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}},
+          {kTransport, 0x02, {2, 19, 1, 0}, {0xC9}}}},
+        {"alert immediate refusals", {{kSensorEvent, 0x16, {1, 2, 0, 0x20, 0x04, 0x12, 0xFF, 0x6F, 0xE4, 0x01, 0x80}, {0x83}},
+          {kSensorEvent, 0x16, {1, 2, 0x80}, {0xD3}}, {kSensorEvent, 0x16, {1, 3, 0}, {0xC9}},
+          {kSensorEvent, 0x16, {3, 1, 0}, {0xCC}}, {kSensorEvent, 0x16, {1, 1}, {0xC7}},
+          {kSensorEvent, 0x16, {1, 1, 0, 0x20}, {0xC7}}, {kSensorEvent, 0x16, {1, 0x41, 0}, {0x00, 0x00}},
+          {kTransport, 0x01, {1, 18, 1, 0x06, 0, 0}, {0x00}}, {kSensorEvent, 0x16, {1, 1, 0}, {0xCC}}}},
         // clang-format on
     };
     for (const auto &[name, steps] : scenarios) {

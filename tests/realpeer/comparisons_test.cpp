@@ -307,6 +307,19 @@ TEST(RealPeer, TvxctlAndIpmitoolAgree)
     }
 }
 
+// ipmi_sim counts no alert destinations and has no volatile one: tvxctl says so, and the test
+// trap reports each refusal.
+TEST(RealPeer, AlertDestinationsAndTestTrapOnAControllerWithoutThem)
+{
+    auto &peer = defaultPeer();
+    Outcome r = tvxctl(&peer, {"lan", "alert", "list", "1"});
+    EXPECT_EQ(r.code, 0) << r;
+    EXPECT_EQ(r.out, "LAN channel 1 has no alert destinations.\n");
+    r = tvxctl(&peer, {"trap", "test"});
+    EXPECT_NE(r.out.find("  2   (address unknown)     refused: completion code 0xc1 (Invalid command)\n"), std::string::npos)
+        << r;
+}
+
 // Over LAN tvxctl prints exactly what it prints for the virtual controller of the same profile: the
 // transport changes nothing above the raw exchange, and the simulator built from the profile reads
 // as the profile says (sensors included, powered or not).

@@ -6,6 +6,7 @@
 #include <iostream>
 
 #include "cli.h"
+#include "lan_alert.h"
 
 namespace tvxctl {
 namespace {
@@ -96,6 +97,7 @@ int cmdLan(const Options &opt, const std::vector<std::string> &words)
         std::printf("Default Gateway IP : %s\n", gw.p ? dotted(gw.p).c_str() : "(unreadable)");
         return kExitOk;
     }
+    if (!args.empty() && args[0] == "alert") return cmdLanAlert(opt, session, {args.begin() + 1, args.end()});
     if (args.size() == 3 && args[0] == "set") {
         const std::string &what = args[1], &value = args[2];
         uint8_t bytes[6];
@@ -119,7 +121,7 @@ int cmdLan(const Options &opt, const std::vector<std::string> &words)
         else std::cout << "Set " << what << " to " << value << "\n";
         return kExitOk;
     }
-    throw Failure{kExitUsage, "usage: tvxctl lan [show] | lan set ip|netmask|gateway|mac|source VALUE"};
+    throw Failure{kExitUsage, "usage: tvxctl lan [show] | lan set ip|netmask|gateway|mac|source VALUE | lan alert list|set ..."};
 }
 
 } // namespace tvxctl

@@ -7,6 +7,10 @@
 
 #include "agent_pass.h"
 #include "cli.h"
+#include "lan_alert.h"
+#include "libipmi.h"
+#include "libipmi_host.h"
+#include "tvx/ipmi.h"
 #include "tvx/records.h"
 
 namespace tvxctl {
@@ -313,26 +317,92 @@ int cmdNetwork(const Options &opt, const std::vector<std::string> &args)
     return kExitOk;
 }
 
+namespace {
+
+// The Alert Immediate requests sendTestTrap sends, as the platform reports them.
+struct AlertAttempt {
+    uint8_t selector;
+    bool withEvent;
+    uint16_t status;
+};
+
+void watchAlerts(void *context, const ipmihost_request_outcome *o, const uint8_t *req, uint32_t reqLen)
+{
+    namespace alert = tvx::alert_immediate;
+    if (o->netFn != tvx::netfn::kSensorEvent || o->command != tvx::cmd::sensor::kAlertImmediate) return;
+    const tvx::wire::View request(req, reqLen);
+    static_cast<std::vector<AlertAttempt> *>(context)->push_back(
+        {static_cast<uint8_t>(request.get(alert::kDestination, uint8_t{0}) & alert::kDestinationMask),
+         reqLen == alert::kSizeWithEvent, o->status});
+}
+
+std::string alertRefusal(uint16_t status)
+{
+    if (!LIBIPMI_STATUS_IS_COMPLETION_CODE(status)) return statusText(status);
+    const uint8_t code = status & 0xFF;
+    const char *meaning = code == 0x81   ? "an alert is already in progress"
+                          : code == 0x82 ? "an IPMI messaging session is active on this channel"
+                          : code == tvx::alert_immediate::kEventRefused ? "platform event parameters not supported"
+                                                                         : nullptr;
+    return meaning ? "completion code " + hexByte(code) + " (" + meaning + ")" : statusText(status);
+}
+
+} // namespace
+
 int cmdTrap(const Options &opt, const std::vector<std::string> &args)
 {
     if (args.size() != 1 || args[0] != "test") throw Failure{kExitUsage, "usage: tvxctl trap test"};
     uint8_t channel = 255, count = 0;
-    std::vector<std::string> destinations;
+    std::vector<std::string> where; // per destination, where its traps go
     {
         Session session;
         channel = getDefaultLanChannelNumber(session.get());
         if (!getConfigSpaceVariable(&count, sizeof count, 0, TVX_VAR_ALERT_DESTINATIONS)) count = 0;
-        for (uint8_t d = 1; d <= count; ++d) destinations.push_back("destination " + std::to_string(d));
+        for (uint8_t d = 1; d <= count; ++d) {
+            try {
+                where.push_back(whereTo(alertDestination(session, channel, d)));
+            } catch (const Failure &) {
+                where.push_back("(address unknown)");
+            }
+        }
     }
-    int result = sendTestTrap();
+    std::vector<AlertAttempt> attempts;
+    ipmihost_watch_requests(watchAlerts, &attempts);
+    const int result = sendTestTrap();
+    ipmihost_watch_requests(nullptr, nullptr);
+
+    // Per destination: the alert with the test event, and the plain alert when that was refused.
+    struct Outcome {
+        std::optional<uint16_t> withEvent, plain;
+    };
+    std::vector<Outcome> outcomes(count);
+    for (const AlertAttempt &a : attempts)
+        if (a.selector >= 1 && a.selector <= count) (a.withEvent ? outcomes[a.selector - 1u].withEvent : outcomes[a.selector - 1u].plain) = a.status;
+    auto describe = [](const Outcome &o) -> std::string {
+        if (!o.withEvent) return "not tried";
+        if (*o.withEvent == 0) return "trap sent with the test event";
+        std::string text = "refused: " + alertRefusal(*o.withEvent);
+        if (o.plain) text += *o.plain == 0 ? "; plain alert sent" : "; plain alert refused: " + alertRefusal(*o.plain);
+        return text;
+    };
     if (opt.json) {
-        printJson({{"channel", channel}, {"destinations", destinations}, {"accepted", result == 1}});
+        Json rows = Json::array();
+        for (uint8_t d = 1; d <= count; ++d) {
+            const Outcome &o = outcomes[d - 1u];
+            auto code = [](const std::optional<uint16_t> &s) { return s ? Json(*s) : Json(nullptr); };
+            rows.push_back({{"selector", d}, {"destination", where[d - 1u]}, {"status_with_event", code(o.withEvent)},
+                            {"status_plain", code(o.plain)}, {"outcome", describe(o)}});
+        }
+        printJson({{"channel", channel}, {"destinations", rows}, {"accepted", result == 1}});
         return result == 1 ? kExitOk : kExitFailed;
     }
     if (count == 0) std::printf("No alert destinations are configured; no trap was sent.\n");
-    else std::printf("Test trap sent on LAN channel %u to %u destination%s:\n", channel, count, count == 1 ? "" : "s");
-    for (const std::string &d : destinations) std::printf("  %s\n", d.c_str());
-    std::printf("Result: %s\n", result == 1 ? "the last destination accepted the alert" : "not accepted");
+    else std::printf("Test trap on LAN channel %u to %u destination%s:\n", channel, count, count == 1 ? "" : "s");
+    for (uint8_t d = 1; d <= count; ++d)
+        std::printf("  %-3u %-21s %s\n", d, where[d - 1u].c_str(), describe(outcomes[d - 1u]).c_str());
+    // The library's outcome: any answer to the last destination's alert but 0x83 counts as accepted.
+    std::printf("Result: %s\n", result == 1 ? "1, the controller answered the last destination's alert"
+                                             : "0, the last destination's alert was not accepted");
     return result == 1 ? kExitOk : kExitFailed;
 }
 

@@ -58,6 +58,8 @@ const Subcommand kCommands[] = {
     {"led", cmdLed, "led [status] | led identify on|off", "identify LED and system status (error LED)"},
     {"lan", cmdLan, "lan [show]", "the controller's LAN settings"},
     {"lan set", cmdLan, "lan set ip|netmask|gateway|mac|source V", "change one LAN setting"},
+    {"lan alert", cmdLan, "lan alert list [CHANNEL]", "the alert destinations of a LAN channel"},
+    {"lan alert set", cmdLan, "lan alert set N IP[:PORT] [CHANNEL]", "where destination N's traps go (port 162)"},
     {"config", cmdConfig, "config get ID [INDEX]", "read a configuration-space variable"},
     {"config set", cmdConfig, "config set [--hex] ID INDEX VALUE...", "write one (text, or bytes with --hex)"},
     {"config reset", cmdConfig, "config reset", "reset every variable to its default"},

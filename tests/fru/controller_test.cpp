@@ -4,16 +4,19 @@
 // errors, and tvxctl fru.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <vector>
 
 #include "controller.h"
 #include "fru.h"
 #include "libipmi.h"
 #include "libipmi_host.h"
 #include "scratch.h"
+#include "tvx_toipmi.h"
 #include "tvxctl_runner.h"
 
 namespace {
@@ -113,6 +116,73 @@ TEST(FruController, EveryEncodingComesBackThroughThePlatform)
     EXPECT_EQ(LIBIPMI_HL_GetFRUData(s, 9, &length, &none, 60), LIBIPMI_STATUS_COMPLETION_CODE(0xCB));
     EXPECT_EQ(none.formatVersion, 0);
     EXPECT_EQ(LIBIPMI_CloseSession(s), 0);
+    ipmihost_select_default();
+}
+
+// The record as raw bytes: the controller's record is 945 bytes with 4-byte pointers, a text
+// field being its type/length byte with the pointer right behind it, unaligned. The platform
+// writes no byte past the record, and the library reads the texts from the same positions.
+TEST(FruController, TheRecordStandsAtItsFixedBytes)
+{
+    constexpr bool kNarrow = sizeof(void *) == 4;
+    TempFile file(profile());
+    ASSERT_EQ(ipmihost_select_machine(file.path.c_str(), file.dir.c_str()), 0) << ipmihost_last_error();
+    alignas(8) uint8_t block[LIBIPMI_SESSION_SIZE] = {};
+    auto *s = reinterpret_cast<IpmiSession *>(block);
+    ASSERT_EQ(LIBIPMI_Create_IPMI_Local_Session_Ext(s, nullptr, nullptr, nullptr, nullptr, nullptr, 0, nullptr, 2, 5),
+              0);
+    const size_t size = kNarrow ? 945 : 1013;
+    std::vector<uint8_t> raw(size + 64, 0x5A);
+    std::fill_n(raw.begin(), size, 0);
+    uint32_t length = 0;
+    ASSERT_EQ(LIBIPMI_HL_GetFRUData(s, 0, &length, reinterpret_cast<FruData *>(raw.data()), 60), 0);
+    EXPECT_EQ(std::count(raw.begin() + size, raw.end(), 0x5A), 64);
+    auto pointerAt = [&](size_t at) {
+        const char *p = nullptr;
+        std::memcpy(&p, &raw[at], sizeof p);
+        return p;
+    };
+    const struct {
+        size_t narrow, wide; // position with 4-byte and with 8-byte pointers
+        uint8_t typeLength;
+        const char *text;
+    } kTexts[] = {
+        {19, 19, 0x45, "12-34.5 6"}, {24, 28, 0x86, "SER#42_X"},  {40, 52, 0xC4, "ACME"},
+        {45, 61, 0x86, "BOARD-7"},   {50, 70, 0x45, "0123456789"}, {55, 79, 0x02, "dead"},
+        {78, 118, 0xC6, "Widget"},   {98, 154, 0xC2, "AT"},       {103, 163, 0x81, "F"},
+    };
+    for (const auto &t : kTexts) {
+        const size_t at = kNarrow ? t.narrow : t.wide;
+        SCOPED_TRACE(testing::Message() << "text at byte " << at);
+        EXPECT_EQ(raw[at], t.typeLength);
+        ASSERT_NE(pointerAt(at + 1), nullptr);
+        EXPECT_STREQ(pointerAt(at + 1), t.text);
+    }
+    // Custom fields: the count byte follows the pointer to the array of texts.
+    EXPECT_EQ(raw[kNarrow ? 33 : 45], 2);
+    EXPECT_EQ(raw[kNarrow ? 112 : 180], 2);
+    ASSERT_NE(pointerAt(kNarrow ? 108 : 172), nullptr);
+    char *const *custom = nullptr;
+    std::memcpy(&custom, &raw[kNarrow ? 108 : 172], sizeof custom);
+    EXPECT_STREQ(custom[0], "one");
+    EXPECT_EQ(raw[16], 1); // the chassis area's format version
+    EXPECT_EQ(raw[kNarrow ? 37 : 49], 0xA0); // the board's manufacturing time, minutes
+    EXPECT_EQ(LIBIPMI_CloseSession(s), 0);
+
+    // The library reads the board's texts from the record of the located device.
+    IpmiSession *lib = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
+    ASSERT_NE(lib, nullptr);
+    SDRInfo sdr{};
+    ASSERT_EQ(getSDRInfo(lib, &sdr), 1);
+    BoardInfo board{};
+    EXPECT_EQ(ipmiGetBoardInfo(lib, &board, &sdr), 1);
+    EXPECT_STREQ(board.manufacturer, "ACME");
+    EXPECT_STREQ(board.productName, "BOARD-7");
+    EXPECT_STREQ(board.serialNumber, "0123456789");
+    EXPECT_STREQ(board.partNumber, "dead");
+    ipmiFreeBoardInfo(&board);
+    freeSDRInfo(&sdr);
+    ipmiHelperCloseSession(&lib);
     ipmihost_select_default();
 }
 

@@ -16,6 +16,8 @@
 
 #include <gtest/gtest.h>
 
+#include "emulator.h"
+
 extern char **environ;
 
 namespace tvxtest {
@@ -47,6 +49,7 @@ inline Outcome runTvxctl(const std::string &tvxctl, const std::string &scratch, 
         env.push_back(x);
     }
     args.insert(args.begin(), tvxctl);
+    args.insert(args.begin(), kEmulator.begin(), kEmulator.end());
     std::vector<char *> argv, envp;
     for (auto &a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
@@ -58,7 +61,7 @@ inline Outcome runTvxctl(const std::string &tvxctl, const std::string &scratch, 
     posix_spawn_file_actions_addopen(&fa, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     posix_spawn_file_actions_addopen(&fa, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     pid_t pid;
-    int rc = posix_spawn(&pid, tvxctl.c_str(), &fa, nullptr, argv.data(), envp.data());
+    int rc = posix_spawnp(&pid, args[0].c_str(), &fa, nullptr, argv.data(), envp.data());
     posix_spawn_file_actions_destroy(&fa);
     if (rc != 0) {
         ADD_FAILURE() << "cannot start " << tvxctl << ": " << std::strerror(rc);

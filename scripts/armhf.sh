@@ -52,7 +52,7 @@ if command -v ccache >/dev/null; then
   launcher=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 fi
 cmake -S . -B build/armhf -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchain-armhf.cmake" \
-      -DTVX_ARMHF_DEPS="$deps/root" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+      -DTVX_ARMHF_DEPS="$deps/root" -DCMAKE_BUILD_TYPE=Release \
       -DTVX_IPMI_SIM=OFF -DTVX_BUILD_BENCH=OFF "${launcher[@]}" >/dev/null
 cmake --build build/armhf -j"$(nproc)"
 built=$(date +%s)

@@ -64,6 +64,13 @@ TEST(SelRawLine, RecordTypesAndTimes)
     char small[22];
     EXPECT_EQ(convertTime(&t, small, 21), 0u);
     EXPECT_EQ(convertTime(&t, small, 22), 21u);
+    // SEL times are unsigned: from 2038 on they stay right where time_t has 32 bits too.
+    for (const auto &[seconds, text] : {std::pair<uint32_t, const char *>{0x80000000u, "19-Jan-2038 03:14:08 "},
+                                        {0xFFFFFFFEu, "07-Feb-2106 06:28:14 "}}) {
+        const time_t late = static_cast<time_t>(seconds);
+        EXPECT_EQ(convertTime(&late, small, sizeof small), 21u);
+        EXPECT_STREQ(small, text);
+    }
 }
 
 class SelLog : public SelTest {};

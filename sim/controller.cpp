@@ -37,9 +37,9 @@ Controller::Controller(Profile profile, const std::string &stateDir, std::span<c
             if (s->initState) s->initState(profile_, state);
         return state;
     };
-    store_ = std::make_unique<StateStore>(stateDir, profile_, initial);
     for (const Subsystem *s : subsystems_)
         if (s->install) s->install(*this);
+    store_ = std::make_unique<StateStore>(stateDir, profile_, initial, layout_);
     if (checkState) store_->open();
 }
 

@@ -68,7 +68,9 @@ private:
 };
 
 // What a handler sees of the machine. Changing `state` requires calling changed(), so the
-// change is written to non-volatile storage.
+// change is stored (each area where its subsystem keeps it: non-volatile storage, RAM, or as
+// a log; see Controller::keepInRam and keepAsLog). What is stored is what differs from the
+// state before the request, so a handler may call changed() for a change that comes to nothing.
 struct Context {
     const Profile &profile;
     nlohmann::json &state;
@@ -109,6 +111,15 @@ public:
     // sub-function answers 0xC1 (with the IANA number), one without selector byte 0xC7.
     // A command with both keeps its onOem handler for the bytes no sub-function claims.
     void onOemSub(uint8_t command, uint8_t sub, Handler h);
+
+    // How a subsystem keeps a top-level area of the state (by default: in non-volatile
+    // storage, each change synced before it is acknowledged). Declared while installing.
+    // In RAM: shared by the programs using the machine, forgotten when it is reset, never
+    // written to non-volatile storage (reservations, transactions in progress).
+    void keepInRam(const std::string &area) { layout_.ram.insert(area); }
+    // state[area][member] is a list that only grows at its end or is replaced whole (emptied):
+    // a change costs the entries appended. Entries are never changed in place.
+    void keepAsLog(const std::string &area, const std::string &member) { layout_.logs.insert({area, member}); }
 
     // Runs a host-side control (not a request) on the machine's state, serialized like a
     // request; what fn changes (after ctx.changed()) is kept. Throws ProfileError.
@@ -155,6 +166,7 @@ private:
 
     Profile profile_;
     std::vector<const Subsystem *> subsystems_;
+    StateLayout layout_;
     std::unique_ptr<StateStore> store_;
     std::map<uint16_t, Handler> handlers_;
     std::map<uint8_t, Handler> oemHandlers_;

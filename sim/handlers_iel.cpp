@@ -44,7 +44,9 @@ struct Shared {
     // The controller's clock.
     uint32_t now(Context &ctx) const
     {
-        auto selModel = controller->attachedOrParsed<sel::Model>("sel", sel::parseModel);
+        // The log's settings without its records (openLog reads those if it makes the log).
+        auto selModel = controller->attachedOrParsed<sel::Model>(
+            "sel", [](const Profile &p) { return sel::parseModel(p, false); });
         return openLog(*selModel, ctx).now();
     }
 };
@@ -138,6 +140,9 @@ using IelHandler = void (*)(const Shared &, Context &, const Request &, Response
 
 void install(Controller &c)
 {
+    // Entries are appended, or the list changes as a whole (a full log drops its oldest, an
+    // entry is erased): an addition stores one entry.
+    c.keepAsLog("iel", "entries");
     // Parsed once per controller; a bad "iel" stops the machine from starting.
     auto shared = std::make_shared<const Shared>(Shared{&c, iel::parseModel(c.profile())});
     auto on = [&](uint8_t sub, IelHandler fn) {

@@ -8,10 +8,22 @@
 // Parameters: 0 set in progress, 1 authentication type support (read-only), 3 IP address,
 // 4 address source, 5 MAC address, 6 subnet mask, 12 default gateway, 13 default gateway
 // MAC. Others answer 0x80 (not supported), a write to a read-only one 0x82, data of the wrong
-// length 0xC7. While a set is in progress, writes wait in state["lan"][CH]["pending"] until a
-// commit write applies them; "set complete" ends the set and drops what was not committed.
-// Writes made without a set in progress take effect at once.
+// length 0xC7. Writes made without a set in progress take effect at once.
+//
+// A set in progress lives in the controller's RAM, per channel: state["lan_set"]["CHANNEL"] =
+// {"owner": {"pid": P, "start": T}, "pending": {...}}. Writes wait in "pending" until a commit
+// write applies them; "set complete" ends the set and drops what was not committed. The owner
+// is the program that set "set in progress" (its process ID and start time): while it runs,
+// another program's "set in progress" answers 0x81; once it has ended, its set counts as
+// ended, its uncommitted writes are dropped, and the next program may begin its own, as a
+// controller's time-out releases a set whose client went away.
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
+#include <optional>
+#include <unistd.h>
 
 #include "controller.h"
 #include "machine_state.h"
@@ -112,7 +124,81 @@ nlohmann::json &channelState(Context &ctx, uint8_t number)
     return ch;
 }
 
-bool setInProgress(const nlohmann::json &ch) { return machine::flag(ch, "set_in_progress", false); }
+// ---- the owner of a set in progress ---------------------------------------------------------
+
+struct Client {
+    uint64_t pid = 0;
+    uint64_t start = 0; // clock ticks since boot (0: unknown)
+};
+
+// A process's start time from /proc (field 22 of its stat line, after the parenthesized name);
+// nothing for a process that does not exist or has ended (a zombie).
+std::optional<uint64_t> processStart(uint64_t pid)
+{
+    const std::string path = "/proc/" + std::to_string(pid) + "/stat";
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return std::nullopt;
+    char buf[1024];
+    ssize_t n = read(fd, buf, sizeof buf - 1);
+    close(fd);
+    if (n <= 0) return std::nullopt;
+    buf[n] = '\0';
+    char *p = std::strrchr(buf, ')');
+    if (!p) return std::nullopt;
+    int field = 2;
+    char *save = nullptr;
+    for (char *tok = strtok_r(p + 1, " ", &save); tok; tok = strtok_r(nullptr, " ", &save)) {
+        ++field;
+        if (field == 3 && (tok[0] == 'Z' || tok[0] == 'X')) return std::nullopt;
+        if (field == 22) return std::strtoull(tok, nullptr, 10);
+    }
+    return std::nullopt;
+}
+
+bool haveProc()
+{
+    static const bool have = access("/proc/self/stat", R_OK) == 0;
+    return have;
+}
+
+Client thisClient()
+{
+    static Client me;
+    const uint64_t pid = static_cast<uint64_t>(getpid());
+    if (me.pid != pid) me = {pid, haveProc() ? processStart(pid).value_or(0) : 0}; // again after a fork
+    return me;
+}
+
+bool alive(const nlohmann::json &owner)
+{
+    const uint64_t pid = machine::number(owner, "pid", 0, 0x7FFFFFFF), start = machine::number(owner, "start", 0, UINT64_MAX);
+    if (pid == 0) return false;
+    const Client me = thisClient();
+    if (pid == me.pid) return start == me.start;
+    if (haveProc()) return processStart(pid) == start;
+    return kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM;
+}
+
+// The channel's set in progress, or null when there is none (or its owner has ended).
+nlohmann::json *transaction(Context &ctx, uint8_t number, bool *stale = nullptr)
+{
+    auto ram = ctx.state.find("lan_set");
+    if (ram == ctx.state.end() || !ram->is_object()) return nullptr;
+    auto t = ram->find(std::to_string(number));
+    if (t == ram->end()) return nullptr;
+    if (t->is_object() && t->contains("owner") && alive((*t)["owner"])) return &*t;
+    if (stale) *stale = true;
+    return nullptr;
+}
+
+void endTransaction(Context &ctx, uint8_t number)
+{
+    auto ram = ctx.state.find("lan_set");
+    if (ram == ctx.state.end()) return;
+    if (ram->is_object()) ram->erase(std::to_string(number));
+    if (!ram->is_object() || ram->empty()) ctx.state.erase(ram);
+    ctx.changed();
+}
 
 void getChannelInfo(Context &ctx, const Request &req, Response &rsp)
 {
@@ -137,43 +223,55 @@ void getLanConfig(Context &ctx, const Request &req, Response &rsp)
     if (!c || c->medium != kMediumLan) return rsp.fail(cc::kInvalidDataField);
     rsp.u8(kParameterRevision);
     if (revisionOnly) return;
-    const nlohmann::json &ch = channelState(ctx, c->number);
     if (selector == kSetInProgress) {
-        rsp.u8(setInProgress(ch) ? lan::kInProgress : lan::kSetComplete);
+        rsp.u8(transaction(ctx, c->number) ? lan::kInProgress : lan::kSetComplete);
         return;
     }
+    static const nlohmann::json kNone = nlohmann::json::object();
+    const nlohmann::json *ch = &kNone;
+    if (auto lan = ctx.state.find("lan"); lan != ctx.state.end() && lan->is_object())
+        if (auto it = lan->find(std::to_string(c->number)); it != lan->end()) ch = &*it;
     if (selector == kAuthTypeSupport) {
         rsp.u8(c->lan.authTypeSupport);
         return;
     }
     const Parameter *p = findParameter(selector);
     if (!p) return rsp.fail(kParameterNotSupported);
-    rsp.append(fromJson(*p, ch, profileValue(c->lan, selector)));
+    rsp.append(fromJson(*p, *ch, profileValue(c->lan, selector)));
 }
 
 // Set in progress: 0 set complete, 1 set in progress, 2 commit write.
-void setProgress(Context &ctx, nlohmann::json &ch, uint8_t value, Response &rsp)
+void setProgress(Context &ctx, uint8_t number, uint8_t value, Response &rsp)
 {
     if (value > 2) return rsp.fail(cc::kInvalidDataField);
-    bool inProgress = setInProgress(ch);
+    bool stale = false;
+    nlohmann::json *t = transaction(ctx, number, &stale);
     switch (value) {
     case 0:
-        ch.erase("pending");
-        ch["set_in_progress"] = false;
+        if (t || stale) endTransaction(ctx, number);
         break;
-    case 1:
-        if (inProgress) return rsp.fail(kSetInProgressBusy);
-        ch["set_in_progress"] = true;
-        break;
-    case 2: {
-        auto pending = ch.find("pending");
-        if (pending != ch.end() && pending->is_object())
-            for (auto it = pending->begin(); it != pending->end(); ++it) ch[it.key()] = it.value();
-        ch.erase("pending");
+    case 1: {
+        if (t) return rsp.fail(kSetInProgressBusy);
+        const Client me = thisClient();
+        machine::section(ctx.state, "lan_set")[std::to_string(number)] = {
+            {"owner", {{"pid", me.pid}, {"start", me.start}}}, {"pending", nlohmann::json::object()}};
+        ctx.changed();
         break;
     }
+    case 2:
+        if (t) {
+            nlohmann::json &pending = (*t)["pending"];
+            if (pending.is_object()) {
+                nlohmann::json &ch = channelState(ctx, number);
+                for (auto it = pending.begin(); it != pending.end(); ++it) ch[it.key()] = it.value();
+            }
+            pending = nlohmann::json::object();
+            ctx.changed();
+        } else if (stale) {
+            endTransaction(ctx, number); // nothing of an ended set is committed
+        }
+        break;
     }
-    ctx.changed();
 }
 
 void setLanConfig(Context &ctx, const Request &req, Response &rsp)
@@ -184,11 +282,10 @@ void setLanConfig(Context &ctx, const Request &req, Response &rsp)
     if (channel & 0xF0) return rsp.fail(cc::kInvalidDataField);
     const ChannelSettings *c = resolveChannel(ctx, channel & 0x0F);
     if (!c || c->medium != kMediumLan) return rsp.fail(cc::kInvalidDataField);
-    nlohmann::json &ch = channelState(ctx, c->number);
     if (selector == kSetInProgress) {
         const uint8_t value = in.u8();
         if (!rsp.complete(in)) return;
-        return setProgress(ctx, ch, value, rsp);
+        return setProgress(ctx, c->number, value, rsp);
     }
     if (selector == kAuthTypeSupport) return rsp.fail(kReadOnlyParameter);
     const Parameter *p = findParameter(selector);
@@ -200,12 +297,14 @@ void setLanConfig(Context &ctx, const Request &req, Response &rsp)
     if (selector == lan::kAddressSource && first > 4) return rsp.fail(cc::kInvalidDataField);
     if (selector == lan::kMacAddress && (first & 0x01)) return rsp.fail(cc::kInvalidDataField); // multicast
     if (selector == lan::kSubnetMask && !contiguousMask(data.span())) return rsp.fail(cc::kInvalidDataField);
-    if (setInProgress(ch)) {
-        nlohmann::json &pending = ch["pending"];
+    bool stale = false;
+    if (nlohmann::json *t = transaction(ctx, c->number, &stale)) {
+        nlohmann::json &pending = (*t)["pending"];
         if (!pending.is_object()) pending = nlohmann::json::object();
         pending[p->key] = toJson(*p, data.span());
     } else {
-        ch[p->key] = toJson(*p, data.span());
+        if (stale) endTransaction(ctx, c->number);
+        channelState(ctx, c->number)[p->key] = toJson(*p, data.span());
     }
     ctx.changed();
 }
@@ -215,6 +314,7 @@ void install(Controller &c)
     c.on(tvx::netfn::kApp, tvx::cmd::app::kGetChannelInfo, getChannelInfo);
     c.on(tvx::netfn::kTransport, tvx::cmd::transport::kSetLanConfig, setLanConfig);
     c.on(tvx::netfn::kTransport, tvx::cmd::transport::kGetLanConfig, getLanConfig);
+    c.keepInRam("lan_set");
 }
 
 void initState(const Profile &p, nlohmann::json &state)

@@ -22,8 +22,9 @@ namespace {
 namespace storage = tvx::cmd::storage;
 constexpr uint8_t kSdrVersion = 0x51;
 
-// The repository's reservation lives in the machine state, so that programs sharing the
-// controller cancel each other's reservations as clients of one controller do.
+// The repository's reservation lives in the controller's RAM (state["sdr"]), shared by the
+// programs using the machine, so that they cancel each other's reservations as clients of one
+// controller do; a reservation never reaches non-volatile storage.
 uint16_t currentReservation(const nlohmann::json &state)
 {
     auto sdr = state.find("sdr");
@@ -110,15 +111,11 @@ void install(Controller &c)
          [m](Context &, const Request &req, Response &rsp) { getAllocationInfo(*m, req, rsp); });
     c.on(tvx::netfn::kStorage, storage::kReserveSdrRepository, reserve);
     c.on(tvx::netfn::kStorage, storage::kGetSdr, [m](Context &ctx, const Request &req, Response &rsp) { getSdr(*m, ctx, req, rsp); });
-}
-
-void initState(const Profile &, nlohmann::json &state)
-{
-    state["sdr"] = {{"reservation", 0}, {"last_reservation", 0}};
+    c.keepInRam("sdr");
 }
 
 } // namespace
 
-const Subsystem kSdrRepositorySubsystem = {"sdr_repository", install, initState};
+const Subsystem kSdrRepositorySubsystem = {"sdr_repository", install, nullptr};
 
 } // namespace tvxsim

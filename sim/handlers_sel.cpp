@@ -169,10 +169,19 @@ void setUtcOffset(const Model &m, Context &ctx, const Request &req, Response &rs
 
 using SelHandler = void (*)(const Model &, Context &, const Request &, Response &);
 
+// How the log is kept (see sel::Log).
+void keepLog(Controller &c)
+{
+    c.keepAsLog("sel", "records");
+    c.keepInRam("sel_reservation");
+}
+
 void install(Controller &c)
 {
     // Parsed once per controller; a bad "sel" or "event_texts" stops the machine from starting.
-    auto model = std::make_shared<const Model>(sel::parseModel(c.profile()));
+    // The profile's records are read only when the log is made from them.
+    auto model = std::make_shared<const Model>(sel::parseModel(c.profile(), false));
+    keepLog(c);
     auto on = [&](uint8_t command, SelHandler fn) {
         c.on(tvx::netfn::kStorage, command,
              [model, fn](Context &ctx, const Request &req, Response &rsp) { fn(*model, ctx, req, rsp); });
@@ -196,9 +205,12 @@ void initState(const Profile &p, nlohmann::json &state) { state["sel"] = sel::in
 
 Log openLog(const Model &m, Context &ctx)
 {
-    Log log(ctx.state, m);
-    if (log.created()) ctx.changed();
-    return log;
+    // A state kept from before the machine had a log gets the profile's.
+    if (ctx.state.is_object() && !ctx.state.contains("sel")) {
+        ctx.state["sel"] = sel::initialState(sel::parseModel(ctx.profile));
+        ctx.changed();
+    }
+    return Log(ctx.state, m);
 }
 
 const Subsystem kSelSubsystem = {"system event log", install, initState};

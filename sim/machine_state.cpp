@@ -105,15 +105,7 @@ void appendConsole(Context &ctx, const std::vector<std::string> &lines)
 
 void forgetLanWritesInProgress(Context &ctx)
 {
-    nlohmann::json &lan = section(ctx.state, "lan");
-    for (auto it = lan.begin(); it != lan.end(); ++it) {
-        if (!it->is_object()) continue;
-        if (it->contains("set_in_progress") || it->contains("pending")) {
-            it->erase("set_in_progress");
-            it->erase("pending");
-            ctx.changed();
-        }
-    }
+    if (ctx.state.is_object() && ctx.state.erase("lan_set")) ctx.changed();
 }
 
 } // namespace tvxsim::machine

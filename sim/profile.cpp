@@ -2,10 +2,11 @@
 
 #include <cctype>
 #include <cerrno>
-#include <sys/stat.h>
 #include <cstring>
-#include <fstream>
+#include <fcntl.h>
 #include <sstream>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "tvx/wire.h"
 
@@ -299,17 +300,35 @@ Fault parseFault(const Node &n)
     return f;
 }
 
+std::size_t nestedTooDeep(std::string_view text, std::size_t maxDepth)
+{
+    std::size_t depth = 0;
+    bool inString = false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (inString) {
+            if (c == '\\') ++i;
+            else if (c == '"') inString = false;
+        } else if (c == '"') {
+            inString = true;
+        } else if (c == '[' || c == '{') {
+            if (++depth > maxDepth) return i;
+        } else if ((c == ']' || c == '}') && depth > 0) {
+            --depth;
+        }
+    }
+    return std::string_view::npos;
+}
+
 Profile parseProfile(const std::string &text, const std::string &displayName)
 {
     Profile p;
     p.file = displayName;
     p.name = baseName(displayName);
-    try {
-        p.document = nlohmann::json::parse(text);
-    } catch (const nlohmann::json::parse_error &e) {
-        // Turn the byte offset into line and column, which an editor can jump to.
+    // Turns a byte offset into line and column, which an editor can jump to.
+    auto place = [&](std::size_t byte) {
         std::size_t line = 1, col = 1;
-        for (std::size_t i = 0; i + 1 < e.byte && i < text.size(); ++i) {
+        for (std::size_t i = 0; i < byte && i < text.size(); ++i) {
             if (text[i] == '\n') {
                 ++line;
                 col = 1;
@@ -317,10 +336,21 @@ Profile parseProfile(const std::string &text, const std::string &displayName)
                 ++col;
             }
         }
+        return displayName + ":" + std::to_string(line) + ":" + std::to_string(col) + ": ";
+    };
+    if (text.size() > kMaxProfileBytes)
+        throw ProfileError(displayName + ": the machine profile is larger than " +
+                           std::to_string(kMaxProfileBytes >> 20) + " MiB");
+    // Values nested deeper than any profile needs would only cost stack further on.
+    if (std::size_t at = nestedTooDeep(text, kMaxProfileDepth); at != std::string_view::npos)
+        throw ProfileError(place(at) + "nested deeper than " + std::to_string(kMaxProfileDepth) + " levels");
+    try {
+        p.document = nlohmann::json::parse(text);
+    } catch (const nlohmann::json::parse_error &e) {
         std::string detail = e.what();
         auto pos = detail.find("syntax error");
         if (pos != std::string::npos) detail = detail.substr(pos);
-        throw ProfileError(displayName + ":" + std::to_string(line) + ":" + std::to_string(col) + ": " + detail);
+        throw ProfileError(place(e.byte ? e.byte - 1 : 0) + detail);
     }
     Node root = p.root();
     root.allowOnly({"description", "controller", "faults", "sdr", "sensors", "fru_locators", "mc_locators",
@@ -341,16 +371,33 @@ Profile parseProfile(const std::string &text, const std::string &displayName)
 
 Profile loadProfile(const std::string &path)
 {
-    // A directory opens as a stream that reads nothing; say what it is instead.
+    auto fail = [&](const std::string &why) { return ProfileError(path + ": cannot read the machine profile: " + why); };
+    // Not blocking: a FIFO is refused below rather than waited on.
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    if (fd < 0) throw fail(std::strerror(errno));
+    struct Closer {
+        int fd;
+        ~Closer() { close(fd); }
+    } closer{fd};
     struct stat st{};
-    if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
-        throw ProfileError(path + ": cannot read the machine profile: " + std::strerror(EISDIR));
-    std::ifstream in(path, std::ios::binary);
-    if (!in) throw ProfileError(path + ": cannot read the machine profile: " + std::strerror(errno));
-    std::ostringstream text;
-    text << in.rdbuf();
-    if (in.bad()) throw ProfileError(path + ": cannot read the machine profile");
-    return parseProfile(text.str(), path);
+    if (fstat(fd, &st) != 0) throw fail(std::strerror(errno));
+    if (S_ISDIR(st.st_mode)) throw fail(std::strerror(EISDIR));
+    if (!S_ISREG(st.st_mode)) throw fail("not a regular file");
+    if (static_cast<uint64_t>(st.st_size) > kMaxProfileBytes)
+        throw fail("larger than " + std::to_string(kMaxProfileBytes >> 20) + " MiB");
+    // Never more than the limit, whatever the file does meanwhile.
+    std::string text;
+    text.reserve(static_cast<std::size_t>(st.st_size));
+    char buf[65536];
+    for (;;) {
+        ssize_t n = read(fd, buf, sizeof buf);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) throw fail(std::strerror(errno));
+        if (n == 0) break;
+        text.append(buf, static_cast<std::size_t>(n));
+        if (text.size() > kMaxProfileBytes) throw fail("larger than " + std::to_string(kMaxProfileBytes >> 20) + " MiB");
+    }
+    return parseProfile(text, path);
 }
 
 } // namespace tvxsim

@@ -7,6 +7,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -102,10 +103,18 @@ struct Profile {
     Node root() const { return Node(document, file, ""); }
 };
 
+// A profile is a regular file of at most this many bytes, its values nested at most this deep
+// (the shipped profiles: 40 KB and 5 levels).
+inline constexpr std::size_t kMaxProfileBytes = 16u << 20;
+inline constexpr std::size_t kMaxProfileDepth = 64;
+
 // Loads and checks a profile. Throws ProfileError.
 Profile loadProfile(const std::string &path);
 // The same from text already in memory; displayName is used in messages and for the name.
 Profile parseProfile(const std::string &text, const std::string &displayName);
+
+// The byte offset of the first bracket of JSON text nested deeper than maxDepth, or npos.
+std::size_t nestedTooDeep(std::string_view text, std::size_t maxDepth);
 
 // Parses one fault description (shared by profiles and the control API's checks).
 Fault parseFault(const Node &node);

@@ -409,7 +409,7 @@ void Model::label(Entry &e) const
     }
 }
 
-Model parseModel(const Profile &profile)
+Model parseModel(const Profile &profile, bool withRecords)
 {
     Model m;
     Node root = profile.root();
@@ -445,7 +445,7 @@ Model parseModel(const Profile &profile)
             }
         }
         if (auto v = s->find("last_erase")) m.lastErase = parseTime(*v);
-        if (auto recs = s->find("records")) {
+        if (auto recs = s->find("records"); recs && withRecords) {
             if (recs->size() > m.capacity)
                 recs->fail(std::to_string(recs->size()) + " records do not fit the log's capacity of " +
                            std::to_string(m.capacity));
@@ -496,22 +496,15 @@ json initialState(const Model &m)
             {"last_add", lastAdd},
             {"last_erase", m.lastErase},
             {"overflow", false},
-            {"reservation", 0},
-            {"reservations_made", 0},
             {"clock", clock},
             {"utc_offset", m.utcOffset}};
 }
 
-Log::Log(json &state, const Model &model)
+Log::Log(json &state, const Model &) : state_(&state)
 {
     if (!state.is_object()) corrupt("", "the machine state is not an object");
     auto it = state.find("sel");
-    if (it == state.end()) {
-        state["sel"] = initialState(model);
-        created_ = true;
-        it = state.find("sel");
-    }
-    if (!it->is_object()) corrupt("", "expected the system event log");
+    if (it == state.end() || !it->is_object()) corrupt("", "expected the system event log");
     sel_ = &*it;
     auto r = sel_->find("records");
     if (r == sel_->end() || !r->is_array()) corrupt("/records", "expected the list of records");
@@ -595,15 +588,23 @@ Entry Log::at(std::size_t index) const
     return e;
 }
 
+bool Log::used(uint16_t id) const
+{
+    if (records_->empty()) return false;
+    // IDs ascend from the first record to the last until they wrap past 0xFFFE: beyond the
+    // last and without a wrap in the log, an ID is free without looking at every record.
+    const uint16_t first = idAt(0), last = idAt(size() - 1);
+    if (first <= last && (id > last || id < first)) return false;
+    return indexOf(id) >= 0;
+}
+
 uint16_t Log::append(Entry e)
 {
     uint16_t id = number("next_id");
     // IDs run 1..0xFFFE and wrap; one still in use is skipped.
     for (unsigned tries = 0; tries < 0x10000; ++tries) {
         if (id == 0x0000 || id == 0xFFFF) id = 1;
-        bool used = false;
-        for (std::size_t i = 0; i < size() && !used; ++i) used = idAt(i) == id;
-        if (!used) break;
+        if (!used(id)) break;
         ++id;
     }
     e.setId(id);
@@ -645,19 +646,33 @@ bool Log::overflow() const
 
 void Log::setOverflow(bool v) { (*sel_)["overflow"] = v; }
 
-uint16_t Log::reservation() const { return number("reservation"); }
+// The reservation lives in the controller's RAM: {"current": ID, "made": last ID handed out}.
+// What a crash or an older program left there reads as no reservation.
+uint16_t Log::reservation() const
+{
+    auto ram = state_->find("sel_reservation");
+    if (ram == state_->end() || !ram->is_object()) return 0;
+    auto it = ram->find("current");
+    return it != ram->end() && inRange(*it, 0xFFFF) ? it->get<uint16_t>() : 0;
+}
 
 uint16_t Log::reserve()
 {
-    uint16_t made = number("reservations_made");
-    uint16_t id = static_cast<uint16_t>(made + 1);
+    json &ram = (*state_)["sel_reservation"];
+    if (!ram.is_object()) ram = json::object();
+    auto made = ram.find("made");
+    uint16_t id = static_cast<uint16_t>((made != ram.end() && inRange(*made, 0xFFFF) ? made->get<uint16_t>() : 0) + 1);
     if (id == 0) id = 1;
-    (*sel_)["reservations_made"] = id;
-    (*sel_)["reservation"] = id;
+    ram["made"] = id;
+    ram["current"] = id;
     return id;
 }
 
-void Log::cancelReservation() { (*sel_)["reservation"] = 0; }
+void Log::cancelReservation()
+{
+    auto ram = state_->find("sel_reservation");
+    if (ram != state_->end() && ram->is_object()) (*ram)["current"] = 0;
+}
 
 uint32_t Log::now() const
 {

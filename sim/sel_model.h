@@ -118,9 +118,11 @@ struct Model {
     std::string sensorName(uint8_t lun, uint8_t number) const;
 };
 
-// Reads "sel" and "event_texts" (and the names in "sensors", if any). Throws ProfileError
-// naming the file and the JSON pointer of what is wrong.
-Model parseModel(const Profile &profile);
+// Reads "sel" and "event_texts" (and the names in "sensors", if any). The log's records are
+// read only withRecords: a machine whose log already exists never needs them, and a profile
+// may describe thousands. Throws ProfileError naming the file and the JSON pointer of what is
+// wrong.
+Model parseModel(const Profile &profile, bool withRecords = true);
 
 // A time in a profile: "2026-11-16T21:45:12Z" (UTC) or seconds since 1970.
 uint32_t parseProfileTime(const Node &n);
@@ -128,14 +130,14 @@ uint32_t parseProfileTime(const Node &n);
 // The message text of an entry with its parameters in place of %1..%8.
 std::string compose(const std::string &text, const std::vector<std::string> &parameters);
 
-// The log in the machine state ("sel"). Accessors check what they read: a state changed by
-// hand into something unusable throws ProfileError saying where.
+// The log in the machine state: "sel" in non-volatile storage, its "records" kept as a log
+// (appended to, or emptied), and the reservation in the controller's RAM ("sel_reservation").
+// Accessors check what they read: a state changed by hand into something unusable throws
+// ProfileError saying where.
 class Log {
 public:
-    // A state kept from before the machine had a log (no "sel") gets the profile's log;
-    // created() tells that the state was changed so.
+    // The state must hold "sel" (see openLog).
     Log(nlohmann::json &state, const Model &model);
-    bool created() const { return created_; }
 
     std::size_t size() const { return records_->size(); }
     // Index of a record ID (kFirst: the first, kLast: the last), or -1.
@@ -169,9 +171,10 @@ public:
 
 private:
     uint16_t number(const char *key) const;
+    bool used(uint16_t id) const;
+    nlohmann::json *state_;
     nlohmann::json *sel_;
     nlohmann::json *records_;
-    bool created_ = false;
 };
 
 // The initial "sel" part of a fresh machine state.

@@ -325,11 +325,14 @@ LIBIPMI_API uint16_t IPMICMD_GetLANConfig(IpmiSession *s, LanConfigGetRequest *r
    does): for any selector but 0 it sends Set In Progress (parameter 0 = 1), the parameter,
    Commit Write (0 = 2) when the write succeeded, then Set Complete (0 = 0) in every case, so
    that no transaction is left open. A controller without the transaction (0x80 to Set In
-   Progress) gets the parameter alone; one where another client holds a transaction (0x81)
-   gets the parameter alone, which joins that transaction. Any other failure of Set In
-   Progress is returned with nothing written. The status and *res are those of the parameter
-   write itself. Selector 0 is sent as given, in one request: the caller runs the transaction
-   then. (platform/libipmi/lan_config_commit.h implements this sequence.) */
+   Progress) gets the parameter alone. Where another client holds a transaction (0x81), Set
+   In Progress is asked again, at growing intervals, for up to five seconds: a write that
+   joined that transaction would be lost to its Set Complete. Still 0x81, or any other failure
+   of Set In Progress, is returned with nothing written. The status and *res are those of the
+   parameter write itself, except that a failed commit (other than 0x80) returns the commit's
+   status: the parameter did not take effect. Selector 0 is sent as given, in one request: the
+   caller runs the transaction then. (platform/libipmi/lan_config_commit.h implements this
+   sequence.) */
 LIBIPMI_API uint16_t IPMICMD_SetLANConfig(IpmiSession *s, LanConfigSetRequest *req, uint32_t reqLen,
         uint8_t *res, int timeout);
 

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "common/diag.h"
+#include "common/list_tail.h"
 #include "libipmi.h"
 #include "tvx/records.h"
 #include "tvx_toipmi.h"
@@ -115,6 +116,7 @@ extern "C" TVX_API uint32_t ipmiFindSensorByType(ListNode **list, uint8_t record
     else if (recordType == sdr::kCompactSensor) copy = kCompactRecordCopy;
     else return 0;
     const uint64_t cacheSize = static_cast<uint64_t>(info->recordSize) * info->count;
+    tvx::ListTail tail(list);
     for (uint32_t i = 0; i < info->count; ++i) {
         const uint8_t *r = slot(info, i);
         if (!isSensor(slotView(info, i), recordType, sensorType)) continue;
@@ -122,7 +124,7 @@ extern "C" TVX_API uint32_t ipmiFindSensorByType(ListNode **list, uint8_t record
         // so the last slot's copy stays inside the buffer.
         uint64_t remaining = cacheSize - static_cast<uint64_t>(info->recordSize) * i;
         uint32_t n = remaining < copy ? static_cast<uint32_t>(remaining) : copy;
-        if (!addToList(list, r, n)) break;
+        if (!tail.add(r, n)) break;
         ++appended;
     }
     return appended;

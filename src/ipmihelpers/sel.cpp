@@ -6,6 +6,7 @@
 #include <ctime>
 
 #include "common/diag.h"
+#include "common/list_tail.h"
 #include "common/raw.h"
 #include "libipmi.h"
 #include "tvx/ipmi.h"
@@ -145,9 +146,11 @@ extern "C" TVX_API ListNode *ipmiGetSelRawStrings(IpmiSession *session, int reve
         return nullptr;
     }
     ListNode *list = nullptr;
+    tvx::ListTail tail(&list);
     for (uint32_t i = 0; i < count; ++i) {
         uint32_t index = reverse ? count - 1 - i : i;
-        addEntryToRawStringList(&list, records + index * TVX_SEL_RECORD_SIZE);
+        addEntryToRawStringList(tail.end(), records + index * TVX_SEL_RECORD_SIZE);
+        tail.skip();
     }
     std::free(records);
     return list;

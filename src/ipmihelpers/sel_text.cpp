@@ -11,6 +11,7 @@
 #include <ctime>
 
 #include "common/diag.h"
+#include "common/list_tail.h"
 #include "common/raw.h"
 #include "libipmi.h"
 #include "tvx/ipmi.h"
@@ -322,12 +323,13 @@ extern "C" TVX_API ListNode *ipmiGetSelText(IpmiSession *session, int reverse, u
         return nullptr;
     }
     ListNode *list = nullptr;
+    tvx::ListTail tail(&list);
     for (uint32_t i = 0; i < count; ++i) {
         uint32_t index = reverse ? count - 1 - i : i;
         char *line = buildSelTextString(session, records + index * TVX_SEL_RECORD_SIZE, selector, 1, 1,
                                         TVX_LANG_ENGLISH);
         if (!line) continue;
-        addToList(&list, line, static_cast<uint32_t>(std::strlen(line)));
+        tail.add(line, static_cast<uint32_t>(std::strlen(line)));
         std::free(line);
     }
     std::free(records);

@@ -117,7 +117,7 @@ TEST(ChassisCommands, ArbitraryRequestsAreAnsweredNotCrashedOn)
     }
 }
 
-json storedState(const Controller &c) { return tvxtest::readJson(c.statePath())["state"]; }
+json storedState(const Controller &c) { return tvxsim::StateStore::readStored(c.statePath()); }
 
 // A state file from an older program, or edited by hand, falls back to the profile.
 TEST(ChassisState, UnreadableMembersFallBackToTheProfileAndTheConsoleLogKeepsTheNewest)

@@ -9,6 +9,7 @@
 #include "libipmi.h"
 #include "libipmi_host.h"
 #include "scratch.h"
+#include "state_store.h"
 #include "tvx_toipmi.h"
 #include "tvxctl_runner.h"
 
@@ -41,7 +42,7 @@ protected:
         ipmiHelperCloseSession(&s_);
         ipmihost_select_default();
     }
-    json state() const { return tvxtest::readJson(dir_.file("default.state.json"))["state"]; }
+    json state() const { return tvxsim::StateStore::readStored(dir_.file("default.state.json")); }
     std::string read(uint16_t id, uint8_t index = 0)
     {
         uint8_t buffer[256] = {0};
@@ -114,7 +115,7 @@ protected:
             else EXPECT_NE(r.err.find(out), std::string::npos) << r;
         }
     }
-    json state() const { return tvxtest::readJson(dir_.file("state/default.state.json"))["state"]; }
+    json state() const { return tvxsim::StateStore::readStored(dir_.file("state/default.state.json")); }
     tvxtest::TempDir dir_;
 };
 

@@ -49,16 +49,21 @@ TEST(LanConfigCommit, WritesInsideATransactionWhereThereIsOne)
         {"the transaction, committed and ended", ip, {}, {lock, ip, commit, done}, 0},
         {"a refused write is not committed, but the transaction ends", ip, {0, ccC9}, {lock, ip, done}, ccC9},
         {"no transaction on this controller", ip, {cc80}, {lock, ip}, 0},
-        {"another client's transaction is joined, not ended", ip, {cc81, 0}, {lock, ip}, 0},
+        {"another client's transaction is waited out, then one of our own", ip, {cc81, cc81}, {lock, lock, lock, ip, commit, done}, 0},
+        {"one that does not end: nothing written, 0x81", ip, {cc81, cc81, cc81, cc81}, {lock, lock, lock, lock}, cc81},
         {"no answer to Set In Progress: nothing written", ip, {LIBIPMI_STATUS_TIMEOUT}, {lock}, LIBIPMI_STATUS_TIMEOUT},
-        {"a failed commit still ends the transaction", ip, {0, 0, cc80, 0}, {lock, ip, commit, done}, 0},
+        {"a commit without support (0x80) took effect", ip, {0, 0, cc80, 0}, {lock, ip, commit, done}, 0},
+        {"a failed commit did not, but ends the transaction", ip, {0, 0, LIBIPMI_STATUS_TIMEOUT, 0}, {lock, ip, commit, done},
+         LIBIPMI_STATUS_TIMEOUT},
     };
+    // Waits of 1, 2 and 1 ms: four requests of Set In Progress in all.
+    const libipmi::LanSetWait wait{4, 1, 2};
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
         gSent.clear();
         gAnswers = c.answers;
         std::vector<uint8_t> response;
-        uint16_t status = libipmi::setLanParameterCommitted(nullptr, c.request, response, 60);
+        uint16_t status = libipmi::setLanParameterCommitted(nullptr, c.request, response, 60, wait);
         EXPECT_EQ(status, c.status);
         ASSERT_EQ(gSent.size(), c.sent.size());
         for (std::size_t i = 0; i < gSent.size(); ++i) {

@@ -1,5 +1,8 @@
 // Machine profiles: what a good profile yields, and that every kind of mistake is reported with
 // the file and the place in it.
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include "profile.h"
@@ -67,13 +70,23 @@ TEST(Profile, MistakesAreNamedWithFilePlaceAndProblem)
 }
 
 // A syntax error gives line and column; a directory opens like a file but cannot be read, which
-// must not pass for an empty profile with a syntax error at 1:1.
+// must not pass for an empty profile with a syntax error at 1:1. Only regular files of a
+// sensible size and depth are read: no device grows without end, no FIFO waits forever, no
+// nesting costs the stack.
 TEST(ProfileText, SyntaxErrorsAndUnreadableFiles)
 {
     tvxtest::TempDir dir;
     tvxtest::writeFile(dir.file("t.json"), "{\n  \"controller\": {\n    \"firmware_revision\": \"3.52\",\n  }\n}\n");
+    tvxtest::writeFile(dir.file("deep.json"), "{\"controller\": " + std::string(100000, '[') + std::string(100000, ']') + "}");
+    ASSERT_EQ(mkfifo(dir.file("fifo.json").c_str(), 0600), 0);
+    tvxtest::writeFile(dir.file("big.json"), "");
+    ASSERT_EQ(truncate(dir.file("big.json").c_str(), (16 << 20) + 1), 0); // sparse: costs no disk
     for (const auto &[path, message] : {std::pair{dir.file("t.json"), std::string(":4:3: syntax error")},
-                                        {dir.path(), std::string(": cannot read")}}) {
+                                        {dir.path(), std::string(": cannot read")},
+                                        {dir.file("deep.json"), std::string(":1:79: nested deeper than 64 levels")},
+                                        {dir.file("fifo.json"), std::string(": cannot read the machine profile: not a regular file")},
+                                        {std::string("/dev/zero"), std::string(": cannot read the machine profile: not a regular file")},
+                                        {dir.file("big.json"), std::string(": cannot read the machine profile: larger than 16 MiB")}}) {
         std::string error;
         try {
             tvxsim::loadProfile(path);

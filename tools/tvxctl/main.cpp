@@ -159,7 +159,12 @@ int main(int argc, char **argv)
     try {
         return tvxctl::run(argc, argv);
     } catch (const tvxctl::Failure &f) {
-        std::fprintf(stderr, "tvxctl: %s\n", f.message.c_str());
+        // The library reports a failure, not its cause; the platform keeps the cause of the
+        // last one it saw (a state that could not be stored, a link that broke).
+        std::string message = f.message;
+        const std::string cause = f.exitCode == tvxctl::kExitFailed ? ipmihost_last_error() : "";
+        if (!cause.empty() && message.find(cause) == std::string::npos) message += ": " + cause;
+        std::fprintf(stderr, "tvxctl: %s\n", message.c_str());
         return f.exitCode;
     } catch (const std::exception &e) {
         std::fprintf(stderr, "tvxctl: %s\n", e.what());

@@ -233,8 +233,10 @@ protected:
     // a write beyond fails as on a full disk.
     tvxtest::Outcome runLimited(long blocks, std::vector<std::string> args)
     {
-        args.insert(args.begin(), {"-c", "trap '' XFSZ; ulimit -f " + std::to_string(blocks) + "; exec \"$0\" \"$@\"", TVXCTL_PATH});
-        return tvxtest::runTvxctl("/bin/sh", dir_.path(), args);
+        args.insert(args.begin(), TVXCTL_PATH);
+        args.insert(args.begin(), tvxtest::kEmulator.begin(), tvxtest::kEmulator.end());
+        args.insert(args.begin(), {"/bin/sh", "-c", "trap '' XFSZ; ulimit -f " + std::to_string(blocks) + "; exec \"$0\" \"$@\""});
+        return tvxtest::runCommand(std::move(args), dir_.path());
     }
     std::string statePath() const { return dir_.file("state/default.state.json"); }
     tvxtest::TempDir dir_;

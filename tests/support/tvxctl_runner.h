@@ -12,6 +12,7 @@
 #include <ostream>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -32,10 +33,11 @@ inline std::ostream &operator<<(std::ostream &os, const Outcome &r)
     return os << "exit " << r.code << "\n--- stdout\n" << r.out << "--- stderr\n" << r.err;
 }
 
-// tvxctl with HOME=scratch/home and TVX_IPMI_STATE_DIR=scratch/state; extra "NAME=VALUE"
-// entries are added to (or replace those in) the environment.
-inline Outcome runTvxctl(const std::string &tvxctl, const std::string &scratch, std::vector<std::string> args,
-                         const std::vector<std::string> &extraEnv = {})
+// A command (program and arguments, the program found on PATH) with HOME=scratch/home and
+// TVX_IPMI_STATE_DIR=scratch/state; extra "NAME=VALUE" entries are added to (or replace those
+// in) the environment.
+inline Outcome runCommand(std::vector<std::string> args, const std::string &scratch,
+                          const std::vector<std::string> &extraEnv = {})
 {
     std::vector<std::string> env = {"HOME=" + scratch + "/home", "TVX_IPMI_STATE_DIR=" + scratch + "/state"};
     for (char **e = environ; *e; ++e) {
@@ -48,8 +50,6 @@ inline Outcome runTvxctl(const std::string &tvxctl, const std::string &scratch, 
         std::erase_if(env, [&](const std::string &v) { return v.rfind(name, 0) == 0; });
         env.push_back(x);
     }
-    args.insert(args.begin(), tvxctl);
-    args.insert(args.begin(), kEmulator.begin(), kEmulator.end());
     std::vector<char *> argv, envp;
     for (auto &a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
@@ -64,7 +64,7 @@ inline Outcome runTvxctl(const std::string &tvxctl, const std::string &scratch, 
     int rc = posix_spawnp(&pid, args[0].c_str(), &fa, nullptr, argv.data(), envp.data());
     posix_spawn_file_actions_destroy(&fa);
     if (rc != 0) {
-        ADD_FAILURE() << "cannot start " << tvxctl << ": " << std::strerror(rc);
+        ADD_FAILURE() << "cannot start " << args[0] << ": " << std::strerror(rc);
         return {-1, "", ""};
     }
     int status = 0;
@@ -76,6 +76,15 @@ inline Outcome runTvxctl(const std::string &tvxctl, const std::string &scratch, 
         return s.str();
     };
     return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), slurp(outPath), slurp(errPath)};
+}
+
+// tvxctl (through the emulator in a cross build) as runCommand runs a command.
+inline Outcome runTvxctl(const std::string &tvxctl, const std::string &scratch, std::vector<std::string> args,
+                         const std::vector<std::string> &extraEnv = {})
+{
+    args.insert(args.begin(), tvxctl);
+    args.insert(args.begin(), kEmulator.begin(), kEmulator.end());
+    return runCommand(std::move(args), scratch, extraEnv);
 }
 
 } // namespace tvxtest

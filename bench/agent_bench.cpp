@@ -26,9 +26,10 @@
 #include <nlohmann/json.hpp>
 
 #include "agent_pass.h"
+#include "collector.h"
 #include "libipmi_host.h"
 #include "peer.h"
-#include "scratch_machine.h"
+#include "machine.h"
 #include "tvx_toipmi.h"
 
 extern char **environ;
@@ -37,11 +38,9 @@ namespace {
 
 using tvxctl::AgentSensor;
 
-nlohmann::json defaultProfile()
-{
-    std::ifstream in(std::string(TVX_MACHINES_DIR) + "/default.json");
-    return nlohmann::json::parse(in);
-}
+using tvxtest::ScratchMachine;
+
+nlohmann::json defaultProfile() { return tvxtest::shippedProfile("default.json"); }
 
 // The SDR cache of the selected controller and the sensors the agent publishes.
 struct Machine {
@@ -181,6 +180,27 @@ void BM_Ipmitool_Sensor(benchmark::State &state)
     }
 }
 
+// The SNMP subagent's collection: every value of the hardware MIB read once, as
+// tvx-snmp-agent reads it on its collector thread (the SDR cache already built, so only Get
+// SDR Repository Info checks it). A walk answers from the last collection and sends nothing.
+// Argument: 0 in-process, 1 over LAN with the pool.
+void BM_SubagentCollection(benchmark::State &state)
+{
+    std::unique_ptr<ScratchMachine> machine;
+    if (state.range(0) && ipmihost_select_target(peer().target().c_str(), nullptr) != 0) std::abort();
+    if (!state.range(0)) machine = std::make_unique<ScratchMachine>(defaultProfile());
+    {
+        tvxagent::Collector collector;
+        benchmark::DoNotOptimize(collector.collect());
+        ipmihost_reset_request_count();
+        ipmihost_reset_session_count();
+        for (auto _ : state) benchmark::DoNotOptimize(collector.collect());
+        countPerIteration(state, ipmihost_request_count(), ipmihost_session_count());
+        state.counters["sdr_builds"] = static_cast<double>(collector.sdrBuilds());
+    }
+    ipmihost_select_default();
+}
+
 // The passes callgrind counts (bench/agent_callgrind.sh collects inside this function only).
 __attribute__((noinline)) void agentPasses(Machine &m, int n)
 {
@@ -226,6 +246,11 @@ int main(int argc, char **argv)
         ->ArgName("pool")
         ->Arg(1)
         ->Arg(0)
+        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("BM_SubagentCollection", BM_SubagentCollection)
+        ->ArgName("lan")
+        ->Arg(0)
+        ->Arg(1)
         ->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark("BM_Ipmitool_Sensor", BM_Ipmitool_Sensor)
         ->Unit(benchmark::kMillisecond)

@@ -1,23 +1,15 @@
 // The SDR cache against the virtual controller: building it from repositories of 100 and
 // 1,000 records, and the lookups over 1,000 records. Requests per build are reported.
-#include <cstdlib>
-#include <fstream>
-#include <string>
-
 #include <benchmark/benchmark.h>
-#include <nlohmann/json.hpp>
 
-#include "generated_machine.h"
-#include "libipmi_host.h"
-#include "scratch_machine.h"
-#include "tvx_toipmi.h"
+#include "machine.h"
 
 namespace {
 
-using nlohmann::json;
+using tvxtest::ScratchMachine;
 
 // A machine whose generated repository holds `count` sensors.
-nlohmann::json repository(int count) { return tvxtest::generatedRepository(TVX_MACHINES_DIR, count); }
+nlohmann::json repository(int count) { return tvxtest::generatedRepository(count); }
 
 void BM_GetSDRInfo(benchmark::State &state)
 {

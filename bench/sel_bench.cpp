@@ -1,27 +1,19 @@
 // The event log against the virtual controller: raw lines and texts of logs of 100 and 1,000
 // entries. Requests per entry are reported.
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <string>
-
 #include <benchmark/benchmark.h>
-#include <nlohmann/json.hpp>
 
-#include "libipmi_host.h"
-#include "scratch_machine.h"
-#include "tvx_toipmi.h"
+#include "machine.h"
 
 namespace {
 
 using nlohmann::json;
+using tvxtest::ScratchMachine;
 
 // The default machine with a log of `count` entries (its own records over and over, with
 // their texts) and a fixed clock.
 json withLog(int count)
 {
-    std::ifstream in(std::string(TVX_MACHINES_DIR) + "/default.json");
-    json profile = json::parse(in);
+    json profile = tvxtest::shippedProfile("default.json");
     const json base = profile["sel"]["records"];
     json records = json::array();
     for (int i = 0; i < count; ++i) records.push_back(base[static_cast<std::size_t>(i) % base.size()]);

@@ -21,20 +21,20 @@
 
 #include "cli.h"
 #include "libipmi_host.h"
-#include "scratch_machine.h"
+#include "machine.h"
 #include "tvx/ipmi.h"
 #include "tvx_toipmi.h"
 
 namespace {
 
 using nlohmann::json;
+using tvxtest::ScratchMachine;
 
 // The default machine with a log of `count` entries (its own records over and over), room for
 // `room` more, and a fixed clock.
 json withLog(int count, int room)
 {
-    std::ifstream in(std::string(TVX_MACHINES_DIR) + "/default.json");
-    json profile = json::parse(in);
+    json profile = tvxtest::shippedProfile("default.json");
     const json base = profile["sel"]["records"];
     json records = json::array();
     for (int i = 0; i < count; ++i) records.push_back(base[static_cast<std::size_t>(i) % base.size()]);

@@ -360,6 +360,15 @@ TVX_API int ipmiWriteSelEntry(IpmiSession *session, uint8_t sensorType, uint8_t 
 
 /* ---- Event message texts ------------------------------------------------------------------ */
 
+/* What one text may cost, whatever the controller answers: one call fetches at most
+   TVX_SEL_TEXT_MAX characters of a message text or of follow-up chunks (the rest of a longer
+   text is not asked for), in at most TVX_SEL_TEXT_MAX / TVX_SEL_TEXT_MIN_CHUNK (128) chunk
+   requests: a controller must make an average progress of TVX_SEL_TEXT_MIN_CHUNK characters
+   per chunk, else the text ends where it stands after those requests. So no answer sequence
+   makes one text take more than 128 chunk requests (plus its error code or first request). */
+#define TVX_SEL_TEXT_MAX       1024u
+#define TVX_SEL_TEXT_MIN_CHUNK 8u
+
 #define TVX_LANG_ENGLISH 0x0409u
 #define TVX_LANG_GERMAN  0x0407u
 
@@ -665,6 +674,119 @@ TVX_API const char *getMemoryModuleForm(char *buffer, uint32_t length, uint8_t m
 TVX_API char *getMemoryModuleType(char *buffer, uint32_t length, uint8_t module);
 TVX_API int getMemoryModuleMaxFrequency(uint8_t module);
 TVX_API char *getMemoryModuleVoltInterface(char *buffer, uint32_t length, uint8_t module);
+
+/* ---- Agent identity and status rollup ------------------------------------------------------- */
+
+/* Copies "Halvex Tessorin 2 hardware monitoring agent" (or the company name "Veltrane") without
+   a terminator; returns the character count, or -1 (buffer untouched) when length is smaller. */
+TVX_API int snmpGetAgentId(char *buffer, unsigned length);
+TVX_API int snmpGetAgentCompany(char *buffer, unsigned length);
+/* "Build: <text>" from the firmware build variable (index 1: version, 0: build), bounded by
+   length; "Build: unknown" without a session. A variable that cannot be read or is empty
+   leaves the buffer as passed (pass a terminated one). Returns the string length then in it. */
+TVX_API int snmpGetAgentVersion(char *buffer, unsigned length);
+TVX_API int snmpGetAgentBuild(char *buffer, unsigned length);
+/* Always 2. */
+TVX_API int snmpGetAgentWriteAllowed(void);
+TVX_API int snmpGetAgentShutdownAllowed(void);
+
+/* For the library's users; the library never reads or writes it. */
+TVX_API extern uint32_t gSystemCondition;
+
+/* Signal states: 0-3 as the controller reports them, and these. */
+#define TVX_SIGNAL_CANNOT_READ 253u /* also: an entity that is not present */
+#define TVX_SIGNAL_EMPTY_SLOT  254u
+#define TVX_SIGNAL_NO_ANSWER   255u
+/* Component status (getComponentSensorStatus): 2-5 signal state 0-3, and these. */
+#define TVX_COMPONENT_NO_SESSION  0u
+#define TVX_COMPONENT_UNKNOWN     1u
+#define TVX_COMPONENT_NOT_PRESENT 6u
+/* Rollup status: 1-3 by severity (3 the worst); 5 nothing known. */
+#define TVX_ROLLUP_OK       1u
+#define TVX_ROLLUP_WARNING  2u
+#define TVX_ROLLUP_CRITICAL 3u
+#define TVX_ROLLUP_UNKNOWN  5u
+
+/* A component is named by its SDR entity ID and instance and its kind (an IPMI sensor-type
+   code). In the caller's session: the signal state; the presence code (-1: no answer). */
+TVX_API uint8_t componentStatusSignalRead(IpmiSession *session, uint8_t kind, uint8_t entityId,
+        uint8_t entityInstance);
+TVX_API int getCompStatusPresent(IpmiSession *session, uint8_t kind, uint8_t entityId, uint8_t entityInstance);
+/* The component status, in a session of its own. */
+TVX_API uint32_t getComponentSensorStatus(uint8_t kind, uint8_t entityId, uint8_t entityInstance);
+/* 1 when the entity counts as present (its entity-presence sensor, if it has one), else 0. */
+TVX_API int isSdrEntityPresent(uint8_t entityId, uint8_t entityInstance, SDRInfo *info);
+/* The text that explains a component's state ("Fan not installed", "Processor not installed",
+   "Disabled", "PSU not installed", "N/A", "Empty Slot", "Unknown", "Empty PCI Slot",
+   "Power Off"; constant), or NULL. *status holds a signal state; for some kinds it is read
+   from the controller and stored there. */
+TVX_API const char *ipmiGetSignalStatus(IpmiSession *session, uint8_t entityId, uint8_t entityInstance,
+        uint8_t kind, uint8_t *status, SDRInfo *info);
+/* The rollup value (0: does not count, 1-3) of a component status of a class (sensor type 1, 2,
+   4, 7, 12 or 232) as that class's getter produces it. */
+TVX_API uint8_t getUnitComponentStatus(uint8_t sensorType, uint8_t status);
+/* The boot status on the rollup scale (system firmware's signal state); 0 without a session. */
+TVX_API uint32_t getStatusBoot(void);
+/* The worst rollup value of the components of one class (a sensor type as above), or of all
+   classes and the boot status (filter 0); 5 when nothing is known. */
+TVX_API uint32_t getStatusOverall(SDRInfo *info, uint8_t sensorTypeFilter);
+TVX_API uint32_t getStatusPowerSupply(SDRInfo *info);
+TVX_API uint32_t getStatusTemperature(SDRInfo *info);
+TVX_API uint32_t getStatusFans(SDRInfo *info);
+TVX_API uint32_t getStatusVoltages(SDRInfo *info);
+TVX_API uint32_t getStatusCpu(SDRInfo *info);
+TVX_API uint32_t getStatusMemoryModule(SDRInfo *info);
+
+/* ---- Management network and channel getters ------------------------------------------------- */
+
+/* Node types: the management controller, a network port function of the server. Address
+   types: IPv4, IPv6. A port function is named by three identity bytes that the platform's
+   port-function area reader understands. */
+#define TVX_NODE_PORT_FUNCTION 2u
+#define TVX_NODE_CONTROLLER    7u
+#define TVX_ADDRESS_IPV4       2u
+#define TVX_ADDRESS_IPV6       4u
+#define TVX_MEDIUM_LAN_8023    4u
+
+#define TVX_VAR_IPV6_ADDRESS        0x1A25u /* 16 bytes, per address index */
+#define TVX_VAR_IPV6_ADDRESS_SOURCE 0x1A36u /* first byte: 1 static, 2 DHCP, ... */
+#define TVX_VAR_IPV6_GATEWAY        0x1A3Au /* 16 bytes */
+#define TVX_VAR_ALERT_DESTINATIONS  0x1412u /* 1 byte: the number of alert destinations */
+
+/* The current value of a power consumption sensor (sensor type 0x0B). */
+TVX_API int getPowerConsumptionCurrentValue(uint8_t sensorNumber, SDRInfo *info);
+/* 1 when the 4 (IPv4) or 16 (IPv6) bytes are all zero or the type is neither; else 0. */
+TVX_API int isEmptyIPAddress(const uint8_t *address, uint8_t addressType);
+/* The controller model's name, "" for an unknown model (constant). */
+TVX_API const char *getControllerModelName(unsigned model);
+/* Address texts into buffer (zeroed first, bounded by length); each returns buffer, untouched
+   when no session can be opened, empty when there is nothing to say. */
+TVX_API char *getNodeIpNetMaskAddress(char *buffer, unsigned length, uint8_t addressType, uint8_t nodeType);
+TVX_API char *getNodeGatewayAddress(char *buffer, unsigned length, uint8_t addressType, uint8_t nodeType);
+TVX_API char *getUnitNodeIpAddress(char *buffer, unsigned length, uint8_t nodeType, uint8_t addressType,
+        uint8_t port0, uint8_t port1, uint8_t port2, uint8_t addressIndex);
+TVX_API char *getUnitNodeName(char *buffer, unsigned length, uint8_t nodeType, uint8_t addressType,
+        uint8_t port0, uint8_t port1, uint8_t port2, uint8_t addressIndex);
+/* Writes the node's 6-byte MAC address into buffer (at least 6 bytes; length is not used) when
+   found; returns buffer. */
+TVX_API uint8_t *getUnitNodeMacAddress(uint8_t *buffer, unsigned length, uint8_t nodeType, uint8_t port0,
+        uint8_t port1, uint8_t port2);
+/* 3 the address comes from DHCP, 2 from another source, 1 unknown. */
+TVX_API int getUnitNodeUseDHCP(uint8_t addressType, uint8_t nodeType);
+/* In the caller's session: the instance-th (from 1) channel 1-7 of a medium, or 255; how many
+   channels of that medium there are. */
+TVX_API uint8_t getChannelNumber(IpmiSession *session, uint8_t mediumType, uint8_t instance);
+TVX_API uint8_t getChannelInstanceCount(IpmiSession *session, uint8_t mediumType);
+/* The number of 802.3 LAN channels and the first one's number (255: none); each found once
+   per process and kept (a default channel of 255 is looked for again). */
+TVX_API uint8_t getLanChannelCount(IpmiSession *session);
+TVX_API uint8_t getDefaultLanChannelNumber(IpmiSession *session);
+
+/* ---- Test trap ------------------------------------------------------------------------------ */
+
+/* Has the controller send a test alert to each alert destination of the default LAN channel.
+   1 when the last destination's alert was accepted, else 0. */
+TVX_API int sendTestTrap(void);
 
 /* ---- LAN parameters ----------------------------------------------------------------------- */
 

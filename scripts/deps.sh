@@ -7,7 +7,8 @@ set -euo pipefail
 packages=(g++ gcc make cmake pkg-config binutils libgtest-dev libgmock-dev libbenchmark-dev
           nlohmann-json3-dev
           libfreeipmi-dev libopenipmi-dev openipmi ipmitool freeipmi-tools i2c-tools
-          smitools snmp erlang-snmp)
+          smitools snmp snmpd snmptrapd libsnmp-dev erlang-snmp
+          clang libclang-rt-14-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

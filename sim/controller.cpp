@@ -17,7 +17,8 @@ std::span<const Subsystem> Controller::standardSubsystems()
                                     kLanSubsystem,       kSdrRepositorySubsystem, kSensorSubsystem,
                                     kComponentSubsystem, kSelSubsystem,           kFruSubsystem,
                                     kProcessorSubsystem, kMemorySubsystem,        kPlatformInfoSubsystem, kFanSubsystem,
-                                    kInventorySubsystem,  kIelSubsystem};
+                                    kInventorySubsystem,  kIelSubsystem,           kSignalSubsystem,
+                                    kIpmbSubsystem};
     return all;
 }
 
@@ -49,10 +50,24 @@ void Controller::onOem(uint8_t command, Handler h) { oemHandlers_[command] = std
 
 void Controller::onOemSub(uint8_t command, uint8_t sub, Handler h) { oemSubHandlers_[command][sub] = std::move(h); }
 
+// Runs fn on the state as one transaction. A value of the wrong type in the state or the
+// profile (a hand-edited file) makes nlohmann-json throw deep inside a handler: it becomes a
+// ProfileError that names the files and says how to recover.
+void Controller::transactChecked(const std::function<bool(nlohmann::json &)> &fn)
+{
+    try {
+        store_->transact(fn);
+    } catch (const nlohmann::json::exception &e) {
+        std::string state = statePath().empty() ? std::string("the machine's state") : statePath();
+        throw ProfileError(state + " or " + profile_.file + ": a value has the wrong type or is missing (" +
+                           e.what() + "); reset the machine if its state file was edited");
+    }
+}
+
 void Controller::control(const std::function<void(Context &)> &fn)
 {
     std::lock_guard<std::mutex> g(mutex_);
-    store_->transact([&](nlohmann::json &state) {
+    transactChecked([&](nlohmann::json &state) {
         Context ctx{profile_, state};
         fn(ctx);
         return ctx.dirty;
@@ -171,7 +186,7 @@ Reply Controller::handle(uint8_t netFn, uint8_t lun, uint8_t command, std::span<
     }
     Response rsp;
     Request req{static_cast<uint8_t>(netFn & 0x3F), static_cast<uint8_t>(lun & 3), command, data};
-    store_->transact([&](nlohmann::json &state) {
+    transactChecked([&](nlohmann::json &state) {
         Context ctx{profile_, state};
         dispatch(ctx, req, rsp);
         return ctx.dirty;

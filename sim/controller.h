@@ -160,6 +160,7 @@ public:
     static std::span<const Subsystem> standardSubsystems();
 
 private:
+    void transactChecked(const std::function<bool(nlohmann::json &)> &fn);
     void dispatch(Context &ctx, const Request &req, Response &rsp);
     void dispatchOem(Context &ctx, const Request &req, Response &rsp);
     std::optional<Fault> takeFault(uint8_t netFn, uint8_t command, std::span<const uint8_t> data);
@@ -187,10 +188,12 @@ extern const Subsystem kConfigSpaceSubsystem;
 extern const Subsystem kLanSubsystem;
 extern const Subsystem kSelSubsystem;
 extern const Subsystem kFruSubsystem;
+extern const Subsystem kIpmbSubsystem;
 extern const Subsystem kProcessorSubsystem;
 extern const Subsystem kMemorySubsystem;
 extern const Subsystem kPlatformInfoSubsystem;
 extern const Subsystem kInventorySubsystem; // host agent, EEPROM information
 extern const Subsystem kIelSubsystem;       // the internal event log
+extern const Subsystem kSignalSubsystem;    // component signals, boot status, port functions
 
 } // namespace tvxsim

@@ -318,12 +318,16 @@ const FruDevice *FruModel::find(uint8_t id) const
 
 FruModel parseFruModel(const Profile &profile)
 {
-    FruModel model;
     auto list = profile.root().find("fru");
-    if (!list) return model;
+    return list ? parseFruDevices(*list) : FruModel{};
+}
+
+FruModel parseFruDevices(const Node &list)
+{
+    FruModel model;
     std::map<uint8_t, std::string> seen;
-    for (std::size_t i = 0; i < list->size(); ++i) {
-        Node n = list->at(i);
+    for (std::size_t i = 0; i < list.size(); ++i) {
+        Node n = list.at(i);
         FruDevice d = parseDevice(n);
         if (auto other = seen.find(d.id); other != seen.end())
             n.at("fru_id").fail("FRU device " + hexByte(d.id) + " is already described by " + other->second);

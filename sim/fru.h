@@ -16,6 +16,8 @@
 namespace tvxsim {
 
 class Controller;
+struct Request;
+class Response;
 
 struct FruDevice {
     uint8_t id = 0;
@@ -32,6 +34,13 @@ struct FruModel {
 // Reads the profile's "fru" section (absent: no FRU devices). Throws ProfileError naming the
 // file and JSON pointer of a bad value.
 FruModel parseFruModel(const Profile &profile);
+// The same for a list of device descriptions anywhere in a profile (a satellite's "fru").
+FruModel parseFruDevices(const Node &list);
+
+// Get FRU Inventory Area Info and Read FRU Data over a controller's devices; reads answer at
+// most `maxResponse` bytes, completion code included (0: no limit).
+void answerFruAreaInfo(const FruModel &model, const Request &req, Response &rsp);
+void answerReadFru(const FruModel &model, std::size_t maxResponse, const Request &req, Response &rsp);
 
 // The model of a controller's profile, built on first use and kept with the controller.
 std::shared_ptr<const FruModel> fruModel(Controller &controller);

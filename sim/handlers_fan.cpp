@@ -38,7 +38,7 @@ LimitTable parseLimits(const Profile &profile, const SdrModel &sdr)
         n.allowOnly({"fan", "max_rpm", "rated_rpm", "width"});
         Node fan = n.at("fan");
         const uint8_t number = fan.byte();
-        const SensorDef *s = sdr.find(0, number);
+        const SensorDef *s = sdr.find(kControllerAddress, 0, number);
         if (!s || s->sensorType != kFanSensorType)
             fan.fail("no fan sensor (sensor type 0x04) with this number in /sensors");
         if (out.count(number)) fan.fail("this fan's limits are given twice");

@@ -19,11 +19,8 @@
 #include "fru.h"
 
 namespace tvxsim {
-namespace {
 
-namespace storage = tvx::cmd::storage;
-
-void areaInfo(const FruModel &m, const Request &req, Response &rsp)
+void answerFruAreaInfo(const FruModel &m, const Request &req, Response &rsp)
 {
     wire::Reader in = req.reader();
     const uint8_t device = in.u8();
@@ -34,7 +31,7 @@ void areaInfo(const FruModel &m, const Request &req, Response &rsp)
     rsp.u8(d->wordAccess ? 0x01 : 0x00);
 }
 
-void readData(const FruModel &m, const Context &ctx, const Request &req, Response &rsp)
+void answerReadFru(const FruModel &m, std::size_t limit, const Request &req, Response &rsp)
 {
     wire::Reader in = req.reader();
     const uint8_t device = in.u8();
@@ -48,20 +45,24 @@ void readData(const FruModel &m, const Context &ctx, const Request &req, Respons
     const std::size_t count = static_cast<std::size_t>(countUnits) * unit;
     if (count == 0) return rsp.fail(cc::kInvalidDataField);
     if (offset >= d->image.size()) return rsp.fail(cc::kParameterOutOfRange);
-    const std::size_t limit = ctx.profile.maxResponseLength;
     if (limit != 0 && count + 2 > limit) return rsp.fail(cc::kCannotReturnBytes);
     const std::size_t n = std::min(count, d->image.size() - offset);
     rsp.u8(static_cast<uint8_t>(n / unit));
     rsp.append(std::span<const uint8_t>(d->image).subspan(offset, n / unit * unit));
 }
 
+namespace {
+
+namespace storage = tvx::cmd::storage;
+
 void install(Controller &c)
 {
     std::shared_ptr<const FruModel> m = fruModel(c);
     c.on(tvx::netfn::kStorage, storage::kGetFruInventoryAreaInfo,
-         [m](Context &, const Request &req, Response &rsp) { areaInfo(*m, req, rsp); });
-    c.on(tvx::netfn::kStorage, storage::kReadFruData,
-         [m](Context &ctx, const Request &req, Response &rsp) { readData(*m, ctx, req, rsp); });
+         [m](Context &, const Request &req, Response &rsp) { answerFruAreaInfo(*m, req, rsp); });
+    c.on(tvx::netfn::kStorage, storage::kReadFruData, [m](Context &ctx, const Request &req, Response &rsp) {
+        answerReadFru(*m, ctx.profile.maxResponseLength, req, rsp);
+    });
 }
 
 } // namespace

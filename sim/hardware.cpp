@@ -59,7 +59,7 @@ Processor parseProcessor(const Node &n, const SdrModel &sdr)
     Node sensorNode = n.at("sensor");
     p.sensor = sensorNode.byte();
     if (auto v = n.find("present")) p.present = v->boolean();
-    const SensorDef *sensor = sdr.find(0, p.sensor);
+    const SensorDef *sensor = sdr.find(kControllerAddress, 0, p.sensor);
     if (!sensor || sensor->sensorType != kProcessorSensorType)
         sensorNode.fail("expected the number of a processor sensor (type 0x07) of \"sensors\", got " +
                         sensorNode.json().dump());

@@ -275,6 +275,8 @@ DeviceIdentity parseController(const Node &c)
 
 } // namespace
 
+DeviceIdentity parseDeviceIdentity(const Node &c) { return parseController(c); }
+
 Fault parseFault(const Node &n)
 {
     n.allowOnly({"netfn", "command", "match", "kind", "value", "count"});
@@ -355,7 +357,8 @@ Profile parseProfile(const std::string &text, const std::string &displayName)
     Node root = p.root();
     root.allowOnly({"description", "controller", "faults", "sdr", "sensors", "fru_locators", "mc_locators",
                     "components", "fan_speed_limits", "chassis", "leds", "config_space", "console", "lan", "sel", "event_texts", "fru",
-                    "processors", "memory", "pci_slots", "languages", "iel", "host_agent", "eeprom_info"});
+                    "processors", "memory", "pci_slots", "languages", "iel", "host_agent", "eeprom_info",
+                    "component_states", "port_functions", "satellites"});
     if (auto d = root.find("description")) p.description = d->string();
     Node controller = root.at("controller");
     p.device = parseController(controller);

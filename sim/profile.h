@@ -116,6 +116,9 @@ Profile parseProfile(const std::string &text, const std::string &displayName);
 // The byte offset of the first bracket of JSON text nested deeper than maxDepth, or npos.
 std::size_t nestedTooDeep(std::string_view text, std::size_t maxDepth);
 
+// Parses a controller's identity (the keys of the profile's "controller").
+DeviceIdentity parseDeviceIdentity(const Node &node);
+
 // Parses one fault description (shared by profiles and the control API's checks).
 Fault parseFault(const Node &node);
 

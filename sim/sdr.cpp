@@ -237,6 +237,7 @@ SensorDef parseSensor(const Node &n, uint16_t id, uint8_t defaultOwner, std::vec
     uint8_t channel = 0;
     if (auto v = n.find("channel")) channel = static_cast<uint8_t>(v->integer(0, 15));
     uint8_t owner = byteOr(n, "owner", defaultOwner);
+    s.owner = owner;
     uint8_t entity = n.at("entity").byte();
     uint8_t instance = static_cast<uint8_t>(n.at("instance").integer(0, 0x7F));
     if (flag(n, "logical_entity", false)) instance = static_cast<uint8_t>(instance | 0x80);
@@ -486,7 +487,7 @@ nlohmann::json &stateEntry(nlohmann::json &state, const SensorDef &s)
 {
     nlohmann::json &all = state["sensors"];
     if (!all.is_object()) all = nlohmann::json::object();
-    nlohmann::json &entry = all[sensorStateKey(s.lun, s.number)];
+    nlohmann::json &entry = all[sensorStateKey(s)];
     if (!entry.is_object()) entry = nlohmann::json::object();
     return entry;
 }
@@ -495,9 +496,9 @@ std::string sensorLabel(const SensorDef &s) { return "sensor " + hex(s.number) +
 
 } // namespace
 
-const SensorDef *SdrModel::find(uint8_t lun, uint8_t number) const
+const SensorDef *SdrModel::find(uint8_t owner, uint8_t lun, uint8_t number) const
 {
-    auto it = byAddress.find(static_cast<uint16_t>(lun << 8 | number));
+    auto it = byAddress.find(static_cast<uint32_t>(owner << 16 | lun << 8 | number));
     return it == byAddress.end() ? nullptr : &sensors[it->second];
 }
 
@@ -516,7 +517,7 @@ SdrModel parseSdrModel(const Profile &profile)
     SdrModel model;
     Node root = profile.root();
     if (auto n = root.find("sdr")) model.options = parseOptions(*n);
-    const uint8_t controllerAddress = 0x20;
+    const uint8_t controllerAddress = kControllerAddress;
     const uint32_t slot = static_cast<uint32_t>(model.options.unitSize) * model.options.maxRecordUnits;
     auto add = [&](std::vector<uint8_t> bytes, const Node &where) {
         if (model.records.size() >= kMaxRecords)
@@ -534,10 +535,11 @@ SdrModel parseSdrModel(const Profile &profile)
             Node n = list->at(i);
             std::vector<uint8_t> bytes;
             SensorDef s = parseSensor(n, static_cast<uint16_t>(model.records.size() + 1), controllerAddress, bytes);
-            uint16_t address = static_cast<uint16_t>(s.lun << 8 | s.number);
+            uint32_t address = static_cast<uint32_t>(s.owner << 16 | s.lun << 8 | s.number);
             if (auto other = model.byAddress.find(address); other != model.byAddress.end())
                 n.at("number").fail("sensor number " + hex(s.number) + " on LUN " + std::to_string(s.lun) +
-                                    " is already used by " + model.sensors[other->second].pointer);
+                                    " of owner " + hex(s.owner) + " is already used by " +
+                                    model.sensors[other->second].pointer);
             add(std::move(bytes), n);
             model.byAddress[address] = model.sensors.size();
             model.sensors.push_back(std::move(s));
@@ -615,16 +617,17 @@ uint8_t thresholdStatus(const SensorDef &s, uint8_t raw)
     return bits;
 }
 
-std::string sensorStateKey(uint8_t lun, uint8_t number)
+std::string sensorStateKey(const SensorDef &s)
 {
-    return std::to_string(lun) + ":" + hex(number);
+    const std::string key = std::to_string(s.lun) + ":" + hex(s.number);
+    return s.owner == kControllerAddress ? key : hex(s.owner) + "/" + key;
 }
 
 SensorNow sensorNow(const SensorDef &s, const nlohmann::json &state)
 {
     SensorNow now{s.reading, s.state, s.scanning, s.unavailable, s.events};
     if (const nlohmann::json *all = member(state, "sensors")) {
-        if (const nlohmann::json *e = member(*all, sensorStateKey(s.lun, s.number).c_str())) {
+        if (const nlohmann::json *e = member(*all, sensorStateKey(s).c_str())) {
             if (auto v = stateNumber(*e, "reading", 0xFF)) now.reading = static_cast<uint8_t>(*v);
             if (auto v = stateNumber(*e, "state", 0x7FFF)) now.state = static_cast<uint16_t>(*v);
             if (auto v = stateBool(*e, "scanning")) now.scanning = *v;
@@ -643,7 +646,7 @@ SensorNow sensorNow(const SensorDef &s, const nlohmann::json &state)
 std::string setSensorReading(Controller &c, uint8_t number, uint8_t raw)
 {
     auto model = sdrModel(c);
-    const SensorDef *s = model->find(0, number);
+    const SensorDef *s = model->find(kControllerAddress, 0, number);
     if (!s) return "no sensor " + hex(number) + " on LUN 0 in " + c.profile().file;
     c.control([&](Context &ctx) {
         stateEntry(ctx.state, *s)["reading"] = raw;
@@ -655,7 +658,7 @@ std::string setSensorReading(Controller &c, uint8_t number, uint8_t raw)
 std::string setSensorState(Controller &c, uint8_t number, uint16_t stateBits)
 {
     auto model = sdrModel(c);
-    const SensorDef *s = model->find(0, number);
+    const SensorDef *s = model->find(kControllerAddress, 0, number);
     if (!s) return "no sensor " + hex(number) + " on LUN 0 in " + c.profile().file;
     if (s->thresholdBased()) return sensorLabel(*s) + " is threshold-based: its state follows from its reading";
     if (stateBits > 0x7FFF) return "state bits run from 0 to 14 (at most 0x7fff), got " + hex(stateBits, 4);
@@ -669,7 +672,7 @@ std::string setSensorState(Controller &c, uint8_t number, uint16_t stateBits)
 std::string setSensorFlags(Controller &c, uint8_t number, int scanning, int unavailable)
 {
     auto model = sdrModel(c);
-    const SensorDef *s = model->find(0, number);
+    const SensorDef *s = model->find(kControllerAddress, 0, number);
     if (!s) return "no sensor " + hex(number) + " on LUN 0 in " + c.profile().file;
     if (scanning > 1 || unavailable > 1)
         return "flags are 0 (off), 1 (on) or negative (unchanged), got " + std::to_string(scanning) + " and " +

@@ -19,6 +19,9 @@
 namespace tvxsim {
 
 class Controller;
+struct Context;
+struct Request;
+class Response;
 
 // Analog data format of a sensor's readings (sensor units 1, bits 7..6).
 enum class AnalogFormat : uint8_t { Unsigned = 0, OnesComplement = 1, TwosComplement = 2, None = 3 };
@@ -29,8 +32,13 @@ enum class AnalogFormat : uint8_t { Unsigned = 0, OnesComplement = 1, TwosComple
 enum ThresholdIndex { kLnc = 0, kLc = 1, kLnr = 2, kUnc = 3, kUc = 4, kUnr = 5 };
 inline constexpr const char *kThresholdNames[6] = {"lnc", "lc", "lnr", "unc", "uc", "unr"};
 
+// The controller the profile describes sits at this slave address; sensors it owns carry it
+// as their owner ID, sensors of satellite controllers their controller's address.
+inline constexpr uint8_t kControllerAddress = 0x20;
+
 struct SensorDef {
     std::string pointer; // where the sensor stands in the profile, for messages
+    uint8_t owner = kControllerAddress; // the owner ID of its record
     uint8_t lun = 0;     // the owner LUN the sensor answers on
     uint8_t number = 0;
     uint8_t sensorType = 0;
@@ -80,10 +88,11 @@ struct SdrModel {
     RepositoryOptions options;
     std::vector<SdrRecord> records; // repository order; record IDs 1, 2, ...
     std::vector<SensorDef> sensors;
-    std::map<uint16_t, std::size_t> byAddress; // (lun << 8 | number) -> index in sensors
+    std::map<uint32_t, std::size_t> byAddress; // (owner << 16 | lun << 8 | number) -> index in sensors
     uint32_t usedUnits = 0;
 
-    const SensorDef *find(uint8_t lun, uint8_t number) const;
+    // The sensor of that owner (a controller's slave address), LUN and number, or null.
+    const SensorDef *find(uint8_t owner, uint8_t lun, uint8_t number) const;
     // Index in records of a record ID (0x0000: the first, 0xFFFF: the last); -1 if none.
     long indexOf(uint16_t recordId) const;
 };
@@ -107,8 +116,12 @@ uint8_t thresholdStatus(const SensorDef &sensor, uint8_t raw);
 // and unavailable while the host is powered off for sensors powered by it.
 SensorNow sensorNow(const SensorDef &sensor, const nlohmann::json &state);
 
-// The key of a sensor's entry in the machine state's "sensors" object, e.g. "0:0x1a".
-std::string sensorStateKey(uint8_t lun, uint8_t number);
+// The key of a sensor's entry in the machine state's "sensors" object: "0:0x1a" for the
+// controller's own sensors, "0x2c/0:0x1a" for those of a satellite controller.
+std::string sensorStateKey(const SensorDef &sensor);
+
+// Get Sensor Reading as the controller at `owner` answers it, for its own sensors.
+void answerSensorReading(const SdrModel &model, uint8_t owner, Context &ctx, const Request &req, Response &rsp);
 
 // Host-side controls of sensors on LUN 0. They change the machine state (kept like every
 // other change, so later programs see them). Each returns "" or why it refused.

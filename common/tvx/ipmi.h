@@ -6,6 +6,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
 #include "tvx/wire.h"
 
@@ -60,6 +61,8 @@ inline constexpr uint8_t kGetAcpiPowerState = 0x07;
 inline constexpr uint8_t kGetDeviceGuid = 0x08;
 inline constexpr uint8_t kGetSystemGuid = 0x37;
 inline constexpr uint8_t kGetChannelAuthCapabilities = 0x38;
+inline constexpr uint8_t kGetMessageFlags = 0x31;
+inline constexpr uint8_t kGetMessage = 0x33;
 inline constexpr uint8_t kSendMessage = 0x34;
 inline constexpr uint8_t kGetChannelAccess = 0x41;
 inline constexpr uint8_t kGetChannelInfo = 0x42;
@@ -93,6 +96,14 @@ inline constexpr uint8_t kGetLanConfig = 0x02;
 // Answers are counted from the completion code (byte 0), as every layer holds them.
 inline constexpr wire::U8 kCompletionCode{0};
 inline constexpr std::size_t kAnswerData = 1; // the first data byte
+
+// Get Device ID: the answer's additional-device-support byte (controllers send 11 data bytes,
+// or 15 with the auxiliary firmware revision).
+namespace device_id {
+inline constexpr wire::U8 kAdditionalSupport{6};
+inline constexpr uint8_t kFruInventoryDevice = 0x08;
+inline constexpr uint8_t kChassisDevice = 0x80;
+} // namespace device_id
 
 // Chassis Control: the action byte.
 namespace chassis_control {
@@ -140,7 +151,108 @@ inline constexpr uint8_t kInProgress = 0x01;
 inline constexpr uint8_t kCommitWrite = 0x02;
 inline constexpr uint8_t kCurrentChannel = 0x0E; // the channel the request arrives on
 inline constexpr uint8_t kMedium8023 = 0x04;     // Get Channel Info: channel medium type
+inline constexpr uint8_t kDestinationCount = 17;  // read-only: bits 3:0 the destinations
+inline constexpr uint8_t kDestinationType = 18;   // set selector, type, ack time-out, retries
+inline constexpr uint8_t kDestinationAddress = 19; // set selector, format, gateway, IPv4, MAC
 } // namespace lan
+
+// Get Channel Info: the answer.
+namespace channel_info {
+inline constexpr wire::U8 kChannel{1};
+inline constexpr wire::U8 kMedium{2}; // bits 6:0 the medium type
+inline constexpr wire::U8 kProtocol{3};
+} // namespace channel_info
+
+// Alert Immediate: the request. Byte 0: operation (bits 7:6, 0 = initiate) and channel;
+// byte 1: destination selector (bits 3:0), bit 7 = send the alert string; byte 2: the alert
+// string selector; then, optionally, the platform event the alert carries: generator ID,
+// event message revision, sensor type, sensor number, event direction and type, event data
+// 1-3. The controller refuses those event parameters with kEventRefused.
+namespace alert_immediate {
+inline constexpr wire::U8 kChannel{0};
+inline constexpr wire::U8 kDestination{1};
+inline constexpr wire::U8 kStringSelector{2};
+inline constexpr wire::U8 kGeneratorId{3};
+inline constexpr wire::U8 kEventRevision{4};
+inline constexpr wire::U8 kSensorType{5};
+inline constexpr wire::U8 kSensorNumber{6};
+inline constexpr wire::U8 kEventType{7};
+inline constexpr wire::Run kEventData{8, 3};
+inline constexpr std::size_t kSizeWithEvent = 11;
+inline constexpr std::size_t kSizeWithoutEvent = 3;
+inline constexpr uint8_t kSendString = 0x80;
+inline constexpr uint8_t kEventRefused = 0x83;
+inline constexpr uint8_t kAlertFailed = 0x81;
+} // namespace alert_immediate
+
+// Bridging to another controller on an IPMB channel. A system interface sends the IPMB
+// request inside Send Message, addressed back to the BMC's receive-message-queue LUN, and
+// fetches the responder's answer from that queue with Get Message; a LAN session carries the
+// answer back by itself (libfreeipmi does that side).
+namespace ipmb {
+inline constexpr uint8_t kBmcAddress = 0x20; // the BMC's slave address on the primary IPMB
+inline constexpr uint8_t kPrimaryChannel = 0x00;
+inline constexpr uint8_t kSmsLun = 0x02; // the BMC's LUN for messages to system software
+
+// One IPMB message. Request: responder address, NetFn/LUN, checksum, requester address,
+// sequence/LUN, command, data, checksum. A response has the same header with the roles
+// exchanged (requester first) and the completion code as its first data byte.
+inline constexpr wire::U8 kDestination{0};
+inline constexpr wire::U8 kNetFnLun{1};
+inline constexpr wire::U8 kHeaderChecksum{2};
+inline constexpr wire::U8 kSource{3};
+inline constexpr wire::U8 kSeqLun{4}; // bits 7:2 sequence number, bits 1:0 the sender's LUN
+inline constexpr wire::U8 kCommand{5};
+inline constexpr std::size_t kData = 6;      // request data; in a response, the completion code
+inline constexpr std::size_t kOverhead = 7;  // header and trailing checksum
+inline constexpr std::size_t kMaxMessage = 32; // IPMB messages are at most 32 bytes
+
+// The zero-sum checksum of bytes: the byte that makes their sum 0 modulo 256.
+constexpr uint8_t checksum(std::span<const uint8_t> bytes)
+{
+    unsigned sum = 0;
+    for (uint8_t b : bytes) sum += b;
+    return static_cast<uint8_t>(0x100 - (sum & 0xFF));
+}
+// Whether both checksums of a message hold.
+constexpr bool intact(wire::View m)
+{
+    if (m.size() < kOverhead) return false;
+    unsigned head = 0, all = 0;
+    for (std::size_t i = 0; i < m.size(); ++i) {
+        if (i <= kHeaderChecksum.at) head += m.data()[i];
+        else all += m.data()[i];
+    }
+    return (head & 0xFF) == 0 && (all & 0xFF) == 0;
+}
+// Writes one message: the header, the body (a request's data, or a response's completion
+// code and data) and both checksums.
+constexpr void frame(wire::Writer &w, uint8_t destination, uint8_t netFn, uint8_t destinationLun, uint8_t source,
+                     uint8_t sequence, uint8_t sourceLun, uint8_t command, std::span<const uint8_t> body)
+{
+    const std::size_t start = w.size();
+    w.u8(destination).u8(static_cast<uint8_t>(netFn << 2 | (destinationLun & 3)));
+    w.u8(checksum(w.written().subspan(start)));
+    const std::size_t second = w.size();
+    w.u8(source).u8(static_cast<uint8_t>(sequence << 2 | (sourceLun & 3))).u8(command).bytes(body);
+    if (w.ok()) w.u8(checksum(w.written().subspan(second)));
+}
+} // namespace ipmb
+
+// Send Message: the channel byte (bits 3:0 the channel, bits 7:6 tracking), then the message.
+namespace send_message {
+inline constexpr wire::U8 kChannel{0};
+inline constexpr std::size_t kMessage = 1;
+inline constexpr uint8_t kNoTracking = 0x00;
+inline constexpr uint8_t kNakOnWrite = 0x83; // no device acknowledged the message
+} // namespace send_message
+
+// Get Message: the answer's channel byte (bits 3:0), then the message as it arrived.
+namespace get_message {
+inline constexpr wire::U8 kChannel{1};
+inline constexpr std::size_t kMessage = 2;
+inline constexpr uint8_t kQueueEmpty = 0x80; // completion code: no message in the queue
+} // namespace get_message
 
 // Completion codes: one name per code.
 namespace cc {

@@ -36,12 +36,15 @@ inline constexpr uint8_t kMemoryModuleConfig = 0x49; // module
 inline constexpr uint8_t kMemoryPolicy = 0x4A;       // (nothing)
 inline constexpr uint8_t kCpuStatus = 0x4B;          // socket ('K')
 inline constexpr uint8_t kCpuStatusAlt = 0x4C;       // socket ('L'): the second status scale
+inline constexpr uint8_t kSignalRead = 0x42;         // entity ID, instance, kind, 0 ('B')
+inline constexpr uint8_t kPresence = 0x54;           // entity ID, instance, kind, 0 ('T')
 inline constexpr uint8_t kLanguages = 0x74;          // (nothing)
 // kInventory
 inline constexpr uint8_t kCpuModelName = 0x13;    // socket
 inline constexpr uint8_t kCpuRecord = 0x15;       // socket
 inline constexpr uint8_t kMemoryModuleInfo = 0x18; // module
 inline constexpr uint8_t kPciSlotEntry = 0x1A;    // entry number (16 bits)
+inline constexpr uint8_t kPortFunctionArea = 0x1C; // identity (3 bytes), offset (16), length
 inline constexpr uint8_t kSpdRead = 0x31;         // source, module, offset (16), length (16)
 // kModuleApproval
 inline constexpr uint8_t kApproval = 0x05; // module
@@ -75,6 +78,28 @@ constexpr std::array<uint8_t, kPciRequestSize> pciEntryRequest(uint16_t entry)
 {
     std::array<uint8_t, kPciRequestSize> r{};
     wire::Writer(r).bytes(request(sub::kPciSlotEntry)).u16(entry);
+    return r;
+}
+
+// A component's signal state or presence: which component, by its SDR entity and the kind of
+// component as an IPMI sensor-type code.
+inline constexpr std::size_t kComponentRequestSize = kIanaSize + 5;
+constexpr std::array<uint8_t, kComponentRequestSize> componentRequest(uint8_t subFunction, uint8_t entityId,
+                                                                      uint8_t entityInstance, uint8_t kind)
+{
+    return request(subFunction, entityId, entityInstance, kind, 0x00);
+}
+
+// A piece of a network port function's specific area.
+inline constexpr std::size_t kPortAreaRequestSize = kIanaSize + 7;
+constexpr std::array<uint8_t, kPortAreaRequestSize> portAreaRequest(const uint8_t (&identity)[3], uint16_t offset,
+                                                                    uint8_t length)
+{
+    std::array<uint8_t, kPortAreaRequestSize> r{};
+    wire::Writer(r)
+        .bytes(request(sub::kPortFunctionArea, identity[0], identity[1], identity[2]))
+        .u16(offset)
+        .u8(length);
     return r;
 }
 
@@ -136,5 +161,32 @@ inline constexpr U8 kApproved{kPayload + 1};
 inline constexpr std::size_t kApprovalSize = kPayload + 2;
 inline constexpr uint8_t kIsApproved = 1;
 } // namespace module
+
+// Component signal state and presence. The signal state is in bits 1:0 of kValue; a
+// component the controller knows but cannot read answers 0x01, an empty slot 0x02.
+namespace component {
+inline constexpr unsigned kSignalBits = 2;
+inline constexpr uint8_t kCannotRead = 0x01;
+inline constexpr uint8_t kEmptySlot = 0x02;
+// Presence codes that mean "not there".
+inline constexpr uint8_t kAbsent = 1, kAbsentToo = 2;
+} // namespace component
+
+// The specific area of a server network port function: the MAC address, then a count byte
+// (bits 3:0 IPv4 addresses, bits 7:4 IPv6 addresses) and the addresses, IPv4 first. The
+// port-function area answer carries the requested bytes from kPayload on.
+namespace port_area {
+inline constexpr uint32_t kSize = 345;       // the area's size
+inline constexpr std::size_t kBufferSize = 348;
+inline constexpr wire::Run kMac{6, 6};
+inline constexpr U8 kCounts{44};
+inline constexpr std::size_t kAddresses = 45;
+inline constexpr std::size_t kIpv4Size = 4, kIpv6Size = 16;
+inline constexpr uint8_t kMaxChunk = 64;     // bytes per request
+constexpr unsigned ipv4Count(uint8_t counts) { return wire::bits(counts, 0, 4); }
+constexpr unsigned ipv6Count(uint8_t counts) { return wire::bits(counts, 4, 4); }
+constexpr wire::Run ipv4(unsigned i) { return {kAddresses + kIpv4Size * i, kIpv4Size}; }
+constexpr wire::Run ipv6(unsigned ipv4s, unsigned i) { return {kAddresses + kIpv4Size * ipv4s + kIpv6Size * i, kIpv6Size}; }
+} // namespace port_area
 
 } // namespace tvx::oem::hw

@@ -1,6 +1,6 @@
 // libtvx_decodeUtil.so.1: the SPD decoders name what a module's JEDEC SPD image says (layouts
-// in tvx/spd.h; texts and classes documented in decodeUtil.h). The port-function area is not
-// built yet: pniReadPortFnSpecificArea answers "not available" and writes nothing.
+// in tvx/spd.h; texts and classes documented in decodeUtil.h). The port-function area is read
+// in port_function.cpp.
 #include "decodeUtil.h"
 
 #include <cstddef>
@@ -107,7 +107,5 @@ int spdUtilGetDDRFrequencyType(const uint8_t *spd)
     const uint16_t mts = image.type ? spd::speedBin(image.bytes) : 0;
     return mts ? mts : -1;
 }
-
-int pniReadPortFnSpecificArea(uint8_t, uint8_t, uint8_t, uint32_t, uint8_t *) { return -1; }
 
 } // extern "C"

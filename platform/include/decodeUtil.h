@@ -51,9 +51,13 @@
  *
  * Port-function area
  * ------------------
- * pniReadPortFnSpecificArea reads the specific area of a server network port function and
- * returns 0 when the area is in the buffer. NOT AVAILABLE YET in this implementation: it
- * returns non-zero without touching the area.
+ * pniReadPortFnSpecificArea reads the specific area of a server network port function (size
+ * bytes, at most 345, from its start) and returns 0 when the area is in the buffer; non-zero
+ * and the buffer untouched otherwise. This implementation asks the controller that a local
+ * session of libipmi.so.2 reaches (the virtual controller, or a LAN target): vendor OEM
+ * command 0xF1, sub-function 0x1C (identity bytes, 16-bit offset, length; at most 64 bytes a
+ * request). IPMI has no standard command for a host's network port functions, so a stock
+ * controller (which answers 0xC1) reports the area unavailable.
  */
 #ifndef DECODEUTIL_H
 #define DECODEUTIL_H

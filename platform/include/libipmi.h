@@ -23,8 +23,10 @@
 #ifdef __cplusplus
 extern "C" {
 #define LIBIPMI_STATIC_ASSERT(cond, msg) static_assert(cond, msg)
+#define LIBIPMI_ZERO_UNLESS_GIVEN = 0 /* a C++ caller may leave the field out: {number} */
 #else
 #define LIBIPMI_STATIC_ASSERT(cond, msg) _Static_assert(cond, msg)
+#define LIBIPMI_ZERO_UNLESS_GIVEN
 #endif
 
 #if defined(__GNUC__)
@@ -100,10 +102,18 @@ typedef struct {
 LIBIPMI_STATIC_ASSERT(sizeof(SdrRepositoryInfo) == 15, "SdrRepositoryInfo is 15 bytes");
 
 /* ---- Sensors ------------------------------------------------------------------------- */
+/* The sensor number, then who owns the sensor, as its sensor record gives it (bytes 5 and 6
+   of a full or compact sensor record): an extension of the one-byte request that keeps its
+   meaning when the two are zero, as in a request made by {number} alone. */
 typedef struct {
     uint8_t sensorNumber;
+    uint8_t ownerId LIBIPMI_ZERO_UNLESS_GIVEN;  /* 0: the session's controller; else bits 7:1
+                         the owner's slave address (bit 0 clear), or a system software ID
+                         (bit 0 set) */
+    uint8_t ownerLun LIBIPMI_ZERO_UNLESS_GIVEN; /* bits 7:4 the owner's channel, bits 1:0 the
+                         sensor's LUN */
 } SensorReadingRequest;
-LIBIPMI_STATIC_ASSERT(sizeof(SensorReadingRequest) == 1, "SensorReadingRequest is 1 byte");
+LIBIPMI_STATIC_ASSERT(sizeof(SensorReadingRequest) == 3, "SensorReadingRequest is 3 bytes");
 
 typedef struct {
     uint8_t completionCode;
@@ -264,6 +274,13 @@ LIBIPMI_STATIC_ASSERT(sizeof(SelAddResponse) == 3, "SelAddResponse is 3 bytes");
      completion code the bytes that arrived are stored (at least the code); extra bytes are
      dropped. The last successful allocation info of a session is remembered (until the
      session closes) and GetAllSDRs uses it instead of asking again.
+   - A controller without Get SDR Repository Allocation Info (an optional command: completion
+     code 0xC1) gets one derived from the records themselves, with completion code 0: every
+     record's header is read (Reserve SDR Repository, then Get SDR of 5 bytes along the
+     next-record chain), allocUnitSize is 16 and maxRecordSize the longest record in 16-byte
+     units (1 for an empty repository), so that the slots hold every record; numAllocUnits
+     is the units the records take, numFreeUnits and largestFreeBlock (not known) are 0. This
+     costs one request per record more; failures are those of GetAllSDRs below.
    - GetAllSDRs reads each record in one Get SDR when the controller allows it (one
      reservation plus one request per record), else in pieces (header, then chunks sized to
      what the controller takes). It zeroes the slots after the last record and any bytes after
@@ -286,6 +303,11 @@ LIBIPMI_API uint16_t LIBIPMI_HL_GetAllSDRs(IpmiSession *s, uint8_t *buffer, uint
 /* Sensors. Bytes of the response the controller did not send are left as the caller set
    them; an answer with completion code 0 but without reading and flags (fewer than 3 bytes)
    is LIBIPMI_STATUS_BAD_RESPONSE and leaves the record untouched.
+   GetSensorReading asks the sensor's owner: the session's controller, on the LUN of ownerLun,
+   when ownerId is 0 or its own address 0x20 on channel 0; any other controller through it,
+   bridged (Send Message) to that address and channel. A sensor owned by system software
+   (ownerId bit 0 set) has no controller to answer for it: LIBIPMI_STATUS_NOT_AVAILABLE,
+   nothing sent.
    ipmi_convert_reading returns 0 on success and non-zero, leaving *value unchanged, for a
    record without analog reading or with an OEM linearization; also for a record that is not
    a full sensor record or ends before its conversion factors, an unknown linearization, and

@@ -62,7 +62,8 @@ IPMIHOST_API int ipmihost_select_script(void);
 IPMIHOST_API void ipmihost_select_default(void);
 
 /* The message of the last failure of this API or of a session that could not be opened
-   ("" when there was none). Valid until the next call into the platform library. */
+   ("" when there was none), kept per thread: each thread reads the reason of its own last
+   failure. Valid until that thread's next call into the platform library. */
 IPMIHOST_API const char *ipmihost_last_error(void);
 
 /* A short description of the selected controller (the profile path, or "script"). */
@@ -112,6 +113,33 @@ IPMIHOST_API void ipmihost_clear_faults(void);
 IPMIHOST_API int ipmihost_set_sensor_reading(uint8_t sensorNumber, uint8_t raw);
 IPMIHOST_API int ipmihost_set_sensor_state(uint8_t sensorNumber, uint16_t stateBits);
 IPMIHOST_API int ipmihost_set_sensor_flags(uint8_t sensorNumber, int scanning, int unavailable);
+
+/* ---- Other controllers, and what became of a request ---------------------------------------
+ *
+ * A session's requests go to the controller it was opened with, unless routed elsewhere: to
+ * the controller at IPMB slave address `address` (its 8-bit form, e.g. 0x2C) on channel
+ * `channel` of the session's controller, which bridges each request there and the answer
+ * back (over LAN as libfreeipmi bridges; to the virtual controller with Send Message and Get
+ * Message, as through a system interface). Address 0, or the controller's own address 0x20 on
+ * the primary IPMB (channel 0), sends them to the session's controller again. A controller
+ * nothing answers for gives 0x0100 | 0x83 (NAK on write) or a time-out. Applies to every
+ * later request of the session, the platform's operations included (LIBIPMI_HL_GetFRUData of
+ * a satellite controller's FRU device). 0, or -1 for a session that is not open. */
+IPMIHOST_API int ipmihost_session_route(struct IpmiSession *session, uint8_t channel, uint8_t address);
+
+/* The last request sent on a session and the status the platform returned for it. */
+typedef struct {
+    uint8_t netFn;    /* network function (not shifted) */
+    uint8_t lun;
+    uint8_t command;
+    uint8_t channel;  /* where it went: address 0 the session's controller */
+    uint8_t address;
+    uint16_t status;  /* 0, 0x0100 | completion code, or a LIBIPMI_STATUS_* code */
+} ipmihost_request_outcome;
+
+/* 0 and *out filled; -1 when the session is not open or has sent nothing yet. A host program
+   uses this to tell a refused request (and its completion code) from a value of 0. */
+IPMIHOST_API int ipmihost_last_request(struct IpmiSession *session, ipmihost_request_outcome *out);
 
 /* ---- The scripted exchange ----------------------------------------------------------------- */
 
@@ -165,6 +193,16 @@ typedef struct {
     uint32_t resLenIn;          /* *resLen on entry */
     int timeout;
 } ipmihost_call;
+
+/* Answers requests of the scripted exchange through a function instead of announcements (for
+   fuzzing and for controllers too odd to script request by request): once set, every raw
+   request that no announcement matches goes to `answer`, which receives the request, may
+   store up to *resLen bytes (completion code first) at res, sets *resLen to the number
+   stored (0: no bytes) and returns the status of the request. NULL removes the responder.
+   Requests answered this way are not counted as mismatches. */
+typedef uint16_t (*ipmihost_script_responder)(void *context, uint8_t netFnLun, uint8_t command,
+        const uint8_t *req, uint32_t reqLen, uint8_t *res, uint32_t *resLen);
+IPMIHOST_API int ipmihost_script_set_responder(ipmihost_script_responder answer, void *context);
 
 IPMIHOST_API size_t ipmihost_script_call_count(void);
 IPMIHOST_API int ipmihost_script_call(size_t index, ipmihost_call *out);

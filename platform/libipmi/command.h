@@ -41,11 +41,12 @@ struct Reply {
 // One request. The completion code that arrived decides between 0 and 0x0100|cc; an answer
 // without one is LIBIPMI_STATUS_BAD_RESPONSE, except that a transport reporting a completion
 // code without bytes has that code stored as the response, so callers always find it.
+// `route` null: where the session's requests go; `lun`: the responder's LUN.
 inline Reply command(IpmiSession *session, uint8_t netFn, uint8_t cmd, std::span<const uint8_t> request,
-                     int timeout)
+                     int timeout, const Route *route = nullptr, uint8_t lun = 0)
 {
     Reply r;
-    r.status = exchange(session, netFn, cmd, request, r.bytes, timeout);
+    r.status = exchange(session, netFn, cmd, request, r.bytes, timeout, route, lun);
     if (r.status == LIBIPMI_STATUS_OK || LIBIPMI_STATUS_IS_COMPLETION_CODE(r.status)) {
         if (std::optional<uint8_t> code = wire::View(r.bytes).get(tvx::kCompletionCode)) {
             r.status = *code == cc::kOk ? LIBIPMI_STATUS_OK : LIBIPMI_STATUS_COMPLETION_CODE(*code);

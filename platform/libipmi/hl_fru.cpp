@@ -342,27 +342,29 @@ using namespace libipmi;
 extern "C" uint16_t LIBIPMI_HL_GetFRUData(IpmiSession *s, uint8_t fruDeviceId, uint32_t *length, FruData *record,
                                           int timeout)
 {
-    if (!s || !dataFor(s)) return LIBIPMI_STATUS_NO_SESSION;
-    if (!length || !record) return LIBIPMI_STATUS_INVALID_ARGUMENT;
-    const std::array<uint8_t, 1> req{fruDeviceId};
-    Reply info = command(s, netfn::kStorage, storage::kGetFruInventoryAreaInfo, req, timeout);
-    if (!info.ok()) return info.status;
-    // The area's size in bytes, and the access type (bit 0: by words).
-    wire::Reader in = info.read();
-    const std::size_t size = in.u16();
-    const bool words = wire::bits(in.u8(), 0, 1);
-    if (!in.ok()) return LIBIPMI_STATUS_BAD_RESPONSE;
-    if (size < fru::kHeaderSize) return LIBIPMI_STATUS_BAD_RESPONSE; // no room for a common header
-    FruReader reader(s, fruDeviceId, timeout, size, words);
-    FruData rec;
-    std::memset(&rec, 0, sizeof rec);
-    Texts texts;
-    uint16_t status = decode(reader, rec, texts);
-    if (status != LIBIPMI_STATUS_OK) return status;
-    SessionData *d = dataFor(s);
-    if (!d) return LIBIPMI_STATUS_NO_SESSION;
-    for (auto &b : texts.blocks_) d->fruBlocks.push_back(std::move(b));
-    std::memcpy(record, &rec, sizeof rec);
-    *length = static_cast<uint32_t>(size);
-    return LIBIPMI_STATUS_OK;
+    return boundaryStatus([&]() -> uint16_t {
+        if (!s || !dataFor(s)) return LIBIPMI_STATUS_NO_SESSION;
+        if (!length || !record) return LIBIPMI_STATUS_INVALID_ARGUMENT;
+        const std::array<uint8_t, 1> req{fruDeviceId};
+        Reply info = command(s, netfn::kStorage, storage::kGetFruInventoryAreaInfo, req, timeout);
+        if (!info.ok()) return info.status;
+        // The area's size in bytes, and the access type (bit 0: by words).
+        wire::Reader in = info.read();
+        const std::size_t size = in.u16();
+        const bool words = wire::bits(in.u8(), 0, 1);
+        if (!in.ok()) return LIBIPMI_STATUS_BAD_RESPONSE;
+        if (size < fru::kHeaderSize) return LIBIPMI_STATUS_BAD_RESPONSE; // no room for a common header
+        FruReader reader(s, fruDeviceId, timeout, size, words);
+        FruData rec;
+        std::memset(&rec, 0, sizeof rec);
+        Texts texts;
+        uint16_t status = decode(reader, rec, texts);
+        if (status != LIBIPMI_STATUS_OK) return status;
+        SessionData *d = dataFor(s);
+        if (!d) return LIBIPMI_STATUS_NO_SESSION;
+        for (auto &b : texts.blocks_) d->fruBlocks.push_back(std::move(b));
+        std::memcpy(record, &rec, sizeof rec);
+        *length = static_cast<uint32_t>(size);
+        return LIBIPMI_STATUS_OK;
+    });
 }

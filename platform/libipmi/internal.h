@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "libipmi.h"
+#include "libipmi_host.h"
 
 namespace libipmi {
 
@@ -28,6 +29,14 @@ struct OpenCall {
     int arg10;
 };
 
+// Where a request goes: the controller the session talks to (address 0), or another
+// controller on one of its IPMB channels, reached through it.
+struct Route {
+    uint8_t channel = 0;
+    uint8_t address = 0; // the responder's slave address; 0: the session's controller
+    bool direct() const { return address == 0; }
+};
+
 // The arguments of one raw request, as the caller passed them.
 struct RawCall {
     IpmiSession *session;
@@ -39,6 +48,7 @@ struct RawCall {
     const uint8_t *resData;
     const uint32_t *resLen;
     int timeout;
+    Route route{}; // the LUN is the one in netFnLun
 };
 
 // What came back: a status and, when something arrived, the response bytes (completion
@@ -57,6 +67,9 @@ class Link {
 public:
     virtual ~Link() = default;
     virtual Answer exchange(const RawCall &call, std::span<const uint8_t> request) = 0;
+    // A request for another controller (call.route). By default it is bridged as through a
+    // system interface: Send Message to the IPMB, then Get Message for the answer (bridge.cpp).
+    virtual Answer bridge(const RawCall &call, std::span<const uint8_t> request);
     virtual void close() {}
     // A call refused before it reached the controller (bad arguments).
     virtual void reject(const RawCall &, uint16_t) {}
@@ -94,6 +107,41 @@ void setSelectedTarget(std::shared_ptr<Target> target);
 void setLastError(const std::string &message);
 const char *lastError();
 
+// The C boundary: no C++ exception leaves a function of this library. Each exported function
+// runs its body through one of these; an exception becomes the function's failure value, with
+// its reason in the last error. As a status: out of memory LIBIPMI_STATUS_NO_MEMORY, an
+// unusable profile or machine state LIBIPMI_STATUS_CONFIG_ERROR, anything else
+// LIBIPMI_STATUS_TRANSPORT.
+uint16_t statusForCurrentException() noexcept;
+
+template <typename F> uint16_t boundaryStatus(F &&body) noexcept
+{
+    try {
+        return body();
+    } catch (...) {
+        return statusForCurrentException();
+    }
+}
+
+template <typename R, typename F> R boundary(R failure, F &&body) noexcept
+{
+    try {
+        return body();
+    } catch (...) {
+        (void)statusForCurrentException();
+        return failure;
+    }
+}
+
+template <typename F> void boundaryVoid(F &&body) noexcept
+{
+    try {
+        body();
+    } catch (...) {
+        (void)statusForCurrentException();
+    }
+}
+
 // The current target as a transport's own target type, or null with the last error saying
 // what is selected instead (`kind`: "a LAN target", ...). The selection keeps it alive.
 template <typename T> T *currentTargetAs(const char *kind)
@@ -114,6 +162,10 @@ struct SessionData {
     // array in LIBIPMI_HL_GetAllSELEntries (absent until reported).
     std::optional<uint16_t> selCount;
     std::optional<SdrRepositoryAllocInfo> sdrAllocInfo;
+    // Where the session's requests go (ipmihost_session_route).
+    Route route;
+    // The last request sent on the session and its status (ipmihost_last_request).
+    std::optional<ipmihost_request_outcome> last;
     // What LIBIPMI_HL_GetFRUData handed out (texts and custom-field arrays, from malloc):
     // callers may use them until the session closes, so every read adds to this list and
     // nothing is freed before the close.
@@ -131,8 +183,9 @@ SessionData *dataFor(IpmiSession *session);
 uint16_t rawExchange(const RawCall &call, uint8_t *resData, uint32_t *resLen);
 
 // The same for the library's own operations: request bytes in, status and response out.
+// `route` null: the session's own route; `lun` goes into the NetFn/LUN byte.
 uint16_t exchange(IpmiSession *session, uint8_t netFn, uint8_t command, std::span<const uint8_t> request,
-                  std::vector<uint8_t> &response, int timeout);
+                  std::vector<uint8_t> &response, int timeout, const Route *route = nullptr, uint8_t lun = 0);
 
 void countRequest();
 

@@ -31,6 +31,21 @@ Answer answerFromBytes(std::vector<uint8_t> bytes)
     return a;
 }
 
+// The controller itself, however it is named: address 0, or its own address on the primary IPMB.
+Route normalised(Route r)
+{
+    if (r.address == tvx::ipmb::kBmcAddress && r.channel == tvx::ipmb::kPrimaryChannel) r.address = 0;
+    if (r.direct()) r.channel = 0;
+    return r;
+}
+
+// The route of a session's requests (the session's controller when it has none).
+Route sessionRoute(IpmiSession *session)
+{
+    SessionData *d = dataFor(session);
+    return d ? d->route : Route{};
+}
+
 uint16_t rawExchange(const RawCall &call, uint8_t *resData, uint32_t *resLen)
 {
     std::shared_ptr<Link> link = linkFor(call.session);
@@ -38,7 +53,13 @@ uint16_t rawExchange(const RawCall &call, uint8_t *resData, uint32_t *resLen)
     std::span<const uint8_t> request;
     if (call.reqLen > 0) request = std::span<const uint8_t>(call.reqData, call.reqLen);
     countRequest();
-    Answer a = link->exchange(call, request);
+    const Route route = normalised(call.route);
+    RawCall routed = call;
+    routed.route = route;
+    Answer a = route.direct() ? link->exchange(routed, request) : link->bridge(routed, request);
+    if (SessionData *d = dataFor(call.session))
+        d->last = ipmihost_request_outcome{static_cast<uint8_t>(call.netFnLun >> 2), static_cast<uint8_t>(call.netFnLun & 3),
+                                           call.command,  route.channel, route.address, a.status};
     if (a.bytes) {
         // Never more than the stated capacity; with none stated, the whole response (which
         // the platform keeps within LIBIPMI_MAX_RESPONSE_LEN).
@@ -55,19 +76,20 @@ uint16_t rawExchange(const RawCall &call, uint8_t *resData, uint32_t *resLen)
 }
 
 uint16_t exchange(IpmiSession *session, uint8_t netFn, uint8_t command, std::span<const uint8_t> request,
-                  std::vector<uint8_t> &response, int timeout)
+                  std::vector<uint8_t> &response, int timeout, const Route *route, uint8_t lun)
 {
     response.assign(LIBIPMI_MAX_RESPONSE_LEN, 0);
     uint32_t len = static_cast<uint32_t>(response.size());
     RawCall call{session,
                  0,
-                 static_cast<uint8_t>(netFn << 2),
+                 static_cast<uint8_t>(netFn << 2 | (lun & 3)),
                  command,
                  request.data(),
                  static_cast<uint32_t>(request.size()),
                  response.data(),
                  &len,
-                 timeout};
+                 timeout,
+                 route ? *route : sessionRoute(session)};
     uint16_t status = rawExchange(call, response.data(), &len);
     response.resize(status == LIBIPMI_STATUS_OK || LIBIPMI_STATUS_IS_COMPLETION_CODE(status) ? len : 0);
     return status;
@@ -81,14 +103,50 @@ extern "C" uint16_t LIBIPMI_Send_RAW_IPMI2_0_Command(IpmiSession *session, uint8
                                                      uint8_t command, uint8_t *reqData, uint32_t reqLen,
                                                      uint8_t *resData, uint32_t *resLen, int timeout)
 {
-    RawCall call{session, payloadType, netFnLun, command, reqData, reqLen, resData, resLen, timeout};
-    if (!resData || !resLen || (reqLen > 0 && !reqData) || payloadType != 0) {
-        if (auto link = linkFor(session)) link->reject(call, LIBIPMI_STATUS_INVALID_ARGUMENT);
-        return session ? LIBIPMI_STATUS_INVALID_ARGUMENT : LIBIPMI_STATUS_NO_SESSION;
-    }
-    return rawExchange(call, resData, resLen);
+    return boundaryStatus([&]() -> uint16_t {
+        RawCall call{session, payloadType, netFnLun, command, reqData, reqLen, resData, resLen, timeout,
+                     sessionRoute(session)};
+        if (!resData || !resLen || (reqLen > 0 && !reqData) || payloadType != 0) {
+            if (auto link = linkFor(session)) link->reject(call, LIBIPMI_STATUS_INVALID_ARGUMENT);
+            return session ? LIBIPMI_STATUS_INVALID_ARGUMENT : LIBIPMI_STATUS_NO_SESSION;
+        }
+        return rawExchange(call, resData, resLen);
+    });
 }
 
-extern "C" uint64_t ipmihost_request_count(void) { return gRequests.load(std::memory_order_relaxed); }
+extern "C" uint64_t ipmihost_request_count(void)
+{
+    return boundary<uint64_t>(uint64_t{0}, [&]() -> uint64_t { return gRequests.load(std::memory_order_relaxed); });
+}
 
-extern "C" void ipmihost_reset_request_count(void) { gRequests.store(0, std::memory_order_relaxed); }
+extern "C" void ipmihost_reset_request_count(void)
+{
+    boundaryVoid([&] { gRequests.store(0, std::memory_order_relaxed); });
+}
+
+extern "C" int ipmihost_session_route(IpmiSession *session, uint8_t channel, uint8_t address)
+{
+    return boundary<int>(-1, [&]() -> int {
+        SessionData *d = dataFor(session);
+        if (!d) {
+            setLastError("ipmihost_session_route: the session is not open");
+            return -1;
+        }
+        if (address & 1) {
+            setLastError("ipmihost_session_route: a slave address is even (its 8-bit form, such as 0x2c)");
+            return -1;
+        }
+        d->route = normalised(Route{static_cast<uint8_t>(channel & 0x0F), address});
+        return 0;
+    });
+}
+
+extern "C" int ipmihost_last_request(IpmiSession *session, ipmihost_request_outcome *out)
+{
+    return boundary<int>(-1, [&]() -> int {
+        SessionData *d = dataFor(session);
+        if (!d || !d->last || !out) return -1;
+        *out = *d->last;
+        return 0;
+    });
+}

@@ -1,6 +1,9 @@
 // The SDR repository: its two information records, and the walk that reads every record
 // into the caller's buffer of fixed-size slots.
 //
+// Allocation info (IPMICMD_GetSDRRepositoryAllocInfo): the controller's answer; from a
+// controller without the command (0xC1) one derived from the records (deriveAllocInfo).
+//
 // The walk (LIBIPMI_HL_GetAllSDRs):
 //  - slot size = allocation unit size x maximum record size in units, from Get SDR Repository
 //    Allocation Info; the session's last successful answer is reused, so a caller who has
@@ -26,6 +29,7 @@
 //  - Every slot gets its record and zeros after it; slots after the last record, and any
 //    bytes after the last whole slot, are zeroed. Nothing is written past bufferSize. On a
 //    failure the buffer's contents are unspecified (but still within bufferSize).
+#include <algorithm>
 #include <array>
 #include <cstring>
 
@@ -46,16 +50,93 @@ constexpr std::size_t kHeaderSize = sdr::kHeaderSize;
 constexpr std::size_t kMaxRecordSize = sdr::kMaxRecordSize;
 constexpr uint8_t kMinChunk = 8;           // smallest body chunk tried before giving up
 constexpr int kMaxRestarts = 5;            // walks restarted after a lost reservation
+constexpr uint16_t kDerivedUnit = 16;      // allocation unit of a derived allocation info
 
 bool tooLong(const Reply &r)
 {
     return r.completionCode(cc::kCannotReturnBytes) || r.completionCode(cc::kRequestLengthExceeded);
 }
 
+uint16_t reserveSdr(IpmiSession *session, int timeout, uint16_t &reservation)
+{
+    Reply r = command(session, netfn::kStorage, storage::kReserveSdrRepository, {}, timeout);
+    if (!r.ok()) return r.status;
+    wire::Reader in = r.read();
+    reservation = in.u16();
+    return in.ok() ? LIBIPMI_STATUS_OK : LIBIPMI_STATUS_BAD_RESPONSE;
+}
+
+Reply getSdr(IpmiSession *session, int timeout, uint16_t reservation, uint16_t id, uint8_t offset, uint8_t count)
+{
+    std::array<uint8_t, 6> req;
+    wire::Writer(req).u16(reservation).u16(id).u8(offset).u8(count);
+    return command(session, netfn::kStorage, storage::kGetSdr, req, timeout);
+}
+
+// The record IDs a walk has met, to end a next-record chain that loops.
+class SeenIds {
+public:
+    bool seen(uint16_t id) const { return bits_[id / 64] >> (id % 64) & 1u; }
+    void mark(uint16_t id) { bits_[id / 64] |= uint64_t{1} << (id % 64); }
+    void clear() { bits_.fill(0); }
+
+private:
+    std::array<uint64_t, 65536 / 64> bits_{};
+};
+
+// Allocation information derived from the records themselves, for a controller without Get
+// SDR Repository Allocation Info (an optional command; 0xC1): every record's header is read
+// (Get SDR, 5 bytes from offset 0) along the next-record chain, and the slot is the longest
+// record rounded up to kDerivedUnit-byte units (one unit for an empty repository). The units
+// the records take stand in numAllocUnits; free space is not known and reads as 0.
+uint16_t deriveAllocInfo(IpmiSession *session, SdrRepositoryAllocInfo *res, int timeout)
+{
+    auto seen = std::make_unique<SeenIds>();
+    for (int restarts = 0; restarts <= kMaxRestarts; ++restarts) {
+        uint16_t reservation = 0;
+        uint16_t status = reserveSdr(session, timeout, reservation);
+        if (status != LIBIPMI_STATUS_OK) return status;
+        seen->clear();
+        std::size_t longest = 0, units = 0;
+        bool lost = false;
+        for (uint16_t id = kFirstRecord; id != kLastRecord && !lost;) {
+            if (seen->seen(id)) return LIBIPMI_STATUS_BAD_RESPONSE;
+            seen->mark(id);
+            Reply r = getSdr(session, timeout, reservation, id, 0, kHeaderSize);
+            if (r.completionCode(cc::kNotPresent) && id == kFirstRecord) break; // an empty repository
+            if (r.completionCode(cc::kReservationCancelled)) {
+                lost = true;
+                continue;
+            }
+            if (!r.ok()) return r.status;
+            wire::Reader in = r.read();
+            const uint16_t next = in.u16();
+            const wire::View header = in.rest();
+            const std::optional<uint8_t> body = header.get(sdr::kLength);
+            if (!body) return LIBIPMI_STATUS_BAD_RESPONSE;
+            const std::size_t length = kHeaderSize + *body;
+            longest = std::max(longest, length);
+            units += (length + kDerivedUnit - 1) / kDerivedUnit;
+            if (id == kFirstRecord) seen->mark(header.get(sdr::kRecordId, kFirstRecord));
+            id = next;
+        }
+        if (lost) continue;
+        SdrRepositoryAllocInfo info{};
+        info.completionCode = cc::kOk;
+        info.allocUnitSize = kDerivedUnit;
+        info.numAllocUnits = static_cast<uint16_t>(std::min<std::size_t>(units, 0xFFFE));
+        info.maxRecordSize = static_cast<uint8_t>(std::max<std::size_t>(1, (longest + kDerivedUnit - 1) / kDerivedUnit));
+        *res = info;
+        return LIBIPMI_STATUS_OK;
+    }
+    return LIBIPMI_STATUS_RETRIES_EXHAUSTED;
+}
+
 uint16_t getAllocInfo(IpmiSession *session, SdrRepositoryAllocInfo *res, int timeout)
 {
     Reply r = command(session, netfn::kStorage, storage::kGetSdrRepositoryAllocInfo, {}, timeout);
-    uint16_t status = storeReply(r, res, sizeof *res, sizeof *res);
+    uint16_t status = r.completionCode(cc::kInvalidCommand) ? deriveAllocInfo(session, res, timeout)
+                                                            : storeReply(r, res, sizeof *res, sizeof *res);
     if (status == LIBIPMI_STATUS_OK) rememberSdrAllocInfo(session, *res);
     else forgetSdrAllocInfo(session);
     return status;
@@ -74,14 +155,14 @@ public:
     {
         uint16_t status = reserve();
         if (status != LIBIPMI_STATUS_OK) return status;
-        seen_.fill(0);
+        seen_.clear();
         uint32_t stored = 0;
         uint16_t id = kFirstRecord;
         while (id != kLastRecord) {
             // More records than slots: stop before asking for one that cannot be stored.
             if (stored == slots_ && stored != 0) return LIBIPMI_STATUS_BUFFER_TOO_SMALL;
-            if (seen(id)) return LIBIPMI_STATUS_BAD_RESPONSE;
-            markSeen(id);
+            if (seen_.seen(id)) return LIBIPMI_STATUS_BAD_RESPONSE;
+            seen_.mark(id);
             uint16_t next = kLastRecord;
             std::size_t length = 0;
             status = readRecord(id, next, length);
@@ -90,7 +171,7 @@ public:
             if (status != LIBIPMI_STATUS_OK) return status;
             if (stored == slots_) return LIBIPMI_STATUS_BUFFER_TOO_SMALL;
             // The first record is asked for as "first"; its own ID closes a chain leading back to it.
-            if (id == kFirstRecord) markSeen(wire::View(record_).get(sdr::kRecordId, kFirstRecord));
+            if (id == kFirstRecord) seen_.mark(wire::View(record_).get(sdr::kRecordId, kFirstRecord));
             uint8_t *slot = buffer_ + static_cast<std::size_t>(stored) * slotSize_;
             std::memcpy(slot, record_.data(), length);
             std::memset(slot + length, 0, slotSize_ - length);
@@ -103,20 +184,11 @@ public:
     }
 
 private:
-    uint16_t reserve()
-    {
-        Reply r = command(session_, netfn::kStorage, storage::kReserveSdrRepository, {}, timeout_);
-        if (!r.ok()) return r.status;
-        wire::Reader in = r.read();
-        reservation_ = in.u16();
-        return in.ok() ? LIBIPMI_STATUS_OK : LIBIPMI_STATUS_BAD_RESPONSE;
-    }
+    uint16_t reserve() { return reserveSdr(session_, timeout_, reservation_); }
 
     Reply getSdr(uint16_t id, uint8_t offset, uint8_t count)
     {
-        std::array<uint8_t, 6> req;
-        wire::Writer(req).u16(reservation_).u16(id).u8(offset).u8(count);
-        return command(session_, netfn::kStorage, storage::kGetSdr, req, timeout_);
+        return libipmi::getSdr(session_, timeout_, reservation_, id, offset, count);
     }
 
     // The answer of a read from offset 0: the next record ID, then the record from its
@@ -200,9 +272,6 @@ private:
         return (static_cast<std::size_t>(worked_) + refused_) / 2;
     }
 
-    bool seen(uint16_t id) const { return seen_[id / 64] >> (id % 64) & 1u; }
-    void markSeen(uint16_t id) { seen_[id / 64] |= uint64_t{1} << (id % 64); }
-
     IpmiSession *session_;
     int timeout_;
     uint8_t *buffer_;
@@ -215,7 +284,7 @@ private:
     uint8_t worked_ = 0;  // the largest body chunk the controller returned (0: none yet)
     uint8_t refused_ = 0; // the smallest body chunk it refused as too long (0: none)
     std::array<uint8_t, kMaxRecordSize> record_{};
-    std::array<uint64_t, 65536 / 64> seen_{};
+    SeenIds seen_;
 };
 
 } // namespace
@@ -225,37 +294,43 @@ using namespace libipmi;
 
 extern "C" uint16_t IPMICMD_GetSDRRepositoryAllocInfo(IpmiSession *s, SdrRepositoryAllocInfo *res, int timeout)
 {
-    if (!s) return LIBIPMI_STATUS_NO_SESSION;
-    if (!res) return LIBIPMI_STATUS_INVALID_ARGUMENT;
-    return getAllocInfo(s, res, timeout);
+    return boundaryStatus([&]() -> uint16_t {
+        if (!s) return LIBIPMI_STATUS_NO_SESSION;
+        if (!res) return LIBIPMI_STATUS_INVALID_ARGUMENT;
+        return getAllocInfo(s, res, timeout);
+    });
 }
 
 extern "C" uint16_t IPMICMD_GetSDRRepositoryInfo(IpmiSession *s, SdrRepositoryInfo *res, int timeout)
 {
-    if (!s) return LIBIPMI_STATUS_NO_SESSION;
-    if (!res) return LIBIPMI_STATUS_INVALID_ARGUMENT;
-    Reply r = command(s, netfn::kStorage, storage::kGetSdrRepositoryInfo, {}, timeout);
-    return storeReply(r, res, sizeof *res, sizeof *res);
+    return boundaryStatus([&]() -> uint16_t {
+        if (!s) return LIBIPMI_STATUS_NO_SESSION;
+        if (!res) return LIBIPMI_STATUS_INVALID_ARGUMENT;
+        Reply r = command(s, netfn::kStorage, storage::kGetSdrRepositoryInfo, {}, timeout);
+        return storeReply(r, res, sizeof *res, sizeof *res);
+    });
 }
 
 extern "C" uint16_t LIBIPMI_HL_GetAllSDRs(IpmiSession *s, uint8_t *buffer, uint32_t bufferSize, int timeout)
 {
-    if (!s) return LIBIPMI_STATUS_NO_SESSION;
-    if (!buffer) return LIBIPMI_STATUS_INVALID_ARGUMENT;
-    SdrRepositoryAllocInfo alloc;
-    if (std::optional<SdrRepositoryAllocInfo> cached = cachedSdrAllocInfo(s)) {
-        alloc = *cached;
-    } else {
-        uint16_t status = getAllocInfo(s, &alloc, timeout);
-        if (status != LIBIPMI_STATUS_OK) return status;
-    }
-    uint32_t slotSize = static_cast<uint32_t>(alloc.allocUnitSize) * alloc.maxRecordSize;
-    // A controller reporting no room for any record gives no slot to store one in.
-    if (slotSize == 0) return LIBIPMI_STATUS_BAD_RESPONSE;
-    auto walk = std::make_unique<SdrWalk>(s, timeout, buffer, bufferSize, slotSize);
-    for (int restarts = 0; restarts <= kMaxRestarts; ++restarts) {
-        uint16_t status = walk->run();
-        if (status != LIBIPMI_STATUS_COMPLETION_CODE(cc::kReservationCancelled)) return status;
-    }
-    return LIBIPMI_STATUS_RETRIES_EXHAUSTED;
+    return boundaryStatus([&]() -> uint16_t {
+        if (!s) return LIBIPMI_STATUS_NO_SESSION;
+        if (!buffer) return LIBIPMI_STATUS_INVALID_ARGUMENT;
+        SdrRepositoryAllocInfo alloc;
+        if (std::optional<SdrRepositoryAllocInfo> cached = cachedSdrAllocInfo(s)) {
+            alloc = *cached;
+        } else {
+            uint16_t status = getAllocInfo(s, &alloc, timeout);
+            if (status != LIBIPMI_STATUS_OK) return status;
+        }
+        uint32_t slotSize = static_cast<uint32_t>(alloc.allocUnitSize) * alloc.maxRecordSize;
+        // A controller reporting no room for any record gives no slot to store one in.
+        if (slotSize == 0) return LIBIPMI_STATUS_BAD_RESPONSE;
+        auto walk = std::make_unique<SdrWalk>(s, timeout, buffer, bufferSize, slotSize);
+        for (int restarts = 0; restarts <= kMaxRestarts; ++restarts) {
+            uint16_t status = walk->run();
+            if (status != LIBIPMI_STATUS_COMPLETION_CODE(cc::kReservationCancelled)) return status;
+        }
+        return LIBIPMI_STATUS_RETRIES_EXHAUSTED;
+    });
 }

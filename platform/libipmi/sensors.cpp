@@ -65,11 +65,18 @@ using namespace libipmi;
 extern "C" uint16_t IPMICMD_GetSensorReading(IpmiSession *s, SensorReadingRequest *req, SensorReadingResponse *res,
                                              int timeout)
 {
-    if (!s) return LIBIPMI_STATUS_NO_SESSION;
-    if (!req || !res) return LIBIPMI_STATUS_INVALID_ARGUMENT;
-    const uint8_t request[1] = {req->sensorNumber};
-    Reply r = command(s, netfn::kSensorEvent, tvx::cmd::sensor::kGetSensorReading, request, timeout);
-    return storeReply(r, res, sizeof *res, kMinReadingAnswer);
+    return boundaryStatus([&]() -> uint16_t {
+        if (!s) return LIBIPMI_STATUS_NO_SESSION;
+        if (!req || !res) return LIBIPMI_STATUS_INVALID_ARGUMENT;
+        // A sensor that system software owns is not read from any controller.
+        if (wire::bits(req->ownerId, 0, 1)) return LIBIPMI_STATUS_NOT_AVAILABLE;
+        const uint8_t request[1] = {req->sensorNumber};
+        const uint8_t lun = static_cast<uint8_t>(wire::bits(req->ownerLun, 0, 2));
+        const Route owner{static_cast<uint8_t>(wire::bits(req->ownerLun, 4, 4)), req->ownerId};
+        Reply r = command(s, netfn::kSensorEvent, tvx::cmd::sensor::kGetSensorReading, request, timeout,
+                          owner.direct() ? nullptr : &owner, lun);
+        return storeReply(r, res, sizeof *res, kMinReadingAnswer);
+    });
 }
 
 // y = L[(M x + B 10^K1) 10^K2], with x the raw reading in the record's analog data format.
@@ -78,26 +85,28 @@ extern "C" uint16_t IPMICMD_GetSensorReading(IpmiSession *s, SensorReadingReques
 // a result that is not a finite float (the logarithm of a non-positive number, 1/0, overflow).
 extern "C" int ipmi_convert_reading(uint8_t *fullSensorRecord, uint8_t raw, float *value)
 {
-    if (!fullSensorRecord || !value) return -1;
-    // The record as long as its header says, every factor read within it.
-    const wire::View header(fullSensorRecord, sdr::kHeaderSize);
-    if (header.get(sdr::kRecordType) != sdr::kFullSensor) return -1;
-    const wire::View rec(fullSensorRecord, sdr::kHeaderSize + header.get(sdr::kLength, uint8_t{0}));
-    if (!rec.has(full::kExponents)) return -1;
-    auto byte = [&rec](wire::U8 f) { return static_cast<unsigned>(rec.get(f, uint8_t{0})); };
-    uint8_t format = static_cast<uint8_t>(wire::bits(byte(sdr::kUnits1), 6, 2));
-    if (format == kNoAnalogReading) return -1;
-    uint8_t linearization = static_cast<uint8_t>(wire::bits(byte(full::kLinearization), 0, 7));
-    if (linearization > kLastStandard) return -1;
-    // M and B: ten-bit two's complement numbers, their two high bits in bits 7:6 of the
-    // byte after them.
-    int m = signExtend(byte(full::kM) | wire::bits(byte(full::kMTolerance), 6, 2) << 8, 10);
-    int b = signExtend(byte(full::kB) | wire::bits(byte(full::kBAccuracy), 6, 2) << 8, 10);
-    int k2 = signExtend(wire::bits(byte(full::kExponents), 4, 4), 4);
-    int k1 = signExtend(wire::bits(byte(full::kExponents), 0, 4), 4);
-    double x = rawValue(format, raw);
-    double y = linearize(linearization, (m * x + b * std::pow(10.0, k1)) * std::pow(10.0, k2));
-    if (!std::isfinite(y) || std::fabs(y) > std::numeric_limits<float>::max()) return -1;
-    *value = static_cast<float>(y);
-    return 0;
+    return boundary<int>(-1, [&]() -> int {
+        if (!fullSensorRecord || !value) return -1;
+        // The record as long as its header says, every factor read within it.
+        const wire::View header(fullSensorRecord, sdr::kHeaderSize);
+        if (header.get(sdr::kRecordType) != sdr::kFullSensor) return -1;
+        const wire::View rec(fullSensorRecord, sdr::kHeaderSize + header.get(sdr::kLength, uint8_t{0}));
+        if (!rec.has(full::kExponents)) return -1;
+        auto byte = [&rec](wire::U8 f) { return static_cast<unsigned>(rec.get(f, uint8_t{0})); };
+        uint8_t format = static_cast<uint8_t>(wire::bits(byte(sdr::kUnits1), 6, 2));
+        if (format == kNoAnalogReading) return -1;
+        uint8_t linearization = static_cast<uint8_t>(wire::bits(byte(full::kLinearization), 0, 7));
+        if (linearization > kLastStandard) return -1;
+        // M and B: ten-bit two's complement numbers, their two high bits in bits 7:6 of the
+        // byte after them.
+        int m = signExtend(byte(full::kM) | wire::bits(byte(full::kMTolerance), 6, 2) << 8, 10);
+        int b = signExtend(byte(full::kB) | wire::bits(byte(full::kBAccuracy), 6, 2) << 8, 10);
+        int k2 = signExtend(wire::bits(byte(full::kExponents), 4, 4), 4);
+        int k1 = signExtend(wire::bits(byte(full::kExponents), 0, 4), 4);
+        double x = rawValue(format, raw);
+        double y = linearize(linearization, (m * x + b * std::pow(10.0, k1)) * std::pow(10.0, k2));
+        if (!std::isfinite(y) || std::fabs(y) > std::numeric_limits<float>::max()) return -1;
+        *value = static_cast<float>(y);
+        return 0;
+    });
 }

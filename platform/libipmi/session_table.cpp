@@ -88,50 +88,60 @@ extern "C" uint16_t LIBIPMI_Create_IPMI_Local_Session_Ext(IpmiSession *session, 
                                                           uint8_t *privLevel, char *userName2, void *ipAddr,
                                                           uint32_t ipVersion, void *serverIp, int arg9, int arg10)
 {
-    if (!session) return LIBIPMI_STATUS_INVALID_ARGUMENT;
-    OpenCall call{session, userName, password, privLevel, userName2, ipAddr, ipVersion, serverIp, arg9, arg10};
-    uint16_t status = LIBIPMI_STATUS_OK;
-    std::shared_ptr<Target> target = currentTarget(status);
-    if (!target) return status;
-    std::shared_ptr<Link> link;
-    status = target->open(call, link);
-    if (status != LIBIPMI_STATUS_OK) return status;
-    std::lock_guard<std::mutex> g(tableMutex());
-    Entry *slot = find(session);
-    if (slot) {
-        slot->link->close(); // the block was reused without a close: drop the old link
-        slot->data = SessionData{};
-    } else if (!(slot = slotOf(nullptr))) {
-        slot = table().emplace_back(std::make_unique<Entry>()).get();
-    }
-    slot->session = session;
-    slot->link = std::move(link);
-    gOpened.fetch_add(1, std::memory_order_relaxed);
-    return LIBIPMI_STATUS_OK;
+    return boundaryStatus([&]() -> uint16_t {
+        if (!session) return LIBIPMI_STATUS_INVALID_ARGUMENT;
+        OpenCall call{session, userName, password, privLevel, userName2, ipAddr, ipVersion, serverIp, arg9, arg10};
+        uint16_t status = LIBIPMI_STATUS_OK;
+        std::shared_ptr<Target> target = currentTarget(status);
+        if (!target) return status;
+        std::shared_ptr<Link> link;
+        status = target->open(call, link);
+        if (status != LIBIPMI_STATUS_OK) return status;
+        std::lock_guard<std::mutex> g(tableMutex());
+        Entry *slot = find(session);
+        if (slot) {
+            slot->link->close(); // the block was reused without a close: drop the old link
+            slot->data = SessionData{};
+        } else if (!(slot = slotOf(nullptr))) {
+            slot = table().emplace_back(std::make_unique<Entry>()).get();
+        }
+        slot->session = session;
+        slot->link = std::move(link);
+        gOpened.fetch_add(1, std::memory_order_relaxed);
+        return LIBIPMI_STATUS_OK;
+    });
 }
 
-extern "C" uint64_t ipmihost_session_count(void) { return gOpened.load(std::memory_order_relaxed); }
+extern "C" uint64_t ipmihost_session_count(void)
+{
+    return boundary<uint64_t>(uint64_t{0}, [&]() -> uint64_t { return gOpened.load(std::memory_order_relaxed); });
+}
 
-extern "C" void ipmihost_reset_session_count(void) { gOpened.store(0, std::memory_order_relaxed); }
+extern "C" void ipmihost_reset_session_count(void)
+{
+    boundaryVoid([&] { gOpened.store(0, std::memory_order_relaxed); });
+}
 
 extern "C" uint16_t LIBIPMI_CloseSession(IpmiSession *session)
 {
-    std::shared_ptr<Link> link;
-    {
-        std::lock_guard<std::mutex> g(tableMutex());
-        if (Entry *e = find(session)) {
-            link = std::move(e->link);
-            e->session = nullptr;
-            e->data = SessionData{}; // what the session handed out is released with it
+    return boundaryStatus([&]() -> uint16_t {
+        std::shared_ptr<Link> link;
+        {
+            std::lock_guard<std::mutex> g(tableMutex());
+            if (Entry *e = find(session)) {
+                link = std::move(e->link);
+                e->session = nullptr;
+                e->data = SessionData{}; // what the session handed out is released with it
+            }
         }
-    }
-    if (!link) {
-        // The scripted exchange records every close, even of a handle that is not open, so
-        // that a test sees a double close.
-        uint16_t status = LIBIPMI_STATUS_OK;
-        if (auto target = currentTarget(status)) target->noteClose(session, LIBIPMI_STATUS_NO_SESSION);
-        return LIBIPMI_STATUS_NO_SESSION;
-    }
-    link->close();
-    return LIBIPMI_STATUS_OK;
+        if (!link) {
+            // The scripted exchange records every close, even of a handle that is not open, so
+            // that a test sees a double close.
+            uint16_t status = LIBIPMI_STATUS_OK;
+            if (auto target = currentTarget(status)) target->noteClose(session, LIBIPMI_STATUS_NO_SESSION);
+            return LIBIPMI_STATUS_NO_SESSION;
+        }
+        link->close();
+        return LIBIPMI_STATUS_OK;
+    });
 }

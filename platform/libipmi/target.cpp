@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "controller.h"
 #include "internal.h"
 #include "lan_spec.h"
 #include "libipmi_host.h"
@@ -14,7 +15,6 @@ struct Selection {
     std::mutex mutex;
     std::shared_ptr<Target> selected;     // chosen through the control API
     std::shared_ptr<Target> fromEnv;      // built from the environment on first use
-    std::string lastError;
     std::string lastPrinted;
 };
 
@@ -30,20 +30,44 @@ bool endsWith(const std::string &s, const char *suffix)
     return s.size() >= t.size() && s.compare(s.size() - t.size(), t.size(), t) == 0;
 }
 
-} // namespace
-
-void setLastError(const std::string &message)
+// The last failure's reason, per thread: a program's threads each read the reason of their
+// own failures, never another thread's.
+std::string &threadLastError()
 {
-    std::lock_guard<std::mutex> g(sel().mutex);
-    sel().lastError = message;
+    static thread_local std::string text;
+    return text;
 }
 
-const char *lastError()
+} // namespace
+
+void setLastError(const std::string &message) { threadLastError() = message; }
+
+const char *lastError() { return threadLastError().c_str(); }
+
+uint16_t statusForCurrentException() noexcept
 {
-    static thread_local std::string copy;
-    std::lock_guard<std::mutex> g(sel().mutex);
-    copy = sel().lastError;
-    return copy.c_str();
+    uint16_t status = LIBIPMI_STATUS_TRANSPORT;
+    try {
+        try {
+            throw;
+        } catch (const std::bad_alloc &) {
+            status = LIBIPMI_STATUS_NO_MEMORY;
+            setLastError("out of memory");
+        } catch (const tvxsim::ProfileError &e) {
+            status = LIBIPMI_STATUS_CONFIG_ERROR;
+            setLastError(e.what());
+        } catch (const nlohmann::json::exception &e) {
+            status = LIBIPMI_STATUS_CONFIG_ERROR;
+            setLastError(std::string("bad machine profile or state: ") + e.what());
+        } catch (const std::exception &e) {
+            setLastError(std::string("internal failure: ") + e.what());
+        } catch (...) {
+            setLastError("internal failure");
+        }
+    } catch (...) {
+        // Not even the message could be kept (out of memory): the status says enough.
+    }
+    return status;
 }
 
 void setSelectedTarget(std::shared_ptr<Target> target)
@@ -104,9 +128,9 @@ std::shared_ptr<Target> currentTarget(uint16_t &status)
         status = LIBIPMI_STATUS_CONFIG_ERROR;
         // An unmodified client has no other way to learn why nothing works: say it on the
         // standard error stream, once per distinct problem.
-        if (sel().lastError != sel().lastPrinted) {
-            std::fprintf(stderr, "libipmi: %s\n", sel().lastError.c_str());
-            sel().lastPrinted = sel().lastError;
+        if (threadLastError() != sel().lastPrinted) {
+            std::fprintf(stderr, "libipmi: %s\n", threadLastError().c_str());
+            sel().lastPrinted = threadLastError();
         }
         return nullptr;
     }
@@ -120,48 +144,63 @@ using namespace libipmi;
 
 extern "C" int ipmihost_select_machine(const char *profilePath, const char *stateDir)
 {
-    auto t = makeMachineTarget(profilePath ? profilePath : "", stateDirOrDefault(stateDir));
-    if (!t) return -1;
-    setSelectedTarget(t);
-    return 0;
+    return boundary<int>(-1, [&]() -> int {
+        auto t = makeMachineTarget(profilePath ? profilePath : "", stateDirOrDefault(stateDir));
+        if (!t) return -1;
+        setSelectedTarget(t);
+        return 0;
+    });
 }
 
 extern "C" int ipmihost_select_target(const char *target, const char *stateDir)
 {
-    auto t = resolveTarget(target, stateDir);
-    if (!t) return -1;
-    setSelectedTarget(t);
-    return 0;
+    return boundary<int>(-1, [&]() -> int {
+        auto t = resolveTarget(target, stateDir);
+        if (!t) return -1;
+        setSelectedTarget(t);
+        return 0;
+    });
 }
 
 extern "C" int ipmihost_reset_target(const char *target, const char *stateDir)
 {
-    auto t = resolveTarget(target, stateDir, true);
-    if (!t) return -1;
-    setSelectedTarget(t);
-    return 0;
+    return boundary<int>(-1, [&]() -> int {
+        auto t = resolveTarget(target, stateDir, true);
+        if (!t) return -1;
+        setSelectedTarget(t);
+        return 0;
+    });
 }
 
 extern "C" int ipmihost_select_script(void)
 {
-    setSelectedTarget(scriptTarget());
-    return 0;
+    return boundary<int>(-1, [&]() -> int {
+        setSelectedTarget(scriptTarget());
+        return 0;
+    });
 }
 
 extern "C" void ipmihost_select_default(void)
 {
-    std::lock_guard<std::mutex> g(sel().mutex);
-    sel().selected.reset();
-    sel().fromEnv.reset();
+    boundaryVoid([&] {
+        std::lock_guard<std::mutex> g(sel().mutex);
+        sel().selected.reset();
+        sel().fromEnv.reset();
+    });
 }
 
-extern "C" const char *ipmihost_last_error(void) { return lastError(); }
+extern "C" const char *ipmihost_last_error(void)
+{
+    return boundary<const char *>("", [&]() -> const char * { return lastError(); });
+}
 
 extern "C" const char *ipmihost_describe_target(void)
 {
-    static thread_local std::string text;
-    uint16_t status = 0;
-    auto t = currentTarget(status);
-    text = t ? t->describe() : std::string("(none: ") + lastError() + ")";
-    return text.c_str();
+    return boundary<const char *>("", [&]() -> const char * {
+        static thread_local std::string text;
+        uint16_t status = 0;
+        auto t = currentTarget(status);
+        text = t ? t->describe() : std::string("(none: ") + lastError() + ")";
+        return text.c_str();
+    });
 }

@@ -71,17 +71,22 @@ public:
     // The link failed: free it without another exchange with the controller.
     void abandon() { abandoned_ = true; }
 
-    // One request. On failure of the exchange itself returns nothing and sets errnum.
-    std::optional<Answer> request(uint8_t netFnLun, uint8_t command, std::span<const uint8_t> data, int &errnum,
-                                  std::string &message)
+    // One request, to the controller or (route) bridged through it to another one, as
+    // libfreeipmi bridges: Send Message, and the answer carried back on the session. On
+    // failure of the exchange itself returns nothing and sets errnum.
+    std::optional<Answer> request(uint8_t netFnLun, uint8_t command, std::span<const uint8_t> data, const Route &route,
+                                  int &errnum, std::string &message)
     {
         // libfreeipmi takes the command byte before the request data.
         uint8_t rq[1 + kMaxRequestData];
         tvx::wire::Writer w(rq);
         w.u8(command).bytes(data);
         std::vector<uint8_t> rs(kMaxRawResponse);
-        int n = ipmi_cmd_raw(ctx_, netFnLun & 3, netFnLun >> 2, rq, static_cast<unsigned>(w.size()), rs.data(),
-                             static_cast<unsigned>(rs.size()));
+        int n = route.direct() ? ipmi_cmd_raw(ctx_, netFnLun & 3, netFnLun >> 2, rq, static_cast<unsigned>(w.size()),
+                                              rs.data(), static_cast<unsigned>(rs.size()))
+                               : ipmi_cmd_raw_ipmb(ctx_, route.channel, route.address, netFnLun & 3, netFnLun >> 2, rq,
+                                                   static_cast<unsigned>(w.size()), rs.data(),
+                                                   static_cast<unsigned>(rs.size()));
         lastUsed_ = Clock::now();
         ++served_;
         if (n < 0) {
@@ -228,7 +233,7 @@ public:
             int errnum = 0;
             std::string message;
             counters_.requests.fetch_add(1);
-            std::optional<Answer> a = conn->request(call.netFnLun, call.command, request, errnum, message);
+            std::optional<Answer> a = conn->request(call.netFnLun, call.command, request, call.route, errnum, message);
             if (a) return *a;
             uint16_t status = lan::statusForError(errnum);
             if (lan::connectionLost(errnum)) {
@@ -286,6 +291,7 @@ public:
         if (conn) target_->giveBack(std::move(conn));
         return a;
     }
+    Answer bridge(const RawCall &call, std::span<const uint8_t> request) override { return exchange(call, request); }
 
 private:
     std::shared_ptr<LanTarget> target_;
@@ -304,6 +310,7 @@ public:
         std::lock_guard<std::mutex> g(mutex_);
         return target_->send(conn_, false, call, request);
     }
+    Answer bridge(const RawCall &call, std::span<const uint8_t> request) override { return exchange(call, request); }
 
     void close() override
     {
@@ -359,70 +366,76 @@ using namespace libipmi;
 
 extern "C" int ipmihost_select_lan(const ipmihost_lan_params *params)
 {
-    if (!params || !params->host) {
-        setLastError("ipmihost_select_lan: no host given");
-        return -1;
-    }
-    lan::Config c;
-    std::string host = params->host;
-    if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
-    c.ipv6 = host.find(':') != std::string::npos;
-    c.host = host;
-    if (params->port) c.port = params->port;
-    if (params->user) c.user = params->user;
-    if (params->password) {
-        c.password = lan::Secret(params->password);
-        c.passwordSource = lan::PasswordSource::Inline;
-    }
-    if (params->passwordFile) c.passwordFile = params->passwordFile;
-    if (params->password && params->passwordFile) {
-        setLastError("ipmihost_select_lan: both a password and a password file; give one");
-        return -1;
-    }
-    if (params->cipherSuite) c.cipherSuite = params->cipherSuite;
-    if (params->privilege) c.privilege = params->privilege;
-    if (params->timeoutMs) c.timeoutMs = params->timeoutMs;
-    if (params->retransmitMs) c.retransmitMs = params->retransmitMs;
-    else c.retransmitMs = lan::defaultRetransmit(c.timeoutMs);
-    if (params->workarounds) {
+    return boundary<int>(-1, [&]() -> int {
+        if (!params || !params->host) {
+            setLastError("ipmihost_select_lan: no host given");
+            return -1;
+        }
+        lan::Config c;
+        std::string host = params->host;
+        if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
+        c.ipv6 = host.find(':') != std::string::npos;
+        c.host = host;
+        if (params->port) c.port = params->port;
+        if (params->user) c.user = params->user;
+        if (params->password) {
+            c.password = lan::Secret(params->password);
+            c.passwordSource = lan::PasswordSource::Inline;
+        }
+        if (params->passwordFile) c.passwordFile = params->passwordFile;
+        if (params->password && params->passwordFile) {
+            setLastError("ipmihost_select_lan: both a password and a password file; give one");
+            return -1;
+        }
+        if (params->cipherSuite) c.cipherSuite = params->cipherSuite;
+        if (params->privilege) c.privilege = params->privilege;
+        if (params->timeoutMs) c.timeoutMs = params->timeoutMs;
+        if (params->retransmitMs) c.retransmitMs = params->retransmitMs;
+        else c.retransmitMs = lan::defaultRetransmit(c.timeoutMs);
+        if (params->workarounds) {
+            std::string error;
+            auto flags = lan::parseWorkarounds(params->workarounds, error);
+            if (!flags) {
+                setLastError("ipmihost_select_lan: " + error);
+                return -1;
+            }
+            c.workaroundFlags = *flags;
+            c.workarounds = params->workarounds;
+        }
+        if (params->poolSize) c.poolSize = params->poolSize;
+        if (params->disablePool) c.poolSize = 0;
+        if (params->idleMs) c.idleMs = params->idleMs;
         std::string error;
-        auto flags = lan::parseWorkarounds(params->workarounds, error);
-        if (!flags) {
+        if (!lan::finish(c, error)) {
             setLastError("ipmihost_select_lan: " + error);
             return -1;
         }
-        c.workaroundFlags = *flags;
-        c.workarounds = params->workarounds;
-    }
-    if (params->poolSize) c.poolSize = params->poolSize;
-    if (params->disablePool) c.poolSize = 0;
-    if (params->idleMs) c.idleMs = params->idleMs;
-    std::string error;
-    if (!lan::finish(c, error)) {
-        setLastError("ipmihost_select_lan: " + error);
-        return -1;
-    }
-    setSelectedTarget(std::make_shared<LanTarget>(std::move(c)));
-    return 0;
+        setSelectedTarget(std::make_shared<LanTarget>(std::move(c)));
+        return 0;
+    });
 }
 
 extern "C" int ipmihost_lan_stats(ipmihost_lan_statistics *out)
 {
-    if (!out) {
-        setLastError("ipmihost_lan_stats: no place for the statistics");
-        return -1;
-    }
-    LanTarget *t = currentLan();
-    if (!t) return -1;
-    std::memset(out, 0, sizeof *out);
-    t->stats(*out);
-    return 0;
+    return boundary<int>(-1, [&]() -> int {
+        if (!out) {
+            setLastError("ipmihost_lan_stats: no place for the statistics");
+            return -1;
+        }
+        LanTarget *t = currentLan();
+        if (!t) return -1;
+        std::memset(out, 0, sizeof *out);
+        t->stats(*out);
+        return 0;
+    });
 }
 
 extern "C" int ipmihost_lan_drop_connections(void)
 {
-    LanTarget *t = currentLan();
-    if (!t) return -1;
-    t->dropIdle(false);
-    return 0;
+    return boundary<int>(-1, [&]() -> int {
+        LanTarget *t = currentLan();
+        if (!t) return -1;
+        t->dropIdle(false);
+        return 0;
+    });
 }

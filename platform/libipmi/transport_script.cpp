@@ -1,5 +1,7 @@
 // The scripted exchange: a test announces each request it expects and the answer to give,
 // and reads back every call that reached the platform with all its arguments.
+#include <algorithm>
+#include <array>
 #include <cstdio>
 #include <deque>
 #include <mutex>
@@ -34,7 +36,12 @@ struct Script {
     std::deque<Record> calls; // a deque keeps addresses stable as it grows
     std::size_t mismatches = 0;
     std::string lastMismatch;
+    ipmihost_script_responder responder = nullptr;
+    void *responderContext = nullptr;
 };
+
+// The largest answer a responder may give: more than any IPMI message carries.
+constexpr uint32_t kResponderCapacity = 1024;
 
 Script &script()
 {
@@ -87,6 +94,14 @@ public:
                 matched = true;
                 s.expected.pop_front();
             }
+        }
+        if (!matched && s.responder) {
+            std::array<uint8_t, kResponderCapacity> buffer{};
+            uint32_t length = kResponderCapacity;
+            a.status = s.responder(s.responderContext, call.netFnLun, call.command, request.data(),
+                                   static_cast<uint32_t>(request.size()), buffer.data(), &length);
+            if (length) a.bytes.emplace(buffer.begin(), buffer.begin() + std::min(length, kResponderCapacity));
+            matched = true;
         }
         if (!matched) {
             ++s.mismatches;
@@ -201,68 +216,96 @@ using namespace libipmi;
 extern "C" int ipmihost_script_expect(uint8_t netFnLun, uint8_t command, const uint8_t *req, uint32_t reqLen,
                                       uint16_t status, const uint8_t *res, uint32_t resLen)
 {
-    return expect(netFnLun, command, req, reqLen, false, status, res, resLen);
+    return boundary<int>(-1, [&]() -> int {
+        return expect(netFnLun, command, req, reqLen, false, status, res, resLen);
+    });
 }
 
 extern "C" int ipmihost_script_expect_prefix(uint8_t netFnLun, uint8_t command, const uint8_t *prefix,
                                              uint32_t prefixLen, uint16_t status, const uint8_t *res, uint32_t resLen)
 {
-    return expect(netFnLun, command, prefix, prefixLen, true, status, res, resLen);
+    return boundary<int>(-1, [&]() -> int {
+        return expect(netFnLun, command, prefix, prefixLen, true, status, res, resLen);
+    });
 }
 
 extern "C" int ipmihost_script_open_result(uint16_t status, int newPrivLevel)
 {
-    std::lock_guard<std::mutex> g(script().mutex);
-    script().openResults.emplace_back(status, newPrivLevel);
-    return 0;
+    return boundary<int>(-1, [&]() -> int {
+        std::lock_guard<std::mutex> g(script().mutex);
+        script().openResults.emplace_back(status, newPrivLevel);
+        return 0;
+    });
+}
+
+extern "C" int ipmihost_script_set_responder(ipmihost_script_responder answer, void *context)
+{
+    return boundary<int>(-1, [&]() -> int {
+        std::lock_guard<std::mutex> g(script().mutex);
+        script().responder = answer;
+        script().responderContext = context;
+        return 0;
+    });
 }
 
 extern "C" size_t ipmihost_script_call_count(void)
 {
-    std::lock_guard<std::mutex> g(script().mutex);
-    return script().calls.size();
+    return boundary<size_t>(std::size_t{0}, [&]() -> size_t {
+        std::lock_guard<std::mutex> g(script().mutex);
+        return script().calls.size();
+    });
 }
 
 extern "C" int ipmihost_script_call(size_t index, ipmihost_call *out)
 {
-    std::lock_guard<std::mutex> g(script().mutex);
-    if (!out || index >= script().calls.size()) return -1;
-    Record &r = script().calls[index];
-    *out = r.call;
-    out->userName = r.userName ? r.userName->c_str() : nullptr;
-    out->password = r.password ? r.password->c_str() : nullptr;
-    out->userName2 = r.userName2 ? r.userName2->c_str() : nullptr;
-    out->reqData = r.request ? r.request->data() : nullptr;
-    return 0;
+    return boundary<int>(-1, [&]() -> int {
+        std::lock_guard<std::mutex> g(script().mutex);
+        if (!out || index >= script().calls.size()) return -1;
+        Record &r = script().calls[index];
+        *out = r.call;
+        out->userName = r.userName ? r.userName->c_str() : nullptr;
+        out->password = r.password ? r.password->c_str() : nullptr;
+        out->userName2 = r.userName2 ? r.userName2->c_str() : nullptr;
+        out->reqData = r.request ? r.request->data() : nullptr;
+        return 0;
+    });
 }
 
 extern "C" size_t ipmihost_script_pending(void)
 {
-    std::lock_guard<std::mutex> g(script().mutex);
-    return script().expected.size();
+    return boundary<size_t>(std::size_t{0}, [&]() -> size_t {
+        std::lock_guard<std::mutex> g(script().mutex);
+        return script().expected.size();
+    });
 }
 
 extern "C" size_t ipmihost_script_mismatches(void)
 {
-    std::lock_guard<std::mutex> g(script().mutex);
-    return script().mismatches;
+    return boundary<size_t>(std::size_t{0}, [&]() -> size_t {
+        std::lock_guard<std::mutex> g(script().mutex);
+        return script().mismatches;
+    });
 }
 
 extern "C" const char *ipmihost_script_last_mismatch(void)
 {
-    static thread_local std::string copy;
-    std::lock_guard<std::mutex> g(script().mutex);
-    copy = script().lastMismatch;
-    return copy.c_str();
+    return boundary<const char *>("", [&]() -> const char * {
+        static thread_local std::string copy;
+        std::lock_guard<std::mutex> g(script().mutex);
+        copy = script().lastMismatch;
+        return copy.c_str();
+    });
 }
 
 extern "C" void ipmihost_script_reset(void)
 {
-    Script &s = script();
-    std::lock_guard<std::mutex> g(s.mutex);
-    s.expected.clear();
-    s.openResults.clear();
-    s.calls.clear();
-    s.mismatches = 0;
-    s.lastMismatch.clear();
+    boundaryVoid([&] {
+        Script &s = script();
+        std::lock_guard<std::mutex> g(s.mutex);
+        s.expected.clear();
+        s.openResults.clear();
+        s.calls.clear();
+        s.mismatches = 0;
+        s.lastMismatch.clear();
+    });
 }

@@ -96,53 +96,61 @@ using namespace libipmi;
 
 extern "C" const char *ipmihost_state_file(void)
 {
-    static thread_local std::string path;
-    SimTarget *sim = currentSim();
-    if (!sim) return nullptr;
-    path = sim->controller().statePath();
-    return path.c_str();
+    return boundary<const char *>("", [&]() -> const char * {
+        static thread_local std::string path;
+        SimTarget *sim = currentSim();
+        if (!sim) return nullptr;
+        path = sim->controller().statePath();
+        return path.c_str();
+    });
 }
 
 extern "C" int ipmihost_reset_machine(void)
 {
-    SimTarget *sim = currentSim();
-    if (!sim) return -1;
-    try {
-        sim->controller().reset();
-    } catch (const tvxsim::ProfileError &e) {
-        setLastError(e.what());
-        return -1;
-    }
-    return 0;
+    return boundary<int>(-1, [&]() -> int {
+        SimTarget *sim = currentSim();
+        if (!sim) return -1;
+        try {
+            sim->controller().reset();
+        } catch (const tvxsim::ProfileError &e) {
+            setLastError(e.what());
+            return -1;
+        }
+        return 0;
+    });
 }
 
 extern "C" int ipmihost_inject_fault(const ipmihost_fault *fault)
 {
-    if (!fault) {
-        setLastError("no fault given");
-        return -1;
-    }
-    if (fault->matchLen > sizeof fault->match || fault->kind < IPMIHOST_FAULT_COMPLETION_CODE ||
-        fault->kind > IPMIHOST_FAULT_GARBLED || (fault->kind == IPMIHOST_FAULT_COMPLETION_CODE && fault->value == 0)) {
-        setLastError("invalid fault (match length, kind, or a completion code of 0)");
-        return -1;
-    }
-    SimTarget *sim = currentSim();
-    if (!sim) return -1;
-    tvxsim::Fault f;
-    f.netFn = fault->netFn;
-    f.command = fault->command;
-    f.match.assign(fault->match, fault->match + fault->matchLen);
-    f.kind = static_cast<tvxsim::Fault::Kind>(fault->kind);
-    f.value = fault->value;
-    f.count = fault->count;
-    sim->controller().injectFault(f);
-    return 0;
+    return boundary<int>(-1, [&]() -> int {
+        if (!fault) {
+            setLastError("no fault given");
+            return -1;
+        }
+        if (fault->matchLen > sizeof fault->match || fault->kind < IPMIHOST_FAULT_COMPLETION_CODE ||
+            fault->kind > IPMIHOST_FAULT_GARBLED || (fault->kind == IPMIHOST_FAULT_COMPLETION_CODE && fault->value == 0)) {
+            setLastError("invalid fault (match length, kind, or a completion code of 0)");
+            return -1;
+        }
+        SimTarget *sim = currentSim();
+        if (!sim) return -1;
+        tvxsim::Fault f;
+        f.netFn = fault->netFn;
+        f.command = fault->command;
+        f.match.assign(fault->match, fault->match + fault->matchLen);
+        f.kind = static_cast<tvxsim::Fault::Kind>(fault->kind);
+        f.value = fault->value;
+        f.count = fault->count;
+        sim->controller().injectFault(f);
+        return 0;
+    });
 }
 
 extern "C" void ipmihost_clear_faults(void)
 {
-    if (SimTarget *sim = currentSim()) sim->controller().clearFaults();
+    boundaryVoid([&] {
+        if (SimTarget *sim = currentSim()) sim->controller().clearFaults();
+    });
 }
 
 namespace {
@@ -169,16 +177,22 @@ int simControl(const std::function<std::string(tvxsim::Controller &)> &fn)
 
 extern "C" int ipmihost_set_sensor_reading(uint8_t sensorNumber, uint8_t raw)
 {
-    return simControl([&](tvxsim::Controller &c) { return tvxsim::setSensorReading(c, sensorNumber, raw); });
+    return boundary<int>(-1, [&]() -> int {
+        return simControl([&](tvxsim::Controller &c) { return tvxsim::setSensorReading(c, sensorNumber, raw); });
+    });
 }
 
 extern "C" int ipmihost_set_sensor_state(uint8_t sensorNumber, uint16_t stateBits)
 {
-    return simControl([&](tvxsim::Controller &c) { return tvxsim::setSensorState(c, sensorNumber, stateBits); });
+    return boundary<int>(-1, [&]() -> int {
+        return simControl([&](tvxsim::Controller &c) { return tvxsim::setSensorState(c, sensorNumber, stateBits); });
+    });
 }
 
 extern "C" int ipmihost_set_sensor_flags(uint8_t sensorNumber, int scanning, int unavailable)
 {
-    return simControl(
-        [&](tvxsim::Controller &c) { return tvxsim::setSensorFlags(c, sensorNumber, scanning, unavailable); });
+    return boundary<int>(-1, [&]() -> int {
+        return simControl(
+            [&](tvxsim::Controller &c) { return tvxsim::setSensorFlags(c, sensorNumber, scanning, unavailable); });
+    });
 }

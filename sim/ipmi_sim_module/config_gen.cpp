@@ -1,5 +1,6 @@
 #include "config_gen.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <string_view>
 
@@ -59,15 +60,46 @@ private:
 
 // The controller's identity: what mc_add carries. The rest of Get Device ID (auxiliary
 // revision, IPMI version other than 2.0, device busy) is set by the module from the profile.
-void emitController(const Profile &p, Commands &out)
+void addController(uint8_t address, const DeviceIdentity &d, Commands &out)
 {
-    const DeviceIdentity &d = p.device;
-    out.comment("The controller: " + (p.description.empty() ? p.name : p.description));
-    out.line("mc_setbmc " + hex(kBmcAddress));
-    out.line("mc_add " + hex(kBmcAddress) + " " + hex(d.deviceId) + " " +
+    out.line("mc_add " + hex(address) + " " + hex(d.deviceId) + " " +
              ((d.deviceRevision & 0x80) ? "has-device-sdrs" : "no-device-sdrs") + " " + hex(d.deviceRevision & 0x0F) +
              " " + hex(d.firmwareMajor & 0x7F) + " " + hex(d.firmwareMinorBcd) + " " + hex(d.additionalSupport) + " " +
              hex(d.manufacturerId & 0xFFFFF, 6) + " " + hex(d.productId, 4));
+}
+
+void emitController(const Profile &p, Commands &out)
+{
+    out.comment("The controller: " + (p.description.empty() ? p.name : p.description));
+    out.line("mc_setbmc " + hex(kBmcAddress));
+    addController(kBmcAddress, p.device, out);
+}
+
+// Satellite controllers on the primary IPMB (channel 0), which ipmi_sim reaches through Send
+// Message: their identities and FRU devices. Their sensors are added with the others, by
+// owner.
+std::vector<uint8_t> satelliteAddresses(const Profile &p)
+{
+    std::vector<uint8_t> out;
+    auto list = p.root().find("satellites");
+    for (std::size_t i = 0; list && i < list->size(); ++i) out.push_back(list->at(i).at("address").byte());
+    return out;
+}
+
+void addFru(uint8_t address, const FruModel &model, const Profile &p, Commands &out);
+
+void emitSatellites(const Profile &p, Commands &out)
+{
+    auto list = p.root().find("satellites");
+    for (std::size_t i = 0; list && i < list->size(); ++i) {
+        Node n = list->at(i);
+        if (auto c = n.find("channel"); c && c->integer(0, 7) != 0)
+            c->fail("ipmi_sim bridges to the primary IPMB (channel 0) only");
+        const uint8_t address = n.at("address").byte();
+        out.comment("Satellite controller " + hex(address));
+        addController(address, parseDeviceIdentity(n.at("controller")), out);
+        if (auto f = n.find("fru")) addFru(address, parseFruDevices(*f), p, out);
+    }
 }
 
 // Bytes written one after the other, each in 0x notation.
@@ -101,8 +133,13 @@ void emitSensors(const Profile &p, Commands &out)
     if (model.sensors.empty()) return;
     out.comment("Sensors");
     const nlohmann::json noState = nlohmann::json::object();
+    std::vector<uint8_t> controllers = satelliteAddresses(p);
+    controllers.push_back(kBmcAddress);
     for (const SensorDef &s : model.sensors) {
-        const std::string mc = hex(kBmcAddress), lun = std::to_string(s.lun), number = hex(s.number);
+        // A sensor whose owner is no controller here (system software, an absent controller)
+        // keeps its record and is not added: asking for it gets what a real machine answers.
+        if (std::find(controllers.begin(), controllers.end(), s.owner) == controllers.end()) continue;
+        const std::string mc = hex(s.owner), lun = std::to_string(s.lun), number = hex(s.number);
         out.command("sensor_add", mc, lun, number, hex(s.sensorType), hex(s.eventType));
         const SensorNow now = sensorNow(s, noState);
         if (s.thresholdBased()) {
@@ -150,16 +187,18 @@ void emitSel(const Profile &p, Commands &out)
 
 // FRU devices (mc_add_fru_data): the bytes the virtual controller serves, from the one
 // encoder. ipmi_sim reads FRU data by bytes only, so a device accessed by words is refused.
-void emitFru(const Profile &p, Commands &out)
+void addFru(uint8_t address, const FruModel &model, const Profile &p, Commands &out)
 {
-    for (const FruDevice &d : parseFruModel(p).devices) {
+    for (const FruDevice &d : model.devices) {
         if (d.wordAccess)
             throw ProfileError(p.file + ": " + d.pointer + "/word_access: ipmi_sim serves FRU data by bytes only");
         out.comment("FRU device " + std::to_string(d.id));
-        out.command("mc_add_fru_data", hex(kBmcAddress), hex(d.id), hex(static_cast<unsigned>(d.image.size()), 4),
+        out.command("mc_add_fru_data", hex(address), hex(d.id), hex(static_cast<unsigned>(d.image.size()), 4),
                     "data" + byteList(d.image));
     }
 }
+
+void emitFru(const Profile &p, Commands &out) { addFru(kBmcAddress, parseFruModel(p), p, out); }
 
 // One part of the machine. Sections run in order; the SDR repository must come before the
 // sensors (ipmi_sim takes a sensor's thresholds from its SDR), mc_enable comes after all.
@@ -169,7 +208,7 @@ struct Section {
 };
 
 constexpr Section kSections[] = {
-    {"controller", emitController}, {"sdr", emitSdrs}, {"sensors", emitSensors}, {"sel", emitSel}, {"fru", emitFru},
+    {"controller", emitController}, {"satellites", emitSatellites}, {"sdr", emitSdrs}, {"sensors", emitSensors}, {"sel", emitSel}, {"fru", emitFru},
 };
 
 } // namespace
@@ -208,6 +247,7 @@ std::string commandFile(const Profile &profile, const std::vector<std::string> &
     if (!extra.empty()) out.comment("Added by the caller");
     for (const std::string &line : extra) out.line(line);
     out.line("mc_enable " + hex(kBmcAddress));
+    for (uint8_t address : satelliteAddresses(profile)) out.line("mc_enable " + hex(address));
     return out.take();
 }
 

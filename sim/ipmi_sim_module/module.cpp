@@ -87,6 +87,25 @@ void answer(const std::vector<uint8_t> &bytes, unsigned char *rdata, unsigned in
 }
 
 // The request's data bytes, walked field by field.
+// ipmi_sim is a C program: no exception may leave a callback. Whatever a handler throws is
+// logged and answered with completion code 0xFF (unspecified error).
+template <void (*Handler)(lmc_data_t *, msg_t *, unsigned char *, unsigned int *, void *)>
+void guarded(lmc_data_t *mc, msg_t *msg, unsigned char *rdata, unsigned int *rdata_len, void *cb) noexcept
+{
+    try {
+        Handler(mc, msg, rdata, rdata_len, cb);
+        return;
+    } catch (const std::exception &e) {
+        try {
+            logLine(e.what());
+        } catch (...) {
+        }
+    } catch (...) {
+    }
+    rdata[0] = cc::kUnspecified;
+    *rdata_len = 1;
+}
+
 wire::Reader requestOf(const msg_t *msg) { return wire::Reader(msg->data, msg->len); }
 
 // The controller's answer to a standard command, unless it does not model the command (or
@@ -239,7 +258,7 @@ void handleGetSensorReading(lmc_data_t *mc, msg_t *msg, unsigned char *rdata, un
         logLine(e.what());
         return;
     }
-    const tvxsim::SensorDef *sensor = model->find(msg->rs_lun & 3, number);
+    const tvxsim::SensorDef *sensor = model->find(tvxsim::kControllerAddress, msg->rs_lun & 3, number);
     if (!sensor) return;
     wire::Writer fix(rdata, *rdata_len);
     const uint8_t flags = got.get(reading::kFlags, uint8_t{0});
@@ -328,7 +347,9 @@ extern "C" __attribute__((visibility("default"))) int ipmi_sim_module_print_vers
     return 0;
 }
 
-extern "C" __attribute__((visibility("default"))) int ipmi_sim_module_init(sys_data_t *sys, const char *options)
+namespace {
+
+int initModule(sys_data_t *sys, const char *options)
 {
     // A console client that disconnects early must not kill the simulator.
     std::signal(SIGPIPE, SIG_IGN);
@@ -347,35 +368,35 @@ extern "C" __attribute__((visibility("default"))) int ipmi_sim_module_init(sys_d
         logLine(e.what());
         return EINVAL;
     }
-    int rv = ipmi_emu_register_iana_handler(m.controller->profile().oemIana, handleOem, nullptr);
+    int rv = ipmi_emu_register_iana_handler(m.controller->profile().oemIana, guarded<handleOem>, nullptr);
     struct Std {
         unsigned char netfn, cmd;
         cmd_handler_f handler;
     };
     const Std standard[] = {
-        {netfn::kStorage, cmd::storage::kGetSdrRepositoryAllocInfo, handleSdrAllocInfo},
-        {netfn::kApp, cmd::app::kColdReset, handleReset},
-        {netfn::kApp, cmd::app::kWarmReset, handleReset},
-        {netfn::kStorage, cmd::storage::kGetSelTimeUtcOffset, handleGetUtcOffset},
-        {netfn::kStorage, cmd::storage::kSetSelTimeUtcOffset, handleSetUtcOffset},
-        {netfn::kSensorEvent, cmd::sensor::kAlertImmediate, handleAlertImmediate},
-        {netfn::kApp, cmd::app::kGetSelfTestResults, handleFromController},
-        {netfn::kApp, cmd::app::kSetAcpiPowerState, handleFromController},
-        {netfn::kApp, cmd::app::kGetAcpiPowerState, handleFromController},
+        {netfn::kStorage, cmd::storage::kGetSdrRepositoryAllocInfo, guarded<handleSdrAllocInfo>},
+        {netfn::kApp, cmd::app::kColdReset, guarded<handleReset>},
+        {netfn::kApp, cmd::app::kWarmReset, guarded<handleReset>},
+        {netfn::kStorage, cmd::storage::kGetSelTimeUtcOffset, guarded<handleGetUtcOffset>},
+        {netfn::kStorage, cmd::storage::kSetSelTimeUtcOffset, guarded<handleSetUtcOffset>},
+        {netfn::kSensorEvent, cmd::sensor::kAlertImmediate, guarded<handleAlertImmediate>},
+        {netfn::kApp, cmd::app::kGetSelfTestResults, guarded<handleFromController>},
+        {netfn::kApp, cmd::app::kSetAcpiPowerState, guarded<handleFromController>},
+        {netfn::kApp, cmd::app::kGetAcpiPowerState, guarded<handleFromController>},
     };
     for (const Std &s : standard) rv = rv ? rv : ipmi_emu_register_cmd_handler(s.netfn, s.cmd, s.handler, nullptr);
     originalGetSensorReading = sensor_event_netfn_handlers[cmd::sensor::kGetSensorReading];
     if (!rv && originalGetSensorReading)
-        rv = ipmi_emu_register_cmd_handler(netfn::kSensorEvent, cmd::sensor::kGetSensorReading, handleGetSensorReading,
+        rv = ipmi_emu_register_cmd_handler(netfn::kSensorEvent, cmd::sensor::kGetSensorReading, guarded<handleGetSensorReading>,
                                            nullptr);
     const tvxsim::DeviceIdentity &id = m.controller->profile().device;
     if (!rv && (id.ipmiVersionBcd != 0x02 || id.busy || !id.auxFirmwareRevision))
-        rv = ipmi_emu_register_cmd_handler(netfn::kApp, cmd::app::kGetDeviceId, handleGetDeviceId, nullptr);
+        rv = ipmi_emu_register_cmd_handler(netfn::kApp, cmd::app::kGetDeviceId, guarded<handleGetDeviceId>, nullptr);
     if (rv) logLine("cannot register the command handlers");
     return rv;
 }
 
-extern "C" __attribute__((visibility("default"))) void ipmi_sim_module_post_init(sys_data_t *sys)
+void postInitModule(sys_data_t *sys)
 {
     Module &m = module();
     lmc_data_t *mc = sys->ipmb_addrs[sys->bmc_ipmb];
@@ -389,5 +410,25 @@ extern "C" __attribute__((visibility("default"))) void ipmi_sim_module_post_init
         unsigned char aux[4];
         std::memcpy(aux, id.auxFirmwareRevision->data(), 4);
         ipmi_mc_set_aux_fw_revision(mc, aux);
+    }
+}
+
+} // namespace
+
+extern "C" __attribute__((visibility("default"))) int ipmi_sim_module_init(sys_data_t *sys, const char *options)
+{
+    try {
+        return initModule(sys, options);
+    } catch (...) {
+        return ENOMEM; // only an allocation can fail here: every other failure is reported
+    }
+}
+
+extern "C" __attribute__((visibility("default"))) void ipmi_sim_module_post_init(sys_data_t *sys)
+{
+    try {
+        postInitModule(sys);
+    } catch (...) {
+        // Nothing to undo: the controller keeps what it had.
     }
 }

@@ -21,7 +21,7 @@ public:
 
 struct PeerOptions {
     std::string profilePath;                 // the machine profile
-    std::string modulePath;                  // the tvx ipmi_sim module (required)
+    std::string modulePath;                  // the tvx ipmi_sim module (empty: stock ipmi_sim)
     std::string workDir;                     // for lan.conf, the command file and the log
     std::vector<std::string> extraCommands;  // appended to the command file
     std::vector<User> users = {{2, "admin", "secret", "admin"}};

@@ -67,6 +67,11 @@ inline uint16_t sendStated(IpmiSession *session, uint8_t netFnLun, uint8_t comma
                                             response, len, 60);
 }
 
+// The platform's status as far as it says whether the request was carried to the controller
+// and answered: a completion code reported in the status (0x0100 | cc, as this platform
+// reports one) is an answer, whose code the caller reads from the response, so it counts as 0.
+constexpr uint16_t deliveryStatus(uint16_t status) { return LIBIPMI_STATUS_IS_COMPLETION_CODE(status) ? 0 : status; }
+
 // The platform's status with its two low bytes exchanged, as the messages show it.
 constexpr unsigned swappedStatus(uint16_t e) { return ((e >> 8) & 0xFF) | (e & 0xFF) << 8; }
 

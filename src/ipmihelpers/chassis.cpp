@@ -34,7 +34,7 @@ int powerSource(IpmiSession *session, uint8_t selector, int source, const char *
     tvx::sendRaw(session, TVX_NETFN_OEM_GROUP, kOemPowerSource, request.data(), request.size(), answer);
     if (answer.ok()) return 1;
     tvx::diag::located(Unit::Helpers, __LINE__, function, "Failed to send request with error 0x%x",
-                       tvx::swappedStatus(answer.status));
+                       tvx::swappedStatus(tvx::deliveryStatus(answer.status)));
     // The request as sent, byte by byte.
     const auto &[i0, i1, i2, sub, b4, b5, b6, b7, b8] = request;
     tvx::diag::plainFormat("\n raw command:\n0x%x 0x%x 0x%x 0x%x 0x%x 0x%x 0x%x 0x%x 0x%x 0x%x 0x%x\n",
@@ -87,7 +87,7 @@ TVX_API int ipmiSendChassisControl(IpmiSession *session, int control)
     uint8_t request[1] = {static_cast<uint8_t>(control)};
     RawAnswer answer;
     tvx::sendRaw(session, TVX_NETFN_CHASSIS, tvx::cmd::chassis::kControl, request, sizeof request, answer, 3);
-    if (answer.status != 0) {
+    if (tvx::deliveryStatus(answer.status) != 0) {
         TVX_DIAG_LOCATED(Unit::Helpers, "Failed to send ipmi raw command.");
         return 0;
     }
@@ -100,7 +100,7 @@ TVX_API int ipmiSendGracefullControl(IpmiSession *session, int code)
     auto request = oem::request(code & 0xFF);
     RawAnswer answer;
     tvx::sendRaw(session, TVX_NETFN_OEM_GROUP, oem::cmd::kGracefulControl, request.data(), request.size(), answer, 4);
-    if (answer.status != 0) {
+    if (tvx::deliveryStatus(answer.status) != 0) {
         TVX_DIAG_LOCATED(Unit::Helpers, "Failed to send ipmi raw command.");
         return 0;
     }

@@ -1,4 +1,5 @@
 // The system event log: summary, UTC offset, raw lines, clearing and adding records.
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -76,6 +77,11 @@ extern "C" TVX_API size_t convertTime(const time_t *timestamp, char *buffer, siz
     const int64_t seconds = sizeof(time_t) == 4 ? static_cast<int64_t>(static_cast<uint32_t>(*timestamp))
                                                 : static_cast<int64_t>(*timestamp);
     const UtcTime t = utcTime(seconds);
+    // The C library's calendar stops where the year less 1900 leaves an int; so does this one.
+    if (t.year - 1900 > INT_MAX || t.year - 1900 < INT_MIN) {
+        buffer[0] = '\0';
+        return 0;
+    }
     char text[64];
     int n = std::snprintf(text, sizeof text, "%02d-%s-%04lld %02d:%02d:%02d ", t.day, kMonths[t.month - 1],
                           static_cast<long long>(t.year), t.hour, t.minute, t.second);

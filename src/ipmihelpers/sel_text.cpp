@@ -34,6 +34,9 @@ constexpr wire::U8 kEntryTextLength{tvx::oem::kPayload + offsetof(SelEntryText, 
 constexpr std::size_t kEntryTextHead = offsetof(SelEntryText, text); // bytes before the text
 // A composed line, its terminator included, fits the 255-byte buffers its readers use.
 constexpr size_t kMaxLine = 255;
+// The most chunk requests one text may take: an average progress of TVX_SEL_TEXT_MIN_CHUNK
+// characters per chunk over the longest text fetched.
+constexpr unsigned kMaxTextChunks = TVX_SEL_TEXT_MAX / TVX_SEL_TEXT_MIN_CHUNK;
 
 // One request of this family. Returns the platform status; *len the bytes received.
 uint16_t send(IpmiSession *session, const uint8_t *request, uint32_t requestLen, uint8_t (&response)[kRawResponse],
@@ -195,9 +198,10 @@ namespace {
 char *fetchText(IpmiSession *session, const ErrorCodeRecord *code, char *buffer, size_t capacity, uint16_t offset,
                 uint8_t selector, uint16_t language)
 {
-    // Each round moves the offset forward by a non-empty chunk, so the walk ends after at
-    // most 65536 characters even if the controller keeps saying there is more.
-    for (;;) {
+    // What one text may cost, whatever the controller answers: at most TVX_SEL_TEXT_MAX
+    // characters are fetched, in at most kMaxTextChunks requests.
+    const uint16_t start = offset;
+    for (unsigned chunks = 1;; ++chunks) {
         uint8_t request[14];
         wire::Writer w(request);
         w.u24(tvx::oem::kVendorIana).u8(vendor::kGetTextChunk).bytes(code->errorCode);
@@ -227,7 +231,8 @@ char *fetchText(IpmiSession *session, const ErrorCodeRecord *code, char *buffer,
         size_t n = s < room ? s : room;
         if (n > 0) std::memcpy(buffer + offset, text.data(), n);
         // More to come only while the chunk was whole and made progress.
-        if (total > offset + chunk && chunk == s && chunk > 0 && offset + chunk <= 0xFFFF) {
+        if (total > offset + chunk && chunk == s && chunk > 0 && offset + chunk <= 0xFFFF &&
+            offset + chunk - start < TVX_SEL_TEXT_MAX && chunks < kMaxTextChunks) {
             offset = static_cast<uint16_t>(offset + chunk);
             continue;
         }
@@ -306,6 +311,7 @@ extern "C" TVX_API char *buildSelTextString(IpmiSession *session, const uint8_t 
 
 extern "C" TVX_API ListNode *ipmiGetSelText(IpmiSession *session, int reverse, uint8_t selector)
 {
+    if (!session) return nullptr;
     uint16_t count = 0;
     (void)LIBIPMI_HL_GetNumOfSELEntries(session, &count, kTimeout);
     if (count == 0) {
@@ -366,10 +372,12 @@ namespace {
 // characters). Returns false when a request failed or an answer broke the rules.
 bool readFollowUps(IpmiSession *session, uint8_t handle, char *buffer, size_t size, size_t end)
 {
-    // A controller that keeps announcing more than fits is stopped once the buffer is full;
-    // every chunk that added nothing also counts against a bound, so the walk always ends.
+    // A controller that keeps announcing more than fits is stopped once the buffer is full, the
+    // text holds TVX_SEL_TEXT_MAX characters or kMaxTextChunks chunks were asked for; chunks
+    // that add nothing are given up on sooner.
+    constexpr unsigned kIdleRounds = 8;
     unsigned idleRounds = 0;
-    for (;;) {
+    for (unsigned chunks = 1;; ++chunks) {
         auto request = tvx::oem::request(vendor::kGetFollowUp, handle);
         uint8_t response[kRawResponse];
         uint32_t len = 0;
@@ -395,8 +403,8 @@ bool readFollowUps(IpmiSession *session, uint8_t handle, char *buffer, size_t si
         end += n;
         buffer[end] = '\0';
         if (remaining == 0) return true;
-        if (end >= size - 1) return true;
-        if (n == 0 && ++idleRounds > 8) return true;
+        if (end >= size - 1 || end >= TVX_SEL_TEXT_MAX || chunks >= kMaxTextChunks) return true;
+        if (n == 0 && ++idleRounds > kIdleRounds) return true;
     }
 }
 

@@ -6,21 +6,14 @@
 #include <functional>
 #include <regex>
 
-#include "libipmi.h"
-#include "libipmi_host.h"
-#include "scratch.h"
+#include "machine.h"
+#include "process.h"
 #include "state_store.h"
-#include "tvx_toipmi.h"
-#include "tvxctl_runner.h"
 
 using nlohmann::json;
-using Bytes = std::vector<uint8_t>;
+using tvxtest::shippedProfile;
 
 namespace {
-
-const std::string kMachines = TVX_MACHINES_DIR;
-
-json machine(const std::string &name) { return tvxtest::readJson(kMachines + "/" + name); }
 std::string text(const json &profile, const char *id, std::size_t index = 0)
 {
     const json &t = profile["config_space"][id]["text"];
@@ -29,30 +22,11 @@ std::string text(const json &profile, const char *id, std::size_t index = 0)
 
 class DefaultMachine : public testing::Test {
 protected:
-    void SetUp() override
-    {
-        profile_ = machine("default.json");
-        ASSERT_EQ(ipmihost_select_machine((kMachines + "/default.json").c_str(), dir_.path().c_str()), 0)
-            << ipmihost_last_error();
-        s_ = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
-        ASSERT_NE(s_, nullptr) << ipmihost_last_error();
-    }
-    void TearDown() override
-    {
-        ipmiHelperCloseSession(&s_);
-        ipmihost_select_default();
-    }
-    json state() const { return tvxsim::StateStore::readStored(dir_.file("default.state.json")); }
-    std::string read(uint16_t id, uint8_t index = 0)
-    {
-        uint8_t buffer[256] = {0};
-        int n = ipmiReadConfigSpaceVariable(s_, index, id, buffer);
-        return n < 0 ? "(failed)" : std::string(reinterpret_cast<char *>(buffer), static_cast<std::size_t>(n));
-    }
+    json state() const { return tvxsim::StateStore::readStored(m_.dir().file("machine.state.json")); }
 
-    tvxtest::TempDir dir_;
-    json profile_;
-    IpmiSession *s_ = nullptr;
+    const json profile_ = shippedProfile("default.json");
+    tvxtest::ScratchMachine m_{profile_};
+    IpmiSession *s_ = m_.session();
 };
 
 // What tvxctl does not reach, through the library.
@@ -74,15 +48,12 @@ TEST_F(DefaultMachine, ChangesAreSeenByTheNextRequestAndKeptInTheState)
     EXPECT_EQ(state()["chassis"]["power_on_source"], 0x05);
     EXPECT_EQ(state()["chassis"]["power_off_source"], 0x06);
 
-    const std::string name = "db04-renamed";
-    EXPECT_EQ(ipmiWriteConfigSpaceVariable(s_, TVX_VAR_SYSTEM_NAME, 0, reinterpret_cast<const uint8_t *>(name.data()),
-                                           uint8_t(name.size())),
-              1);
+    // A variable's second value; configuration space writes and resets are tvxctl's (below).
     char dest[32];
-    EXPECT_EQ(getConfigSpaceVariable(dest, sizeof dest, 0, TVX_VAR_SYSTEM_NAME), dest);
-    EXPECT_EQ(std::string(dest), name);
-    EXPECT_EQ(read(TVX_VAR_FIRMWARE_BUILD, 1), text(profile_, "0x2150", 1));
-    EXPECT_EQ(read(0x9999), "(failed)");
+    EXPECT_EQ(getConfigSpaceVariable(dest, sizeof dest, 1, TVX_VAR_FIRMWARE_BUILD), dest);
+    EXPECT_EQ(std::string(dest), text(profile_, "0x2150", 1));
+    uint8_t buffer[256];
+    EXPECT_LT(ipmiReadConfigSpaceVariable(s_, 0, 0x9999, buffer), 0);
     ipmiConsoleLogStart(s_);
     EXPECT_EQ(ipmiPowerOn(s_), 1); // the host starts while its console is logged
     EXPECT_EQ(state()["console"]["log"].size(),
@@ -90,7 +61,6 @@ TEST_F(DefaultMachine, ChangesAreSeenByTheNextRequestAndKeptInTheState)
     EXPECT_EQ(ipmiConsoleLogClear(s_), 0);
     EXPECT_EQ(state()["console"]["log"], json::array());
     EXPECT_EQ(ipmiResetConfigSpace(s_), 1);
-    EXPECT_EQ(read(TVX_VAR_SYSTEM_NAME), text(profile_, "0x0201"));
     uint32_t logging = 7;
     ipmiConsoleLogGetState(s_, &logging);
     EXPECT_EQ(logging, profile_["console"]["logging"].get<bool>() ? 1u : 0u);
@@ -100,10 +70,7 @@ TEST_F(DefaultMachine, ChangesAreSeenByTheNextRequestAndKeptInTheState)
 
 class Cli : public testing::Test {
 protected:
-    tvxtest::Outcome run(const std::vector<std::string> &args)
-    {
-        return tvxtest::runTvxctl(TVXCTL_PATH, dir_.path(), args);
-    }
+    tvxtest::Outcome run(const std::vector<std::string> &args) { return tvxtest::tvxctl(dir_.path(), args); }
     // Commands run one after another: exit status, and the exact output (for failures: a part of stderr).
     void steps(const std::vector<std::tuple<std::vector<std::string>, int, std::string>> &list)
     {
@@ -121,7 +88,7 @@ protected:
 
 TEST_F(Cli, ChangesAreSeenByTheNextCommandAndTheBanner)
 {
-    const json p = machine("default.json");
+    const json p = shippedProfile("default.json");
     // The banner shows the profile's texts and the machine as it is now.
     auto banner = [&](const std::string &name, const char *identify, const char *power) {
         tvxtest::Outcome r = run({"banner"});
@@ -135,7 +102,7 @@ TEST_F(Cli, ChangesAreSeenByTheNextCommandAndTheBanner)
     steps({
         // clang-format off
         {{"power", "off"}, 0, "Chassis Power Control: Down/Off\n"}, {{"power", "status"}, 0, "Chassis Power is off\n"},
-        {{"power", "cycle"}, 1, "the controller refused power cycle"}, {{"power", "on"}, 0,
+        {{"power", "cycle"}, 1, "power cycle was not carried out: the controller refused"}, {{"power", "on"}, 0,
          "Chassis Power Control: Up/On\n"},
         {{"power", "soft"}, 0, "Chassis Power Control: Soft\n"}, {{"power"}, 0, "Chassis Power is off\n"},
         {{"led", "identify", "on"}, 0, "Identify LED on\n"},
@@ -162,9 +129,9 @@ TEST_F(Cli, ChangesAreSeenByTheNextCommandAndTheBanner)
 
 TEST_F(Cli, PartitionBoardShowsTheShortBox)
 {
-    const json p = machine("partition-board.json");
+    const json p = shippedProfile("partition-board.json");
     ASSERT_EQ(p["lan"]["channels"][0]["ip_address"].get<std::string>().rfind("127.1.2.", 0), 0u);
-    tvxtest::Outcome r = run({"--machine", kMachines + "/partition-board.json", "banner"});
+    tvxtest::Outcome r = run({"--machine", std::string(TVX_MACHINES_DIR) + "/partition-board.json", "banner"});
     ASSERT_EQ(r.code, 0) << r;
     EXPECT_TRUE(std::regex_match(
         r.out, std::regex("\\*{44}\r\n\\* {42}\\*\r\n\\*  Welcome to KESTRAVONE Remote Manager    \\*\r\n"
@@ -172,27 +139,6 @@ TEST_F(Cli, PartitionBoardShowsTheShortBox)
                           "\\*  Firmware built " +
                           text(p, "0x2150") + " \\*\r\n\\* {42}\\*\r\n\\*{44}\r\n")))
         << r;
-}
-
-TEST_F(Cli, BadArgumentsExitTwo)
-{
-    const std::pair<std::vector<std::string>, std::string> cases[] = {
-        // clang-format off
-        {{"lan", "set", "ip", "10.20.30.400"}, "invalid IPv4 address \"10.20.30.400\""},
-        {{"power", "sideways"}, "unknown power action \"sideways\""}, {{"led", "identify", "blink"},
-         "usage: tvxctl led"},
-        {{"config", "get", "0x10000"}, "invalid variable ID"}, {{"config", "set", "0x0201", "256", "x"},
-         "invalid index \"256\""},
-        {{"config", "set", "0x0201", "0", std::string(251, 'x')}, "at most 250 bytes"},
-        // clang-format on
-    };
-    for (const auto &[args, reason] : cases) {
-        tvxtest::Outcome r = run(args);
-        SCOPED_TRACE(testing::PrintToString(args));
-        EXPECT_EQ(r.code, 2) << r;
-        EXPECT_NE(r.err.find(reason), std::string::npos) << r;
-        EXPECT_EQ(r.out, "") << r;
-    }
 }
 
 } // namespace

@@ -13,15 +13,12 @@
 
 #include "controller.h"
 #include "fru.h"
-#include "libipmi.h"
-#include "libipmi_host.h"
-#include "scratch.h"
-#include "tvx_toipmi.h"
-#include "tvxctl_runner.h"
+#include "machine.h"
+#include "process.h"
+#include "scripted.h"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
 using nlohmann::json;
 
 json profile()
@@ -43,13 +40,6 @@ json profile()
       ]})");
 }
 
-// A scratch directory holding the profile as fru.json.
-struct TempFile {
-    tvxtest::TempDir scratch;
-    std::string dir = scratch.path(), path = scratch.file("fru.json");
-    explicit TempFile(const json &doc) { tvxtest::writeFile(path, doc.dump()); }
-};
-
 std::string text(const FruField &f)
 {
     const char *t = f.text;
@@ -60,12 +50,10 @@ std::string text(const FruField &f)
 
 TEST(FruController, EveryEncodingComesBackThroughThePlatform)
 {
-    TempFile file(profile());
-    ASSERT_EQ(ipmihost_select_machine(file.path.c_str(), file.dir.c_str()), 0) << ipmihost_last_error();
-    alignas(8) uint8_t block[LIBIPMI_SESSION_SIZE] = {};
-    auto *s = reinterpret_cast<IpmiSession *>(block);
-    ASSERT_EQ(LIBIPMI_Create_IPMI_Local_Session_Ext(s, nullptr, nullptr, nullptr, nullptr, nullptr, 0, nullptr, 2, 5),
-              0);
+    tvxtest::ScratchMachine m(profile());
+    PlatformSession session;
+    ASSERT_EQ(session.open(), 0);
+    IpmiSession *s = session.get();
     FruData r{}, words{};
     uint32_t length = 0, wordLength = 0;
     ASSERT_EQ(LIBIPMI_HL_GetFRUData(s, 0, &length, &r, 60), 0) << ipmihost_last_error();
@@ -80,20 +68,15 @@ TEST(FruController, EveryEncodingComesBackThroughThePlatform)
         uint8_t typeLength;
         const char *text;
     } kFields[] = {
-        {&FruData::chassisPartNumber, 0x45, "12-34.5 6"},
-        {&FruData::chassisSerialNumber, 0x86, "SER#42_X"},
-        {&FruData::boardManufacturer, 0xC4, "ACME"},
-        {&FruData::boardProductName, 0x86, "BOARD-7"},
-        {&FruData::boardSerialNumber, 0x45, "0123456789"},
-        {&FruData::boardPartNumber, 0x02, "dead"},
-        {&FruData::boardFruFileId, 0xC0, ""},
-        {&FruData::productManufacturer, 0xC4, "ACME"},
-        {&FruData::productName, 0xC6, "Widget"},
-        {&FruData::productPartNumber, 0x83, "W-1"},
-        {&FruData::productVersion, 0x42, "2.0"},
-        {&FruData::productSerialNumber, 0xC7, "SN 0001"},
-        {&FruData::productAssetTag, 0xC2, "AT"},
-        {&FruData::productFruFileId, 0x81, "F"},
+        // clang-format off
+        {&FruData::chassisPartNumber, 0x45, "12-34.5 6"}, {&FruData::chassisSerialNumber, 0x86, "SER#42_X"},
+        {&FruData::boardManufacturer, 0xC4, "ACME"}, {&FruData::boardProductName, 0x86, "BOARD-7"},
+        {&FruData::boardSerialNumber, 0x45, "0123456789"}, {&FruData::boardPartNumber, 0x02, "dead"},
+        {&FruData::boardFruFileId, 0xC0, ""}, {&FruData::productManufacturer, 0xC4, "ACME"},
+        {&FruData::productName, 0xC6, "Widget"}, {&FruData::productPartNumber, 0x83, "W-1"},
+        {&FruData::productVersion, 0x42, "2.0"}, {&FruData::productSerialNumber, 0xC7, "SN 0001"},
+        {&FruData::productAssetTag, 0xC2, "AT"}, {&FruData::productFruFileId, 0x81, "F"},
+        // clang-format on
     };
     for (const auto &f : kFields) {
         SCOPED_TRACE(f.text);
@@ -115,8 +98,6 @@ TEST(FruController, EveryEncodingComesBackThroughThePlatform)
     FruData none{};
     EXPECT_EQ(LIBIPMI_HL_GetFRUData(s, 9, &length, &none, 60), LIBIPMI_STATUS_COMPLETION_CODE(0xCB));
     EXPECT_EQ(none.formatVersion, 0);
-    EXPECT_EQ(LIBIPMI_CloseSession(s), 0);
-    ipmihost_select_default();
 }
 
 // The record as raw bytes: the controller's record is 945 bytes with 4-byte pointers, a text
@@ -125,12 +106,10 @@ TEST(FruController, EveryEncodingComesBackThroughThePlatform)
 TEST(FruController, TheRecordStandsAtItsFixedBytes)
 {
     constexpr bool kNarrow = sizeof(void *) == 4;
-    TempFile file(profile());
-    ASSERT_EQ(ipmihost_select_machine(file.path.c_str(), file.dir.c_str()), 0) << ipmihost_last_error();
-    alignas(8) uint8_t block[LIBIPMI_SESSION_SIZE] = {};
-    auto *s = reinterpret_cast<IpmiSession *>(block);
-    ASSERT_EQ(LIBIPMI_Create_IPMI_Local_Session_Ext(s, nullptr, nullptr, nullptr, nullptr, nullptr, 0, nullptr, 2, 5),
-              0);
+    tvxtest::ScratchMachine m(profile());
+    PlatformSession session;
+    ASSERT_EQ(session.open(), 0);
+    IpmiSession *s = session.get();
     const size_t size = kNarrow ? 945 : 1013;
     std::vector<uint8_t> raw(size + 64, 0x5A);
     std::fill_n(raw.begin(), size, 0);
@@ -155,19 +134,15 @@ TEST(FruController, TheRecordStandsAtItsFixedBytes)
     }
     // The custom fields' count bytes follow their pointers: chassis 2, board 0, product 2.
     EXPECT_EQ(Bytes({raw[kNarrow ? 33 : 45], raw[kNarrow ? 69 : 105], raw[kNarrow ? 112 : 180]}), Bytes({2, 0, 2}));
-    EXPECT_EQ(LIBIPMI_CloseSession(s), 0);
 
-    IpmiSession *lib = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
     SDRInfo sdr{};
     BoardInfo board{};
-    ASSERT_EQ(getSDRInfo(lib, &sdr), 1);
-    EXPECT_EQ(ipmiGetBoardInfo(lib, &board, &sdr), 1);
+    ASSERT_EQ(getSDRInfo(m.session(), &sdr), 1);
+    EXPECT_EQ(ipmiGetBoardInfo(m.session(), &board, &sdr), 1);
     EXPECT_STREQ(board.productName, "BOARD-7");
     EXPECT_STREQ(board.partNumber, "dead");
     ipmiFreeBoardInfo(&board);
     freeSDRInfo(&sdr);
-    ipmiHelperCloseSession(&lib);
-    ipmihost_select_default();
 }
 
 TEST(FruController, CompletionCodesAndTheResponseLimit)
@@ -200,38 +175,11 @@ TEST(FruController, CompletionCodesAndTheResponseLimit)
     }
 }
 
-TEST(FruController, BadProfilesNameTheirPlace)
-{
-    const struct {
-        const char *fru;
-        const char *message;
-    } kCases[] = {
-        {R"([{"fru_id": 0, "board": {"serial_number": {"bcd": "12A"}}}])",
-         "/fru/0/board/serial_number/bcd: BCD plus holds only"},
-        {R"([{"fru_id": 0, "chassis": {"part_number": "X"}}])", "/fru/0/chassis/part_number: a one-character"},
-        {R"([{"fru_id": 0, "board": {"manufacturer": "0123456789012345678901234567890123456789012345678901234567890123"}}])",
-         "/fru/0/board/manufacturer: the field takes 64 bytes"},
-        {R"([{"fru_id": 0, "size": 16, "board": {}}])", "/fru/0/size: the FRU data takes 24 bytes"},
-        {R"([{"fru_id": 0}, {"fru_id": "0x00"}])", "/fru/1/fru_id: FRU device 0x00 is already described by /fru/0"},
-        {R"([{"fru_id": 0, "word_access": true, "size": 33}])", "/fru/0: a device accessed by words"},
-    };
-    for (const auto &k : kCases) {
-        SCOPED_TRACE(k.fru);
-        json doc = profile();
-        doc["fru"] = json::parse(k.fru);
-        try {
-            tvxsim::parseFruModel(tvxsim::parseProfile(doc.dump(), "bad.json"));
-            ADD_FAILURE() << "accepted";
-        } catch (const tvxsim::ProfileError &e) {
-            EXPECT_NE(std::string(e.what()).find(std::string("bad.json: ") + k.message), std::string::npos) << e.what();
-        }
-    }
-}
-
 TEST(FruController, TvxctlListsTheLocatedDevices)
 {
-    TempFile file(profile());
-    auto all = tvxtest::runTvxctl(TVXCTL_PATH, file.dir, {"--machine", file.path, "--json", "fru"});
+    tvxtest::TempDir dir;
+    tvxtest::writeFile(dir.file("fru.json"), profile().dump());
+    auto all = tvxtest::tvxctl(dir.path(), {"--machine", dir.file("fru.json"), "--json", "fru"});
     ASSERT_EQ(all.code, 0) << all;
     json list = json::parse(all.out);
     ASSERT_EQ(list.size(), 2u);
@@ -239,7 +187,7 @@ TEST(FruController, TvxctlListsTheLocatedDevices)
     EXPECT_EQ(list[0]["board"]["mfg_date"], "1996-01-02T00:00:00Z");
     EXPECT_EQ(list[0]["chassis"]["custom"], json({"00ff7e", "Latin \u00e9"}));
     EXPECT_EQ(list[1]["product"]["name"], "Worded");
-    auto absent = tvxtest::runTvxctl(TVXCTL_PATH, file.dir, {"--machine", file.path, "fru", "9"});
+    auto absent = tvxtest::tvxctl(dir.path(), {"--machine", dir.file("fru.json"), "fru", "9"});
     EXPECT_EQ(absent.code, 1) << absent;
     EXPECT_NE(absent.out.find("FRU 9: "), std::string::npos) << absent;
 }

@@ -6,13 +6,12 @@
 #include <cstring>
 
 #include "fru.h"
-#include "platform_session.h"
-
-using namespace platform_test;
+#include "scripted.h"
 
 namespace {
 
-constexpr uint8_t kId = 0x03;
+constexpr uint8_t kNetFnLunStorage = 0x0A << 2, kId = 0x03;
+constexpr int kTimeout = 60;
 constexpr uint8_t kOk = 0x00;
 
 // A valid image: chassis area at 8 (16 bytes), board area at 24 (24 bytes), 48 in all.
@@ -78,15 +77,20 @@ void announce(const char *reads, const Bytes &image)
         unsigned bytes = kind == '<' ? n : count;
         answer.insert(answer.end(), image.begin() + offset, image.begin() + offset + bytes);
         if (kind == '!') answer = {static_cast<uint8_t>(n)};
-        const Bytes req = {kId, static_cast<uint8_t>(offset), 0, static_cast<uint8_t>(count)};
-        ASSERT_EQ(ipmihost_script_expect(kNetFnLunStorage, 0x11, req.data(), 4, 0, answer.data(),
-                                         static_cast<uint32_t>(answer.size())),
-                  0);
+        expect(kNetFnLunStorage, 0x11, {kId, static_cast<uint8_t>(offset), 0, static_cast<uint8_t>(count)}, answer);
         while (*p == ' ') ++p;
     }
 }
 
-class FruDecode : public ScriptSession {};
+class FruDecode : public ScriptTest {
+protected:
+    void SetUp() override
+    {
+        ScriptTest::SetUp();
+        openPlatform();
+    }
+    IpmiSession *session() { return platform_.get(); }
+};
 
 } // namespace
 
@@ -147,6 +151,6 @@ TEST_F(FruDecode, WordDevicesAndRefusedInfo)
                   info.size() == 1 ? LIBIPMI_STATUS_COMPLETION_CODE(0xCB) : LIBIPMI_STATUS_BAD_RESPONSE);
     }
     EXPECT_EQ(LIBIPMI_HL_GetFRUData(session(), kId, nullptr, &rec, kTimeout), LIBIPMI_STATUS_INVALID_ARGUMENT);
-    close();
+    platform_.close();
     EXPECT_EQ(LIBIPMI_HL_GetFRUData(session(), kId, &length, &rec, kTimeout), LIBIPMI_STATUS_NO_SESSION);
 }

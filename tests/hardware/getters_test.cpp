@@ -29,14 +29,16 @@ protected:
 
 void presence(int state)
 {
-    if (state == kUnreadable) return expectRequest(0x10, 0x2D, {0x38}, 0x01CB, {0xCB});
-    expectRequest(0x10, 0x2D, {0x38}, 0, {0x00, 0x00, 0x40, static_cast<uint8_t>(state), 0x00});
+    if (state == kUnreadable) return expect(0x10, 0x2D, {0x38}, {0xCB}, 0x01CB);
+    expect(0x10, 0x2D, {0x38}, {0x00, 0x00, 0x40, static_cast<uint8_t>(state), 0x00});
 }
 
 // A processor record: every field distinct; `patch` sets bytes by their position in the answer.
 Bytes record(std::initializer_list<std::pair<size_t, uint8_t>> patch = {})
 {
-    Bytes r = oemAnswer(cat({{0xA5, 0x06, 0, 0, 0xC4, 0x09}, Bytes(13, 0), {0x00, 0x05, 0x00, 0x80, 0x00, 0x96},
+    Bytes r = oemAnswer(cat({{0xA5, 0x06, 0, 0, 0xC4, 0x09},
+                             Bytes(13, 0),
+                             {0x00, 0x05, 0x00, 0x80, 0x00, 0x96},
                              {16, 14, 2, 2, 0xB3, 0x00, 2}}));
     for (auto [at, v] : patch) r[at] = v;
     return r;
@@ -65,7 +67,7 @@ TEST_F(Getters, ProcessorRecordAndName)
     const Bytes name = oemAnswer(text("Xeon 6426Y"));
     const std::string untouched = "null:" + std::string(16, 'x');
     const struct {
-        std::vector<int> presence; // sensor states read, in order
+        std::vector<int> presence;                                  // sensor states read, in order
         std::optional<std::tuple<uint8_t, uint16_t, Bytes>> answer; // sub-function, status, answer
         Call call;
         std::string result;
@@ -100,7 +102,7 @@ TEST_F(Getters, ProcessorRecordAndName)
         for (int state : c.presence) presence(state);
         if (c.answer) {
             auto &[sub, status, answer] = *c.answer;
-            expectRequest(0xB8, 0xF1, oem({sub, 0x01}), status, answer);
+            expect(0xB8, 0xF1, oem({sub, 0x01}), answer, status);
         }
         std::string r;
         EXPECT_DIAG(stderrOf([&] { r = c.call(); }), c.diag);
@@ -116,10 +118,12 @@ TEST_F(Getters, OneRequestEach)
 {
     IpmiSession *s = open();
     using Call = std::function<long long()>;
-    const Call status = [s] { return ipmiGetMemoryModuleStatus(s, 4); }, config = [s] { return ipmiGetMemoryModuleConfig(s, 4); };
+    const Call status = [s] { return ipmiGetMemoryModuleStatus(s, 4); },
+               config = [s] { return ipmiGetMemoryModuleConfig(s, 4); };
     const Call policy = [s] { return ipmiGetMemoryPolicy(s); }, maxIndex = [s] { return getMemoryMaxIndex(s); };
     const Call cpu = [] { return getCpuStatus(0x38, 0x204, 0); }, cpuAlt = [] { return getCpuStatus(0x38, 0x204, 9); };
-    const Call capacity = [] { return getMemoryModuleCapacity(4); }, frequency = [] { return getMemoryModuleFrequency(4); };
+    const Call capacity = [] { return getMemoryModuleCapacity(4); },
+               frequency = [] { return getMemoryModuleFrequency(4); };
     const Call code = [] { return getMemoryModuleStatus(4); }, configCode = [] { return getMemoryModuleConfig(4); };
     const Call approval = [] { return getMemoryModuleApprovedStatus(4); };
     const Bytes statusReq = oem({0x48, 4}), configReq = oem({0x49, 4}), policyReq = oem({0x4A}), info = oem({0x18, 4});
@@ -144,7 +148,6 @@ TEST_F(Getters, OneRequestEach)
         {0xF5, policyReq, 0x01C1, oemAnswer({0, 9}, 0xC1), maxIndex, 0},
         // Agent getters, each in a session of its own.
         {0xF5, cpuReq, 0, oemAnswer({5}), cpu, 8},
-        {0xF5, cpuReq, 0, oemAnswer({6}), cpu, 1},
         {0xF5, cpuReq, 0, oemAnswer({7}), cpu, 2},
         {0xF5, cpuAltReq, 0, oemAnswer({4}), cpuAlt, 1},
         {0xF5, cpuAltReq, 0, oemAnswer({0x80}), cpuAlt, 1},
@@ -156,7 +159,6 @@ TEST_F(Getters, OneRequestEach)
         {0xF1, info, 0x01CB, {0xCB}, frequency, 0xFFFFFFFF},
         {0xF1, info, 0, {0x00, 0xD9, 0x7E, 0x01, 0xC0, 0x12}, capacity, 0xFFFFFFFF},
         {0xF5, statusReq, 0, oemAnswer({9}), code, 11},
-        {0xF5, statusReq, 0, oemAnswer({6}), code, 1},
         {0xF5, statusReq, 0x01C9, {0xC9}, code, 2},
         {0xF5, configReq, 0, oemAnswer({7}), configCode, 1},
         {0xF5, configReq, 0, oemAnswer({254}), configCode, 0},
@@ -166,7 +168,7 @@ TEST_F(Getters, OneRequestEach)
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(testing::PrintToString(c.request) + " -> " + testing::PrintToString(c.answer));
-        expectRequest(0xB8, c.command, c.request, c.status, c.answer);
+        expect(0xB8, c.command, c.request, c.answer, c.status);
         long long r = -99;
         std::string err = stderrOf([&] { r = c.call(); });
         EXPECT_EQ(r, c.result);

@@ -35,7 +35,7 @@ TEST_F(Queries, SpdImageIsReadChunkByChunk)
         std::vector<Sent> sent;
         for (const auto &[offset, status, answer] : c.exchanges) {
             Bytes req = oem(cat({{0x31, 0x81, 0x02}, le16(offset), le16(64)}));
-            expectRequest(0xB8, 0xF1, req, status, answer);
+            expect(0xB8, 0xF1, req, answer, status);
             sent.push_back({0xB8, 0xF1, req});
         }
         Bytes buffer(c.size + 8, 0xEE);
@@ -71,8 +71,8 @@ TEST_F(Queries, PciTableIsWalkedUntilTheSlotHoldsADevice)
     for (const auto &c : cases) {
         size_t from = ipmihost_script_call_count();
         for (size_t i = 0; i < c.answers.size(); ++i)
-            expectRequest(0xB8, 0xF1, oem(cat({{0x1A}, le16(static_cast<uint16_t>(i + 1))})),
-                          c.answers[i].size() == 1 ? 0x0100 | c.answers[i][0] : 0, c.answers[i]);
+            expect(0xB8, 0xF1, oem(cat({{0x1A}, le16(static_cast<uint16_t>(i + 1))})), c.answers[i],
+                   c.answers[i].size() == 1 ? 0x0100 | c.answers[i][0] : 0);
         EXPECT_EQ(ipmiGetPciInfo(s, 2), c.result);
         std::vector<ipmihost_call> raw = rawSince(from);
         ASSERT_FALSE(raw.empty());
@@ -82,8 +82,7 @@ TEST_F(Queries, PciTableIsWalkedUntilTheSlotHoldsADevice)
         }
     }
     // A table that never ends is given up after 256 entries.
-    for (uint16_t i = 1; i <= 256; ++i)
-        expectRequest(0xB8, 0xF1, oem(cat({{0x1A}, le16(i)})), 0, pciEntry(9, 0x8086, 0x1572));
+    for (uint16_t i = 1; i <= 256; ++i) expect(0xB8, 0xF1, oem(cat({{0x1A}, le16(i)})), pciEntry(9, 0x8086, 0x1572));
     EXPECT_EQ(ipmiGetPciInfo(s, 2), 0);
     EXPECT_EQ(ipmiGetPciInfo(nullptr, 2), 0);
 }
@@ -107,7 +106,7 @@ TEST_F(Queries, LanguagesWithTheirLimitAndFallback)
     uint16_t mine[40] = {};
     for (const auto &c : cases) {
         size_t from = ipmihost_script_call_count();
-        expectRequest(0xB8, 0xF5, oem({0x74}), c.status, c.answer);
+        expect(0xB8, 0xF5, oem({0x74}), c.answer, c.status);
         uint16_t *list = c.result == 2 ? mine : nullptr; // the caller's array, or one allocated
         EXPECT_EQ(ipmiGetSupportedLanguage(s, &list), c.result);
         EXPECT_EQ(std::vector<uint16_t>(list, list + c.list.size()), c.list);

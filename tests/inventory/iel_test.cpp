@@ -55,7 +55,7 @@ TEST_F(IelTest, EntryBodiesArriveInFiftyBytePieces)
     IpmiSession *s = open();
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
-        for (const Piece &p : c.pieces) expectRequest(0xB8, 0xF5, readRequest(0x0105, p.offset), p.status, p.answer);
+        for (const Piece &p : c.pieces) expect(0xB8, 0xF5, readRequest(0x0105, p.offset), p.answer, p.status);
         iELEntry e;
         EXPECT_DIAG(stderrOf([&] { e = ipmiGetiELEntry(s, 0x0105, c.offset); }), c.diag);
         EXPECT_EQ(ipmihost_script_pending(), 0u);
@@ -74,7 +74,7 @@ TEST_F(IelTest, SummaryWriteAndClearRequests)
     IpmiSession *s = open();
     const Bytes summary = cat(
         {{0x01, 0x80}, le16(33), le32(0x6A95335E), {50}, le16(1), le16(33), le16(256), le16(223), le16(1807), le16(4)});
-    expectRequest(0xB8, 0xF5, oem({0x82}), 0, oemAnswer(summary));
+    expect(0xB8, 0xF5, oem({0x82}), oemAnswer(summary));
     iELSummary got = ipmiGetiELInfo(s);
     EXPECT_EQ(Bytes(reinterpret_cast<uint8_t *>(&got), reinterpret_cast<uint8_t *>(&got) + sizeof got), summary);
     const std::string infoFailed = "\nipmihelpers.cpp:{line} (ipmiGetiELInfo) Failed to ";
@@ -82,7 +82,7 @@ TEST_F(IelTest, SummaryWriteAndClearRequests)
          {std::tuple{0x01C1, oemAnswer({}, 0xC1), infoFailed + "send ipmi raw command.\n"},
           {0, oemAnswer(Bytes(summary.begin(), summary.end() - 1)),
            infoFailed + "read iEL info, wrong response size.\n"}}) {
-        expectRequest(0xB8, 0xF5, oem({0x82}), static_cast<uint16_t>(status), answer);
+        expect(0xB8, 0xF5, oem({0x82}), answer, static_cast<uint16_t>(status));
         EXPECT_DIAG(stderrOf([&] { got = ipmiGetiELInfo(s); }), diag);
         EXPECT_EQ(got.s2 | got.s4 | got.s19, 0u);
     }
@@ -93,7 +93,7 @@ TEST_F(IelTest, SummaryWriteAndClearRequests)
     for (auto [text8, status] : {std::pair{"Fan 2 replaced", 0}, {"", 0}, {"x", 0x01CC}}) {
         size_t from = ipmihost_script_call_count();
         Sent req{0xB8, 0xF5, cat({oem({0x8A, 3, 4, 5, 6}), text(text8), {0x00}, record})};
-        expectRequest(req.netFnLun, req.command, req.request, static_cast<uint16_t>(status), {uint8_t(status)});
+        expect(req.netFnLun, req.command, req.request, {uint8_t(status)}, static_cast<uint16_t>(status));
         int r = -1;
         EXPECT_DIAG(stderrOf([&] { r = ipmiWriteiELEntry(s, 3, 4, 5, record.data(), text8, 6); }),
                     status ? "\nipmihelpers.cpp:{line} (ipmiWriteiELEntry) Failed to send ipmi raw command.\n" : "");
@@ -105,7 +105,7 @@ TEST_F(IelTest, SummaryWriteAndClearRequests)
     for (auto [all, request, status] : {std::tuple{7, oem({0x87, 0x80, 0x00, 0x00}), 0},
                                         {0, oem({0x87, 0x00, 0x34, 0x12}), 0},
                                         {0, oem({0x87, 0x00, 0x34, 0x12}), 0x01CB}}) {
-        expectRequest(0xB8, 0xF5, request, static_cast<uint16_t>(status), oemAnswer({}, uint8_t(status)));
+        expect(0xB8, 0xF5, request, oemAnswer({}, uint8_t(status)), static_cast<uint16_t>(status));
         std::string err = stderrOf([&] { EXPECT_EQ(ipmiCleariELLog(s, all, 0x1234), status ? 0 : 1); });
         EXPECT_EQ(err.empty(), status == 0) << err;
     }

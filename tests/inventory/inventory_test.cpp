@@ -6,7 +6,7 @@
 #include <cstring>
 #include <optional>
 
-#include "scripted.h"
+#include "sdr_records.h"
 
 namespace {
 
@@ -49,11 +49,11 @@ Bytes fruImage(uint8_t version, const Bytes &chassis, const Bytes &board, const 
 // The header, then each area's first two bytes and its rest (empty image: the device is absent).
 void expectFru(uint8_t id, const Bytes &img)
 {
-    if (img.empty()) return expectRequest(0x28, 0x10, {id}, 0x01CB, {0xCB});
-    expectRequest(0x28, 0x10, {id}, 0, cat({{0x00}, le16(static_cast<uint16_t>(img.size())), {0x00}}));
+    if (img.empty()) return expect(0x28, 0x10, {id}, {0xCB}, 0x01CB);
+    expect(0x28, 0x10, {id}, cat({{0x00}, le16(static_cast<uint16_t>(img.size())), {0x00}}));
     auto read = [&](size_t at, size_t n) {
-        expectRequest(0x28, 0x11, cat({{id}, le16(static_cast<uint16_t>(at)), {static_cast<uint8_t>(n)}}), 0,
-                      cat({{0x00, static_cast<uint8_t>(n)}, Bytes(img.begin() + at, img.begin() + at + n)}));
+        expect(0x28, 0x11, cat({{id}, le16(static_cast<uint16_t>(at)), {static_cast<uint8_t>(n)}}),
+               cat({{0x00, static_cast<uint8_t>(n)}, Bytes(img.begin() + at, img.begin() + at + n)}));
     };
     read(0, 8);
     for (int k = 2; k <= 4; ++k)
@@ -66,21 +66,15 @@ struct Device {
     Bytes image; // read when the entity is the chassis or the board
 };
 
-// An SDR cache of FRU Device Locators, 32-byte slots.
-struct Cache {
-    explicit Cache(const std::vector<Device> &devices) : slots(devices.size() * 32)
-    {
-        for (size_t i = 0; i < devices.size(); ++i) {
-            uint8_t *s = slots.data() + i * 32;
-            const uint8_t locator[] = {uint8_t(i + 1),    0, 0x51, 0x11, 27, 0x20, devices[i].id, 0x80, 0, 0, 0x10, 0,
-                                       devices[i].entity, 1};
-            std::memcpy(s, locator, sizeof locator);
-        }
-        info = {32, slots.data(), static_cast<uint32_t>(devices.size())};
-    }
-    Bytes slots;
-    SDRInfo info;
-};
+// An SDR cache of their FRU Device Locators, 32-byte slots.
+Cache locators(const std::vector<Device> &devices)
+{
+    std::vector<Bytes> records;
+    for (size_t i = 0; i < devices.size(); ++i)
+        records.push_back({uint8_t(i + 1), 0, 0x51, 0x11, 27, 0x20, devices[i].id, 0x80, 0, 0, 0x10, 0,
+                           devices[i].entity, 1});
+    return Cache(records, 32);
+}
 
 using Texts = std::vector<std::optional<std::string>>;
 Texts texts(std::initializer_list<char *> fields)
@@ -121,7 +115,7 @@ TEST_F(InventoryTest, ChassisAndBoardFromTheLocatedFruDevices)
     IpmiSession *s = open();
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
-        Cache cache(c.devices);
+        Cache cache = locators(c.devices);
         for (const Device &d : c.devices)
             if (d.entity == 0x17 || d.entity == 0x07) expectFru(d.id, d.image);
         ChassisInfo ci;
@@ -130,7 +124,7 @@ TEST_F(InventoryTest, ChassisAndBoardFromTheLocatedFruDevices)
         std::memset(&bi, 0xA5, sizeof bi);
         int r = -1;
         EXPECT_EQ(stderrOf([&] {
-                      r = c.chassis ? ipmiGetChassisInfo(s, &ci, &cache.info) : ipmiGetBoardInfo(s, &bi, &cache.info);
+                      r = c.chassis ? ipmiGetChassisInfo(s, &ci, cache.get()) : ipmiGetBoardInfo(s, &bi, cache.get());
                   }),
                   "");
         EXPECT_EQ(r, c.result);
@@ -148,20 +142,20 @@ TEST_F(InventoryTest, ChassisAndBoardFromTheLocatedFruDevices)
 
 TEST_F(InventoryTest, MissingArgumentsSendNothing)
 {
-    Cache cache({{0x17, 1, {}}});
+    Cache cache = locators({{0x17, 1, {}}});
     ChassisInfo ci;
     BoardInfo bi;
     std::memset(&ci, 0xA5, sizeof ci);
     std::memset(&bi, 0xA5, sizeof bi);
     const std::string error = "ERROR: ipmihelpers.cpp:{line} ";
-    EXPECT_DIAG(stderrOf([&] { ipmiGetChassisInfo(nullptr, nullptr, &cache.info); }),
+    EXPECT_DIAG(stderrOf([&] { ipmiGetChassisInfo(nullptr, nullptr, cache.get()); }),
                 error + "chassis info pointer error\n");
     EXPECT_DIAG(stderrOf([&] { ipmiGetChassisInfo(nullptr, &ci, nullptr); }), error + "sdr info pointer error\n");
-    EXPECT_DIAG(stderrOf([&] { EXPECT_EQ(ipmiGetChassisInfo(nullptr, &ci, &cache.info), 0); }),
+    EXPECT_DIAG(stderrOf([&] { EXPECT_EQ(ipmiGetChassisInfo(nullptr, &ci, cache.get()), 0); }),
                 error + "session is null\n");
     EXPECT_EQ(ci.productManufacturer, nullptr); // cleared before the session is looked at
     EXPECT_EQ(
-        stderrOf([&] { EXPECT_EQ(ipmiGetBoardInfo(nullptr, &bi, &cache.info) + ipmiOemAgetConnected(nullptr), 0); }),
+        stderrOf([&] { EXPECT_EQ(ipmiGetBoardInfo(nullptr, &bi, cache.get()) + ipmiOemAgetConnected(nullptr), 0); }),
         "");
     EXPECT_EQ(bi.manufacturer, nullptr);
     EXPECT_DIAG(stderrOf([] { ipmiGetEEPROMInfo(nullptr, 0); }),
@@ -177,7 +171,7 @@ TEST_F(InventoryTest, AgentConnectedAndEepromInfo)
                                           {0, oemAnswer({0x01, 0x02}), 0},
                                           {0, oemAnswer({0x01}), 0},
                                           {0x01C1, oemAnswer({0x00, 0x01}, 0xC1), 0}}) {
-        expectRequest(0xB8, 0x02, oem({0x08}), static_cast<uint16_t>(status), answer);
+        expect(0xB8, 0x02, oem({0x08}), answer, static_cast<uint16_t>(status));
         EXPECT_EQ(ipmiOemAgetConnected(s), result);
     }
     const Bytes block = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16}, none(16, 0);
@@ -190,7 +184,7 @@ TEST_F(InventoryTest, AgentConnectedAndEepromInfo)
           {0, oemAnswer(Bytes(block.begin(), block.end() - 1)), none, wrongSize},
           {0, oemAnswer(cat({block, {0x00}})), none, wrongSize},
           {LIBIPMI_STATUS_TIMEOUT, Bytes{}, none, failed + "send ipmi raw command.\n"}}) {
-        expectRequest(0xB8, 0xF5, oem({0x12, 0x03}), static_cast<uint16_t>(status), answer);
+        expect(0xB8, 0xF5, oem({0x12, 0x03}), answer, static_cast<uint16_t>(status));
         EEPROMInfo got;
         EXPECT_DIAG(stderrOf([&] { got = ipmiGetEEPROMInfo(s, 0x103); }), diag);
         EXPECT_EQ(Bytes(got.data, got.data + 16), info);

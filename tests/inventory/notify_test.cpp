@@ -19,7 +19,7 @@
 
 #include "libipmi_host.h"
 #include "peer.h"
-#include "scratch.h"
+#include "machine.h"
 #include "scripted.h"
 
 namespace {

@@ -9,14 +9,10 @@ using namespace libipmi;
 TEST(LanCodec, ErrorsMapToTheLibraryStatuses)
 {
     const std::pair<int, uint16_t> cases[] = {
-        {IPMI_ERR_PASSWORD_INVALID, LIBIPMI_STATUS_AUTH_FAILED},
-        {IPMI_ERR_CIPHER_SUITE_ID_UNAVAILABLE, LIBIPMI_STATUS_AUTH_FAILED},
-        {IPMI_ERR_SESSION_TIMEOUT, LIBIPMI_STATUS_TIMEOUT},
-        {IPMI_ERR_CONNECTION_TIMEOUT, LIBIPMI_STATUS_TIMEOUT},
-        {IPMI_ERR_HOSTNAME_INVALID, LIBIPMI_STATUS_CONFIG_ERROR},
-        {IPMI_ERR_OUT_OF_MEMORY, LIBIPMI_STATUS_NO_MEMORY},
+        // One error of each status.
+        {IPMI_ERR_PASSWORD_INVALID, LIBIPMI_STATUS_AUTH_FAILED},  {IPMI_ERR_SESSION_TIMEOUT, LIBIPMI_STATUS_TIMEOUT},
+        {IPMI_ERR_HOSTNAME_INVALID, LIBIPMI_STATUS_CONFIG_ERROR}, {IPMI_ERR_OUT_OF_MEMORY, LIBIPMI_STATUS_NO_MEMORY},
         {IPMI_ERR_SYSTEM_ERROR, LIBIPMI_STATUS_TRANSPORT},
-        {IPMI_ERR_INTERNAL_ERROR, LIBIPMI_STATUS_TRANSPORT},
     };
     for (auto [errnum, status] : cases) {
         EXPECT_EQ(lan::statusForError(errnum), status) << "errnum " << errnum;
@@ -30,26 +26,18 @@ TEST(LanCodec, ErrorsMapToTheLibraryStatuses)
 
 TEST(LanCodec, RawResponsesLoseTheCommandByte)
 {
-    struct Case {
-        uint8_t command;
-        std::vector<uint8_t> raw;
-        uint16_t status;
-        std::optional<std::vector<uint8_t>> bytes;
-    };
-    const Case cases[] = {
-        {0x01, {0x01, 0x00, 0x20, 0x83}, LIBIPMI_STATUS_OK, std::vector<uint8_t>{0x00, 0x20, 0x83}},
-        {0x01, {0x01, 0xC1}, LIBIPMI_STATUS_COMPLETION_CODE(0xC1), std::vector<uint8_t>{0xC1}},
-        {0x2D, {0x2D, 0xCB, 0x01}, LIBIPMI_STATUS_COMPLETION_CODE(0xCB), std::vector<uint8_t>{0xCB, 0x01}},
-        // Nothing after the command byte: no completion code.
-        {0x01, {0x01}, LIBIPMI_STATUS_BAD_RESPONSE, std::nullopt},
-        {0x01, {}, LIBIPMI_STATUS_BAD_RESPONSE, std::nullopt},
-        // The answer to another command.
-        {0x01, {0x02, 0x00}, LIBIPMI_STATUS_BAD_RESPONSE, std::nullopt},
-    };
-    for (const Case &c : cases) {
-        Answer a = lan::answerFromRaw(c.command, c.raw);
-        EXPECT_EQ(a.status, c.status);
-        EXPECT_EQ(a.bytes, c.bytes);
+    using V = std::vector<uint8_t>;
+    // clang-format off
+    for (const auto &[raw, status, bytes] : {
+             std::tuple{V{0x01, 0x00, 0x20, 0x83}, LIBIPMI_STATUS_OK, std::optional<V>(V{0x00, 0x20, 0x83})},
+             {V{0x01, 0xCB, 0x01}, LIBIPMI_STATUS_COMPLETION_CODE(0xCB), V{0xCB, 0x01}},
+             {V{0x01}, LIBIPMI_STATUS_BAD_RESPONSE, std::nullopt},       // no completion code after the command
+             {V{}, LIBIPMI_STATUS_BAD_RESPONSE, std::nullopt},
+             {V{0x02, 0x00}, LIBIPMI_STATUS_BAD_RESPONSE, std::nullopt}}) { // the answer to another command
+        // clang-format on
+        Answer a = lan::answerFromRaw(0x01, raw);
+        EXPECT_EQ(a.status, status);
+        EXPECT_EQ(a.bytes, bytes);
     }
     // Never more than the platform's largest response.
     std::vector<uint8_t> huge(LIBIPMI_MAX_RESPONSE_LEN + 10, 0x11);

@@ -20,7 +20,7 @@ std::deque<uint16_t> gAnswers; // the status for each request in turn (0 when no
 
 // The test's own raw exchange: records the request and answers with the next status.
 uint16_t libipmi::exchange(IpmiSession *, uint8_t netFn, uint8_t command, std::span<const uint8_t> request,
-                           std::vector<uint8_t> &response, int)
+                           std::vector<uint8_t> &response, int, const Route *, uint8_t)
 {
     gSent.push_back({netFn, command, std::vector<uint8_t>(request.begin(), request.end())});
     uint16_t status = 0;

@@ -1,50 +1,27 @@
 // lan:// target strings: what they select and refuse; no message or description repeats the password.
 #include <cstdlib>
-#include <fstream>
 #include <string>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <freeipmi/api/ipmi-api.h>
 #include <gtest/gtest.h>
 
 #include "lan_spec.h"
 #include "libipmi_host.h"
+#include "machine.h"
 
 using namespace libipmi::lan;
 
 namespace {
 
-// Keeps TVX_IPMI_PASSWORD out of (or in) the environment for one test.
-class PasswordEnv {
-public:
+// TVX_IPMI_PASSWORD in the environment for one test (none: not set).
+struct PasswordEnv {
     explicit PasswordEnv(const char *value)
     {
-        if (const char *old = std::getenv(IPMIHOST_PASSWORD_ENV)) saved_ = old, had_ = true;
-        if (value) setenv(IPMIHOST_PASSWORD_ENV, value, 1);
-        else unsetenv(IPMIHOST_PASSWORD_ENV);
+        value ? setenv(IPMIHOST_PASSWORD_ENV, value, 1) : unsetenv(IPMIHOST_PASSWORD_ENV);
     }
-    ~PasswordEnv()
-    {
-        if (had_) setenv(IPMIHOST_PASSWORD_ENV, saved_.c_str(), 1);
-        else unsetenv(IPMIHOST_PASSWORD_ENV);
-    }
-
-private:
-    std::string saved_;
-    bool had_ = false;
+    ~PasswordEnv() { unsetenv(IPMIHOST_PASSWORD_ENV); }
 };
-
-std::string tempFile(const std::string &text, mode_t mode)
-{
-    char path[] = "/tmp/tvx-pass-XXXXXX";
-    int fd = mkstemp(path);
-    EXPECT_GE(fd, 0);
-    EXPECT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-    close(fd);
-    chmod(path, mode);
-    return path;
-}
 
 } // namespace
 
@@ -136,8 +113,12 @@ TEST(LanTarget, RedactsEveryPassword)
 
 TEST(LanTarget, PasswordFromFileOrEnvironment)
 {
-    std::string good = tempFile("from-file\nsecond line\n", 0600);
-    std::string open = tempFile("from-file\n", 0644);
+    tvxtest::TempDir dir;
+    const std::string good = dir.file("good"), open = dir.file("open");
+    tvxtest::writeFile(good, "from-file\nsecond line\n");
+    tvxtest::writeFile(open, "from-file\n");
+    chmod(good.c_str(), 0600);
+    chmod(open.c_str(), 0644);
     std::string error;
     {
         PasswordEnv env("from-env");
@@ -169,6 +150,4 @@ TEST(LanTarget, PasswordFromFileOrEnvironment)
         EXPECT_FALSE(parseTarget("lan://admin@h?password_file=/nonexistent/x", error));
         EXPECT_NE(error.find("cannot open the password file"), std::string::npos) << error;
     }
-    unlink(good.c_str());
-    unlink(open.c_str());
 }

@@ -1,30 +1,19 @@
 // The platform library and libtvx_toipmi over LAN against ipmi_sim: identity, what the
-// module adds to the simulator, OEM frames, and every kind of failure mapped to its status.
+// module adds to the simulator, OEM frames, every kind of failure mapped to its status, and
+// FRU data as ipmitool prints it.
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
-#include "libipmi.h"
-#include "libipmi_host.h"
+#include "scripted.h"
 #include "support.h"
 
 using namespace realpeer;
-using Bytes = std::vector<uint8_t>;
 
 namespace {
-
-constexpr uint16_t cc(uint8_t code) { return LIBIPMI_STATUS_COMPLETION_CODE(code); }
 
 // Selects the peer for this process's library sessions.
 void select(const tvxsim::ipmisim::Peer &peer, const std::string &extra = "&timeout=2000")
 {
     ASSERT_EQ(ipmihost_select_target(peer.target(extra).c_str(), nullptr), 0) << ipmihost_last_error();
-}
-
-uint16_t openStatus(IpmiSession *session)
-{
-    uint8_t priv = TVX_PRIV_ADMIN;
-    char empty[] = "";
-    return LIBIPMI_Create_IPMI_Local_Session_Ext(session, empty, empty, &priv, empty, nullptr, 0, nullptr, 2, 5);
 }
 
 struct RawCase {
@@ -43,45 +32,36 @@ void check(IpmiSession *s, const RawCase &c)
     EXPECT_EQ(response, c.response);
 }
 
+// Texts as ipmitool shows them: absent and empty fields print nothing; the blanks that pad
+// 6-bit and BCD plus texts are not shown.
+std::vector<std::string> shown(std::initializer_list<const char *> list)
+{
+    std::vector<std::string> out;
+    for (const char *t : list)
+        if (t && *t) out.push_back(trim(t));
+    return out;
+}
+
 } // namespace
 
+// Commands ipmi_sim lacks, answered by the module as the virtual controller does (the module's
+// answers are compared with the in-process controller's in TvxctlPrintsTheSameAsInProcess).
 TEST(RealPeerLibrary, ModuleSuppliesWhatTheSimulatorLacks)
 {
     select(defaultPeer());
-    LibSession s;
+    tvxtest::Session s;
     ASSERT_NE(s.get(), nullptr) << ipmihost_last_error();
-    // What the controller model answers for commands ipmi_sim lacks follows the profile.
-    const auto profile = tvxsim::loadProfile(defaultProfile()).document;
-    Bytes alloc;
-    ASSERT_EQ(raw(s.get(), 0x0A, 0x21, {}, alloc), 0);
-    ASSERT_EQ(alloc.size(), 10u) << "SDR repository allocation information";
-    EXPECT_EQ(alloc[1] | alloc[2] << 8, profile["sdr"]["allocation_units"].get<int>());
-    EXPECT_EQ(alloc[3] | alloc[4] << 8, profile["sdr"]["allocation_unit_size"].get<int>());
-    EXPECT_EQ(alloc[9], profile["sdr"]["max_record_units"].get<int>());
-    const int16_t offset = profile["sel"]["utc_offset_minutes"].get<int16_t>();
     const RawCase cases[] = {
         {"cold reset", 0x06, 0x02, {}, 0, {0x00}},
         {"warm reset with data", 0x06, 0x03, {0x01}, cc(0xC7), {0xC7}},
-        {"SEL time UTC offset, as the profile sets it",
-         0x0A,
-         0x5C,
-         {},
-         0,
-         {0x00, static_cast<uint8_t>(offset), static_cast<uint8_t>(offset >> 8)}},
-        {"set it to +60 minutes", 0x0A, 0x5D, {0x3C, 0x00}, 0, {0x00}},
-        {"read it back", 0x0A, 0x5C, {}, 0, {0x00, 0x3C, 0x00}},
+        {"SEL time UTC offset set to +60 minutes", 0x0A, 0x5D, {0x3C, 0x00}, 0, {0x00}},
+        {"read back", 0x0A, 0x5C, {}, 0, {0x00, 0x3C, 0x00}},
         {"an offset beyond a day", 0x0A, 0x5D, {0xA1, 0x05}, cc(0xC9), {0xC9}},
         {"back to unspecified", 0x0A, 0x5D, {0xFF, 0x07}, 0, {0x00}},
         {"alert immediate", 0x04, 0x16, {0x01, 0x00}, 0, {0x00, 0x00}},
         {"alert immediate without a destination", 0x04, 0x16, {0x01}, cc(0xC7), {0xC7}},
-        {"chassis power down", 0x00, 0x02, {0x00}, 0, {0x00}},
-        {"chassis power up", 0x00, 0x02, {0x01}, 0, {0x00}},
     };
     for (const RawCase &c : cases) check(s.get(), c);
-    Bytes status;
-    ASSERT_EQ(raw(s.get(), 0x00, 0x01, {}, status), 0);
-    ASSERT_GE(status.size(), 2u);
-    EXPECT_EQ(status[1] & 1, 1) << "powered up again";
     ipmihost_select_default();
 }
 
@@ -97,28 +77,24 @@ TEST(RealPeerLibrary, OemRequestsReachTheVirtualControllersHandlers)
         {{"netfn", "0x2e"}, {"command", "0x13"}, {"kind", "long"}, {"value", 32}},
         {{"netfn", "0x2e"}, {"command", "0x12"}, {"kind", "no_answer"}},
     };
-    std::string profile = writeFile(dir, "oem.json", doc.dump(2));
+    std::string profile = dir + "/oem.json";
+    tvxtest::writeFile(profile, doc.dump(2));
     auto peer = startPeer("oem", profile);
     select(*peer);
-    LibSession s;
+    tvxtest::Session s;
     ASSERT_NE(s.get(), nullptr) << ipmihost_last_error();
-    const Bytes iana = {0xD9, 0x7E, 0x00};
-    Bytes longAnswer = {0xC1, 0xD9, 0x7E, 0x00};
-    longAnswer.insert(longAnswer.end(), 31, 0xEE);
+    Bytes longAnswer = cat({{0xC1}, kIana, Bytes(31, 0xEE)});
+    // clang-format off
     const RawCase cases[] = {
-        {"another IANA number: refused, the number repeated",
-         0x2E,
-         0x01,
-         {0x01, 0x02, 0x03},
-         cc(0xC1),
-         {0xC1, 0x01, 0x02, 0x03}},
-        {"our IANA number, a command nobody handles", 0x2E, 0x7F, iana, cc(0xC1), {0xC1, 0xD9, 0x7E, 0x00}},
-        {"a completion code from the controller", 0x2E, 0x10, iana, cc(0xD5), {0xD5, 0xD9, 0x7E, 0x00}},
-        {"31 bytes after the IANA number still fit", 0x2E, 0x11, iana, cc(0xC1), longAnswer},
-        {"32 do not: cannot return that many bytes", 0x2E, 0x13, iana, cc(0xCA), {0xCA, 0xD9, 0x7E, 0x00}},
-        {"the controller loses the request: it timed out inside", 0x2E, 0x12, iana, cc(0xC3), {0xC3, 0xD9, 0x7E, 0x00}},
+        {"another IANA number: refused, the number repeated", 0x2E, 0x01, {1, 2, 3}, cc(0xC1), {0xC1, 1, 2, 3}},
+        {"our IANA number, a command nobody handles", 0x2E, 0x7F, kIana, cc(0xC1), oemAnswer({}, 0xC1)},
+        {"a completion code from the controller", 0x2E, 0x10, kIana, cc(0xD5), oemAnswer({}, 0xD5)},
+        {"31 bytes after the IANA number still fit", 0x2E, 0x11, kIana, cc(0xC1), longAnswer},
+        {"32 do not: cannot return that many bytes", 0x2E, 0x13, kIana, cc(0xCA), oemAnswer({}, 0xCA)},
+        {"the controller loses the request: it timed out inside", 0x2E, 0x12, kIana, cc(0xC3), oemAnswer({}, 0xC3)},
         {"no IANA number at all", 0x2E, 0x01, {0xD9}, cc(0xC7), {0xC7}},
     };
+    // clang-format on
     for (const RawCase &c : cases) check(s.get(), c);
     ipmihost_select_default();
 }
@@ -126,8 +102,7 @@ TEST(RealPeerLibrary, OemRequestsReachTheVirtualControllersHandlers)
 TEST(RealPeerLibrary, FailuresMapToTheirStatuses)
 {
     auto &peer = defaultPeer();
-    unsigned char block[LIBIPMI_SESSION_SIZE] = {};
-    auto *session = reinterpret_cast<IpmiSession *>(block);
+    PlatformSession session;
     struct Case {
         const char *what;
         std::string target;
@@ -147,20 +122,14 @@ TEST(RealPeerLibrary, FailuresMapToTheirStatuses)
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
         ASSERT_EQ(ipmihost_select_target(c.target.c_str(), nullptr), 0) << ipmihost_last_error();
-        EXPECT_EQ(openStatus(session), c.status);
+        EXPECT_EQ(session.open(), c.status);
         std::string why = ipmihost_last_error();
         EXPECT_NE(why.find(c.says), std::string::npos) << why;
         EXPECT_EQ(why.find("Wrong-Pa55"), std::string::npos) << why;
-        // Through libtvx_toipmi: no session, the library's own diagnostic, no password.
-        testing::internal::CaptureStderr();
-        IpmiSession *s = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
-        std::string text = testing::internal::GetCapturedStderr();
+        // Through libtvx_toipmi: no session.
+        IpmiSession *s = nullptr;
+        stderrOf([&] { s = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr); });
         EXPECT_EQ(s, nullptr);
-        char code[32];
-        std::snprintf(code, sizeof code, "error 0x%x", c.status);
-        EXPECT_NE(text.find("failed to create ipmi session with " + std::string(code)), std::string::npos) << text;
-        EXPECT_EQ(text.find("Wrong-Pa55"), std::string::npos) << text;
-        ipmiHelperCloseSession(&s);
     }
     ipmihost_select_default();
 }
@@ -169,7 +138,7 @@ TEST(RealPeerLibrary, RequestsTheLinkCannotCarryOrThePrivilegeDoesNotAllow)
 {
     auto &peer = defaultPeer();
     select(peer, "&priv=user");
-    LibSession s;
+    tvxtest::Session s;
     ASSERT_NE(s.get(), nullptr) << ipmihost_last_error();
     ipmihost_lan_statistics before{}, after{};
     ASSERT_EQ(ipmihost_lan_stats(&before), 0);
@@ -194,44 +163,27 @@ TEST(RealPeerLibrary, RequestsTheLinkCannotCarryOrThePrivilegeDoesNotAllow)
 // module where it cannot (auxiliary revision, IPMI 1.5, device busy, no auxiliary bytes).
 TEST(RealPeerLibrary, EveryIdentityFieldComesFromTheProfile)
 {
-    struct Variant {
-        const char *what;
-        nlohmann::json controller;
-    };
-    const Variant variants[] = {
-        {"every field mc_add carries, changed",
-         {{"device_id", "0x51"},
-          {"device_revision", 7},
-          {"provides_device_sdrs", false},
-          {"firmware_revision", "12.07"},
-          {"additional_device_support", {"sensor"}},
-          {"manufacturer_id", 4660},
-          {"product_id", "0x4242"},
-          {"aux_firmware_revision", "01 02 03 04"}}},
-        {"what only the module can answer",
-         {{"device_id", "0x20"},
-          {"firmware_revision", "1.00"},
-          {"ipmi_version", "1.5"},
-          {"device_busy", true},
-          {"manufacturer_id", 32473},
-          {"product_id", 1}}},
+    const std::pair<const char *, Bytes> variants[] = {
+        {R"({"device_id": "0x51", "device_revision": 7, "provides_device_sdrs": false, "firmware_revision": "12.07",
+             "additional_device_support": ["sensor"], "manufacturer_id": 4660, "product_id": "0x4242",
+             "aux_firmware_revision": "01 02 03 04"})",
+         {0x00, 0x51, 0x07, 0x0C, 0x07, 0x02, 0x01, 0x34, 0x12, 0x00, 0x42, 0x42, 0x01, 0x02, 0x03, 0x04}},
+        {R"({"device_id": "0x20", "firmware_revision": "1.00", "ipmi_version": "1.5", "device_busy": true,
+             "manufacturer_id": 32473, "product_id": 1})",
+         {0x00, 0x20, 0x01, 0x81, 0x00, 0x51, 0x00, 0xD9, 0x7E, 0x00, 0x01, 0x00}},
     };
     int index = 0;
-    for (const Variant &v : variants) {
-        SCOPED_TRACE(v.what);
-        std::string dir = workDir("identity-" + std::to_string(index));
-        nlohmann::json doc = {{"description", v.what}, {"controller", v.controller}};
-        std::string profile = writeFile(dir, "identity" + std::to_string(index++) + ".json", doc.dump());
+    for (const auto &[controller, answer] : variants) {
+        SCOPED_TRACE(controller);
+        std::string profile = workDir("identity-" + std::to_string(++index)) + "/identity.json";
+        tvxtest::writeFile(profile, nlohmann::json{{"controller", nlohmann::json::parse(controller)}}.dump());
         auto peer = startPeer("identity-peer-" + std::to_string(index), profile);
         select(*peer);
-        LibSession s;
+        tvxtest::Session s;
         ASSERT_NE(s.get(), nullptr) << ipmihost_last_error();
-        Bytes want = {0x00};
-        Bytes data = tvxsim::loadProfile(profile).device.responseData();
-        want.insert(want.end(), data.begin(), data.end());
         Bytes response;
         EXPECT_EQ(raw(s.get(), 0x06, 0x01, {}, response), 0);
-        EXPECT_EQ(response, want);
+        EXPECT_EQ(response, answer);
         ipmihost_select_default();
     }
 }
@@ -253,4 +205,42 @@ TEST(RealPeerConfiguration, RefusesWhatTheFilesCannotHold)
         "x.json");
     std::string commands = tvxsim::ipmisim::commandFile(p);
     EXPECT_EQ(commands.find("\nlines"), std::string::npos) << commands;
+}
+
+// FRU inventory from ipmi_sim, which answers at most 34 FRU bytes per read: the platform reads
+// FRU 0 in chunks and decodes what ipmitool prints for the same simulator.
+TEST(RealPeerFru, ReadsInChunksWhatIpmitoolPrints)
+{
+    auto &peer = defaultPeer();
+    ASSERT_EQ(ipmihost_select_target(peer.target("&timeout=2000").c_str(), nullptr), 0) << ipmihost_last_error();
+    PlatformSession s;
+    ASSERT_EQ(s.open(), 0);
+    FruData r{};
+    uint32_t length = 0;
+    ASSERT_EQ(LIBIPMI_HL_GetFRUData(s.get(), 0, &length, &r, 60), 0) << ipmihost_last_error();
+    EXPECT_EQ(length, 512u);
+    ASSERT_EQ(r.boardCustomCount, 3); // 8-bit, 6-bit and binary
+    ASSERT_EQ(r.productCustomCount, 1);
+
+    Outcome tool = ipmitool(peer, {"fru", "print", "0"});
+    ASSERT_EQ(tool.code, 0) << tool;
+    Fields printed = fields(tool.out);
+    const std::pair<const char *, std::vector<std::string>> kFields[] = {
+        // clang-format off
+        {"Board Mfg", shown({r.boardManufacturer.text})}, {"Board Product", shown({r.boardProductName.text})},
+        {"Board Serial", shown({r.boardSerialNumber.text})}, {"Board Part Number", shown({r.boardPartNumber.text})},
+        {"Board Extra", shown({r.boardCustomFields[0], r.boardCustomFields[1], r.boardCustomFields[2]})},
+        {"Product Manufacturer", shown({r.productManufacturer.text})},
+        {"Product Name", shown({r.productName.text})}, {"Product Part Number", shown({r.productPartNumber.text})},
+        {"Product Version", shown({r.productVersion.text})}, {"Product Serial", shown({r.productSerialNumber.text})},
+        {"Product Asset Tag", shown({r.productAssetTag.text})}, {"Product Extra", shown({r.productCustomFields[0]})},
+        // clang-format on
+    };
+    for (const auto &[label, ours] : kFields) {
+        SCOPED_TRACE(label);
+        EXPECT_FALSE(ours.empty());
+        EXPECT_EQ(printed[label], ours) << tool.out;
+    }
+    s.close();
+    ipmihost_select_default();
 }

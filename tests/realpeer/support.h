@@ -1,53 +1,62 @@
-// What the real-peer tests share: the simulator they run against, running tvxctl and
-// ipmitool as processes, and capturing the library's diagnostics.
+// What the real-peer tests share: the simulator they run against, tvxctl and ipmitool as
+// processes against it, and raw requests through the platform library.
 #pragma once
 
+#include <map>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "machine.h"
 #include "peer.h"
-#include "tvx_toipmi.h"
+#include "process.h"
 
 namespace realpeer {
+
+using tvxtest::Outcome;
 
 // The default machine, as ipmi_sim, shared by the tests that do not change it.
 tvxsim::ipmisim::Peer &defaultPeer();
 std::string defaultProfile();
 
 // A simulator of its own for a test that restarts it or needs another profile.
-std::unique_ptr<tvxsim::ipmisim::Peer> startPeer(const std::string &name, const std::string &profilePath,
-                                                 const std::vector<std::string> &extraCommands = {});
+std::unique_ptr<tvxsim::ipmisim::Peer> startPeer(const std::string &name, const std::string &profilePath);
 
 // A fresh directory under the build tree for one test's files.
 std::string workDir(const std::string &name);
-// Writes text into a file under workDir and returns its path.
-std::string writeFile(const std::string &dir, const std::string &name, const std::string &text);
 
-struct Outcome {
-    int exitCode = -1;
-    std::string out, err;
-};
-// Runs a program with a bounded wait (30 s, then it is killed) and its output captured.
-// `env` entries ("NAME=VALUE") are added to the program's environment.
-Outcome run(const std::vector<std::string> &argv, const std::vector<std::string> &env = {});
-// tvxctl against the peer (over LAN) or, with target empty, with the arguments as given.
-Outcome tvxctl(const tvxsim::ipmisim::Peer *peer, const std::vector<std::string> &args);
+// tvxctl against the peer (over LAN) or, with no peer, with the arguments as given; `env`
+// entries ("NAME=VALUE") are added to its environment.
+Outcome tvxctl(const tvxsim::ipmisim::Peer *peer, const std::vector<std::string> &args,
+               const std::vector<std::string> &env = {});
 // ipmitool -I lanplus against the peer as its first user, cipher suite 3.
 Outcome ipmitool(const tvxsim::ipmisim::Peer &peer, const std::vector<std::string> &args);
 
-// A library session (ipmiOpenSession), closed at the end of the scope.
-class LibSession {
-public:
-    LibSession() : s_(ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr)) {}
-    ~LibSession() { ipmiHelperCloseSession(&s_); }
-    LibSession(const LibSession &) = delete;
-    LibSession &operator=(const LibSession &) = delete;
-    IpmiSession *get() const { return s_; }
+// Without the blanks around it.
+inline std::string trim(const std::string &s)
+{
+    std::size_t start = s.find_first_not_of(" \t"), end = s.find_last_not_of(" \t\r");
+    return start == std::string::npos ? "" : s.substr(start, end - start + 1);
+}
 
-private:
-    IpmiSession *s_;
-};
+// What ipmitool prints as "Name : value" lines: the values of each name, those on the lines
+// after it (which hold no " : ") included.
+using Fields = std::map<std::string, std::vector<std::string>>;
+inline Fields fields(const std::string &text)
+{
+    Fields f;
+    std::istringstream in(text);
+    std::string current;
+    for (std::string line; std::getline(in, line);) {
+        std::size_t colon = line.find(" : ");
+        if (colon == std::string::npos && line.size() > 2 && line.ends_with(" :")) colon = line.size() - 2;
+        std::string value = trim(colon == std::string::npos ? line : line.substr(std::min(colon + 3, line.size())));
+        if (colon != std::string::npos) current = trim(line.substr(0, colon)), f[current];
+        if (!value.empty() && !current.empty()) f[current].push_back(value);
+    }
+    return f;
+}
 
 // Sends one raw request on a session through the platform library; returns the status and
 // stores the response bytes (completion code first).

@@ -1,162 +1,126 @@
-// The library's event log and tvxctl sel against the default machine: they read what the profile says.
+// The library's event log and tvxctl sel against the virtual controller of a small machine.
 #include <cstdlib>
-#include <set>
 
-#include "libipmi_host.h"
+#include "process.h"
 #include "sel_machine.h"
-#include "tvxctl_runner.h"
 
 namespace simsel {
 namespace {
 
-std::vector<std::string> lines(ListNode *list)
-{
-    std::vector<std::string> out;
-    for (ListNode *n = list; n; n = n->next) out.emplace_back(reinterpret_cast<const char *>(n->data));
-    freeList(&list);
-    return out;
-}
-std::string take(char *s)
-{
-    std::string out = s ? s : "(null)";
-    std::free(s);
-    return out;
-}
+using Lines = std::vector<std::string>;
 
-class Library : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        profile_ = tvxtest::readJson(std::string(TVX_MACHINES_DIR) + "/default.json");
-        profile_["sel"]["clock"] = {{"fixed", "2026-11-16T21:45:12Z"}};
-        for (const auto &rec : profile_["sel"]["records"])
-            records_.push_back(recordBytes(rec, uint16_t(records_.size() + 1)));
-    }
-    void TearDown() override
-    {
-        ipmiHelperCloseSession(&session_);
-        ipmihost_select_default();
-    }
-    // Starts the machine (afresh: from the profile, not its kept state) and opens a session.
-    void start(bool afresh = false)
-    {
-        ipmiHelperCloseSession(&session_);
-        writeFile(dir_.file("lab.json"), profile_.dump());
-        ASSERT_EQ(ipmihost_select_machine(dir_.file("lab.json").c_str(), dir_.path().c_str()), 0)
-            << ipmihost_last_error();
-        ASSERT_EQ(afresh ? ipmihost_reset_machine() : 0, 0) << ipmihost_last_error();
-        session_ = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
-        ASSERT_NE(session_, nullptr) << ipmihost_last_error();
-    }
-    const json &rec(std::size_t i) const { return profile_["sel"]["records"][i]; }
-    std::vector<std::string> expected(const char *lcid, bool reverse) const
-    {
-        std::vector<std::string> out;
-        for (std::size_t i = 0; i < records_.size(); ++i)
-            out.push_back(lcid ? textLine(profile_, rec(i), bytes3to6(records_[i]), lcid) : rawLine(records_[i]));
-        if (reverse) std::reverse(out.begin(), out.end());
-        return out;
-    }
+using tvxtest::lines;
+using tvxtest::take;
 
-    TempDir dir_;
-    json profile_;
-    std::vector<Bytes> records_; // as the log holds them
-    IpmiSession *session_ = nullptr;
-};
+const Lines kRaw = {"0001 01-Mar-2026 10:00:00 Addr:20:0, EvM:04, Sens:04:20, Trig:01, Data:52:03:05",
+                    "0002 02-Mar-2026 10:00:00 OEM: D9:7E:00, Data:01:02:03:04:05:06",
+                    "0003 -OEM-                OEM: Data:0D:0C:0B:0A-09:08:07:06-05:04:03:02-01"};
+// The first record as the log holds it.
+const Bytes kFirst = {0x01, 0x00, 0x02, 0x20, 0x0E, 0xA4, 0x69, 0x20, 0x00, 0x04, 0x04, 0x20, 0x01, 0x52, 0x03, 0x05};
+// The library drops a percent sign at the very end (the controller's own texts keep it).
+const std::string kFanEnglish = "Fan FAN1 failed (3); %3 stays, %% too, and a final ";
+const std::string kFanGerman = "01-Mar-2026 10:00:00  L\u00fcfter FAN1 ausgefallen (3) (MAJOR)";
 
-TEST_F(Library, RawLinesAndTextsAreTheProfilesRecords)
+TEST(SelLibrary, RawLinesAndTextsAreTheProfilesRecords)
 {
-    start();
-    ASSERT_GE(records_.size(), 40u);
-    EXPECT_EQ(lines(ipmiGetSelRawStrings(session_, 0)), expected(nullptr, false));
-    EXPECT_EQ(lines(ipmiGetSelRawStrings(session_, 1)), expected(nullptr, true));
-    EXPECT_EQ(lines(ipmiGetSelText(session_, 1, 0)), expected("0x0409", true));
-    std::set<std::string> severities;
-    for (std::size_t i = 0; i < records_.size(); ++i) {
-        SCOPED_TRACE(i);
-        EXPECT_EQ(take(buildSelTextString(session_, records_[i].data(), 0, 1, 1, TVX_LANG_GERMAN)),
-                  textLine(profile_, rec(i), bytes3to6(records_[i]), "0x0407"));
-        // A language the machine has no texts in reads in English.
-        EXPECT_EQ(take(buildSelTextString(session_, records_[i].data(), 0, 0, 0, 0x040C)),
-                  message(profile_, rec(i), "0x0409"));
-        severities.insert(severity(profile_, rec(i)));
-        // The short entry text and the whole entry as text, follow-ups included.
-        uint16_t id = uint16_t(i + 1);
-        SelEntryText e = getSELEntryText(session_, id);
-        EXPECT_EQ(std::string(e.text, e.length), message(profile_, rec(i), "0x0409").substr(0, 20));
-        std::string want = message(profile_, rec(i), "0x0407") + " (" + severity(profile_, rec(i)) + ")";
-        if (timestamped(rec(i))) want = timeText(bytes3to6(records_[i])) + " " + want;
-        iESLText t = ipmiGetiESLSELEntryAsText(session_, 0, id, 0x03, TVX_LANG_GERMAN, 0, 0);
-        EXPECT_EQ(take(t.text), want);
-        EXPECT_EQ(t.nextId, i + 1 < records_.size() ? id + 1 : 0xFFFF);
-    }
-    EXPECT_EQ(severities, (std::set<std::string>{"INFO", "MINOR", "MAJOR", "CRITICAL"}));
+    tvxtest::ScratchMachine m(smallMachine());
+    IpmiSession *s = m.session();
+    EXPECT_EQ(lines(ipmiGetSelRawStrings(s, 0)), kRaw);
+    EXPECT_EQ(lines(ipmiGetSelRawStrings(s, 1)), Lines(kRaw.rbegin(), kRaw.rend()));
+    // Newest first; the record without an error code has no text.
+    EXPECT_EQ(lines(ipmiGetSelText(s, 1, 0)), (Lines{"02-Mar-2026 10:00:00  OEM event (CRITICAL)",
+                                                     "01-Mar-2026 10:00:00  " + kFanEnglish + " (MAJOR)"}));
+    EXPECT_EQ(take(buildSelTextString(s, kFirst.data(), 0, 1, 1, TVX_LANG_GERMAN)), kFanGerman);
+    // A language the machine has no texts in reads in English.
+    EXPECT_EQ(take(buildSelTextString(s, kFirst.data(), 0, 0, 0, 0x040C)), kFanEnglish);
+    SelEntryText e = getSELEntryText(s, 1);
+    EXPECT_EQ(std::string(e.text, e.length), kFanEnglish.substr(0, 20));
 }
 
-TEST_F(Library, ClearingEmptiesTheLogAndWritingLabelsBySensorEvent)
+// The whole entry as text, composed by the controller: the first chunk as long as asked for
+// (0: the controller's chunk size of 8; at most 230), the rest in follow-ups.
+TEST(SelLibrary, EntryAsTextComesWholeWithItsFollowUps)
 {
-    start();
-    ASSERT_EQ(ipmiClearEventLog(session_), 1);
-    EXPECT_EQ(ipmiGetSelInfo(session_).lastEraseTime, kFixedNow);
-    EXPECT_EQ(ipmiGetSelRawStrings(session_, 0), nullptr);
-    // The default machine's labels by sensor type and offset; "{sensor}" is the sensor's name.
+    tvxtest::ScratchMachine m(smallMachine());
+    const std::string english = "Fan FAN1 failed (3); %3 stays, %% too, and a final %",
+                      german = "L\u00fcfter FAN1 ausgefallen (3)", time = "01-Mar-2026 10:00:00 ";
     const struct {
-        uint8_t type, sensor, dirType, d1, d2, d3;
-        const char *code;
-        std::vector<std::string> params;
-        const char *severity;
-    } writes[] = {
-        {0x04, 0x20, 0x01, 0x52, 0x03, 0x05, "02000101", {"{sensor}"}, "major"},
-        {0x01, 0x03, 0x01, 0x57, 86, 85, "03000101", {"{sensor}", "86", "85"}, "minor"},
-        {0x30, 0x99, 0x6F, 0x03, 0x10, 0x20, "0F000001", {"{sensor}", "0x30", "3", "3", "16", "32"}, "info"},
+        uint16_t id;
+        uint8_t form; // bit 0: the time, bit 1: the severity
+        uint16_t lang;
+        uint8_t first;
+        std::string text;
+        uint8_t firstLength; // the first chunk's bytes, its terminator included
+    } cases[] = {
+        {1, 0x03, 0x0407, 0, time + german + " (MAJOR)", 9},
+        {1, 0x02, 0x040C, 20, english + " (MAJOR)", 21}, // a language without texts gets English
+        {1, 0x01, 0x0409, 250, time + english, 74},      // all in the first chunk
+        {0x0000, 0x00, 0x0000, 3, english, 4},           // ID 0: the first
+        {1, 0x00, 0x0407, 2, german, 3},                 // the first chunk ends inside the ü
     };
-    uint16_t id = 0;
-    for (const auto &w : writes) {
-        ASSERT_EQ(ipmiWriteSelEntry(session_, w.type, w.sensor, w.dirType, w.d1, w.d2, w.d3), 1);
-        ++id;
-        std::vector<std::string> params = w.params;
-        for (auto &p : params)
-            if (p == "{sensor}") p = sensorName(profile_, w.sensor);
-        Bytes r = {uint8_t(id), uint8_t(id >> 8), 0x02,     0,         0,    0,    0,   0x20, 0x00,
-                   0x01,        w.type,           w.sensor, w.dirType, w.d1, w.d2, w.d3};
-        for (int i = 0; i < 4; ++i) r[3 + i] = uint8_t(kFixedNow >> (8 * i));
-        // The record as the controller stamped it, then its label.
-        EXPECT_EQ(lines(ipmiGetSelRawStrings(session_, 1)).at(0), rawLine(r));
-        EXPECT_EQ(take(buildSelTextString(session_, r.data(), 0, 1, 1, TVX_LANG_ENGLISH)),
-                  textLine(profile_, {{"error_code", w.code}, {"parameters", params}, {"severity", w.severity}},
-                           kFixedNow, "0x0409"));
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.text);
+        iESLText t = ipmiGetiESLSELEntryAsText(m.session(), 0, c.id, c.form, c.lang, c.first, 0);
+        // ID, record type, language, severity flags, parameters, next ID, entries; the error code.
+        const int lang = c.text.find("L\u00fc") == std::string::npos ? 0x0409 : 0x0407;
+        EXPECT_EQ(std::tuple(t.field1, t.field2, t.field3, t.byte14, t.byte15, t.nextId, t.word18, t.firstLength),
+                  std::tuple(1, 2, lang, 0x20, 2, 2, 3, c.firstLength));
+        EXPECT_EQ(Bytes(t.code, t.code + 4), (Bytes{0, 0, 0, 1}));
+        EXPECT_EQ(take(t.text), c.text);
     }
 }
 
-TEST_F(Library, ControllersThatCannotAnswerWholeRecordsAreReadInPieces)
+TEST(SelLibrary, ClearingEmptiesTheLogAndAWrittenEventIsStampedAndLabelled)
 {
-    start();
-    ipmihost_reset_request_count();
-    std::vector<std::string> whole = lines(ipmiGetSelRawStrings(session_, 0));
-    EXPECT_EQ(ipmihost_request_count(), 1 + records_.size()); // the count, then one request per record
-    profile_["sel"]["max_read_bytes"] = 8;
-    start();
-    ipmihost_reset_request_count();
-    EXPECT_EQ(lines(ipmiGetSelRawStrings(session_, 0)), whole);
-    // Per record: the refused whole read, a reservation and two halves.
-    EXPECT_EQ(ipmihost_request_count(), 1 + 4 * records_.size());
+    tvxtest::ScratchMachine m(smallMachine());
+    IpmiSession *s = m.session();
+    ASSERT_EQ(ipmiClearEventLog(s), 1);
+    EXPECT_EQ(ipmiGetSelInfo(s).lastEraseTime, kFixedNow);
+    EXPECT_EQ(ipmiGetSelRawStrings(s, 0), nullptr);
+    ASSERT_EQ(ipmiWriteSelEntry(s, 0x01, 0x03, 0x01, 0x57, 86, 85), 1);
+    EXPECT_EQ(lines(ipmiGetSelRawStrings(s, 0)),
+              Lines{"0001 16-Nov-2026 21:45:12 Addr:20:0, EvM:01, Sens:01:03, Trig:01, Data:57:56:55"});
+    EXPECT_EQ(lines(ipmiGetSelText(s, 0, 0)),
+              Lines{"16-Nov-2026 21:45:12  Temperature sensor 0x03 high: 86 over 85 (MINOR)"});
 }
 
-// tvxctl sel on the built-in default machine in an empty state directory.
-TEST_F(Library, TvxctlListsTheLogRawAndAsTexts)
+TEST(SelLibrary, ControllersThatCannotAnswerWholeRecordsAreReadInPieces)
 {
-    auto run = [&](const std::vector<std::string> &args) {
-        tvxtest::Outcome r = tvxtest::runTvxctl(TVXCTL_PATH, dir_.path(), args);
-        EXPECT_EQ(r.code, 0) << r;
-        std::vector<std::string> out;
-        std::istringstream in(r.out);
-        for (std::string line; std::getline(in, line);) out.push_back(line);
-        return out;
+    json profile = smallMachine();
+    tvxtest::ScratchMachine m(profile);
+    ipmihost_reset_request_count();
+    EXPECT_EQ(lines(ipmiGetSelRawStrings(m.session(), 0)), kRaw);
+    EXPECT_EQ(ipmihost_request_count(), 4u); // the count, then one request per record
+    profile["sel"]["max_read_bytes"] = 8;
+    m.start(profile);
+    ipmihost_reset_request_count();
+    EXPECT_EQ(lines(ipmiGetSelRawStrings(m.session(), 0)), kRaw);
+    // Per record: the refused whole read, a reservation and two halves.
+    EXPECT_EQ(ipmihost_request_count(), 1u + 4 * 3);
+}
+
+TEST(SelLibrary, TvxctlListsTheLogRawAndAsTexts)
+{
+    // The record without a text of the controller's, decoded the standard way.
+    const std::string kOemRecord = "OEM record 0xe0 0d0c0b0a090807060504030201\n";
+    TempDir dir;
+    tvxtest::writeFile(dir.file("small.json"), smallMachine().dump());
+    const struct {
+        std::vector<std::string> args;
+        std::string out;
+    } cases[] = {
+        {{"sel", "--reverse"}, kRaw[2] + "\n" + kRaw[1] + "\n" + kRaw[0] + "\n"},
+        {{"sel", "--text", "--lang", "0x0407"}, kFanGerman + "\n02-Mar-2026 10:00:00  OEM event (CRITICAL)\n" + kOemRecord},
+        {{"sel", "list", "--text", "--lang", "1036"},
+         "01-Mar-2026 10:00:00  " + kFanEnglish + " (MAJOR)\n02-Mar-2026 10:00:00  OEM event (CRITICAL)\n" + kOemRecord},
     };
-    profile_ = tvxtest::readJson(std::string(TVX_MACHINES_DIR) + "/default.json");
-    EXPECT_EQ(run({"sel", "--reverse"}), expected(nullptr, true));
-    EXPECT_EQ(run({"sel", "--text", "--lang", "0x0407"}), expected("0x0407", false));
-    EXPECT_EQ(run({"sel", "list", "--text", "--lang", "1036"}), expected("0x0409", false));
+    for (const auto &c : cases) {
+        std::vector<std::string> args = {"--machine", dir.file("small.json")};
+        args.insert(args.end(), c.args.begin(), c.args.end());
+        tvxtest::Outcome r = tvxtest::tvxctl(dir.path(), args);
+        EXPECT_EQ(r.code, 0) << r;
+        EXPECT_EQ(r.out, c.out) << r;
+    }
 }
 
 } // namespace

@@ -141,7 +141,7 @@ TEST_F(SensorGetters, EachCallSendsItsRequestsInSessionsOfItsOwn)
         SCOPED_TRACE("case " + std::to_string(i));
         ipmihost_script_reset();
         for (const Step &st : cases[i].steps)
-            expectRequest(st.request.netFnLun, st.request.command, st.request.request, st.status, st.answer);
+            expect(st.request.netFnLun, st.request.command, st.request.request, st.answer, st.status);
         EXPECT_EQ(cases[i].call(), cases[i].result);
         // Every session opened was closed, every request went out inside one.
         std::vector<const void *> open;

@@ -18,8 +18,8 @@ protected:
     {
         ScriptTest::SetUp();
         IpmiSession *s = open();
-        expectRequest(0x18, 0x42, {0x01}, 0, {0x00, 0x01, 0x04, 0x01, 0x80, 0xD9, 0x7E, 0x00, 0x00, 0x00});
-        expectRequest(0x30, 0x02, {0x01, 0x03, 0x00, 0x00}, 0, {0x00, 0x11, 10, 0, 0, 1});
+        expect(0x18, 0x42, {0x01}, {0x00, 0x01, 0x04, 0x01, 0x80, 0xD9, 0x7E, 0x00, 0x00, 0x00});
+        expect(0x30, 0x02, {0x01, 0x03, 0x00, 0x00}, {0x00, 0x11, 10, 0, 0, 1});
         EXPECT_EQ(ipmiGetSbNumber(s), 255u);
         ipmihost_script_reset(); // whether or not this process had asked before
     }
@@ -147,7 +147,7 @@ TEST_F(SensorLists, FanSpeedLimitsAreTwoNumbersOfHalfThePayload)
     };
     for (const auto &c : cases) {
         size_t from = ipmihost_script_call_count();
-        expectRequest(0xB8, 0xF5, oem({0x33, 0x21}), c.status, c.answer);
+        expect(0xB8, 0xF5, oem({0x33, 0x21}), c.answer, c.status);
         uint32_t first = 7, second = 7;
         int r = ipmiGetFanMaximumSpeed(session_, 0x21, &first, &second);
         EXPECT_EQ(std::make_tuple(r, first, second), c.result) << c.answer.size();

@@ -6,10 +6,12 @@
 
 #include <map>
 
+#include <gtest/gtest.h>
+
 #include "libipmi_host.h"
-#include "scratch.h"
+#include "machine.h"
+#include "process.h"
 #include "tvx_toipmi.h"
-#include "tvxctl_runner.h"
 
 namespace {
 
@@ -18,10 +20,7 @@ const std::string kMachines = TVX_MACHINES_DIR;
 
 class SensorMachine : public ::testing::Test {
 protected:
-    tvxtest::Outcome tvxctl(std::vector<std::string> args)
-    {
-        return tvxtest::runTvxctl(TVXCTL_PATH, dir_.path(), args);
-    }
+    tvxtest::Outcome tvxctl(std::vector<std::string> args) { return tvxtest::tvxctl(dir_.path(), args); }
     json jsonOf(std::vector<std::string> args)
     {
         args.insert(args.begin(), "--json");
@@ -102,14 +101,18 @@ TEST_F(SensorMachine, PartitionedBoardListsItsOwnSensors)
     pid_t pid = fork();
     ASSERT_GE(pid, 0);
     if (pid == 0) {
-        bool ok = ipmihost_select_machine((kMachines + "/partition-board.json").c_str(), dir_.path().c_str()) == 0;
-        IpmiSession *s = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
-        SDRInfo info{};
-        ListNode *list = nullptr;
-        ok = ok && getSDRInfo(s, &info) == 1 && ipmiGetVoltageSensors(s, &list, &info) == 2 &&
-             std::string(reinterpret_cast<char *>(list->data)) == "SB1 12V" &&
-             std::string(reinterpret_cast<char *>(list->next->data)) == "SB1 3.3V";
-        _exit(ok ? 0 : 1);
+        auto listsOwnSensors = [] { // its machine's directory goes before the child exits
+            tvxtest::ScratchMachine m(tvxtest::shippedProfile("partition-board.json"));
+            SDRInfo info{};
+            ListNode *list = nullptr;
+            bool ok = getSDRInfo(m.session(), &info) == 1 && ipmiGetVoltageSensors(m.session(), &list, &info) == 2 &&
+                      std::string(reinterpret_cast<char *>(list->data)) == "SB1 12V" &&
+                      std::string(reinterpret_cast<char *>(list->next->data)) == "SB1 3.3V";
+            freeList(&list);
+            freeSDRInfo(&info);
+            return ok;
+        };
+        _exit(listsOwnSensors() ? 0 : 1);
     }
     int status = 0;
     ASSERT_EQ(waitpid(pid, &status, 0), pid);

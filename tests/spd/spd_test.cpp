@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "decodeUtil.h"
-#include "scratch.h"
+#include "machine.h"
 #include "tvx/spd.h"
 
 namespace {

@@ -16,9 +16,9 @@
 #include "controller.h"
 #include "libipmi.h"
 #include "libipmi_host.h"
-#include "scratch.h"
+#include "machine.h"
+#include "process.h"
 #include "tvx_toipmi.h"
-#include "tvxctl_runner.h"
 
 namespace {
 
@@ -228,7 +228,7 @@ TEST(SharedState, ASetInProgressEndsWithItsProgram)
 
 class Disk : public testing::Test {
 protected:
-    tvxtest::Outcome run(const std::vector<std::string> &args) { return tvxtest::runTvxctl(TVXCTL_PATH, dir_.path(), args); }
+    tvxtest::Outcome run(const std::vector<std::string> &args) { return tvxtest::tvxctl(dir_.path(), args); }
     // tvxctl with files limited to `blocks` (of 512 or 1024 bytes, as the shell counts them):
     // a write beyond fails as on a full disk.
     tvxtest::Outcome runLimited(long blocks, std::vector<std::string> args)
@@ -236,7 +236,8 @@ protected:
         args.insert(args.begin(), TVXCTL_PATH);
         args.insert(args.begin(), tvxtest::kEmulator.begin(), tvxtest::kEmulator.end());
         args.insert(args.begin(), {"/bin/sh", "-c", "trap '' XFSZ; ulimit -f " + std::to_string(blocks) + "; exec \"$0\" \"$@\""});
-        return tvxtest::runCommand(std::move(args), dir_.path());
+        return tvxtest::run(args, {"HOME=" + dir_.path() + "/home", "TVX_IPMI_STATE_DIR=" + dir_.path() + "/state"},
+                            {"TVX_IPMI_", "XDG_STATE_HOME="});
     }
     std::string statePath() const { return dir_.file("state/default.state.json"); }
     tvxtest::TempDir dir_;

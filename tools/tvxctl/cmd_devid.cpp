@@ -29,7 +29,7 @@ int cmdDevid(const Options &opt, const std::vector<std::string> &args)
     IpmiDeviceId id = ipmiGetDeviceId(session.get());
     IpmiDeviceId zero;
     std::memset(&zero, 0, sizeof zero);
-    if (std::memcmp(&id, &zero, sizeof id) == 0) throw Failure{kExitFailed, "the controller's identity could not be read"};
+    if (std::memcmp(&id, &zero, sizeof id) == 0) throw session.failed("the controller's identity could not be read");
 
     std::string firmware = std::to_string(id.firmwareRevision1 & 0x7F) + "." + bcdMinor(id.firmwareRevision2);
     std::string ipmi = std::to_string(id.ipmiVersion & 0x0F) + "." + std::to_string((id.ipmiVersion >> 4) & 0x0F);

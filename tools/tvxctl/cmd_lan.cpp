@@ -57,6 +57,7 @@ int cmdLan(const Options &opt, const std::vector<std::string> &args)
     IpmiSession *s = session.get();
     if (args.empty() || (args.size() == 1 && args[0] == "show")) {
         unsigned channel = getChannel(s);
+        if (channel == 0 && !session.whyFailed().empty()) throw session.failed("cannot find the LAN channel");
         if (channel == 0) throw Failure{kExitFailed, "the controller has no 802.3 LAN channel"};
         Freed ip{ipmiGetIpAddress(s)}, mask{ipmiGetNetMask(s)}, gw{ipmiGetDefaultGateway(s)}, mac{ipmiGetMacAddress(s)};
         int source = ipmiGetAddressSource(s);
@@ -97,7 +98,7 @@ int cmdLan(const Options &opt, const std::vector<std::string> &args)
         } else {
             throw Failure{kExitUsage, "unknown LAN setting \"" + what + "\" (ip, netmask, gateway, mac, source)"};
         }
-        if (!ok) throw Failure{kExitFailed, "the controller refused the " + what + " setting"};
+        if (!ok) throw session.failed("the " + what + " setting was not stored");
         if (opt.json) printJson({{"set", what}, {"value", value}});
         else std::cout << "Set " << what << " to " << value << "\n";
         return kExitOk;

@@ -276,4 +276,6 @@ int cmdMemory(const Options &opt, const std::vector<std::string> &args)
     throw Failure{kExitUsage, "usage: tvxctl memory [spd SLOT]"};
 }
 
+const char *memoryStatusMeaning(uint32_t code) { return statusMeaning(code); }
+
 } // namespace tvxctl

@@ -8,6 +8,7 @@
 
 #include "cli.h"
 #include "libipmi.h"
+#include "tvx/ipmi.h"
 #include "tvx/records.h"
 
 namespace tvxctl {
@@ -48,10 +49,45 @@ struct Row {
     std::string status;
     int raw = -1;
     int stateBits = -1;
+    std::string error; // why the sensor could not be read
 };
 
+// Reads a sensor from its owner, as ipmiGetSensorReading reads the controller's own: the
+// reading and state bits; false when the reading is unavailable while the sensor scans, or
+// the sensor could not be read (`error` says why then). The controller's own sensors on LUN
+// 0 are read through the library; the others (another LUN, another controller) through the
+// platform, which asks the owner the record names, bridged to another controller.
+bool readSensor(const Session &session, wire::View rec, uint8_t &raw, uint16_t &state, std::string &error)
+{
+    const uint8_t number = field(rec, sdr::kSensorNumber);
+    const uint8_t owner = field(rec, sdr::kOwnerId), ownerLun = field(rec, sdr::kOwnerLun);
+    if (owner == tvx::ipmb::kBmcAddress && ownerLun == 0) {
+        if (ipmiGetSensorReading(session.get(), number, &raw, &state)) return true;
+        error = session.whyFailed();
+        return false;
+    }
+    if (wire::bits(owner, 0, 1)) {
+        error = "owned by system software (ID " + hexByte(owner) + "), not by a controller";
+        return false;
+    }
+    SensorReadingRequest request{number, owner, ownerLun};
+    SensorReadingResponse response{};
+    if (IPMICMD_GetSensorReading(session.get(), &request, &response, 60) != 0) {
+        error = session.whyFailed();
+        return false;
+    }
+    if (response.flags & tvx::sensor_reading::kUnavailable) {
+        raw = 0;
+        state = 0;
+        return !(response.flags & tvx::sensor_reading::kScanningEnabled);
+    }
+    raw = response.reading;
+    state = static_cast<uint16_t>((response.state0_7 | response.state8_14 << 8) & 0x7FFF);
+    return true;
+}
+
 // One record, from the bytes of its slot: every field is read within them.
-Row describe(IpmiSession *session, wire::View rec)
+Row describe(const Session &session, wire::View rec)
 {
     Row r;
     r.recordId = rec.get(sdr::kRecordId, uint16_t{0});
@@ -84,10 +120,10 @@ Row describe(IpmiSession *session, wire::View rec)
     r.typeName = ipmiSdrGetSensorTypeDesc(static_cast<uint32_t>(r.sensorType));
     uint8_t raw = 0;
     uint16_t state = 0;
-    if (!ipmiGetSensorReading(session, number, &raw, &state)) {
-        // Unavailable, or no answer the library could use: no reading either way.
+    if (!readSensor(session, rec, raw, state, r.error)) {
+        // Not read: refused or unanswered (the reason goes with it), or reading unavailable.
         r.reading = "no reading";
-        r.status = "unavailable";
+        r.status = r.error.empty() ? "unavailable" : "not readable";
         return r;
     }
     r.raw = raw;
@@ -130,10 +166,10 @@ int cmdSdr(const Options &opt, const std::vector<std::string> &args)
     Session session;
     SDRInfo info;
     std::memset(&info, 0, sizeof info);
-    if (!getSDRInfo(session.get(), &info)) throw Failure{kExitFailed, "cannot read the SDR repository"};
+    if (!getSDRInfo(session.get(), &info)) throw session.failed("cannot read the SDR repository");
     std::vector<Row> rows;
     for (uint32_t i = 0; i < info.count; ++i)
-        rows.push_back(describe(session.get(), wire::View(getSdrByIndex(i, &info), info.recordSize)));
+        rows.push_back(describe(session, wire::View(getSdrByIndex(i, &info), info.recordSize)));
     freeSDRInfo(&info);
 
     if (opt.json) {
@@ -153,6 +189,7 @@ int cmdSdr(const Options &opt, const std::vector<std::string> &args)
             j["state_bits"] = r.stateBits >= 0 ? Json(r.stateBits) : Json(nullptr);
             j["reading"] = r.reading;
             j["status"] = r.status;
+            if (!r.error.empty()) j["error"] = r.error;
             out.push_back(j);
         }
         printJson(out);

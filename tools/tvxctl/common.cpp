@@ -21,6 +21,26 @@ Session::Session()
     }
 }
 
+std::string Session::whyFailed() const
+{
+    ipmihost_request_outcome last;
+    if (ipmihost_last_request(session_, &last) != 0 || last.status == 0) return "";
+    const std::string request = "NetFn " + hexByte(last.netFn) + " command " + hexByte(last.command) +
+                                (last.address ? " for the controller at " + hexByte(last.address) : "");
+    // Send Message's own code for a message no device on the bus took.
+    if (last.address && last.status == LIBIPMI_STATUS_COMPLETION_CODE(tvx::send_message::kNakOnWrite))
+        return request + ": no controller answers at that address (completion code 0x83, NAK on write)";
+    if (LIBIPMI_STATUS_IS_COMPLETION_CODE(last.status))
+        return "the controller refused the request (" + request + "): " + statusText(last.status);
+    return request + ": " + statusText(last.status);
+}
+
+Failure Session::failed(const std::string &what) const
+{
+    const std::string why = whyFailed();
+    return Failure{kExitFailed, why.empty() ? what : what + ": " + why};
+}
+
 bool parseNumber(const std::string &text, unsigned long max, unsigned long &out)
 {
     if (text.empty() || text[0] == '-' || text[0] == '+' || std::isspace(static_cast<unsigned char>(text[0])))

@@ -1,5 +1,5 @@
-// Sensor records for a hand-made SDR cache: the bytes the sensor lists and getters read, at
-// their named positions, in slots of 64 bytes.
+// Records for a hand-made SDR cache: the bytes the lookups, sensor lists and getters read, at
+// their named positions, in slots of 64 bytes (or another size).
 #pragma once
 
 #include <algorithm>
@@ -60,6 +60,7 @@ struct Cache {
             std::copy_n(records[i].begin(), std::min<size_t>(slot, records[i].size()), bytes.begin() + i * slot);
     }
     SDRInfo *get() { return &info; }
+    uint8_t *slot(size_t i) { return bytes.data() + i * info.recordSize; }
 };
 
 // Get Sensor Reading answers: a threshold sensor's reading and comparison bits, a discrete
@@ -73,9 +74,6 @@ inline Bytes discreteAnswer(uint16_t states)
     return {0x00, 0x00, 0xC0, static_cast<uint8_t>(states), static_cast<uint8_t>(0x80 | states >> 8)};
 }
 inline const Bytes kUnavailable = {0x00, 0x00, 0xE0, 0xC0};
-inline void expectReading(uint8_t number, const Bytes &answer) { expectRequest(0x10, 0x2D, {number}, 0, answer); }
-inline void expectNoReading(uint8_t number) { expectRequest(0x10, 0x2D, {number}, 0x01CB, {0xCB}); }
-inline void expectPower(bool on)
-{
-    expectRequest(0x00, 0x01, {}, 0, {0x00, static_cast<uint8_t>(on ? 0x01 : 0x00), 0x00, 0x00});
-}
+inline void expectReading(uint8_t number, const Bytes &answer) { expect(0x10, 0x2D, {number}, answer); }
+inline void expectNoReading(uint8_t number) { expect(0x10, 0x2D, {number}, {0xCB}, 0x01CB); }
+inline void expectPower(bool on) { expect(0x00, 0x01, {}, {0x00, static_cast<uint8_t>(on ? 0x01 : 0x00), 0x00, 0x00}); }

@@ -1,0 +1,144 @@
+// A controller with a satellite controller on its IPMB, as tvxctl sees it in-process: sensors
+// read from their owner (another LUN, the satellite through Send Message and Get Message) or
+// shown as not readable, FRU devices read from their own controller, and what a controller
+// without optional commands or the vendor's texts still shows.
+#include <map>
+
+#include <gtest/gtest.h>
+
+#include "machine.h"
+#include "process.h"
+
+using nlohmann::json;
+
+namespace {
+
+// The BMC and the satellite both have a sensor 0x30; the BMC a second one on LUN 1; two
+// sensors have owners that cannot be asked (no controller at 0x2E, system software 0x41).
+const json kMachine = json::parse(R"({
+  "controller": {"firmware_revision": "1.00", "manufacturer_id": 32473, "product_id": 1,
+                 "additional_device_support": ["sensor", "sdr_repository", "sel", "fru_inventory"]},
+  "sensors": [
+    {"record": "full", "number": "0x30", "name": "BMC Temp", "entity": "0x07", "instance": 1,
+     "type": "0x01", "event_reading_type": "0x01", "units": {"base": 1}, "reading": 40},
+    {"record": "full", "number": "0x30", "owner": "0x2C", "name": "PSU Temp", "entity": "0x0A", "instance": 1,
+     "type": "0x01", "event_reading_type": "0x01", "units": {"base": 1}, "reading": 51},
+    {"record": "full", "number": "0x30", "lun": 1, "name": "LUN1 Temp", "entity": "0x07", "instance": 2,
+     "type": "0x01", "event_reading_type": "0x01", "units": {"base": 1}, "reading": 33},
+    {"record": "compact", "number": "0x31", "owner": "0x2C", "name": "PSU Status", "entity": "0x0A", "instance": 1,
+     "type": "0x08", "event_reading_type": "0x6F", "state": "0x0003"},
+    {"record": "compact", "number": "0x32", "owner": "0x2E", "name": "Gone", "entity": "0x0A", "instance": 2,
+     "type": "0x08", "event_reading_type": "0x6F"},
+    {"record": "compact", "number": "0x33", "owner": "0x41", "name": "BIOS", "entity": "0x22", "instance": 1,
+     "type": "0x0F", "event_reading_type": "0x6F"}
+  ],
+  "mc_locators": [{"name": "PSU MC", "address": "0x2C", "entity": "0x0A", "instance": 1, "capabilities": "0x09"}],
+  "satellites": [{"address": "0x2C",
+                  "controller": {"firmware_revision": "0.07", "manufacturer_id": 4660, "product_id": 2,
+                                 "additional_device_support": ["sensor", "fru_inventory"]},
+                  "fru": [{"fru_id": 0, "board": {"manufacturer": "PowerCo", "product_name": "PSU 800W",
+                                                  "serial_number": "PS0001", "part_number": "P-800"}}]}],
+  "fru": [{"fru_id": 0, "board": {"manufacturer": "Acme", "product_name": "Mainboard",
+                                  "serial_number": "MB0001", "part_number": "M-1"}}],
+  "sel": {"records": [
+    {"type": "system", "time": 100, "sensor_type": "0x01", "sensor": "0x30", "event_type": "0x01",
+     "data": "59 00 55"},
+    {"type": "system", "time": 4294967295, "sensor_type": "0x08", "sensor": "0x31", "event_type": "0x6F",
+     "direction": "deassertion", "data": "01 ff ff"}
+  ]}
+})");
+
+class Satellite : public testing::Test {
+protected:
+    // tvxctl against the machine, with these faults.
+    tvxtest::Outcome exec(const std::vector<std::string> &args, const json &faults = json::array())
+    {
+        json machine = kMachine;
+        machine["faults"] = faults;
+        tvxtest::writeFile(scratch_.file("machine.json"), machine.dump());
+        std::vector<std::string> all = {"--machine", scratch_.file("machine.json")};
+        all.insert(all.end(), args.begin(), args.end());
+        return tvxtest::tvxctl(scratch_.path(), all);
+    }
+    // The same with --json, succeeding; the parsed output.
+    json run(std::vector<std::string> args, const json &faults = json::array())
+    {
+        args.insert(args.begin(), "--json");
+        tvxtest::Outcome r = exec(args, faults);
+        EXPECT_EQ(r.code, 0) << r;
+        return r.code == 0 ? json::parse(r.out) : json();
+    }
+    static json refuse(const char *netFn, const char *command)
+    {
+        return {{"netfn", netFn}, {"command", command}, {"kind", "completion_code"}, {"value", "0xC1"}};
+    }
+    tvxtest::TempDir scratch_;
+};
+
+TEST_F(Satellite, SensorsAreReadFromTheirOwnerOrShownNotReadable)
+{
+    const json sdr = run({"sdr"});
+    std::map<std::string, json> byName;
+    for (const json &row : sdr) byName[row["name"]] = row;
+    EXPECT_EQ(byName["BMC Temp"]["raw"], 40);
+    EXPECT_EQ(byName["PSU Temp"]["raw"], 51);
+    EXPECT_EQ(byName["LUN1 Temp"]["raw"], 33);
+    EXPECT_EQ(byName["PSU Status"]["state_bits"], 3);
+    for (const char *name : {"Gone", "BIOS"}) {
+        EXPECT_EQ(byName[name]["status"], "not readable") << name;
+        EXPECT_EQ(byName[name]["raw"], nullptr) << name;
+    }
+    EXPECT_NE(byName["Gone"]["error"].get<std::string>().find("0x83"), std::string::npos) << byName["Gone"];
+    // Without Get SDR Repository Allocation Info the same repository, slot size derived.
+    EXPECT_EQ(run({"sdr"}, json::array({refuse("0x0A", "0x21")})), sdr);
+}
+
+TEST_F(Satellite, FruDevicesOfEveryControllerAndOneWithoutTheRepository)
+{
+    const json all = run({"fru"});
+    ASSERT_EQ(all.size(), 2u) << all.dump(1);
+    EXPECT_EQ(all[0]["name"], "Builtin FRU Device"); // no locator: Get Device ID says it is there
+    EXPECT_EQ(all[0]["board"]["product_name"], "Mainboard");
+    EXPECT_EQ(all[1]["name"], "PSU MC");
+    EXPECT_EQ(all[1]["controller"]["address"], 0x2C);
+    EXPECT_EQ(all[1]["board"]["serial_number"], "PS0001");
+    // One device needs no repository, even where the repository cannot be read.
+    const json one = run({"fru", "0"}, {refuse("0x0A", "0x22"), refuse("0x0A", "0x23")});
+    EXPECT_EQ(one[0]["board"], all[0]["board"]);
+}
+
+TEST_F(Satellite, EventsWithoutVendorTextsAreDecodedTheStandardWay)
+{
+    const json texts = run({"sel", "--text"});
+    ASSERT_EQ(texts.size(), 2u) << texts.dump(1);
+    const struct {
+        const char *time, *type, *event, *direction;
+    } want[] = {{"Pre-Init 0000000100", "Temperature", "Upper Critical going high", "Asserted"},
+                {"Unspecified", "Power Supply", "Failure detected", "Deasserted"}};
+    for (std::size_t i = 0; i < 2; ++i) {
+        EXPECT_EQ(texts[i]["source"], "standard");
+        EXPECT_EQ(texts[i]["time"], want[i].time);
+        EXPECT_EQ(texts[i]["sensor_type_name"], want[i].type);
+        EXPECT_EQ(texts[i]["event"], want[i].event);
+        EXPECT_EQ(texts[i]["direction"], want[i].direction);
+    }
+    // The record tvxctl adds carries event message revision 0x04.
+    const json added = run({"sel", "add", "0x01", "0x30", "0x01", "0x52", "0x10", "0x20"});
+    const json raw = run({"sel"});
+    ASSERT_EQ(raw.size(), 3u);
+    EXPECT_EQ(raw[2]["record_id"], added["record_id"]);
+    EXPECT_EQ(raw[2]["bytes"][9], 0x04);
+}
+
+TEST_F(Satellite, RefusedRequestsAreNamed)
+{
+    const json refused = {refuse("0x2E", "0xF5"), refuse("0x00", "0x01")};
+    for (const auto &args : std::vector<std::vector<std::string>>{{"led"}, {"power"}}) {
+        tvxtest::Outcome r = exec(args, refused);
+        EXPECT_EQ(r.code, 1) << r;
+        EXPECT_EQ(r.out, "") << r;
+        EXPECT_NE(r.err.find("completion code 0xc1 (Invalid command)"), std::string::npos) << r;
+    }
+}
+
+} // namespace

@@ -1,0 +1,390 @@
+// tvx-snmp-agent as an administrator runs it: a real snmpd master on a free loopback port with
+// the AgentX socket in a scratch directory, snmptrapd as the trap sink, and the net-snmp tools
+// as the manager. Every process the test starts it stops by its PID.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <fcntl.h>
+#include <filesystem>
+#include <map>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "machine.h"
+#include "process.h"
+
+extern char **environ;
+
+namespace {
+
+using nlohmann::json;
+using namespace std::chrono_literals;
+using tvxtest::Outcome;
+
+const std::string kBase = ".1.3.6.1.4.1.32473.1";
+const std::string kObjects = kBase + ".1";
+const std::string kCommunity = "public", kWriteCommunity = "private";
+const std::string kUser = "tvxv3", kAuth = "tvx-auth-secret", kPriv = "tvx-priv-secret";
+
+uint16_t freeUdpPort()
+{
+    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a);
+    getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
+    close(fd);
+    return ntohs(a.sin_port);
+}
+
+// A daemon of the test, stopped by its PID (SIGTERM, then SIGKILL after 10 s).
+class Process {
+public:
+    Process() = default;
+    Process(std::vector<std::string> args, const std::vector<std::string> &env, const std::string &log)
+    {
+        std::vector<char *> argv, envp;
+        for (auto &a : args) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        std::vector<std::string> e(env);
+        for (char **p = environ; *p; ++p) e.push_back(*p);
+        for (auto &x : e) envp.push_back(x.data());
+        envp.push_back(nullptr);
+        posix_spawn_file_actions_t fa;
+        posix_spawn_file_actions_init(&fa);
+        posix_spawn_file_actions_addopen(&fa, 1, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        posix_spawn_file_actions_adddup2(&fa, 1, 2);
+        if (posix_spawn(&pid_, args[0].c_str(), &fa, nullptr, argv.data(), envp.data()) != 0) pid_ = -1;
+        posix_spawn_file_actions_destroy(&fa);
+    }
+    ~Process() { stop(); }
+    Process(Process &&o) noexcept : pid_(std::exchange(o.pid_, -1)) {}
+    Process &operator=(Process &&o) noexcept
+    {
+        stop();
+        pid_ = std::exchange(o.pid_, -1);
+        return *this;
+    }
+    bool running() const { return pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == 0; }
+    // The exit status after SIGTERM (128 + signal when killed).
+    int stop()
+    {
+        if (pid_ <= 0) return -1;
+        kill(pid_, SIGTERM);
+        int status = 0;
+        for (int i = 0; i < 100 && waitpid(pid_, &status, WNOHANG) == 0; ++i) {
+            std::this_thread::sleep_for(100ms);
+            if (i == 99) {
+                kill(pid_, SIGKILL);
+                waitpid(pid_, &status, 0);
+            }
+        }
+        pid_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+
+private:
+    pid_t pid_ = -1;
+};
+
+// snmpd + snmptrapd + tvx-snmp-agent on one machine profile.
+class Stack {
+public:
+    explicit Stack(const json &profile)
+    {
+        tvxtest::writeFile(dir_.file("machine.json"), profile.dump());
+        port_ = freeUdpPort();
+        trapPort_ = freeUdpPort();
+        std::filesystem::create_directories(dir_.file("persist"));
+        std::filesystem::create_directories(dir_.file("home"));
+        tvxtest::writeFile(dir_.file("snmpd.conf"),
+                           "agentaddress udp:127.0.0.1:" + std::to_string(port_) +
+                               "\nmaster agentx\nagentXSocket " + agentx() + "\nagentXTimeout 5\n" +
+                               "rocommunity " + kCommunity + " 127.0.0.1\n" + "rwcommunity " + kWriteCommunity +
+                               " 127.0.0.1 " + kBase + "\n" + "createUser " + kUser + " SHA " + kAuth + " AES " +
+                               kPriv + "\nrouser " + kUser + " priv\n" + "trap2sink 127.0.0.1:" +
+                               std::to_string(trapPort_) + " " + kCommunity + "\n");
+        tvxtest::writeFile(dir_.file("snmptrapd.conf"), "disableAuthorization yes\n");
+        startMaster();
+        traps_ = Process({SNMPTRAPD_PATH, "-f", "-C", "-c", dir_.file("snmptrapd.conf"), "-On", "-Lf",
+                          dir_.file("traps.log"), "udp:127.0.0.1:" + std::to_string(trapPort_)},
+                         env(), dir_.file("snmptrapd.out"));
+        agent_ = Process({TVX_AGENT_PATH, "-f", "-Lf", dir_.file("agent.log"), "-x", agentx(), "-I", "1", "--machine",
+                          dir_.file("machine.json"), "--state", dir_.file("state")},
+                         env(), dir_.file("agent.out"));
+    }
+
+    void startMaster()
+    {
+        master_ = Process({SNMPD_PATH, "-f", "-C", "-c", dir_.file("snmpd.conf"), "-Lf", dir_.file("snmpd.log"),
+                           "-I", "-smux,mteTrigger,mteTriggerConf,hr_system,hr_storage,hr_disk,hr_filesys"},
+                          env(), dir_.file("snmpd.out"));
+    }
+    Process &master() { return master_; }
+    Process &agent() { return agent_; }
+
+    // A net-snmp tool against the master, SNMPv2c unless told otherwise: its options, then
+    // the master's address, then the operands (the words from the first that is not an option).
+    Outcome tool(const std::string &name, const std::vector<std::string> &words, bool v3 = false)
+    {
+        std::vector<std::string> args = {"-v2c", "-c", name == "snmpset" ? kWriteCommunity : kCommunity};
+        if (v3) args = {"-v3", "-l", "authPriv", "-u", kUser, "-a", "SHA", "-A", kAuth, "-x", "AES", "-X", kPriv};
+        args.insert(args.end(), {"-r", "1", "-t", "3"});
+        // Options that take a value ("-m X", "-M X", "-Cf X") keep it.
+        std::size_t i = 0;
+        for (; i < words.size() && words[i][0] == '-'; ++i) {
+            args.push_back(words[i]);
+            if ((words[i] == "-m" || words[i] == "-M" || words[i] == "-Cf") && i + 1 < words.size())
+                args.push_back(words[++i]);
+        }
+        args.push_back("127.0.0.1:" + std::to_string(port_));
+        args.insert(args.end(), words.begin() + static_cast<long>(i), words.end());
+        return tvxtest::runAs(std::string(SNMP_BIN_DIR) + "/" + name, dir_.path(), args, env());
+    }
+
+    // The subtree as numeric OID -> value (strings without their quotes).
+    std::map<std::string, std::string> walk(bool v3 = false)
+    {
+        std::map<std::string, std::string> out;
+        Outcome r = tool("snmpbulkwalk", {"-On", "-Oq", "-Oe", "-Ot", kObjects}, v3);
+        EXPECT_EQ(r.code, 0) << r;
+        std::istringstream lines(r.out);
+        for (std::string line; std::getline(lines, line);) {
+            const auto space = line.find(' ');
+            if (space == std::string::npos) continue;
+            std::string value = line.substr(space + 1);
+            if (value.size() >= 2 && value.front() == '"' && value.back() == '"') value = value.substr(1, value.size() - 2);
+            out[line.substr(0, space)] = value;
+        }
+        return out;
+    }
+
+    // Waits until the master serves the subagent's objects (true), for at most 30 s.
+    bool waitServed(const std::string &object = kObjects + ".3")
+    {
+        for (int i = 0; i < 300; ++i) {
+            Outcome r = tool("snmpgetnext", {"-On", object});
+            if (r.code == 0 && r.out.rfind(object + ".", 0) == 0) return true;
+            std::this_thread::sleep_for(100ms);
+        }
+        return false;
+    }
+
+    Outcome tvxctl(std::vector<std::string> args)
+    {
+        args.insert(args.begin(), {"--machine", dir_.file("machine.json"), "--state", dir_.file("state"), "--json"});
+        return tvxtest::tvxctl(dir_.path(), args);
+    }
+
+    std::string file(const std::string &name) const { return tvxtest::readFile(dir_.file(name)); }
+    std::string logs() const
+    {
+        return "--- agent.log\n" + file("agent.log") + file("agent.out") + "--- snmpd.log\n" + file("snmpd.log");
+    }
+
+private:
+    std::vector<std::string> env() const
+    {
+        return {"SNMP_PERSISTENT_DIR=" + dir_.file("persist"), "SNMPCONFPATH=" + dir_.file("conf"), "MIBS=",
+                "HOME=" + dir_.file("home")};
+    }
+    std::string agentx() const { return "unix:" + dir_.file("agentx.sock"); }
+
+    tvxtest::TempDir dir_;
+    uint16_t port_ = 0, trapPort_ = 0;
+    Process master_, traps_, agent_;
+};
+
+json defaultProfile() { return tvxtest::readJson(std::string(TVX_MACHINES_DIR) + "/default.json"); }
+
+std::string column(const std::string &table, int column, long index)
+{
+    return kObjects + "." + table + ".1." + std::to_string(column) + "." + std::to_string(index);
+}
+
+// Rows of a table in the walk: the distinct indexes of its first accessible column.
+size_t rows(const std::map<std::string, std::string> &walked, const std::string &table, int firstColumn)
+{
+    const std::string prefix = kObjects + "." + table + ".1." + std::to_string(firstColumn) + ".";
+    size_t n = 0;
+    for (const auto &[oid, value] : walked) n += oid.rfind(prefix, 0) == 0;
+    return n;
+}
+
+// tvxctl agent sensors' result of one getter call for a sensor.
+long result(const json &sensor, const std::string &callPrefix)
+{
+    for (auto it = sensor.at("results").begin(); it != sensor.at("results").end(); ++it)
+        if (it.key().rfind(callPrefix, 0) == 0) return it.value().at("value").get<long>();
+    ADD_FAILURE() << "no result " << callPrefix << " in " << sensor.dump();
+    return -999999;
+}
+
+} // namespace
+
+// Every sensor table has one row per sensor that tvxctl's agent pass publishes, with the same
+// name and getter results; processors and memory modules match tvxctl cpu and memory; SNMPv3
+// authPriv reads what SNMPv2c reads; snmptable names the columns from the MIB.
+TEST(Agent, ServesWhatTheLibraryReports)
+{
+    Stack stack(defaultProfile());
+    ASSERT_TRUE(stack.waitServed()) << stack.logs();
+    const auto walked = stack.walk();
+
+    struct Columns {
+        const char *cls, *table;
+        bool byOrdinal;
+        std::vector<std::pair<int, const char *>> getters; // column, tvxctl's getter call
+    };
+    const Columns kSensorTables[] = {
+        {"temperature", "3", false,
+         {{3, "getTemperatureSensorStatus(n, info)"}, {4, "getTemperatureCurrentValue(n, info)"},
+          {5, "getTemperatureThresholdLevel(n, info, 0)"}, {6, "getTemperatureThresholdLevel(n, info, 1)"}}},
+        {"fan", "4", false,
+         {{3, "getFanStatus(n, info)"}, {4, "getFanCurrentSpeed(n, info)"}, {5, "getFanQuality(n, info)"},
+          {6, "getNormalMax(n, 0x04, info)"}}},
+        {"voltage", "5", false,
+         {{3, "getVoltStatus(n, info)"}, {4, "getVoltCurrentValue(n, info)"}, {5, "getVoltNominalValue(n, 0x02, info)"},
+          {6, "getVoltThresholds(n, 0x02, info, 0)"}, {7, "getVoltThresholds(n, 0x02, info, 1)"}}},
+        {"current", "6", false,
+         {{3, "getCurrentSensorsStatus(n, 0x03, info)"}, {4, "getCurrentValue(n, 0x03, info)"},
+          {5, "getNormalMax(n, 0x03, info)"}}},
+        {"power supply", "7", true,
+         {{4, "getPowerSupplyStatus(n, info)"}, {5, "getPowerSupplyLoad(k, info)"},
+          {6, "getPowerSupplyNominal(n, k, info)"}}},
+    };
+    const Outcome sensors = stack.tvxctl({"agent", "sensors"});
+    ASSERT_EQ(sensors.code, 0) << sensors;
+    const json published = json::parse(sensors.out);
+    for (const Columns &t : kSensorTables) {
+        SCOPED_TRACE(t.cls);
+        size_t expected = 0;
+        for (const json &s : published) {
+            if (s.at("class") != t.cls) continue;
+            ++expected;
+            const long index = t.byOrdinal ? s.at("power_supply").get<long>() : s.at("sensor_number").get<long>();
+            EXPECT_EQ(walked.at(column(t.table, 2, index)), s.at("name").get<std::string>());
+            for (const auto &[col, call] : t.getters)
+                EXPECT_EQ(walked.at(column(t.table, col, index)), std::to_string(s.at("getters").at(call).get<long>()))
+                    << call << " of " << s.at("name");
+        }
+        EXPECT_GT(expected, 0u);
+        EXPECT_EQ(rows(walked, t.table, 2), expected);
+    }
+
+    const Outcome cpu = stack.tvxctl({"cpu"});
+    ASSERT_EQ(cpu.code, 0) << cpu;
+    const json sockets = json::parse(cpu.out);
+    ASSERT_FALSE(sockets.empty());
+    EXPECT_EQ(rows(walked, "8", 2), sockets.size());
+    for (const json &s : sockets) {
+        const long i = s.at("socket").get<long>() + 1;
+        const auto orMinusOne = [](const json &v) { return v.is_null() ? std::string("-1") : v.dump(); };
+        const std::vector<std::pair<int, std::string>> expected = {
+            {2, s.at("name").get<std::string>()},
+            {3, s.at("sensor").dump()},
+            {4, s.at("status").dump()},
+            {5, s.at("manufacturer").get<std::string>()},
+            {6, s.at("model").is_null() ? "" : s.at("model").get<std::string>()},
+            {7, s.at("stepping").dump()},
+            {8, s.at("family").dump()},
+            {9, orMinusOne(s.at("current_speed"))},
+            {10, s.at("cache").at("l1").dump()},
+            {13, s.at("cores").dump()},
+            {15, orMinusOne(s.at("logical_processors"))},
+            {16, s.at("multithreading").dump()}};
+        for (const auto &[col, value] : expected) EXPECT_EQ(walked.at(column("8", col, i)), value) << "cpu column " << col;
+    }
+
+    const Outcome memory = stack.tvxctl({"memory"});
+    ASSERT_EQ(memory.code, 0) << memory;
+    const json modules = json::parse(memory.out).at("modules");
+    EXPECT_EQ(rows(walked, "9", 3), modules.size());
+    for (const json &m : modules) {
+        const long i = m.at("module").get<long>() + 1;
+        const auto text = [](const json &v) { return v.is_null() ? std::string() : v.get<std::string>(); };
+        const auto number = [](const json &v) { return v.is_null() ? std::string("-1") : v.dump(); };
+        const std::vector<std::pair<int, std::string>> expected = {
+            {2, text(m.at("name"))},        {3, m.at("status").dump()},       {4, number(m.at("capacity_mb"))},
+            {5, number(m.at("frequency"))}, {6, number(m.at("max_speed_mts"))}, {7, m.at("approval").dump()},
+            {8, m.at("config").dump()},     {9, text(m.at("form"))},          {10, text(m.at("type"))},
+            {11, text(m.at("voltage_interface"))}};
+        for (const auto &[col, value] : expected) EXPECT_EQ(walked.at(column("9", col, i)), value) << "memory column " << col;
+    }
+
+    const auto secure = stack.walk(true);
+    EXPECT_EQ(secure, walked);
+
+    const Outcome table = stack.tool("snmptable", {"-m", "TVX-HARDWARE-MIB", "-M", std::string(TVX_MIB_DIR) + ":" + TVX_SMI_BASE,
+                                                   "-Cf", "|", "tvxHwFanTable"});
+    ASSERT_EQ(table.code, 0) << table;
+    EXPECT_NE(table.out.find("tvxHwFanName|tvxHwFanStatus|tvxHwFanSpeed|tvxHwFanQuality|tvxHwFanMaxSpeed"),
+              std::string::npos)
+        << table.out;
+    EXPECT_NE(table.out.find("FAN1|"), std::string::npos) << table.out;
+}
+
+// A fan below its lower critical speed shows as failed in its row, and as critical in the
+// fan class and overall status.
+TEST(Agent, FailedFanIsCritical)
+{
+    json profile = defaultProfile();
+    for (json &s : profile.at("sensors"))
+        if (s.value("name", "") == "FAN2") s["reading"] = 3; // 300 RPM: below lower critical (500)
+    Stack stack(profile);
+    ASSERT_TRUE(stack.waitServed()) << stack.logs();
+    const auto walked = stack.walk();
+    constexpr long kFan2 = 0x21;
+    EXPECT_EQ(walked.at(column("4", 3, kFan2)), "4"); // failed(4)
+    EXPECT_EQ(walked.at(column("4", 4, kFan2)), "300");
+    EXPECT_EQ(walked.at(column("4", 3, 0x20)), "3"); // FAN1 stays ok(3)
+    EXPECT_EQ(walked.at(kObjects + ".2.3.0"), "3");   // tvxHwStatusFans critical(3)
+    EXPECT_EQ(walked.at(kObjects + ".2.1.0"), "3");   // tvxHwStatusOverall critical(3)
+}
+
+// Setting the test-alert control makes the controller send its alert and the agent send
+// tvxHwTestTrap (with the outcome) to snmptrapd; a wrong value is refused.
+TEST(Agent, TestTrapReachesTheTrapSink)
+{
+    Stack stack(defaultProfile());
+    ASSERT_TRUE(stack.waitServed()) << stack.logs();
+    const std::string control = kObjects + ".11.1.0", result = kObjects + ".11.2.0";
+    EXPECT_NE(stack.tool("snmpset", {control, "i", "7"}).code, 0);
+    const Outcome set = stack.tool("snmpset", {control, "i", "2"});
+    ASSERT_EQ(set.code, 0) << set << stack.logs();
+    bool arrived = false;
+    for (int i = 0; i < 100 && !arrived; ++i) {
+        std::this_thread::sleep_for(100ms);
+        arrived = stack.file("traps.log").find(kBase + ".0.1") != std::string::npos;
+    }
+    EXPECT_TRUE(arrived) << stack.file("traps.log") << stack.logs();
+    const Outcome outcome = stack.tool("snmpget", {"-Oqv", result});
+    EXPECT_TRUE(outcome.out == "2\n" || outcome.out == "3\n") << outcome;
+    EXPECT_NE(stack.file("traps.log").find(result), std::string::npos);
+}
+
+// The subagent registers again after the master restarts, and stops cleanly on SIGTERM.
+TEST(Agent, ReregistersAfterMasterRestartAndStopsOnSigterm)
+{
+    Stack stack(defaultProfile());
+    ASSERT_TRUE(stack.waitServed()) << stack.logs();
+    stack.master().stop();
+    stack.startMaster();
+    EXPECT_TRUE(stack.waitServed()) << stack.logs();
+    EXPECT_TRUE(stack.agent().running());
+    EXPECT_EQ(stack.agent().stop(), 0) << stack.logs();
+}

@@ -1,0 +1,100 @@
+// Programs run as a user runs them: a process of their own, output and exit status captured,
+// a bounded wait (30 s, then killed). tvxctl gets a home and state directory of its own inside
+// a scratch directory, never the user's.
+#pragma once
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <ostream>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "emulator.h"
+
+extern char **environ;
+
+namespace tvxtest {
+
+struct Outcome {
+    int code;
+    std::string out, err;
+};
+
+inline std::ostream &operator<<(std::ostream &os, const Outcome &r)
+{
+    return os << "exit " << r.code << "\n--- stdout\n" << r.out << "--- stderr\n" << r.err;
+}
+
+// argv[0] is looked up in PATH. The environment is this process's without the variables that
+// `env` sets ("NAME=VALUE") or whose names start with one of `drop`.
+inline Outcome run(std::vector<std::string> argv, const std::vector<std::string> &env = {},
+                   const std::vector<std::string> &drop = {})
+{
+    std::vector<std::string> vars = env;
+    for (char **e = environ; *e; ++e) {
+        std::string v = *e, name = v.substr(0, v.find('=') + 1);
+        bool kept = true;
+        for (const std::string &x : env) kept &= x.rfind(name, 0) != 0;
+        for (const std::string &x : drop) kept &= v.rfind(x, 0) != 0;
+        if (kept) vars.push_back(v);
+    }
+    std::vector<char *> args, envp;
+    for (auto &a : argv) args.push_back(a.data());
+    for (auto &v : vars) envp.push_back(v.data());
+    args.push_back(nullptr);
+    envp.push_back(nullptr);
+    FILE *out = std::tmpfile(), *err = std::tmpfile();
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&fa, fileno(out), 1);
+    posix_spawn_file_actions_adddup2(&fa, fileno(err), 2);
+    pid_t pid;
+    int rc = posix_spawnp(&pid, args[0], &fa, nullptr, args.data(), envp.data());
+    posix_spawn_file_actions_destroy(&fa);
+    auto slurp = [](FILE *f) {
+        std::string s;
+        std::rewind(f);
+        for (int c; (c = std::fgetc(f)) != EOF;) s += static_cast<char>(c);
+        std::fclose(f);
+        return s;
+    };
+    if (rc != 0) {
+        slurp(out), slurp(err);
+        throw std::runtime_error("cannot run " + argv[0] + ": " + std::strerror(rc));
+    }
+    int status = 0;
+    bool done = false;
+    for (int i = 0; i < 30000 && !done; ++i) done = waitpid(pid, &status, WNOHANG) == pid || (usleep(1000), false);
+    if (!done) kill(pid, SIGKILL), waitpid(pid, &status, 0);
+    int code = !done ? -1 : WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return {code, slurp(out), slurp(err)};
+}
+
+// A program (tvxctl, or another run the way tvxctl is) with HOME=scratch/home and
+// TVX_IPMI_STATE_DIR=scratch/state, no target of the caller's.
+inline Outcome runAs(const std::string &program, const std::string &scratch, std::vector<std::string> args,
+                     std::vector<std::string> env = {})
+{
+    args.insert(args.begin(), program);
+    env.insert(env.end(), {"HOME=" + scratch + "/home", "TVX_IPMI_STATE_DIR=" + scratch + "/state"});
+    return run(args, env, {"TVX_IPMI_", "XDG_STATE_HOME="});
+}
+// tvxctl, through the emulator in a cross build.
+inline Outcome tvxctl(const std::string &scratch, std::vector<std::string> args, std::vector<std::string> env = {})
+{
+    if (kEmulator.empty()) return runAs(TVXCTL_PATH, scratch, std::move(args), std::move(env));
+    args.insert(args.begin(), TVXCTL_PATH);
+    args.insert(args.begin(), kEmulator.begin() + 1, kEmulator.end());
+    return runAs(kEmulator.front(), scratch, std::move(args), std::move(env));
+}
+
+} // namespace tvxtest

@@ -1,0 +1,110 @@
+#include "rollup_getters.h"
+
+#include <array>
+#include <string>
+
+namespace tvxagent {
+namespace {
+
+constexpr uint8_t kController = 7;
+constexpr uint8_t kIpv4 = 2;
+constexpr uint8_t kIpv6 = 4;
+constexpr uint8_t kLanMedium = 4;
+constexpr unsigned kTextSize = 128;
+constexpr uint8_t kIpv6Addresses = 16;
+
+// A text getter's answer: the identity getters return a count (-1: did not fit) and write no
+// terminator, so the buffer starts zeroed and one byte is kept back.
+template <typename Getter> std::optional<Value> identity(Getter *getter)
+{
+    char buffer[kTextSize + 1] = {};
+    const int n = getter(buffer, kTextSize);
+    return Value::text(n > 0 ? std::string(buffer, static_cast<std::size_t>(n)) : std::string());
+}
+
+template <typename Getter> std::optional<Value> status(Getter *getter, SDRInfo *info)
+{
+    return Value::number(static_cast<long>(getter(info)));
+}
+
+std::string nodeText(char *(*getter)(char *, unsigned, uint8_t, uint8_t), uint8_t addressType)
+{
+    char buffer[kTextSize + 1] = {};
+    return getter(buffer, kTextSize, addressType, kController) ? buffer : "";
+}
+
+std::string address(uint8_t family, uint8_t index)
+{
+    char buffer[kTextSize + 1] = {};
+    return getUnitNodeIpAddress(buffer, kTextSize, kController, family, 0, 0, 0, index) ? buffer : "";
+}
+
+// The controller's own LAN interface (node 1). Port functions are added when the platform can
+// read their areas.
+void networkRows(Snapshot &out)
+{
+    std::string name;
+    {
+        char buffer[kTextSize + 1] = {};
+        if (getUnitNodeName(buffer, kTextSize, kController, kIpv4, 0, 0, 0, 0)) name = buffer;
+    }
+    std::array<uint8_t, 6> mac{};
+    getUnitNodeMacAddress(mac.data(), mac.size(), kController, 0, 0, 0);
+    const auto source = [](uint8_t family) { return Value::number(getUnitNodeUseDHCP(family, kController)); };
+    out.table(Table::Node).push_back(
+        {{1},
+         {Value::number(kController), Value::text(""), Value::text(name),
+          Value::text(std::string(reinterpret_cast<const char *>(mac.data()), mac.size())),
+          Value::text(nodeText(getNodeIpNetMaskAddress, kIpv4)), Value::text(nodeText(getNodeGatewayAddress, kIpv4)),
+          source(kIpv4), Value::text(nodeText(getNodeGatewayAddress, kIpv6)), source(kIpv6)}});
+    const std::string v4 = address(kIpv4, 0);
+    if (!v4.empty()) out.table(Table::NodeAddress).push_back({{1, kIpv4, 1}, {Value::text(v4)}});
+    for (uint8_t i = 0; i < kIpv6Addresses; ++i) {
+        const std::string v6 = address(kIpv6, i);
+        if (!v6.empty()) out.table(Table::NodeAddress).push_back({{1, kIpv6, i + 1L}, {Value::text(v6)}});
+    }
+}
+
+void channelRows(Snapshot &out)
+{
+    IpmiSession *session = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
+    if (!session) return;
+    const int count = getLanChannelCount(session);
+    const int defaultChannel = getDefaultLanChannelNumber(session);
+    out.scalar(Scalar::LanChannelCount) = Value::number(count);
+    out.scalar(Scalar::LanDefaultChannel) = Value::number(defaultChannel);
+    for (int instance = 1; instance <= count && instance <= 7; ++instance) {
+        const int channel = getChannelNumber(session, kLanMedium, static_cast<uint8_t>(instance));
+        if (channel < 1 || channel > 7) continue;
+        constexpr long kTrue = 1, kFalse = 2;
+        out.table(Table::LanChannel)
+            .push_back({{instance}, {Value::number(channel), Value::number(channel == defaultChannel ? kTrue : kFalse)}});
+    }
+    ipmiHelperCloseSession(&session);
+}
+
+} // namespace
+
+void collectRollup(Snapshot &out, SDRInfo *info)
+{
+    out.scalar(Scalar::AgentId) = identity(snmpGetAgentId);
+    out.scalar(Scalar::AgentCompany) = identity(snmpGetAgentCompany);
+    out.scalar(Scalar::AgentVersion) = identity(snmpGetAgentVersion);
+    out.scalar(Scalar::AgentBuild) = identity(snmpGetAgentBuild);
+    out.scalar(Scalar::StatusOverall) = Value::number(getStatusOverall(info, 0));
+    out.scalar(Scalar::StatusTemperatures) = status(getStatusTemperature, info);
+    out.scalar(Scalar::StatusFans) = status(getStatusFans, info);
+    out.scalar(Scalar::StatusVoltages) = status(getStatusVoltages, info);
+    out.scalar(Scalar::StatusPowerSupplies) = status(getStatusPowerSupply, info);
+    out.scalar(Scalar::StatusProcessors) = status(getStatusCpu, info);
+    out.scalar(Scalar::StatusMemoryModules) = status(getStatusMemoryModule, info);
+    out.scalar(Scalar::StatusBoot) = Value::number(getStatusBoot());
+    networkRows(out);
+    channelRows(out);
+}
+
+bool rollupTestAlertAvailable() { return true; }
+
+bool rollupSendTestAlert() { return sendTestTrap() == 1; }
+
+} // namespace tvxagent

@@ -14,13 +14,16 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <memory>
+#include <signal.h>
 #include <spawn.h>
 #include <string>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -201,6 +204,83 @@ void BM_SubagentCollection(benchmark::State &state)
     ipmihost_select_default();
 }
 
+// ---- A full walk through snmpd and tvx-snmp-agent ------------------------------------------------
+
+// Starts a program with its output going to `log`; its PID, or -1.
+pid_t spawn(std::vector<std::string> args, const std::string &log)
+{
+    std::vector<char *> argv;
+    for (auto &a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    posix_spawn_file_actions_addopen(&fa, 1, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_adddup2(&fa, 1, 2);
+    pid_t pid = -1;
+    if (posix_spawn(&pid, argv[0], &fa, nullptr, argv.data(), environ) != 0) pid = -1;
+    posix_spawn_file_actions_destroy(&fa);
+    return pid;
+}
+
+bool succeeds(const std::vector<std::string> &args, const std::string &log)
+{
+    int status = 0;
+    const pid_t pid = spawn(args, log);
+    return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+void stop(pid_t pid)
+{
+    if (pid <= 0) return;
+    kill(pid, SIGTERM);
+    waitpid(pid, nullptr, 0);
+}
+
+// One snmpbulkwalk of the whole subtree, as a manager walks it, through a real snmpd master and
+// the subagent on the default machine (argument 0) or on ipmi_sim over LAN with the pool (1).
+// The subagent collects once at its start (-I 3600): a walk answers from that collection and
+// sends the controller nothing; BM_SubagentCollection is what each collection costs.
+void BM_SnmpWalk(benchmark::State &state)
+{
+    const std::string work = std::string(TVX_BENCH_WORK) + "/walk" + std::to_string(state.range(0));
+    std::filesystem::remove_all(work);
+    std::filesystem::create_directories(work + "/persist");
+    const std::string port = std::to_string(20000 + getpid() % 20000);
+    const std::string socket = "unix:" + work + "/agentx.sock";
+    std::ofstream(work + "/snmpd.conf") << "agentaddress udp:127.0.0.1:" << port << "\nmaster agentx\nagentXSocket "
+                                        << socket << "\nrocommunity public 127.0.0.1\n";
+    setenv("SNMP_PERSISTENT_DIR", (work + "/persist").c_str(), 1);
+    setenv("MIBS", "", 1);
+    const pid_t master = spawn({SNMPD_PATH, "-f", "-C", "-c", work + "/snmpd.conf", "-Lo", "-I",
+                                "-smux,mteTrigger,mteTriggerConf,hr_system,hr_storage,hr_disk,hr_filesys"},
+                               work + "/snmpd.log");
+    std::vector<std::string> agent = {TVX_AGENT_PATH, "-f", "-Lo", "-x", socket, "-I", "3600", "--state",
+                                      work + "/state"};
+    if (state.range(0)) agent.insert(agent.end(), {"--target", peer().target()});
+    const pid_t subagent = spawn(agent, work + "/agent.log");
+    const std::vector<std::string> walk = {
+        std::string(SNMP_BIN_DIR) + "/snmpbulkwalk", "-v2c", "-c", "public", "-r", "1", "-t", "5", "-On", "-Oq",
+        "127.0.0.1:" + port, ".1.3.6.1.4.1.32473.1.1"};
+    bool served = false;
+    for (int i = 0; i < 300 && !served; ++i) {
+        served = succeeds(walk, work + "/walk.txt") && std::filesystem::file_size(work + "/walk.txt") > 1000;
+        if (!served) usleep(100000);
+    }
+    static std::string why;
+    why = "the subagent did not serve the subtree (see " + work + ")";
+    if (!served) state.SkipWithError(why.c_str());
+    std::size_t varbinds = 0;
+    {
+        std::ifstream in(work + "/walk.txt");
+        for (std::string line; std::getline(in, line);) ++varbinds;
+    }
+    for (auto _ : state)
+        if (served && !succeeds(walk, "/dev/null")) state.SkipWithError("snmpbulkwalk failed");
+    state.counters["varbinds"] = static_cast<double>(varbinds);
+    stop(subagent);
+    stop(master);
+}
+
 // The passes callgrind counts (bench/agent_callgrind.sh collects inside this function only).
 __attribute__((noinline)) void agentPasses(Machine &m, int n)
 {
@@ -252,6 +332,7 @@ int main(int argc, char **argv)
         ->Arg(0)
         ->Arg(1)
         ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("BM_SnmpWalk", BM_SnmpWalk)->ArgName("lan")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark("BM_Ipmitool_Sensor", BM_Ipmitool_Sensor)
         ->Unit(benchmark::kMillisecond)
         ->Iterations(10);

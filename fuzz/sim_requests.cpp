@@ -2,6 +2,10 @@
 // exchange, against the default machine (started afresh for every input).
 //
 // Input: requests one after the other, each [NetFn/LUN] [command] [N] [N data bytes].
+//
+// Every request is answered (the default machine injects no faults): a completion code and
+// at most 255 bytes in all; an OEM/Group answer repeats the IANA number after the completion
+// code once the request holds one. Anything else aborts, as a crash would.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -45,8 +49,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size)
         at += length;
         uint8_t response[1024];
         uint32_t responseLength = sizeof response;
-        LIBIPMI_Send_RAW_IPMI2_0_Command(session, 0, netFnLun, command, request, static_cast<uint32_t>(length),
-                                         response, &responseLength, 5);
+        const uint16_t status = LIBIPMI_Send_RAW_IPMI2_0_Command(
+            session, 0, netFnLun, command, request, static_cast<uint32_t>(length), response, &responseLength, 5);
+        const bool oem = (netFnLun >> 2 & 0x3E) == 0x2E;
+        if ((status != LIBIPMI_STATUS_OK && !LIBIPMI_STATUS_IS_COMPLETION_CODE(status)) || responseLength < 1 ||
+            responseLength > 255 || (oem && length >= 3 && responseLength < 4)) {
+            std::fprintf(stderr, "request %02x %02x of %zu bytes: status 0x%04x, %u answer bytes\n", netFnLun,
+                         command, length, status, responseLength);
+            std::abort();
+        }
     }
     LIBIPMI_CloseSession(session);
     return 0;

@@ -230,10 +230,13 @@ void getErrorLed(Context &ctx, const Request &req, Response &rsp)
 void install(Controller &c)
 {
     namespace chassisCmd = tvx::cmd::chassis;
-    c.on(tvx::netfn::kChassis, chassisCmd::kGetStatus, getChassisStatus);
-    c.on(tvx::netfn::kChassis, chassisCmd::kControl, chassisControl);
-    c.on(tvx::netfn::kChassis, chassisCmd::kIdentify, chassisIdentify);
-    c.on(tvx::netfn::kChassis, chassisCmd::kGetSystemRestartCause, getSystemRestartCause);
+    // A controller that is no chassis device answers the Chassis commands as unknown (0xC1).
+    if (c.profile().device.chassisDevice) {
+        c.on(tvx::netfn::kChassis, chassisCmd::kGetStatus, getChassisStatus);
+        c.on(tvx::netfn::kChassis, chassisCmd::kControl, chassisControl);
+        c.on(tvx::netfn::kChassis, chassisCmd::kIdentify, chassisIdentify);
+        c.on(tvx::netfn::kChassis, chassisCmd::kGetSystemRestartCause, getSystemRestartCause);
+    }
     c.on(tvx::netfn::kApp, tvx::cmd::app::kColdReset, coldReset);
     c.on(tvx::netfn::kApp, tvx::cmd::app::kWarmReset, warmReset);
     c.onOem(oem::cmd::kPowerSource, powerSource);

@@ -260,7 +260,10 @@ DeviceIdentity parseController(const Node &c)
     parseFirmwareRevision(c.at("firmware_revision"), d);
     if (auto n = c.find("device_busy")) d.busy = n->boolean();
     if (auto n = c.find("ipmi_version")) d.ipmiVersionBcd = parseIpmiVersion(*n);
-    if (auto n = c.find("additional_device_support")) d.additionalSupport = parseSupport(*n);
+    if (auto n = c.find("additional_device_support")) {
+        d.additionalSupport = parseSupport(*n);
+        d.chassisDevice = (d.additionalSupport & tvx::device_id::kChassisDevice) != 0;
+    }
     d.manufacturerId = static_cast<uint32_t>(c.at("manufacturer_id").integer(0, 0x0FFFFF));
     d.productId = static_cast<uint16_t>(c.at("product_id").integer(0, 0xFFFF));
     if (auto n = c.find("aux_firmware_revision")) {

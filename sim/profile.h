@@ -79,6 +79,10 @@ struct DeviceIdentity {
     bool busy = false;
     uint8_t ipmiVersionBcd = 0x02; // bits 3..0 major, 7..4 minor
     uint8_t additionalSupport = 0;
+    // Whether the controller is a chassis device and answers the Chassis commands: a profile
+    // that lists its device support and leaves "chassis" out has none (a blade whose
+    // enclosure switches power); one that does not list it has one.
+    bool chassisDevice = true;
     uint32_t manufacturerId = tvx::oem::kVendorIana;
     uint16_t productId = 0;
     std::optional<std::array<uint8_t, 4>> auxFirmwareRevision;

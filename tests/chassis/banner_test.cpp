@@ -1,13 +1,10 @@
 // The login banner and short box, chosen by the board number the controller's LAN address
 // gives; each address in a process of its own, where the number is still undetermined.
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <functional>
 #include <regex>
 
 #include <gtest/gtest.h>
 
+#include "child.h"
 #include "machine.h"
 
 namespace {
@@ -58,24 +55,6 @@ const std::string kShortTop = "********************************************\r\n"
 const std::string kShortBottom = "*                                          *\r\n"
                                  "********************************************\r\n";
 
-// Runs f in a child process, where the board number is still undetermined.
-void inFreshProcess(const std::function<void()> &f)
-{
-    std::fflush(stdout);
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        const testing::TestResult *result = testing::UnitTest::GetInstance()->current_test_info()->result();
-        int before = result->total_part_count();
-        f();
-        std::fflush(stdout);
-        _exit(result->total_part_count() == before ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the child process failed";
-}
-
 TEST(Banner, AddressChoosesBoardAndBox)
 {
     const struct {
@@ -98,7 +77,7 @@ TEST(Banner, AddressChoosesBoardAndBox)
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.profile.value("lan", json()).dump());
-        inFreshProcess([&] {
+        tvxtest::inFreshProcess([&] {
             tvxtest::ScratchMachine m(c.profile);
             // Without a session: 255, nothing asked, nothing remembered.
             EXPECT_EQ(ipmiGetSbNumber(nullptr), 255u);

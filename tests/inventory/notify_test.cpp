@@ -2,12 +2,8 @@
 // machine of its own: registration, one message per new entry for each watcher, unregistering,
 // and what watchers see without the service. The queue keys are fixed (from /tmp), so these
 // tests run one at a time, and every test removes the queues it made, also when it fails.
-#include <fcntl.h>
-#include <signal.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -20,6 +16,7 @@
 #include "libipmi_host.h"
 #include "peer.h"
 #include "machine.h"
+#include "process.h"
 #include "scripted.h"
 
 namespace {
@@ -40,35 +37,6 @@ template <class F> bool within(std::chrono::milliseconds limit, F check)
         std::this_thread::sleep_for(10ms);
     }
     return check();
-}
-
-// A program of the test's own, ended with the test (and stopped by it, by PID).
-pid_t spawn(std::vector<std::string> args, const std::string &errPath, const std::string &outPath = "/dev/null",
-            const std::vector<std::string> &env = {})
-{
-    std::vector<char *> argv;
-    for (auto &a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGTERM);
-        int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(out, 1);
-        dup2(err, 2);
-        for (const auto &e : env) putenv(const_cast<char *>(e.c_str()));
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    return pid;
-}
-
-int stop(pid_t pid)
-{
-    kill(pid, SIGTERM);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 // A message: code, value16, value32.
@@ -96,7 +64,7 @@ protected:
             tvxtest::writeFile(dir_.file("lab.json"), p.dump());
             target_ = "machine:" + dir_.file("lab.json");
         }
-        pid_ = startService();
+        service_ = startService();
         ASSERT_TRUE(within(10s, [&] { return queueId('r') != -1 && queueId('n') != -1; })) << log();
         ASSERT_EQ(ipmihost_select_target(target_.c_str(), dir_.file("state").c_str()), 0) << ipmihost_last_error();
         session_ = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
@@ -106,8 +74,8 @@ protected:
     {
         ipmiHelperCloseSession(&session_);
         ipmihost_select_default();
-        if (pid_ > 0) {
-            EXPECT_EQ(stop(pid_), 0) << log();
+        if (service_.pid() > 0) {
+            EXPECT_EQ(service_.stop(), 0) << log();
         }
         // The service removes its queues; what it left behind is removed here.
         for (int project : {'r', 'n'}) {
@@ -116,10 +84,11 @@ protected:
             if (id != -1) msgctl(id, IPC_RMID, nullptr);
         }
     }
-    pid_t startService(const std::string &errFile = "service.err")
+    tvxtest::Daemon startService(const std::string &errFile = "service.err")
     {
-        return spawn({TVX_SELNOTIFYD_PATH, "--interval", "50", "--target", target_, "--state", dir_.file("state")},
-                     dir_.file(errFile));
+        return tvxtest::Daemon(
+            {TVX_SELNOTIFYD_PATH, "--interval", "50", "--target", target_, "--state", dir_.file("state")}, {},
+            "/dev/null", dir_.file(errFile));
     }
     std::string log(const std::string &errFile = "service.err") { return tvxtest::readFile(dir_.file(errFile)); }
     // Whether that file comes to hold text within the time.
@@ -135,7 +104,7 @@ protected:
     }
     tvxtest::TempDir dir_;
     std::string target_;
-    pid_t pid_ = -1;
+    tvxtest::Daemon service_;
     IpmiSession *session_ = nullptr;
 };
 
@@ -184,18 +153,14 @@ TEST_F(Service, EachWatcherGetsOneMessagePerNewEntry)
 
 TEST_F(Service, OneServiceAtATimeAndWatchersWithoutIt)
 {
-    pid_t second = startService("second.err");
-    int status = 0;
-    waitpid(second, &status, 0);
-    EXPECT_EQ(WEXITSTATUS(status), 1);
-    EXPECT_TRUE(logged("second.err", "another tvx-selnotifyd (PID " + std::to_string(pid_) + ") owns"))
+    EXPECT_EQ(startService("second.err").wait(), 1);
+    EXPECT_TRUE(logged("second.err", "another tvx-selnotifyd (PID " + std::to_string(service_.pid()) + ") owns"))
         << log("second.err");
     EXPECT_EQ(stderrOf([] { EXPECT_EQ(selNotifyRegisterRemote(0), -1); }),
               "Can't send registration request by watcher 0: Invalid argument\n");
 
     // Stopped: the queues are gone, and watchers are told so.
-    EXPECT_EQ(stop(pid_), 0) << log();
-    pid_ = -1;
+    EXPECT_EQ(service_.stop(), 0) << log();
     EXPECT_EQ(queueId('r'), -1);
     EXPECT_EQ(stderrOf([] { EXPECT_EQ(selNotifyRegisterRemote(7), -1); }),
               "Can't open register queue: No such file or directory\n");
@@ -206,7 +171,7 @@ TEST_F(Service, OneServiceAtATimeAndWatchersWithoutIt)
     // Queues left behind by a service that died are taken over by the next one.
     int stale = msgget(ftok("/tmp", 'r'), IPC_CREAT | 0660);
     ASSERT_NE(stale, -1);
-    pid_ = startService("third.err");
+    service_ = startService("third.err");
     EXPECT_TRUE(logged("third.err", "watching the SEL", 10s)) << log("third.err");
     EXPECT_TRUE(logged("third.err", "removed a queue left behind")) << log("third.err");
 }
@@ -214,13 +179,14 @@ TEST_F(Service, OneServiceAtATimeAndWatchersWithoutIt)
 TEST_F(Service, TvxctlSelWatchPrintsNewEntriesUntilStopped)
 {
     const std::string target = "TVX_IPMI_TARGET=" + target_, state = "TVX_IPMI_STATE_DIR=" + dir_.file("state");
-    pid_t watch = spawn({TVXCTL_PATH, "sel", "watch"}, dir_.file("watch.err"), dir_.file("watch.out"), {target, state});
+    tvxtest::Daemon watch({TVXCTL_PATH, "sel", "watch"}, {target, state}, dir_.file("watch.out"), dir_.file("watch.err"));
     ASSERT_TRUE(logged("watch.err", "Watching the SEL", 10s)) << log("watch.err");
     addEntry();
     EXPECT_TRUE(within(5s, [&] { return log("watch.out").find("0001 ") == 0; })) << log("watch.out");
     EXPECT_NE(log("watch.out").find("Sens:01:03, Trig:01, Data:57:56:55\n"), std::string::npos) << log("watch.out");
-    EXPECT_EQ(stop(watch), 0) << log("watch.err");
-    EXPECT_TRUE(logged("service.err", "watcher " + std::to_string(watch) + " unregistered")) << log();
+    const pid_t watcher = watch.pid();
+    EXPECT_EQ(watch.stop(), 0) << log("watch.err");
+    EXPECT_TRUE(logged("service.err", "watcher " + std::to_string(watcher) + " unregistered")) << log();
 }
 
 TEST_F(ServiceOverLan, NewEntriesOfARealControllerReachTheWatcher)

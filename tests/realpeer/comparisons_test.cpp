@@ -83,20 +83,6 @@ void samePowerState(const Outcome &ours, const Outcome &theirs)
     EXPECT_EQ(theirs.out, std::string("Chassis Power is ") + ((state & 1) ? "on" : "off") + "\n");
 }
 
-// "a | b | c" lines, each cell trimmed.
-std::vector<std::vector<std::string>> barTable(const std::string &text)
-{
-    std::vector<std::vector<std::string>> rows;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-        if (line.find('|') == std::string::npos) continue;
-        rows.emplace_back();
-        std::istringstream cells(line);
-        for (std::string cell; std::getline(cells, cell, '|');) rows.back().push_back(trim(cell));
-    }
-    return rows;
-}
-
 // tvxctl --json sdr against ipmitool sdr elist all: the same records in the same order, with the
 // same names, sensor numbers and entities; threshold sensors with the same value and status;
 // discrete sensors with the state bits Get Sensor Reading gives ipmitool; locators naming the same
@@ -105,7 +91,7 @@ void compareSdr(const Outcome &ours, const Outcome &theirs)
 {
     BOTH_OK(ours, theirs);
     json records = json::parse(ours.out);
-    auto rows = barTable(theirs.out);
+    auto rows = table(theirs.out, '|');
     ASSERT_EQ(records.size(), rows.size()) << theirs.out;
     static const std::map<std::string, std::string> statuses = {
         {"OK", "ok"},      {"LowWarn", "lnc"}, {"LowCrit", "lcr"}, {"LowNRecov", "lnr"},
@@ -154,7 +140,7 @@ void compareSel(const Outcome &ours, const Outcome &theirs)
 {
     BOTH_OK(ours, theirs);
     json entries = json::parse(ours.out);
-    auto rows = barTable(theirs.out);
+    auto rows = table(theirs.out, '|');
     ASSERT_EQ(entries.size(), rows.size()) << theirs.out;
     ASSERT_GT(rows.size(), 40u);
     for (std::size_t i = 0; i < rows.size(); ++i) {

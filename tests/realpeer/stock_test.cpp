@@ -25,26 +25,10 @@ namespace {
 using Item = std::map<std::string, std::string>;
 using Items = std::map<std::string, Item>; // by key
 
-std::string trim(std::string s)
-{
-    s.erase(0, s.find_first_not_of(" \t"));
-    s.erase(s.find_last_not_of(" \t\r\n") + 1);
-    return s;
-}
-
 std::string lower(std::string s)
 {
     for (char &c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     return s;
-}
-
-std::vector<std::string> split(const std::string &line, char sep)
-{
-    std::vector<std::string> cells;
-    std::stringstream in(line);
-    std::string cell;
-    while (std::getline(in, cell, sep)) cells.push_back(trim(cell));
-    return cells;
 }
 
 std::string twoDecimals(double v)
@@ -81,9 +65,7 @@ Items oursSensors(const std::string &out)
 Items ipmitoolSensors(const std::string &out)
 {
     Items items;
-    std::istringstream in(out);
-    for (std::string line; std::getline(in, line);) {
-        auto c = split(line, '|');
+    for (const auto &c : table(out, '|')) {
         if (c.size() != 5 || c[4].find(" @") != std::string::npos) continue; // locators: "Logical FRU @01h"
         Item &i = items[c[0]];
         i["number"] = lower(c[1]);
@@ -96,11 +78,7 @@ Items ipmitoolSensors(const std::string &out)
 Items freeipmiSensors(const std::string &out)
 {
     Items items;
-    std::istringstream in(out);
-    std::string line;
-    std::getline(in, line); // header
-    while (std::getline(in, line)) {
-        auto c = split(line, ',');
+    for (const auto &c : table(out, ',', true)) {
         if (c.size() < 5) continue;
         Item &i = items[c[1]];
         if (c[4] == "C") i["reading"] = c[3] == "N/A" ? "no reading" : reading(c[3]);
@@ -173,9 +151,7 @@ Items oursSel(const std::string &out)
 Items ipmitoolSel(const std::string &out)
 {
     Items items;
-    std::istringstream in(out);
-    for (std::string line; std::getline(in, line);) {
-        auto c = split(line, '|');
+    for (const auto &c : table(out, '|')) {
         if (c.size() != 6) continue;
         Item &i = items[std::to_string(std::stoul(c[0], nullptr, 16))];
         i["time"] = c[1] == "Pre-Init" ? "Pre-Init " + c[2] : c[1] + " " + c[2];
@@ -189,17 +165,97 @@ Items ipmitoolSel(const std::string &out)
 Items freeipmiSel(const std::string &out)
 {
     Items items;
-    std::istringstream in(out);
-    std::string line;
-    std::getline(in, line); // header
-    while (std::getline(in, line)) {
-        auto c = split(line, ',');
+    for (const auto &c : table(out, ',', true)) {
         if (c.size() < 6) continue;
         Item &i = items[c[0]];
         i["type"] = c[4];
         i["event"] = lower(c[5]);
     }
     return items;
+}
+
+// --- identity: tvxctl --json devid; ipmitool mc info and bmc-info print "Name : value" ---
+std::string firstNumber(const std::string &text)
+{
+    const auto start = text.find_first_of("0123456789");
+    return start == std::string::npos ? text : std::to_string(std::stoul(text.substr(start)));
+}
+Items oursIdentity(const std::string &out)
+{
+    const json j = json::parse(out);
+    return {{"-",
+             {{"device", std::to_string(j["device_id"].get<int>())},
+              {"firmware", j["firmware_revision"].get<std::string>()},
+              {"ipmi", j["ipmi_version"].get<std::string>()},
+              {"manufacturer", std::to_string(j["manufacturer_id"].get<unsigned>())},
+              {"product", std::to_string(j["product_id"].get<unsigned>())}}}};
+}
+Items peerIdentity(const std::string &out)
+{
+    Fields f = fields(out);
+    Item i;
+    const std::pair<const char *, const char *> keys[] = {{"device", "Device ID"},
+                                                          {"firmware", "Firmware Revision"},
+                                                          {"ipmi", "IPMI Version"},
+                                                          {"manufacturer", "Manufacturer ID"},
+                                                          {"product", "Product ID"}};
+    for (const auto &[name, key] : keys)
+        if (!f[key].empty()) i[name] = name == std::string("firmware") || name == std::string("ipmi")
+                                           ? f[key].front()
+                                           : firstNumber(f[key].front());
+    return {{"-", i}};
+}
+
+// --- raw Get Device ID: the answer's data bytes (ipmi-raw prints the command and the
+// completion code first) ---
+std::string hexWords(std::istringstream in, int skip)
+{
+    std::string out, word;
+    while (in >> word)
+        if (word.find(':') == std::string::npos && skip-- <= 0) out += (out.empty() ? "" : " ") + lower(word);
+    return out;
+}
+Items rawBytes(const std::string &out) { return {{"-", {{"bytes", hexWords(std::istringstream(out), 0)}}}}; }
+Items ipmiRawBytes(const std::string &out) { return {{"-", {{"bytes", hexWords(std::istringstream(out), 2)}}}}; }
+
+// --- LAN: tvxctl --json lan; ipmitool lan print 1 ("Name : value"); ipmi-config's Lan_Conf
+// section ("Key   value") ---
+Items oursLan(const std::string &out)
+{
+    const json j = json::parse(out);
+    auto text = [&j](const char *k) {
+        return j.contains(k) && j[k].is_string() ? j[k].get<std::string>() : std::string("(none)");
+    };
+    return {{"-",
+             {{"ip", text("ip_address")},
+              {"mask", text("subnet_mask")},
+              {"mac", lower(text("mac_address"))},
+              {"gateway", text("default_gateway")}}}};
+}
+Items ipmitoolLan(const std::string &out)
+{
+    Fields f = fields(out);
+    auto one = [&f](const char *k) { return f[k].empty() ? std::string("(none)") : lower(f[k].front()); };
+    return {{"-",
+             {{"ip", one("IP Address")},
+              {"mask", one("Subnet Mask")},
+              {"mac", one("MAC Address")},
+              {"gateway", one("Default Gateway IP")}}}};
+}
+Items freeipmiLan(const std::string &out)
+{
+    std::map<std::string, std::string> v;
+    std::istringstream in(out);
+    for (std::string line; std::getline(in, line);) {
+        std::istringstream words(line);
+        std::string key, value;
+        if (words >> key >> value) v[key] = lower(value);
+    }
+    return {{"-",
+             {{"ip", v["IP_Address"]},
+              {"mask", v["Subnet_Mask"]},
+              {"mac", v["MAC_Address"]},
+              {"gateway", v["Default_Gateway_IP_Address"]}}}};
 }
 
 // --- chassis power: the state, or the refusal ---
@@ -235,6 +291,18 @@ const Row kRows[] = {
      {{"sel", "list"}, ipmitoolSel},
      {{"ipmi-sel", "--comma-separated-output"}, freeipmiSel},
      {"time", "type", "event", "direction"}},
+    {"identity", {{"--json", "devid"}, oursIdentity},
+     {{"mc", "info"}, peerIdentity},
+     {{"bmc-info"}, peerIdentity},
+     {"device", "firmware", "ipmi", "manufacturer", "product"}},
+    {"raw Get Device ID", {{"raw", "0x06", "0x01"}, rawBytes},
+     {{"raw", "0x06", "0x01"}, rawBytes},
+     {{"ipmi-raw", "00", "06", "01"}, ipmiRawBytes},
+     {"bytes"}},
+    {"LAN", {{"--json", "lan"}, oursLan},
+     {{"lan", "print", "1"}, ipmitoolLan},
+     {{"ipmi-config", "--checkout", "--section=Lan_Conf"}, freeipmiLan},
+     {"ip", "mask", "mac", "gateway"}},
     {"chassis power", {{"power"}, nullptr},
      {{"chassis", "power", "status"}, nullptr},
      {{"ipmi-chassis", "--get-chassis-status"}, nullptr},
@@ -245,7 +313,8 @@ Outcome freeipmi(const tvxsim::ipmisim::Peer &peer, std::vector<std::string> arg
 {
     const auto &u = peer.options().users.front();
     // Its own SDR cache for the programs that keep one: ports are reused by other machines.
-    if (argv.front() != "ipmi-chassis") argv.insert(argv.begin() + 1, "--sdr-cache-directory=" + peer.options().workDir);
+    if (argv.front() == "ipmi-sensors" || argv.front() == "ipmi-sel" || argv.front() == "ipmi-fru")
+        argv.insert(argv.begin() + 1, "--sdr-cache-directory=" + peer.options().workDir);
     argv.insert(argv.begin() + 1, {"-h", peer.hostPort(), "-u", u.name, "-p", u.password, "-l", "ADMIN", "-I", "3",
                                    "-W", "opensesspriv", "--session-timeout=2000"});
     return tvxtest::run(argv);

@@ -40,6 +40,23 @@ inline std::string trim(const std::string &s)
     return start == std::string::npos ? "" : s.substr(start, end - start + 1);
 }
 
+// The cells of each line of a table that holds `sep`, trimmed; with `header`, the first line
+// is the table's header and skipped.
+inline std::vector<std::vector<std::string>> table(const std::string &text, char sep, bool header = false)
+{
+    std::vector<std::vector<std::string>> rows;
+    std::istringstream in(text);
+    std::string line;
+    if (header) std::getline(in, line);
+    while (std::getline(in, line)) {
+        if (line.find(sep) == std::string::npos) continue;
+        rows.emplace_back();
+        std::istringstream cells(line);
+        for (std::string cell; std::getline(cells, cell, sep);) rows.back().push_back(trim(cell));
+    }
+    return rows;
+}
+
 // What ipmitool prints as "Name : value" lines: the values of each name, those on the lines
 // after it (which hold no " : ") included.
 using Fields = std::map<std::string, std::vector<std::string>>;

@@ -1,13 +1,11 @@
 // The sensor lists and getters against the virtual controller, through tvxctl: the default
 // machine's sensor table and agent values powered off and on again, every status the lab
 // machine's sensors stand in, sdr type/get, and the partition filter on a system board.
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <map>
 
 #include <gtest/gtest.h>
 
+#include "child.h"
 #include "libipmi_host.h"
 #include "machine.h"
 #include "process.h"
@@ -98,25 +96,15 @@ TEST_F(SensorMachine, AgentStatusesOfTheLabMachineAndSdrQueries)
 // In a child process: the library asks once per process what it runs on.
 TEST_F(SensorMachine, PartitionedBoardListsItsOwnSensors)
 {
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        auto listsOwnSensors = [] { // its machine's directory goes before the child exits
-            tvxtest::ScratchMachine m(tvxtest::shippedProfile("partition-board.json"));
-            SDRInfo info{};
-            ListNode *list = nullptr;
-            bool ok = getSDRInfo(m.session(), &info) == 1 && ipmiGetVoltageSensors(m.session(), &list, &info) == 2 &&
-                      std::string(reinterpret_cast<char *>(list->data)) == "SB1 12V" &&
-                      std::string(reinterpret_cast<char *>(list->next->data)) == "SB1 3.3V";
-            freeList(&list);
-            freeSDRInfo(&info);
-            return ok;
-        };
-        _exit(listsOwnSensors() ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    tvxtest::inFreshProcess([] {
+        tvxtest::ScratchMachine m(tvxtest::shippedProfile("partition-board.json"));
+        SDRInfo info{};
+        ListNode *list = nullptr;
+        ASSERT_EQ(getSDRInfo(m.session(), &info), 1);
+        EXPECT_EQ(ipmiGetVoltageSensors(m.session(), &list, &info), 2);
+        EXPECT_EQ(tvxtest::lines(list), (std::vector<std::string>{"SB1 12V", "SB1 3.3V"}));
+        freeSDRInfo(&info);
+    });
 }
 
 } // namespace

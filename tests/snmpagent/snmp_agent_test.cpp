@@ -3,15 +3,11 @@
 // as the manager. Every process the test starts it stops by its PID.
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <fcntl.h>
 #include <filesystem>
 #include <map>
 #include <sstream>
@@ -24,8 +20,6 @@
 
 #include "machine.h"
 #include "process.h"
-
-extern char **environ;
 
 namespace {
 
@@ -51,56 +45,6 @@ uint16_t freeUdpPort()
     return ntohs(a.sin_port);
 }
 
-// A daemon of the test, stopped by its PID (SIGTERM, then SIGKILL after 10 s).
-class Process {
-public:
-    Process() = default;
-    Process(std::vector<std::string> args, const std::vector<std::string> &env, const std::string &log)
-    {
-        std::vector<char *> argv, envp;
-        for (auto &a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        std::vector<std::string> e(env);
-        for (char **p = environ; *p; ++p) e.push_back(*p);
-        for (auto &x : e) envp.push_back(x.data());
-        envp.push_back(nullptr);
-        posix_spawn_file_actions_t fa;
-        posix_spawn_file_actions_init(&fa);
-        posix_spawn_file_actions_addopen(&fa, 1, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        posix_spawn_file_actions_adddup2(&fa, 1, 2);
-        if (posix_spawn(&pid_, args[0].c_str(), &fa, nullptr, argv.data(), envp.data()) != 0) pid_ = -1;
-        posix_spawn_file_actions_destroy(&fa);
-    }
-    ~Process() { stop(); }
-    Process(Process &&o) noexcept : pid_(std::exchange(o.pid_, -1)) {}
-    Process &operator=(Process &&o) noexcept
-    {
-        stop();
-        pid_ = std::exchange(o.pid_, -1);
-        return *this;
-    }
-    bool running() const { return pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == 0; }
-    // The exit status after SIGTERM (128 + signal when killed).
-    int stop()
-    {
-        if (pid_ <= 0) return -1;
-        kill(pid_, SIGTERM);
-        int status = 0;
-        for (int i = 0; i < 100 && waitpid(pid_, &status, WNOHANG) == 0; ++i) {
-            std::this_thread::sleep_for(100ms);
-            if (i == 99) {
-                kill(pid_, SIGKILL);
-                waitpid(pid_, &status, 0);
-            }
-        }
-        pid_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
-
-private:
-    pid_t pid_ = -1;
-};
-
 // snmpd + snmptrapd + tvx-snmp-agent on one machine profile.
 class Stack {
 public:
@@ -120,22 +64,23 @@ public:
                                std::to_string(trapPort_) + " " + kCommunity + "\n");
         tvxtest::writeFile(dir_.file("snmptrapd.conf"), "disableAuthorization yes\n");
         startMaster();
-        traps_ = Process({SNMPTRAPD_PATH, "-f", "-C", "-c", dir_.file("snmptrapd.conf"), "-On", "-Lf",
+        traps_ = tvxtest::Daemon({SNMPTRAPD_PATH, "-f", "-C", "-c", dir_.file("snmptrapd.conf"), "-On", "-Lf",
                           dir_.file("traps.log"), "udp:127.0.0.1:" + std::to_string(trapPort_)},
                          env(), dir_.file("snmptrapd.out"));
-        agent_ = Process({TVX_AGENT_PATH, "-f", "-Lf", dir_.file("agent.log"), "-x", agentx(), "-I", "1", "--machine",
+        agent_ = tvxtest::Daemon({TVX_AGENT_PATH, "-f", "-Lf", dir_.file("agent.log"), "-x", agentx(), "-I", "1",
+                                  "--port-function", "01:00:00", "--machine",
                           dir_.file("machine.json"), "--state", dir_.file("state")},
                          env(), dir_.file("agent.out"));
     }
 
     void startMaster()
     {
-        master_ = Process({SNMPD_PATH, "-f", "-C", "-c", dir_.file("snmpd.conf"), "-Lf", dir_.file("snmpd.log"),
+        master_ = tvxtest::Daemon({SNMPD_PATH, "-f", "-C", "-c", dir_.file("snmpd.conf"), "-Lf", dir_.file("snmpd.log"),
                            "-I", "-smux,mteTrigger,mteTriggerConf,hr_system,hr_storage,hr_disk,hr_filesys"},
                           env(), dir_.file("snmpd.out"));
     }
-    Process &master() { return master_; }
-    Process &agent() { return agent_; }
+    tvxtest::Daemon &master() { return master_; }
+    tvxtest::Daemon &agent() { return agent_; }
 
     // A net-snmp tool against the master, SNMPv2c unless told otherwise: its options, then
     // the master's address, then the operands (the words from the first that is not an option).
@@ -206,7 +151,7 @@ private:
 
     tvxtest::TempDir dir_;
     uint16_t port_ = 0, trapPort_ = 0;
-    Process master_, traps_, agent_;
+    tvxtest::Daemon master_, traps_, agent_;
 };
 
 json defaultProfile() { return tvxtest::readJson(std::string(TVX_MACHINES_DIR) + "/default.json"); }
@@ -223,15 +168,6 @@ size_t rows(const std::map<std::string, std::string> &walked, const std::string 
     size_t n = 0;
     for (const auto &[oid, value] : walked) n += oid.rfind(prefix, 0) == 0;
     return n;
-}
-
-// tvxctl agent sensors' result of one getter call for a sensor.
-long result(const json &sensor, const std::string &callPrefix)
-{
-    for (auto it = sensor.at("results").begin(); it != sensor.at("results").end(); ++it)
-        if (it.key().rfind(callPrefix, 0) == 0) return it.value().at("value").get<long>();
-    ADD_FAILURE() << "no result " << callPrefix << " in " << sensor.dump();
-    return -999999;
 }
 
 } // namespace
@@ -324,6 +260,23 @@ TEST(Agent, ServesWhatTheLibraryReports)
             {8, m.at("config").dump()},     {9, text(m.at("form"))},          {10, text(m.at("type"))},
             {11, text(m.at("voltage_interface"))}};
         for (const auto &[col, value] : expected) EXPECT_EQ(walked.at(column("9", col, i)), value) << "memory column " << col;
+    }
+
+    // The node table: the controller, then the port function the agent was told of, with the
+    // addresses tvxctl network reads for it.
+    const Outcome network = stack.tvxctl({"network", "01:00:00"});
+    ASSERT_EQ(network.code, 0) << network;
+    const json nodes = json::parse(network.out);
+    ASSERT_EQ(nodes.size(), 2u);
+    EXPECT_EQ(rows(walked, "10.1", 2), 2u);
+    EXPECT_EQ(walked.at(column("10.1", 2, 2)), "2"); // portFunction(2)
+    for (const auto &[family, key] : {std::pair{2, "ipv4"}, {4, "ipv6"}}) {
+        std::string listed;
+        const std::string prefix = kObjects + ".10.2.1.3.2." + std::to_string(family) + ".";
+        for (long i = 1; walked.count(prefix + std::to_string(i)); ++i)
+            listed += (listed.empty() ? "" : " ") + walked.at(prefix + std::to_string(i));
+        EXPECT_EQ(listed, nodes[1].at(key).get<std::string>()) << key;
+        EXPECT_FALSE(listed.empty()) << key;
     }
 
     const auto secure = stack.walk(true);

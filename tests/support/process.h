@@ -1,15 +1,17 @@
 // Programs run as a user runs them: a process of their own, output and exit status captured,
 // a bounded wait (30 s, then killed). tvxctl gets a home and state directory of its own inside
-// a scratch directory, never the user's.
+// a scratch directory, never the user's. Daemons run beside the test until it stops them.
 #pragma once
 
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ostream>
 #include <stdexcept>
@@ -96,5 +98,69 @@ inline Outcome tvxctl(const std::string &scratch, std::vector<std::string> args,
     args.insert(args.begin(), kEmulator.begin() + 1, kEmulator.end());
     return runAs(kEmulator.front(), scratch, std::move(args), std::move(env));
 }
+
+// A daemon of the test (args[0] a path), stopped by its PID when the object goes or the test
+// process dies: SIGTERM, then SIGKILL after 10 s. `env` ("NAME=VALUE") is added to this
+// process's environment; stdout and stderr are appended to `out` and `err` (one file when
+// `err` is empty).
+class Daemon {
+public:
+    Daemon() = default;
+    Daemon(std::vector<std::string> args, const std::vector<std::string> &env, const std::string &out,
+           const std::string &err = "")
+    {
+        std::vector<char *> argv;
+        for (auto &a : args) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        pid_ = fork();
+        if (pid_ != 0) return;
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        const int o = open(out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        const int e = err.empty() ? o : open(err.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        dup2(o, 1);
+        dup2(e, 2);
+        for (const std::string &v : env) putenv(const_cast<char *>(v.c_str()));
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    ~Daemon() { stop(); }
+    Daemon(Daemon &&o) noexcept : pid_(std::exchange(o.pid_, -1)), status_(o.status_) {}
+    Daemon &operator=(Daemon &&o) noexcept
+    {
+        stop();
+        pid_ = std::exchange(o.pid_, -1);
+        status_ = o.status_;
+        return *this;
+    }
+    pid_t pid() const { return pid_; }
+    bool running() { return pid_ > 0 && !reaped(WNOHANG); }
+    // Its exit status once it ends by itself (128 + signal when killed).
+    int wait()
+    {
+        if (pid_ > 0) reaped(0);
+        return status_;
+    }
+    // Its exit status after SIGTERM.
+    int stop()
+    {
+        if (pid_ <= 0) return status_;
+        kill(pid_, SIGTERM);
+        for (int i = 0; i < 1000 && !reaped(WNOHANG); ++i) usleep(10000);
+        if (pid_ > 0) kill(pid_, SIGKILL), reaped(0);
+        return status_;
+    }
+
+private:
+    bool reaped(int flags)
+    {
+        int status = 0;
+        if (waitpid(pid_, &status, flags) != pid_) return false;
+        status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        pid_ = -1;
+        return true;
+    }
+    pid_t pid_ = -1;
+    int status_ = -1;
+};
 
 } // namespace tvxtest

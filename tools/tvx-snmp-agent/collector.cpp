@@ -199,7 +199,7 @@ Snapshot Collector::collect()
     sensorRows(out, &sdr_);
     processorRows(out, &sdr_);
     memoryRows(out, &sdr_);
-    collectRollup(out, &sdr_);
+    collectRollup(out, &sdr_, ports_);
     return out;
 }
 

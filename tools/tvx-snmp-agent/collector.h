@@ -6,7 +6,10 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
+#include <vector>
 
+#include "rollup_getters.h"
 #include "snapshot.h"
 #include "tvx_toipmi.h"
 
@@ -14,7 +17,8 @@ namespace tvxagent {
 
 class Collector {
 public:
-    Collector() = default;
+    // The port functions to publish beside the controller in the network node table.
+    explicit Collector(std::vector<PortFunction> ports = {}) : ports_(std::move(ports)) {}
     ~Collector() { freeSDRInfo(&sdr_); }
     Collector(const Collector &) = delete;
     Collector &operator=(const Collector &) = delete;
@@ -42,6 +46,7 @@ private:
     uint32_t addStamp_ = 0, eraseStamp_ = 0;
     uint64_t builds_ = 0;
     std::string problem_;
+    std::vector<PortFunction> ports_;
 };
 
 } // namespace tvxagent

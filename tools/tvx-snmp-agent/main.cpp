@@ -39,7 +39,7 @@ using tvxagent::Snapshot;
 constexpr const char *kName = "tvx-snmp-agent";
 constexpr const char *kUsage =
     "usage: tvx-snmp-agent [-x ADDRESS] [-f] [-L[efos...]] [-I SECONDS] [--machine FILE | --target SPEC]\n"
-    "                      [--state DIR]\n"
+    "                      [--state DIR] [--port-function ID...]\n"
     "\n"
     "Serves TVX-HARDWARE-MIB (enterprises.32473.1) from the selected controller as an AgentX\n"
     "subagent of a master agent (snmpd with \"master agentx\").\n"
@@ -56,6 +56,9 @@ constexpr const char *kUsage =
     "                   lan://USER@HOST[:PORT]?... (default: $TVX_IPMI_TARGET, else the\n"
     "                   built-in default machine)\n"
     "  --state DIR      where the virtual controller keeps its state ($TVX_IPMI_STATE_DIR)\n"
+    "  --port-function ID\n"
+    "                   also publish this server network port function (three identity bytes\n"
+    "                   in hex, 01:00:00) in the node table; may be given several times\n"
     "\n"
     "Reconnects by itself when the master restarts; SIGTERM or SIGINT stop it.\n";
 
@@ -81,7 +84,17 @@ struct Options {
     std::string agentx, target, machine, state;
     bool foreground = false, logChosen = false;
     unsigned intervalSeconds = 10;
+    std::vector<tvxagent::PortFunction> ports;
 };
+
+// "01:00:00": the three identity bytes of a port function.
+std::optional<tvxagent::PortFunction> portFunction(const std::string &text)
+{
+    unsigned b[3];
+    char end;
+    if (std::sscanf(text.c_str(), "%2x:%2x:%2x%c", &b[0], &b[1], &b[2], &end) != 3) return std::nullopt;
+    return tvxagent::PortFunction{static_cast<uint8_t>(b[0]), static_cast<uint8_t>(b[1]), static_cast<uint8_t>(b[2])};
+}
 
 Options parse(int argc, char **argv)
 {
@@ -126,6 +139,10 @@ Options parse(int argc, char **argv)
             o.machine = *m;
         } else if (auto s = value("--state")) {
             o.state = *s;
+        } else if (auto p = value("--port-function")) {
+            const auto id = portFunction(*p);
+            if (!id) usageError("--port-function takes three bytes in hex, 01:00:00; got \"" + *p + "\"");
+            o.ports.push_back(*id);
         } else {
             usageError("unknown argument \"" + a + "\"");
         }
@@ -284,7 +301,7 @@ int main(int argc, char **argv)
     signal(SIGPIPE, SIG_IGN);
 
     // The first reading comes before the registration, so the master never sees an empty tree.
-    Collector collector;
+    Collector collector(opt.ports);
     std::string lastProblem;
     Snapshot first = collector.collect();
     logProblem(collector, lastProblem);

@@ -7,6 +7,7 @@ namespace tvxagent {
 namespace {
 
 constexpr uint8_t kController = 7;
+constexpr uint8_t kPortFunction = 2;
 constexpr uint8_t kIpv4 = 2;
 constexpr uint8_t kIpv6 = 4;
 constexpr uint8_t kLanMedium = 4;
@@ -33,36 +34,53 @@ std::string nodeText(char *(*getter)(char *, unsigned, uint8_t, uint8_t), uint8_
     return getter(buffer, kTextSize, addressType, kController) ? buffer : "";
 }
 
-std::string address(uint8_t family, uint8_t index)
+std::string address(uint8_t node, const PortFunction &id, uint8_t family, uint8_t index)
 {
     char buffer[kTextSize + 1] = {};
-    return getUnitNodeIpAddress(buffer, kTextSize, kController, family, 0, 0, 0, index) ? buffer : "";
+    return getUnitNodeIpAddress(buffer, kTextSize, node, family, id[0], id[1], id[2], index) ? buffer : "";
 }
 
-// The controller's own LAN interface (node 1). Port functions are added when the platform can
-// read their areas.
-void networkRows(Snapshot &out)
+// One node's row and its address rows: node 1 is the controller's own LAN interface, the
+// port functions follow in the order given. Net mask and gateways are the controller's only.
+void nodeRows(Snapshot &out, long index, uint8_t node, const PortFunction &id)
 {
+    const bool controller = node == kController;
     std::string name;
     {
         char buffer[kTextSize + 1] = {};
-        if (getUnitNodeName(buffer, kTextSize, kController, kIpv4, 0, 0, 0, 0)) name = buffer;
+        if (getUnitNodeName(buffer, kTextSize, node, kIpv4, id[0], id[1], id[2], 0)) name = buffer;
     }
     std::array<uint8_t, 6> mac{};
-    getUnitNodeMacAddress(mac.data(), mac.size(), kController, 0, 0, 0);
-    const auto source = [](uint8_t family) { return Value::number(getUnitNodeUseDHCP(family, kController)); };
+    getUnitNodeMacAddress(mac.data(), mac.size(), node, id[0], id[1], id[2]);
+    const auto source = [node](uint8_t family) { return Value::number(getUnitNodeUseDHCP(family, node)); };
+    const auto controllerText = [controller](char *(*getter)(char *, unsigned, uint8_t, uint8_t), uint8_t family) {
+        return Value::text(controller ? nodeText(getter, family) : std::string());
+    };
     out.table(Table::Node).push_back(
-        {{1},
-         {Value::number(kController), Value::text(""), Value::text(name),
-          Value::text(std::string(reinterpret_cast<const char *>(mac.data()), mac.size())),
-          Value::text(nodeText(getNodeIpNetMaskAddress, kIpv4)), Value::text(nodeText(getNodeGatewayAddress, kIpv4)),
-          source(kIpv4), Value::text(nodeText(getNodeGatewayAddress, kIpv6)), source(kIpv6)}});
-    const std::string v4 = address(kIpv4, 0);
-    if (!v4.empty()) out.table(Table::NodeAddress).push_back({{1, kIpv4, 1}, {Value::text(v4)}});
-    for (uint8_t i = 0; i < kIpv6Addresses; ++i) {
-        const std::string v6 = address(kIpv6, i);
-        if (!v6.empty()) out.table(Table::NodeAddress).push_back({{1, kIpv6, i + 1L}, {Value::text(v6)}});
+        {{index},
+         {Value::number(node), Value::text(controller ? std::string() : std::string(id.begin(), id.end())),
+          Value::text(name), Value::text(std::string(reinterpret_cast<const char *>(mac.data()), mac.size())),
+          controllerText(getNodeIpNetMaskAddress, kIpv4), controllerText(getNodeGatewayAddress, kIpv4), source(kIpv4),
+          controllerText(getNodeGatewayAddress, kIpv6), source(kIpv6)}});
+    // The controller has one IPv4 address, a port function as many as its area lists; the
+    // addresses are listed from index 0 on, up to the first that is not set.
+    for (uint8_t i = 0; i < (controller ? 1 : kIpv6Addresses); ++i) {
+        const std::string v4 = address(node, id, kIpv4, i);
+        if (v4.empty()) break;
+        out.table(Table::NodeAddress).push_back({{index, kIpv4, i + 1L}, {Value::text(v4)}});
     }
+    for (uint8_t i = 0; i < kIpv6Addresses; ++i) {
+        const std::string v6 = address(node, id, kIpv6, i);
+        if (v6.empty()) break;
+        out.table(Table::NodeAddress).push_back({{index, kIpv6, i + 1L}, {Value::text(v6)}});
+    }
+}
+
+void networkRows(Snapshot &out, const std::vector<PortFunction> &ports)
+{
+    nodeRows(out, 1, kController, PortFunction{});
+    long index = 2;
+    for (const PortFunction &p : ports) nodeRows(out, index++, kPortFunction, p);
 }
 
 void channelRows(Snapshot &out)
@@ -85,7 +103,7 @@ void channelRows(Snapshot &out)
 
 } // namespace
 
-void collectRollup(Snapshot &out, SDRInfo *info)
+void collectRollup(Snapshot &out, SDRInfo *info, const std::vector<PortFunction> &ports)
 {
     out.scalar(Scalar::AgentId) = identity(snmpGetAgentId);
     out.scalar(Scalar::AgentCompany) = identity(snmpGetAgentCompany);
@@ -99,7 +117,7 @@ void collectRollup(Snapshot &out, SDRInfo *info)
     out.scalar(Scalar::StatusProcessors) = status(getStatusCpu, info);
     out.scalar(Scalar::StatusMemoryModules) = status(getStatusMemoryModule, info);
     out.scalar(Scalar::StatusBoot) = Value::number(getStatusBoot());
-    networkRows(out);
+    networkRows(out, ports);
     channelRows(out);
 }
 

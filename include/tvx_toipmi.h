@@ -455,7 +455,6 @@ typedef struct {
 } iELEntry;
 #pragma pack(pop)
 TVX_STATIC_ASSERT(sizeof(iELSummary) == 21, "iELSummary is 21 bytes");
-TVX_STATIC_ASSERT(sizeof(iELEntry) == 11 + sizeof(uint8_t *), "iELEntry is packed");
 
 TVX_API iELSummary ipmiGetiELInfo(IpmiSession *session);
 /* Reads the body in 50-byte pieces, one request each. */
@@ -833,6 +832,40 @@ TVX_API unsigned ipmiGetSbNumber(IpmiSession *session);
 TVX_API int ipmiIsKVSystem(IpmiSession *session);
 /* The board's IPMB slave address: 0xC0 + 2 x board, or 0x20 on a standard server. */
 TVX_API int ipmiGetSbSlaveAddr(IpmiSession *session);
+
+/* ---- Layouts that depend on the pointer size ------------------------------------------------
+ * Records holding pointers are laid out for the target: on the controller (4-byte pointers)
+ * and on a 64-bit host. Callers built separately rely on these sizes and positions. */
+#if UINTPTR_MAX == 0xFFFFFFFFu
+TVX_STATIC_ASSERT(sizeof(SDRInfo) == 12 && offsetof(SDRInfo, records) == 4 && offsetof(SDRInfo, count) == 8,
+                  "SDRInfo: 12 bytes, records at 4, count at 8");
+TVX_STATIC_ASSERT(sizeof(ListNode) == 8 && offsetof(ListNode, next) == 4, "ListNode: 8 bytes, next at 4");
+TVX_STATIC_ASSERT(sizeof(OemValueString) == 8 && offsetof(OemValueString, text) == 4,
+                  "OemValueString: 8 bytes, text at 4");
+TVX_STATIC_ASSERT(sizeof(ChassisInfo) == 24 && offsetof(ChassisInfo, chassisPartNumber) == 20,
+                  "ChassisInfo: 24 bytes");
+TVX_STATIC_ASSERT(sizeof(BoardInfo) == 20 && offsetof(BoardInfo, manufacturer) == 16, "BoardInfo: 20 bytes");
+TVX_STATIC_ASSERT(sizeof(ErrorCodeRecord) == 12 && offsetof(ErrorCodeRecord, params) == 8,
+                  "ErrorCodeRecord: 12 bytes, params at 8");
+TVX_STATIC_ASSERT(sizeof(iESLText) == 24 && offsetof(iESLText, textSize) == 16 && offsetof(iESLText, text) == 20,
+                  "iESLText: 24 bytes, text at 20");
+TVX_STATIC_ASSERT(sizeof(iELEntry) == 15 && offsetof(iELEntry, body) == 11, "iELEntry: 15 bytes, body at 11");
+#elif UINTPTR_MAX == 0xFFFFFFFFFFFFFFFFu
+TVX_STATIC_ASSERT(sizeof(SDRInfo) == 24 && offsetof(SDRInfo, records) == 8 && offsetof(SDRInfo, count) == 16,
+                  "SDRInfo: 24 bytes, records at 8, count at 16");
+TVX_STATIC_ASSERT(sizeof(ListNode) == 16 && offsetof(ListNode, next) == 8, "ListNode: 16 bytes, next at 8");
+TVX_STATIC_ASSERT(sizeof(OemValueString) == 16 && offsetof(OemValueString, text) == 8,
+                  "OemValueString: 16 bytes, text at 8");
+TVX_STATIC_ASSERT(sizeof(ChassisInfo) == 48 && offsetof(ChassisInfo, chassisPartNumber) == 40,
+                  "ChassisInfo: 48 bytes");
+TVX_STATIC_ASSERT(sizeof(BoardInfo) == 40 && offsetof(BoardInfo, manufacturer) == 32, "BoardInfo: 40 bytes");
+TVX_STATIC_ASSERT(sizeof(ErrorCodeRecord) == 16 && offsetof(ErrorCodeRecord, params) == 8,
+                  "ErrorCodeRecord: 16 bytes, params at 8");
+TVX_STATIC_ASSERT(sizeof(iESLText) == 32 && offsetof(iESLText, textSize) == 16 && offsetof(iESLText, text) == 24,
+                  "iESLText: 32 bytes, text at 24");
+TVX_STATIC_ASSERT(sizeof(iELEntry) == 19 && offsetof(iELEntry, body) == 11, "iELEntry: 19 bytes, body at 11");
+#endif
+TVX_STATIC_ASSERT(sizeof(SelSummary) == 12, "SelSummary is 12 bytes");
 
 #ifdef __cplusplus
 }

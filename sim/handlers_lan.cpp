@@ -214,10 +214,14 @@ struct Client {
 };
 
 // A process's start time from /proc (field 22 of its stat line, after the parenthesized name);
-// nothing for a process that does not exist or has ended (a zombie).
+// nothing for a process that does not exist or has ended (a zombie). The line is read from the
+// main thread's entry (/proc/PID/task/PID/stat, whose start time is the process's): a user-mode
+// emulator (qemu-arm running the controller's build) answers a process's own /proc/PID/stat
+// itself, with a start time of its own making that no other process would read, but passes the
+// task entries through.
 std::optional<uint64_t> processStart(uint64_t pid)
 {
-    const std::string path = "/proc/" + std::to_string(pid) + "/stat";
+    const std::string path = "/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/stat";
     int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) return std::nullopt;
     char buf[1024];

@@ -183,6 +183,16 @@ LIBIPMI_STATIC_ASSERT(offsetof(FruData, productFruFileId) == 103, "FruData layou
 LIBIPMI_STATIC_ASSERT(offsetof(FruData, productCustomFields) == 108, "FruData layout");
 LIBIPMI_STATIC_ASSERT(offsetof(FruData, productCustomCount) == 112, "FruData layout");
 LIBIPMI_STATIC_ASSERT(offsetof(FruData, reserved) == 113, "FruData layout");
+#elif UINTPTR_MAX == 0xFFFFFFFFFFFFFFFFu
+/* With 8-byte pointers every text field is 9 bytes and the record 1013 (a host build's own). */
+LIBIPMI_STATIC_ASSERT(sizeof(FruData) == 1013, "FruData is 1013 bytes with 8-byte pointers");
+LIBIPMI_STATIC_ASSERT(offsetof(FruData, chassisSerialNumber) == 28, "FruData layout");
+LIBIPMI_STATIC_ASSERT(offsetof(FruData, chassisCustomFields) == 37, "FruData layout");
+LIBIPMI_STATIC_ASSERT(offsetof(FruData, boardManufacturer) == 52, "FruData layout");
+LIBIPMI_STATIC_ASSERT(offsetof(FruData, boardCustomFields) == 97, "FruData layout");
+LIBIPMI_STATIC_ASSERT(offsetof(FruData, productManufacturer) == 109, "FruData layout");
+LIBIPMI_STATIC_ASSERT(offsetof(FruData, productCustomFields) == 172, "FruData layout");
+LIBIPMI_STATIC_ASSERT(offsetof(FruData, reserved) == 181, "FruData layout");
 #endif
 
 /* ---- LAN ----------------------------------------------------------------------------- */

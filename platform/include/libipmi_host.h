@@ -27,6 +27,9 @@
 
 #ifdef __cplusplus
 extern "C" {
+#define IPMIHOST_STATIC_ASSERT(cond, msg) static_assert(cond, msg)
+#else
+#define IPMIHOST_STATIC_ASSERT(cond, msg) _Static_assert(cond, msg)
 #endif
 
 #if defined(__GNUC__)
@@ -309,6 +312,23 @@ IPMIHOST_API void ipmihost_reset_request_count(void);
    since the last ipmihost_reset_session_count. */
 IPMIHOST_API uint64_t ipmihost_session_count(void);
 IPMIHOST_API void ipmihost_reset_session_count(void);
+
+/* Layouts that depend on the pointer size, for programs built apart from this library. */
+#if UINTPTR_MAX == 0xFFFFFFFFu
+IPMIHOST_STATIC_ASSERT(sizeof(ipmihost_call) == 80 && offsetof(ipmihost_call, userName) == 12 &&
+                       offsetof(ipmihost_call, reqData) == 56 && offsetof(ipmihost_call, timeout) == 76,
+                       "ipmihost_call: 80 bytes");
+IPMIHOST_STATIC_ASSERT(sizeof(ipmihost_lan_params) == 48 && offsetof(ipmihost_lan_params, cipherSuite) == 20 &&
+                       offsetof(ipmihost_lan_params, idleMs) == 44, "ipmihost_lan_params: 48 bytes");
+#elif UINTPTR_MAX == 0xFFFFFFFFFFFFFFFFu
+IPMIHOST_STATIC_ASSERT(sizeof(ipmihost_call) == 144 && offsetof(ipmihost_call, userName) == 24 &&
+                       offsetof(ipmihost_call, reqData) == 104 && offsetof(ipmihost_call, timeout) == 136,
+                       "ipmihost_call: 144 bytes");
+IPMIHOST_STATIC_ASSERT(sizeof(ipmihost_lan_params) == 80 && offsetof(ipmihost_lan_params, cipherSuite) == 40 &&
+                       offsetof(ipmihost_lan_params, idleMs) == 72, "ipmihost_lan_params: 80 bytes");
+#endif
+IPMIHOST_STATIC_ASSERT(sizeof(ipmihost_fault) == 32 && offsetof(ipmihost_fault, count) == 28, "ipmihost_fault: 32 bytes");
+IPMIHOST_STATIC_ASSERT(sizeof(ipmihost_lan_statistics) == 64, "ipmihost_lan_statistics: 64 bytes");
 
 #ifdef __cplusplus
 }

@@ -1,4 +1,6 @@
 // The system event log: summary, UTC offset, raw lines, clearing and adding records.
+#include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -37,8 +39,32 @@ int hexRun(char *out, size_t room, wire::View bytes, char separator, char group 
     return static_cast<int>(n);
 }
 
-} // namespace
+// UTC calendar fields of seconds since 1970 (the proleptic Gregorian civil-from-days
+// conversion), for any 64-bit count: gmtime_r would stop at 2038 where time_t has 32 bits.
+struct UtcTime {
+    int64_t year;
+    int month, day, hour, minute, second; // month 1-12
+};
 
+UtcTime utcTime(int64_t seconds)
+{
+    int64_t days = seconds / 86400, rest = seconds % 86400;
+    if (rest < 0) {
+        rest += 86400;
+        --days;
+    }
+    const int64_t z = days + 719468; // days since 0000-03-01
+    const int64_t era = (z >= 0 ? z : z - 146096) / 146097;
+    const int64_t dayOfEra = z - era * 146097;
+    const int64_t yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
+    const int64_t dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
+    const int64_t monthFromMarch = (5 * dayOfYear + 2) / 153;
+    const int month = static_cast<int>(monthFromMarch < 10 ? monthFromMarch + 3 : monthFromMarch - 9);
+    return {yearOfEra + era * 400 + (month <= 2), month, static_cast<int>(dayOfYear - (153 * monthFromMarch + 2) / 5 + 1),
+            static_cast<int>(rest / 3600), static_cast<int>(rest / 60 % 60), static_cast<int>(rest % 60)};
+}
+
+} // namespace
 
 extern "C" TVX_API size_t convertTime(const time_t *timestamp, char *buffer, size_t size)
 {
@@ -46,15 +72,19 @@ extern "C" TVX_API size_t convertTime(const time_t *timestamp, char *buffer, siz
     static constexpr const char *kMonths[12] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                                 "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
     if (!timestamp || !buffer || size == 0) return 0;
-    struct tm tm;
-    if (!gmtime_r(timestamp, &tm)) {
+    // A SEL timestamp is an unsigned 32-bit count: where time_t has 32 bits (the controller),
+    // the value's bits are read as that count, so that times from 2038 on stay right.
+    const int64_t seconds = sizeof(time_t) == 4 ? static_cast<int64_t>(static_cast<uint32_t>(*timestamp))
+                                                : static_cast<int64_t>(*timestamp);
+    const UtcTime t = utcTime(seconds);
+    // The C library's calendar stops where the year less 1900 leaves an int; so does this one.
+    if (t.year - 1900 > INT_MAX || t.year - 1900 < INT_MIN) {
         buffer[0] = '\0';
         return 0;
     }
-    char text[48];
-    // The year in 64 bits: tm_year + 1900 overflows an int for times from the year 2^31 on.
-    int n = std::snprintf(text, sizeof text, "%02d-%s-%04lld %02d:%02d:%02d ", tm.tm_mday, kMonths[tm.tm_mon % 12],
-                          static_cast<long long>(tm.tm_year) + 1900, tm.tm_hour, tm.tm_min, tm.tm_sec);
+    char text[64];
+    int n = std::snprintf(text, sizeof text, "%02d-%s-%04lld %02d:%02d:%02d ", t.day, kMonths[t.month - 1],
+                          static_cast<long long>(t.year), t.hour, t.minute, t.second);
     if (n < 0 || static_cast<size_t>(n) + 1 > size) {
         buffer[0] = '\0';
         return 0;

@@ -4,10 +4,12 @@
 // errors, and tvxctl fru.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <vector>
 
 #include "controller.h"
 #include "fru.h"
@@ -96,6 +98,51 @@ TEST(FruController, EveryEncodingComesBackThroughThePlatform)
     FruData none{};
     EXPECT_EQ(LIBIPMI_HL_GetFRUData(s, 9, &length, &none, 60), LIBIPMI_STATUS_COMPLETION_CODE(0xCB));
     EXPECT_EQ(none.formatVersion, 0);
+}
+
+// The record as raw bytes: the controller's record is 945 bytes with 4-byte pointers, a text
+// field being its type/length byte with the pointer right behind it, unaligned. The platform
+// writes no byte past the record, and the library reads the texts from the same positions.
+TEST(FruController, TheRecordStandsAtItsFixedBytes)
+{
+    constexpr bool kNarrow = sizeof(void *) == 4;
+    tvxtest::ScratchMachine m(profile());
+    PlatformSession session;
+    ASSERT_EQ(session.open(), 0);
+    IpmiSession *s = session.get();
+    const size_t size = kNarrow ? 945 : 1013;
+    std::vector<uint8_t> raw(size + 64, 0x5A);
+    std::fill_n(raw.begin(), size, 0);
+    uint32_t length = 0;
+    ASSERT_EQ(LIBIPMI_HL_GetFRUData(s, 0, &length, reinterpret_cast<FruData *>(raw.data()), 60), 0);
+    EXPECT_EQ(std::count(raw.begin() + size, raw.end(), 0x5A), 64);
+    auto pointerAt = [&](size_t at) {
+        const char *p = nullptr;
+        std::memcpy(&p, &raw[at], sizeof p);
+        return p ? p : "(null)";
+    };
+    const struct {
+        size_t narrow, wide; // position with 4-byte and with 8-byte pointers
+        uint8_t typeLength;
+        const char *text;
+    } kTexts[] = {{19, 19, 0x45, "12-34.5 6"}, {24, 28, 0x86, "SER#42_X"}, {40, 52, 0xC4, "ACME"},
+                  {55, 79, 0x02, "dead"},      {78, 118, 0xC6, "Widget"},   {103, 163, 0x81, "F"}};
+    for (const auto &t : kTexts) {
+        const size_t at = kNarrow ? t.narrow : t.wide;
+        EXPECT_EQ(raw[at], t.typeLength) << at;
+        EXPECT_STREQ(pointerAt(at + 1), t.text) << at;
+    }
+    // The custom fields' count bytes follow their pointers: chassis 2, board 0, product 2.
+    EXPECT_EQ(Bytes({raw[kNarrow ? 33 : 45], raw[kNarrow ? 69 : 105], raw[kNarrow ? 112 : 180]}), Bytes({2, 0, 2}));
+
+    SDRInfo sdr{};
+    BoardInfo board{};
+    ASSERT_EQ(getSDRInfo(m.session(), &sdr), 1);
+    EXPECT_EQ(ipmiGetBoardInfo(m.session(), &board, &sdr), 1);
+    EXPECT_STREQ(board.productName, "BOARD-7");
+    EXPECT_STREQ(board.partNumber, "dead");
+    ipmiFreeBoardInfo(&board);
+    freeSDRInfo(&sdr);
 }
 
 TEST(FruController, CompletionCodesAndTheResponseLimit)

@@ -8,6 +8,7 @@
 #include <cfloat>
 #include <cmath>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <random>
 #include <type_traits>
@@ -96,8 +97,15 @@ TEST(ConvertReading, AgreesWithFreeIpmiOnEveryRawValue)
                     double reference = 0;
                     // FreeIPMI takes 0x0B as 1/x^3, here it is the cube root: convert linearly, then cbrt.
                     const uint8_t referenceLin = parsedLin == kCubeRoot ? 0 : parsedLin;
-                    ASSERT_EQ(ipmi_sensor_decode_value(rExp, bExp, m, b, referenceLin, parsedFormat,
-                                                       static_cast<uint8_t>(raw), &reference),
+                    // FreeIPMI reads a signed reading through plain char, which is unsigned on
+                    // ARM, where it would take 0x80 and up as positive: such a reading goes to
+                    // it as its magnitude, unsigned, with the sign moved into M (same product).
+                    const bool foldSign = !std::numeric_limits<char>::is_signed &&
+                                          parsedFormat != IPMI_SDR_ANALOG_DATA_FORMAT_UNSIGNED && raw >= 0x80;
+                    const unsigned wrap = parsedFormat == IPMI_SDR_ANALOG_DATA_FORMAT_1S_COMPLEMENT ? 0xFF : 0x100;
+                    ASSERT_EQ(ipmi_sensor_decode_value(rExp, bExp, foldSign ? -m : m, b, referenceLin,
+                                                       foldSign ? IPMI_SDR_ANALOG_DATA_FORMAT_UNSIGNED : parsedFormat,
+                                                       static_cast<uint8_t>(foldSign ? wrap - raw : raw), &reference),
                               0);
                     if (parsedLin == kCubeRoot) reference = std::cbrt(reference);
                     float value = kUnchanged;

@@ -60,11 +60,19 @@ TEST(SelRawLine, RecordTypesAndTimes)
     char small[22];
     EXPECT_EQ(convertTime(&t, small, 21), 0u);
     EXPECT_EQ(convertTime(&t, small, 22), 21u);
+    // SEL times are unsigned: from 2038 on they stay right where time_t has 32 bits too.
+    for (const auto &[seconds, text] : {std::pair<uint32_t, const char *>{0x80000000u, "19-Jan-2038 03:14:08 "},
+                                        {0xFFFFFFFEu, "07-Feb-2106 06:28:14 "}}) {
+        const time_t late = static_cast<time_t>(seconds);
+        EXPECT_EQ(convertTime(&late, small, sizeof small), 21u);
+        EXPECT_STREQ(small, text);
+    }
+    if constexpr (sizeof(time_t) < 8) return;
     // Times whose year does not fit an int are refused; the largest that do are written whole.
     char wide[40];
     for (auto [when, text] : {std::pair<int64_t, const char *>{67768036191676799, "31-Dec-2147485547 23:59:59 "},
                               {std::numeric_limits<int64_t>::max(), ""}}) {
-        const time_t w = when;
+        const time_t w = static_cast<time_t>(when);
         EXPECT_EQ(convertTime(&w, wide, sizeof wide), std::strlen(text));
         EXPECT_STREQ(wide, text);
     }

@@ -233,8 +233,9 @@ protected:
     // a write beyond fails as on a full disk.
     tvxtest::Outcome runLimited(long blocks, std::vector<std::string> args)
     {
-        args.insert(args.begin(), {"/bin/sh", "-c", "trap '' XFSZ; ulimit -f " + std::to_string(blocks) + "; exec \"$0\" \"$@\"",
-                                   TVXCTL_PATH});
+        args.insert(args.begin(), TVXCTL_PATH);
+        args.insert(args.begin(), tvxtest::kEmulator.begin(), tvxtest::kEmulator.end());
+        args.insert(args.begin(), {"/bin/sh", "-c", "trap '' XFSZ; ulimit -f " + std::to_string(blocks) + "; exec \"$0\" \"$@\""});
         return tvxtest::run(args, {"HOME=" + dir_.path() + "/home", "TVX_IPMI_STATE_DIR=" + dir_.path() + "/state"},
                             {"TVX_IPMI_", "XDG_STATE_HOME="});
     }

@@ -19,6 +19,8 @@
 #include <utility>
 #include <vector>
 
+#include "emulator.h"
+
 extern char **environ;
 
 namespace tvxtest {
@@ -88,9 +90,13 @@ inline Outcome runAs(const std::string &program, const std::string &scratch, std
     env.insert(env.end(), {"HOME=" + scratch + "/home", "TVX_IPMI_STATE_DIR=" + scratch + "/state"});
     return run(args, env, {"TVX_IPMI_", "XDG_STATE_HOME="});
 }
+// tvxctl, through the emulator in a cross build.
 inline Outcome tvxctl(const std::string &scratch, std::vector<std::string> args, std::vector<std::string> env = {})
 {
-    return runAs(TVXCTL_PATH, scratch, std::move(args), std::move(env));
+    if (kEmulator.empty()) return runAs(TVXCTL_PATH, scratch, std::move(args), std::move(env));
+    args.insert(args.begin(), TVXCTL_PATH);
+    args.insert(args.begin(), kEmulator.begin() + 1, kEmulator.end());
+    return runAs(kEmulator.front(), scratch, std::move(args), std::move(env));
 }
 
 // A daemon of the test (args[0] a path), stopped by its PID when the object goes or the test

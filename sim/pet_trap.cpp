@@ -2,8 +2,10 @@
 
 #include <ctime>
 
+#if TVX_SIM_NETSNMP
 #include <net-snmp/net-snmp-config.h>
 #include <net-snmp/net-snmp-includes.h>
+#endif
 
 #include "machine_settings.h"
 #include "tvx/wire.h"
@@ -11,8 +13,10 @@
 namespace tvxsim {
 namespace {
 
+#if TVX_SIM_NETSNMP
 const oid kPetEnterprise[] = {1, 3, 6, 1, 4, 1, 3183, 1, 1};
 const oid kPetVariable[] = {1, 3, 6, 1, 4, 1, 3183, 1, 1, 1};
+#endif
 
 constexpr uint32_t kPetEpoch = 883612800; // 1998-01-01 00:00 UTC: PET time stamps count from it
 constexpr uint16_t kUtcOffsetUnspecified = 0xFFFF;
@@ -24,6 +28,7 @@ constexpr std::size_t kEventDataBytes = 8; // data 1-3, the rest unspecified (0x
 constexpr uint8_t kLanguageEnglish = 0x19;
 constexpr uint8_t kEndOfCustomFields = 0xC1;
 
+#if TVX_SIM_NETSNMP
 // Centiseconds since the system started: the trap's time stamp (sysUpTime).
 u_long uptime()
 {
@@ -39,6 +44,7 @@ struct SessionCloser {
         if (handle) snmp_sess_close(handle);
     }
 };
+#endif
 
 } // namespace
 
@@ -70,6 +76,12 @@ std::vector<uint8_t> petVariableBinding(const PetTrap &trap)
 
 bool sendPetTrap(const PetTrap &trap, std::string &error)
 {
+#if !TVX_SIM_NETSNMP
+    // A build without net-snmp (a cross build for a target that lacks it) sends no traps.
+    (void)trap;
+    error = "this build of the virtual controller has no SNMP library to send traps with";
+    return false;
+#else
     const std::string peer = "udp:" + ipv4Text(trap.destination) + ":" + std::to_string(trap.port);
     netsnmp_session settings;
     snmp_sess_init(&settings);
@@ -111,6 +123,7 @@ bool sendPetTrap(const PetTrap &trap, std::string &error)
         return false;
     }
     return true;
+#endif
 }
 
 } // namespace tvxsim

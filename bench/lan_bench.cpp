@@ -15,6 +15,8 @@
 // Run: build/bench/bench/lan_bench   (see bench/README.md for the figures)
 #include <benchmark/benchmark.h>
 
+#include <filesystem>
+
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -161,13 +163,14 @@ void BM_Library_AgentPass(benchmark::State &state)
 
 // ---- Other clients, as processes ------------------------------------------------------------
 
-int spawnWait(const std::vector<std::string> &args, const std::string &stdinFile = "/dev/null")
+int spawnWait(const std::vector<std::string> &args, const std::string &stdinFile = "/dev/null",
+              const std::string &stderrFile = "/dev/null")
 {
     posix_spawn_file_actions_t fa;
     posix_spawn_file_actions_init(&fa);
     posix_spawn_file_actions_addopen(&fa, 0, stdinFile.c_str(), O_RDONLY, 0);
     posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&fa, 2, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&fa, 2, stderrFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     std::vector<std::string> copy = args;
     std::vector<char *> argv;
     for (auto &a : copy) argv.push_back(a.data());
@@ -282,6 +285,84 @@ void BM_IpmiRaw_AgentPass_OneSession(benchmark::State &state)
 } // namespace
 
 // Argument: 1 with the connection pool, 0 without.
+// ---- Listing the sensors with their readings: tvxctl sdr, ipmitool sdr elist, ipmi-sensors ----
+
+// Each program's SDR cache lives here; "cold" empties it before every run.
+std::string cacheDir(const char *who)
+{
+    return std::string(TVX_BENCH_WORK) + "/sdr-cache-" + who;
+}
+void emptied(const std::string &dir)
+{
+    std::filesystem::remove_all(dir);
+    std::filesystem::create_directories(dir);
+}
+
+// tvxctl sdr over LAN (the pool does not outlive the process): argument 1 with its on-disk copy
+// of the repository warm, 0 cold. Counts the LAN requests tvxctl reports with --stats.
+void BM_Tvxctl_Sdr(benchmark::State &state)
+{
+    const bool warm = state.range(0);
+    const std::string dir = cacheDir("tvxctl");
+    emptied(dir);
+    setenv("XDG_CACHE_HOME", dir.c_str(), 1);
+    const std::vector<std::string> args = {TVXCTL_PATH, "--stats", "--target", bed().peer->target(), "sdr"};
+    const std::string err = std::string(TVX_BENCH_WORK) + "/tvxctl-stats.txt";
+    if (warm && spawnWait(args) != 0) state.SkipWithError("tvxctl sdr failed");
+    uint64_t requests = 0;
+    for (auto _ : state) {
+        if (!warm) {
+            state.PauseTiming();
+            emptied(dir);
+            state.ResumeTiming();
+        }
+        if (spawnWait(args, "/dev/null", err) != 0) state.SkipWithError("tvxctl sdr failed");
+        std::ifstream in(err);
+        for (std::string line; std::getline(in, line);)
+            if (line.rfind("tvxctl: LAN requests ", 0) == 0) requests += std::stoull(line.substr(21));
+    }
+    unsetenv("XDG_CACHE_HOME");
+    state.counters["requests/iter"] = benchmark::Counter(static_cast<double>(requests), benchmark::Counter::kAvgIterations);
+}
+
+// ipmitool sdr elist: without a cache (it reads the repository every time), or with the file
+// `sdr dump` wrote (-S FILE).
+void BM_Ipmitool_SdrElist(benchmark::State &state)
+{
+    const std::string file = cacheDir("ipmitool") + ".bin";
+    std::vector<std::string> args = ipmitoolArgs();
+    if (state.range(0)) {
+        std::vector<std::string> dump = args;
+        dump.insert(dump.end(), {"sdr", "dump", file});
+        std::filesystem::remove(file);
+        if (spawnWait(dump) != 0) state.SkipWithError("ipmitool sdr dump failed");
+        args.insert(args.end(), {"-S", file});
+    }
+    args.insert(args.end(), {"sdr", "elist"});
+    for (auto _ : state)
+        if (spawnWait(args) != 0) state.SkipWithError("ipmitool sdr elist failed");
+}
+
+// ipmi-sensors with its SDR cache directory kept (warm) or emptied before each run (cold).
+void BM_IpmiSensors(benchmark::State &state)
+{
+    const bool warm = state.range(0);
+    const std::string dir = cacheDir("freeipmi");
+    emptied(dir);
+    std::vector<std::string> args = ipmiRawArgs();
+    args[0] = "ipmi-sensors";
+    args.push_back("--sdr-cache-directory=" + dir);
+    if (warm && spawnWait(args) != 0) state.SkipWithError("ipmi-sensors failed");
+    for (auto _ : state) {
+        if (!warm) {
+            state.PauseTiming();
+            emptied(dir);
+            state.ResumeTiming();
+        }
+        if (spawnWait(args) != 0) state.SkipWithError("ipmi-sensors failed");
+    }
+}
+
 BENCHMARK(BM_Library_OpenClose)->ArgName("pool")->Arg(1)->Arg(0)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Library_RawRoundTrip)->ArgName("pool")->Arg(1)->Arg(0)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Library_SdrCache)->ArgName("pool")->Arg(1)->Arg(0)->Unit(benchmark::kMicrosecond);
@@ -293,4 +374,7 @@ BENCHMARK(BM_Ipmitool_AgentPass_OneSession)->Unit(benchmark::kMillisecond)->Iter
 BENCHMARK(BM_IpmiRaw_AgentPass_ProcessPerRequest)->Unit(benchmark::kMillisecond)->Iterations(3);
 BENCHMARK(BM_IpmiRaw_AgentPass_OneSession)->Unit(benchmark::kMillisecond)->Iterations(10);
 
+BENCHMARK(BM_Tvxctl_Sdr)->ArgName("warm")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->Iterations(10);
+BENCHMARK(BM_Ipmitool_SdrElist)->ArgName("cache")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->Iterations(10);
+BENCHMARK(BM_IpmiSensors)->ArgName("warm")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->Iterations(10);
 BENCHMARK_MAIN();

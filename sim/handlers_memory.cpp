@@ -69,9 +69,11 @@ void spdRead(const Memory &memory, const Context &ctx, const Request &req, Respo
     if (m->spd.empty()) return rsp.fail(cc::kNotPresent);
     if (offset >= m->spd.size()) return rsp.fail(cc::kParameterOutOfRange);
     std::size_t n = std::min<std::size_t>(length, m->spd.size() - offset);
-    // Completion code and IANA echo come before the data.
-    const std::size_t limit = ctx.profile.maxResponseLength;
-    if (limit != 0) n = std::min(n, limit - tvx::oem::kPayload);
+    // Completion code and IANA echo come before the data; without a limit of the profile's the
+    // answer still fits an IPMI message (255 bytes with its completion code).
+    constexpr std::size_t kMessageLimit = 255;
+    const std::size_t limit = ctx.profile.maxResponseLength != 0 ? ctx.profile.maxResponseLength : kMessageLimit;
+    n = std::min(n, limit - tvx::oem::kPayload);
     rsp.append(std::span<const uint8_t>(m->spd).subspan(offset, n));
 }
 

@@ -19,19 +19,6 @@ namespace {
 
 using nlohmann::json;
 
-uint16_t freeUdpPort()
-{
-    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a);
-    getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
-    close(fd);
-    return ntohs(a.sin_port);
-}
-
 TEST(TestTrap, ReachesSnmptrapdAndARefusingDestinationGetsThePlainAlert)
 {
     tvxtest::TempDir dir;
@@ -40,7 +27,7 @@ TEST(TestTrap, ReachesSnmptrapdAndARefusingDestinationGetsThePlainAlert)
     const std::string machine = dir.file("alerts.json");
     tvxtest::writeFile(machine, profile.dump());
     tvxtest::writeFile(dir.file("snmptrapd.conf"), "disableAuthorization yes\n");
-    const std::string port = std::to_string(freeUdpPort()), log = dir.file("traps.log");
+    const std::string port = std::to_string(tvxtest::freeUdpPort()), log = dir.file("traps.log");
     tvxtest::Daemon trapd({SNMPTRAPD_PATH, "-f", "-Lo", "-n", "-C", "-m", "", "-c", dir.file("snmptrapd.conf"),
                             "udp:127.0.0.1:" + port},
                            {}, log);

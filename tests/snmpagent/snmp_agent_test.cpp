@@ -32,27 +32,14 @@ const std::string kObjects = kBase + ".1";
 const std::string kCommunity = "public", kWriteCommunity = "private";
 const std::string kUser = "tvxv3", kAuth = "tvx-auth-secret", kPriv = "tvx-priv-secret";
 
-uint16_t freeUdpPort()
-{
-    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a);
-    getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
-    close(fd);
-    return ntohs(a.sin_port);
-}
-
 // snmpd + snmptrapd + tvx-snmp-agent on one machine profile.
 class Stack {
 public:
     explicit Stack(const json &profile)
     {
         tvxtest::writeFile(dir_.file("machine.json"), profile.dump());
-        port_ = freeUdpPort();
-        trapPort_ = freeUdpPort();
+        port_ = tvxtest::freeUdpPort();
+        trapPort_ = tvxtest::freeUdpPort();
         std::filesystem::create_directories(dir_.file("persist"));
         std::filesystem::create_directories(dir_.file("home"));
         tvxtest::writeFile(dir_.file("snmpd.conf"),

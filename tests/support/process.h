@@ -3,7 +3,10 @@
 // a scratch directory, never the user's. Daemons run beside the test until it stops them.
 #pragma once
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/prctl.h>
@@ -24,6 +27,20 @@
 extern char **environ;
 
 namespace tvxtest {
+
+// A UDP port on the loopback that is free now (for a daemon a test starts).
+inline uint16_t freeUdpPort()
+{
+    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a);
+    getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
+    close(fd);
+    return ntohs(a.sin_port);
+}
 
 struct Outcome {
     int code;

@@ -1,6 +1,7 @@
 // tvxctl: shared pieces of the subcommands.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -51,6 +52,10 @@ public:
 private:
     IpmiSession *session_ = nullptr;
 };
+
+// The SEL's records (16 bytes each), read once in one session, in log order or reversed.
+using SelRecordBytes = std::array<uint8_t, 16>;
+std::vector<SelRecordBytes> readSelRecords(IpmiSession *session, bool reverse);
 
 // Parses a byte as ipmitool does ("0x2e", "46", "056" octal).
 bool parseByte(const std::string &text, uint8_t &out);

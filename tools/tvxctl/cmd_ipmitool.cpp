@@ -319,17 +319,6 @@ void printLine(const Decoded &d)
     std::printf("\n");
 }
 
-std::vector<Record> allRecords(IpmiSession *session)
-{
-    uint16_t count = 0;
-    uint16_t status = LIBIPMI_HL_GetNumOfSELEntries(session, &count, 60);
-    if (status != 0) throw Failure{kExitFailed, "cannot read the SEL: " + statusText(status)};
-    std::vector<Record> records(count);
-    if (count == 0) return records;
-    status = LIBIPMI_HL_GetAllSELEntries(session, reinterpret_cast<SelRecord *>(records.data()), 60);
-    if (status != 0) throw Failure{kExitFailed, "cannot read the SEL: " + statusText(status)};
-    return records;
-}
 
 } // namespace
 
@@ -365,7 +354,7 @@ int cmdSelDecoded(const Options &opt, const std::vector<std::string> &ids)
         wanted.push_back(static_cast<uint16_t>(id));
     }
     Session session;
-    const auto records = allRecords(session.get());
+    const auto records = readSelRecords(session.get(), false);
     const SensorNames names(session.get());
     std::vector<Decoded> shown;
     if (wanted.empty()) {

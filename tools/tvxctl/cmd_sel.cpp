@@ -90,21 +90,6 @@ StandardText standardText(const Record &record)
     return out;
 }
 
-// The log's records in the order asked for. The library hands out lines and texts, not the
-// records they come from, which --json shows and texts in other languages need: they are read
-// once here, and every line and text is made from them by the library.
-std::vector<Record> readRecords(IpmiSession *session, bool reverse)
-{
-    uint16_t count = 0;
-    uint16_t status = LIBIPMI_HL_GetNumOfSELEntries(session, &count, 60);
-    if (status != 0) throw Failure{kExitFailed, "cannot read the SEL: " + statusText(status)};
-    std::vector<Record> records(count);
-    if (count == 0) return records;
-    status = LIBIPMI_HL_GetAllSELEntries(session, reinterpret_cast<SelRecord *>(records.data()), 60);
-    if (status != 0) throw Failure{kExitFailed, "cannot read the SEL: " + statusText(status)};
-    if (reverse) std::reverse(records.begin(), records.end());
-    return records;
-}
 
 // The library's raw one-line text of a record.
 std::string rawLine(const Record &r)
@@ -122,7 +107,7 @@ int raw(const Options &opt, Args &args)
     args.noMoreOptions("sel");
     if (args.size() != 0) throw Failure{kExitUsage, "sel takes no further arguments (see tvxctl --help)"};
     Session session;
-    auto records = readRecords(session.get(), reverse);
+    auto records = readSelRecords(session.get(), reverse);
     if (!opt.json) {
         for (const Record &r : records) std::cout << rawLine(r) << "\n";
         return kExitOk;
@@ -156,7 +141,7 @@ int text(const Options &opt, Args &args)
     if (!lang.empty() && !parseNumber(lang, 0xFFFF, language))
         throw Failure{kExitUsage, "invalid --lang \"" + lang + "\" (a language identifier such as 0x0409 or 0x0407)"};
     Session session;
-    auto records = readRecords(session.get(), reverse);
+    auto records = readSelRecords(session.get(), reverse);
     Json out = Json::array();
     // The vendor's texts, until the controller shows it has none (0xC1 to their request);
     // a record without one (refused, or not answered) gets the standard decoding instead.
@@ -296,6 +281,22 @@ int add(const Options &opt, Args &args)
 }
 
 } // namespace
+
+// The log's records in the order asked for. The library hands out lines and texts, not the
+// records they come from, which --json shows and texts in other languages need: they are read
+// once here, and every line and text is made from them by the library.
+std::vector<SelRecordBytes> readSelRecords(IpmiSession *session, bool reverse)
+{
+    uint16_t count = 0;
+    uint16_t status = LIBIPMI_HL_GetNumOfSELEntries(session, &count, 60);
+    if (status != 0) throw Failure{kExitFailed, "cannot read the SEL: " + statusText(status)};
+    std::vector<SelRecordBytes> records(count);
+    if (count == 0) return records;
+    status = LIBIPMI_HL_GetAllSELEntries(session, reinterpret_cast<SelRecord *>(records.data()), 60);
+    if (status != 0) throw Failure{kExitFailed, "cannot read the SEL: " + statusText(status)};
+    if (reverse) std::reverse(records.begin(), records.end());
+    return records;
+}
 
 int cmdSel(const Options &opt, const std::vector<std::string> &words)
 {

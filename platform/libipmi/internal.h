@@ -2,6 +2,7 @@
 // the host program), and every operation reaches the controller through one raw exchange.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
@@ -15,6 +16,25 @@
 #include "sdr_copy.h"
 
 namespace libipmi {
+
+// The lock of the session table and of the target selection, held only for a few pointer
+// moves: every session's open and close and every request take one of them, and an
+// uncontended mutex costs a library call each way where this costs one atomic exchange. A
+// waiter gives the processor away instead of spinning on it (the holder may be the thread
+// it is waiting for on a single core).
+class ShortLock {
+public:
+    void lock() noexcept
+    {
+        while (held_.exchange(true, std::memory_order_acquire))
+            while (held_.load(std::memory_order_relaxed)) yieldProcessor();
+    }
+    void unlock() noexcept { held_.store(false, std::memory_order_release); }
+
+private:
+    static void yieldProcessor() noexcept;
+    std::atomic<bool> held_{false};
+};
 
 // The arguments of a session opening, as the caller passed them.
 struct OpenCall {
@@ -189,9 +209,19 @@ struct SessionData {
 // at a time, so the pointer stays valid until that caller closes it.
 SessionData *dataFor(IpmiSession *session);
 
-// Sends one request on a session and stores the answer into the caller's buffer: the one
-// raw exchange every operation of this library is built on.
-uint16_t rawExchange(const RawCall &call, uint8_t *resData, uint32_t *resLen);
+// An open session's link and data, found with one lookup (both null when it is not open).
+// Like dataFor's pointer, both stay valid until the session's one caller closes it.
+struct OpenSession {
+    Link *link = nullptr;
+    SessionData *data = nullptr;
+    explicit operator bool() const { return link != nullptr; }
+};
+OpenSession openSession(IpmiSession *session);
+
+// Sends one request on an open session (call.route says where to): the one raw exchange
+// every operation of this library is built on. Counts it, records it as the session's last
+// request and tells the host's watcher.
+Answer send(const OpenSession &open, const RawCall &call);
 
 // The same for the library's own operations: request bytes in, status and response out.
 // `route` null: the session's own route; `lun` goes into the NetFn/LUN byte.

@@ -40,15 +40,9 @@ Route normalised(Route r)
     return r;
 }
 
-// The route of a session's requests (the session's controller when it has none).
-Route sessionRoute(IpmiSession *session)
-{
-    SessionData *d = dataFor(session);
-    return d ? d->route : Route{};
-}
-
 struct Watcher {
     std::mutex lock;
+    std::atomic<bool> set{false}; // whether fn is set: a request looks at the lock only then
     ipmihost_request_watcher fn = nullptr;
     void *context = nullptr;
 };
@@ -61,6 +55,7 @@ Watcher &watcher()
 void tellWatcher(const ipmihost_request_outcome &outcome, std::span<const uint8_t> request)
 {
     Watcher &w = watcher();
+    if (!w.set.load(std::memory_order_acquire)) return;
     ipmihost_request_watcher fn;
     void *context;
     {
@@ -70,41 +65,30 @@ void tellWatcher(const ipmihost_request_outcome &outcome, std::span<const uint8_
     if (fn) fn(context, &outcome, request.data(), static_cast<uint32_t>(request.size()));
 }
 
-uint16_t rawExchange(const RawCall &call, uint8_t *resData, uint32_t *resLen)
+Answer send(const OpenSession &open, const RawCall &call)
 {
-    std::shared_ptr<Link> link = linkFor(call.session);
-    if (!link) return LIBIPMI_STATUS_NO_SESSION;
     std::span<const uint8_t> request;
     if (call.reqLen > 0) request = std::span<const uint8_t>(call.reqData, call.reqLen);
     countRequest();
-    const Route route = normalised(call.route);
     RawCall routed = call;
-    routed.route = route;
-    Answer a = route.direct() ? link->exchange(routed, request) : link->bridge(routed, request);
+    routed.route = normalised(call.route);
+    const Route &route = routed.route;
+    Answer a = route.direct() ? open.link->exchange(routed, request) : open.link->bridge(routed, request);
     const ipmihost_request_outcome outcome{static_cast<uint8_t>(call.netFnLun >> 2), static_cast<uint8_t>(call.netFnLun & 3),
                                            call.command, route.channel, route.address, a.status};
-    if (SessionData *d = dataFor(call.session)) d->last = outcome;
+    open.data->last = outcome;
     tellWatcher(outcome, request);
-    if (a.bytes) {
-        // Never more than the stated capacity; with none stated, the whole response (which
-        // the platform keeps within LIBIPMI_MAX_RESPONSE_LEN).
-        std::size_t n = a.bytes->size();
-        if (n > LIBIPMI_MAX_RESPONSE_LEN) n = LIBIPMI_MAX_RESPONSE_LEN;
-        if (*resLen != 0 && n > *resLen) n = *resLen;
-        if (n > 0) std::memcpy(resData, a.bytes->data(), n);
-        *resLen = static_cast<uint32_t>(n);
-    } else {
-        // Nothing arrived (not even a completion code): no response bytes.
-        *resLen = 0;
-    }
-    return a.status;
+    return a;
 }
 
 uint16_t exchange(IpmiSession *session, uint8_t netFn, uint8_t command, std::span<const uint8_t> request,
                   std::vector<uint8_t> &response, int timeout, const Route *route, uint8_t lun)
 {
-    response.assign(LIBIPMI_MAX_RESPONSE_LEN, 0);
-    uint32_t len = static_cast<uint32_t>(response.size());
+    response.clear();
+    const OpenSession open = openSession(session);
+    if (!open) return LIBIPMI_STATUS_NO_SESSION;
+    // The answer's bytes become the response as they arrived, at most the platform's maximum.
+    uint32_t len = LIBIPMI_MAX_RESPONSE_LEN;
     RawCall call{session,
                  0,
                  static_cast<uint8_t>(netFn << 2 | (lun & 3)),
@@ -114,10 +98,13 @@ uint16_t exchange(IpmiSession *session, uint8_t netFn, uint8_t command, std::spa
                  response.data(),
                  &len,
                  timeout,
-                 route ? *route : sessionRoute(session)};
-    uint16_t status = rawExchange(call, response.data(), &len);
-    response.resize(status == LIBIPMI_STATUS_OK || LIBIPMI_STATUS_IS_COMPLETION_CODE(status) ? len : 0);
-    return status;
+                 route ? *route : open.data->route};
+    Answer a = send(open, call);
+    if (a.bytes && (a.status == LIBIPMI_STATUS_OK || LIBIPMI_STATUS_IS_COMPLETION_CODE(a.status))) {
+        response = std::move(*a.bytes);
+        if (response.size() > LIBIPMI_MAX_RESPONSE_LEN) response.resize(LIBIPMI_MAX_RESPONSE_LEN);
+    }
+    return a.status;
 }
 
 } // namespace libipmi
@@ -129,13 +116,28 @@ extern "C" uint16_t LIBIPMI_Send_RAW_IPMI2_0_Command(IpmiSession *session, uint8
                                                      uint8_t *resData, uint32_t *resLen, int timeout)
 {
     return boundaryStatus([&]() -> uint16_t {
+        const OpenSession open = openSession(session);
         RawCall call{session, payloadType, netFnLun, command, reqData, reqLen, resData, resLen, timeout,
-                     sessionRoute(session)};
+                     open ? open.data->route : Route{}};
         if (!resData || !resLen || (reqLen > 0 && !reqData) || payloadType != 0) {
-            if (auto link = linkFor(session)) link->reject(call, LIBIPMI_STATUS_INVALID_ARGUMENT);
+            if (open) open.link->reject(call, LIBIPMI_STATUS_INVALID_ARGUMENT);
             return session ? LIBIPMI_STATUS_INVALID_ARGUMENT : LIBIPMI_STATUS_NO_SESSION;
         }
-        return rawExchange(call, resData, resLen);
+        if (!open) return LIBIPMI_STATUS_NO_SESSION;
+        const Answer a = send(open, call);
+        if (a.bytes) {
+            // Never more than the stated capacity; with none stated, the whole response (which
+            // the platform keeps within LIBIPMI_MAX_RESPONSE_LEN).
+            std::size_t n = a.bytes->size();
+            if (n > LIBIPMI_MAX_RESPONSE_LEN) n = LIBIPMI_MAX_RESPONSE_LEN;
+            if (*resLen != 0 && n > *resLen) n = *resLen;
+            if (n > 0) std::memcpy(resData, a.bytes->data(), n);
+            *resLen = static_cast<uint32_t>(n);
+        } else {
+            // Nothing arrived (not even a completion code): no response bytes.
+            *resLen = 0;
+        }
+        return a.status;
     });
 }
 
@@ -172,6 +174,7 @@ extern "C" void ipmihost_watch_requests(ipmihost_request_watcher fn, void *conte
         Watcher &w = watcher();
         std::lock_guard<std::mutex> g(w.lock);
         w.fn = fn, w.context = context;
+        w.set.store(fn != nullptr, std::memory_order_release);
         return 0;
     });
 }

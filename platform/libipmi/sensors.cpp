@@ -39,6 +39,12 @@ double rawValue(uint8_t format, uint8_t raw)
     }
 }
 
+// 10^k for a record's four-bit signed exponents (k from -8 to 7): the doubles nearest to
+// them, which are exactly what std::pow(10.0, k) returns, without a pow call per conversion.
+constexpr double kPowersOfTen[16] = {1e-8, 1e-7, 1e-6, 1e-5, 1e-4, 1e-3, 1e-2, 1e-1,
+                                     1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7};
+double powerOfTen(int k) { return kPowersOfTen[k + 8]; }
+
 double linearize(uint8_t linearization, double x)
 {
     switch (linearization) {
@@ -104,7 +110,7 @@ extern "C" int ipmi_convert_reading(uint8_t *fullSensorRecord, uint8_t raw, floa
         int k2 = signExtend(wire::bits(byte(full::kExponents), 4, 4), 4);
         int k1 = signExtend(wire::bits(byte(full::kExponents), 0, 4), 4);
         double x = rawValue(format, raw);
-        double y = linearize(linearization, (m * x + b * std::pow(10.0, k1)) * std::pow(10.0, k2));
+        double y = linearize(linearization, (m * x + b * powerOfTen(k1)) * powerOfTen(k2));
         if (!std::isfinite(y) || std::fabs(y) > std::numeric_limits<float>::max()) return -1;
         *value = static_cast<float>(y);
         return 0;

@@ -8,6 +8,7 @@
 // where dataFor found it until the session is closed.
 #include <atomic>
 #include <mutex>
+#include <sched.h>
 #include <vector>
 
 #include "internal.h"
@@ -18,9 +19,9 @@ namespace {
 
 std::atomic<uint64_t> gOpened{0}; // sessions opened, for the host's counts
 
-std::mutex &tableMutex()
+ShortLock &tableMutex()
 {
-    static std::mutex m;
+    static ShortLock m;
     return m;
 }
 
@@ -47,37 +48,46 @@ Entry *find(const IpmiSession *session) { return session ? slotOf(session) : nul
 
 } // namespace
 
+void ShortLock::yieldProcessor() noexcept { sched_yield(); }
+
 std::shared_ptr<Link> linkFor(IpmiSession *session)
 {
-    std::lock_guard<std::mutex> g(tableMutex());
+    std::lock_guard<ShortLock> g(tableMutex());
     Entry *e = find(session);
     return e ? e->link : nullptr;
 }
 
 void rememberSdrAllocInfo(IpmiSession *session, const SdrRepositoryAllocInfo &info)
 {
-    std::lock_guard<std::mutex> g(tableMutex());
+    std::lock_guard<ShortLock> g(tableMutex());
     if (Entry *e = find(session)) e->data.sdrAllocInfo = info;
 }
 
 void forgetSdrAllocInfo(IpmiSession *session)
 {
-    std::lock_guard<std::mutex> g(tableMutex());
+    std::lock_guard<ShortLock> g(tableMutex());
     if (Entry *e = find(session)) e->data.sdrAllocInfo.reset();
 }
 
 std::optional<SdrRepositoryAllocInfo> cachedSdrAllocInfo(IpmiSession *session)
 {
-    std::lock_guard<std::mutex> g(tableMutex());
+    std::lock_guard<ShortLock> g(tableMutex());
     Entry *e = find(session);
     return e ? e->data.sdrAllocInfo : std::nullopt;
 }
 
 SessionData *dataFor(IpmiSession *session)
 {
-    std::lock_guard<std::mutex> g(tableMutex());
+    std::lock_guard<ShortLock> g(tableMutex());
     Entry *e = find(session);
     return e ? &e->data : nullptr;
+}
+
+OpenSession openSession(IpmiSession *session)
+{
+    std::lock_guard<ShortLock> g(tableMutex());
+    Entry *e = find(session);
+    return e ? OpenSession{e->link.get(), &e->data} : OpenSession{};
 }
 
 } // namespace libipmi
@@ -97,16 +107,18 @@ extern "C" uint16_t LIBIPMI_Create_IPMI_Local_Session_Ext(IpmiSession *session, 
         std::shared_ptr<Link> link;
         status = target->open(call, link);
         if (status != LIBIPMI_STATUS_OK) return status;
-        std::lock_guard<std::mutex> g(tableMutex());
-        Entry *slot = find(session);
-        if (slot) {
-            slot->link->close(); // the block was reused without a close: drop the old link
-            slot->data = SessionData{};
-        } else if (!(slot = slotOf(nullptr))) {
-            slot = table().emplace_back(std::make_unique<Entry>()).get();
+        {
+            std::lock_guard<ShortLock> g(tableMutex());
+            Entry *slot = find(session);
+            if (slot) {
+                slot->data = SessionData{}; // the block was reused without a close
+            } else if (!(slot = slotOf(nullptr))) {
+                slot = table().emplace_back(std::make_unique<Entry>()).get();
+            }
+            slot->session = session;
+            slot->link.swap(link);
         }
-        slot->session = session;
-        slot->link = std::move(link);
+        if (link) link->close(); // the old link of a block reused without a close, outside the lock
         gOpened.fetch_add(1, std::memory_order_relaxed);
         return LIBIPMI_STATUS_OK;
     });
@@ -127,7 +139,7 @@ extern "C" uint16_t LIBIPMI_CloseSession(IpmiSession *session)
     return boundaryStatus([&]() -> uint16_t {
         std::shared_ptr<Link> link;
         {
-            std::lock_guard<std::mutex> g(tableMutex());
+            std::lock_guard<ShortLock> g(tableMutex());
             if (Entry *e = find(session)) {
                 link = std::move(e->link);
                 e->session = nullptr;

@@ -12,7 +12,7 @@ namespace libipmi {
 namespace {
 
 struct Selection {
-    std::mutex mutex;
+    ShortLock mutex;
     std::shared_ptr<Target> selected;     // chosen through the control API
     std::shared_ptr<Target> fromEnv;      // built from the environment on first use
     std::string lastPrinted;
@@ -72,8 +72,11 @@ uint16_t statusForCurrentException() noexcept
 
 void setSelectedTarget(std::shared_ptr<Target> target)
 {
-    std::lock_guard<std::mutex> g(sel().mutex);
-    sel().selected = std::move(target);
+    {
+        std::lock_guard<ShortLock> g(sel().mutex);
+        sel().selected.swap(target);
+    }
+    // The target replaced (now in `target`) is shut down outside the lock.
 }
 
 std::shared_ptr<Target> makeTarget(const std::string &spec, const std::string &stateDir, bool reset)
@@ -118,12 +121,12 @@ std::string stateDirOrDefault(const char *stateDir)
 std::shared_ptr<Target> currentTarget(uint16_t &status)
 {
     {
-        std::lock_guard<std::mutex> g(sel().mutex);
+        std::lock_guard<ShortLock> g(sel().mutex);
         if (sel().selected) return sel().selected;
         if (sel().fromEnv) return sel().fromEnv;
     }
     std::shared_ptr<Target> t = resolveTarget(nullptr, nullptr);
-    std::lock_guard<std::mutex> g(sel().mutex);
+    std::lock_guard<ShortLock> g(sel().mutex);
     if (!t) {
         status = LIBIPMI_STATUS_CONFIG_ERROR;
         // An unmodified client has no other way to learn why nothing works: say it on the
@@ -183,9 +186,10 @@ extern "C" int ipmihost_select_script(void)
 extern "C" void ipmihost_select_default(void)
 {
     boundaryVoid([&] {
-        std::lock_guard<std::mutex> g(sel().mutex);
-        sel().selected.reset();
-        sel().fromEnv.reset();
+        std::shared_ptr<Target> selected, fromEnv; // shut down outside the lock
+        std::lock_guard<ShortLock> g(sel().mutex);
+        selected.swap(sel().selected);
+        fromEnv.swap(sel().fromEnv);
     });
 }
 

@@ -1,5 +1,7 @@
 // Sessions and the raw request: the base every query of the library stands on.
+#include <atomic>
 #include <cstdlib>
+#include <cstring>
 
 #include "common/diag.h"
 #include "libipmi.h"
@@ -13,12 +15,35 @@ namespace {
 constexpr int kTimeout = 60;
 constexpr size_t kSessionBlockSize = 36; // the platform's session record
 
+// The block of the session closed last, kept for the next open: an agent getter opens and
+// closes a session on every call, and this spares it a calloc and a free each time. It is
+// an ordinary heap block, handed out zero-filled like a fresh one; at most one is kept, and
+// a close that finds the place taken frees its block.
+std::atomic<void *> gSpareBlock{nullptr};
+static_assert(std::atomic<void *>::is_always_lock_free);
+
+void *takeBlock()
+{
+    if (void *block = gSpareBlock.exchange(nullptr, std::memory_order_acquire)) {
+        std::memset(block, 0, kSessionBlockSize);
+        return block;
+    }
+    return std::calloc(1, kSessionBlockSize);
+}
+
+void giveBack(void *block)
+{
+    void *empty = nullptr;
+    if (!gSpareBlock.compare_exchange_strong(empty, block, std::memory_order_release, std::memory_order_relaxed))
+        std::free(block);
+}
+
 } // namespace
 
 extern "C" TVX_API IpmiSession *ipmiOpenSession(uint8_t privLevel, const char *username, void *ipAddr,
                                                 uint32_t IPVersion, void *pServerIp)
 {
-    void *block = std::calloc(1, kSessionBlockSize);
+    void *block = takeBlock();
     if (!block) {
         TVX_DIAG_LOCATED(Unit::Helpers, "Filed to allocate memory.");
         return nullptr;
@@ -33,7 +58,7 @@ extern "C" TVX_API IpmiSession *ipmiOpenSession(uint8_t privLevel, const char *u
         TVX_DIAG_ERROR_LINE("failed to create ipmi session with error 0x%x, username = %s, privLevel = %u, "
                             "ipAddr = %p, IPVersion = %u, pServerIp = %p",
                             status, username ? username : "(null)", priv, ipAddr, IPVersion, pServerIp);
-        std::free(block);
+        giveBack(block);
         return nullptr;
     }
     return session;
@@ -51,7 +76,7 @@ extern "C" TVX_API void ipmiHelperCloseSession(IpmiSession **session)
 {
     if (!session || !*session) return;
     (void)LIBIPMI_CloseSession(*session);
-    std::free(*session);
+    giveBack(*session);
     *session = nullptr;
 }
 

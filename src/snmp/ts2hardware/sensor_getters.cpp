@@ -109,10 +109,10 @@ int presentValue(IpmiSession *session, sensor::FullRecord &rec, uint8_t sensorTy
 // threshold-based, of a power supply entity. The count is 8 bits wide.
 const uint8_t *loadRecord(SDRInfo *info, uint8_t ordinal)
 {
+    if (!sensor::usable(info)) return nullptr;
     uint8_t seen = 0;
-    for (uint32_t i = 0; sensor::usable(info) && i < info->count; ++i) {
-        const uint8_t *slot = getSdrByIndex(i, info);
-        if (!slot) return nullptr;
+    const uint8_t *slot = info->records;
+    for (uint32_t i = 0; i < info->count; ++i, slot += info->recordSize) {
         View r = sensor::slotView(info, slot);
         if (sensor::isSensorOfType(r, sdr::kFullSensor, TVX_SENSOR_OTHER_UNITS) &&
             r.get(sdr::kEventReadingType, uint8_t{0}) == kThresholdBased &&

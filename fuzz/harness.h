@@ -211,7 +211,7 @@ inline void drop(ListNode *list) { freeList(&list); }
 // pages no answer ever filled (the input holds a few KiB of answers).
 extern "C" const char *__asan_default_options()
 {
-    return "allocator_may_return_null=1:max_allocation_size_mb=1";
+    return "allocator_may_return_null=1:max_allocation_size_mb=64";
 }
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)

@@ -48,7 +48,8 @@ for t in "${exchange[@]}"; do
     "$build/fuzz/fuzz_$t" >/dev/null 2>&1 || { echo "seeds of $t could not be made"; exit 1; }
 done
 cp machines/*.json "$seeds/profile/"
-cp fuzz/seeds/lan_target/* "$seeds/lan_target/"
+# Hand-made seeds, among them the inputs of findings fixed since: replayed by every run.
+for d in fuzz/seeds/*/; do t=$(basename "$d"); mkdir -p "$seeds/$t"; cp "$d"* "$seeds/$t/"; done
 
 mkdir -p "$build/artifacts"
 jobs=${TVX_FUZZ_JOBS:-$(( ($(nproc) + 1) / 2 ))}

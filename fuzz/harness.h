@@ -206,9 +206,10 @@ inline void drop(ListNode *list) { freeList(&list); }
 
 // A controller can announce an SDR repository of up to 4 GiB or a SEL of 65,535 entries, and
 // the library allocates (and the platform zero-fills) what it is told: the allocation itself
-// is documented behaviour, not a finding. Above 1 MiB malloc fails here instead, which the
-// library reports like any failed allocation; with no cap most of the time went to clearing
-// pages no answer ever filled (the input holds a few KiB of answers).
+// is documented behaviour, not a finding. Above 64 MiB (libFuzzer itself takes 20 MiB at
+// once) malloc fails here instead, which the library reports like any failed allocation;
+// with no cap most of the time went to clearing gigabytes no answer ever filled (the input
+// holds a few KiB of answers).
 extern "C" const char *__asan_default_options()
 {
     return "allocator_may_return_null=1:max_allocation_size_mb=64";

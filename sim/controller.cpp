@@ -32,11 +32,16 @@ Controller::Controller(Profile profile, const std::string &stateDir, std::span<c
     : profile_(std::move(profile)), faults_(profile_.faults)
 {
     for (const Subsystem &s : subsystems) subsystems_.push_back(&s);
+    // The initial state follows from the profile alone, which never changes: it is built once,
+    // on first use, and every reset copies it instead of parsing the profile's logs again.
     auto initial = [this]() {
-        nlohmann::json state = nlohmann::json::object();
-        for (const Subsystem *s : subsystems_)
-            if (s->initState) s->initState(profile_, state);
-        return state;
+        if (!initialState_) {
+            nlohmann::json state = nlohmann::json::object();
+            for (const Subsystem *s : subsystems_)
+                if (s->initState) s->initState(profile_, state);
+            initialState_ = std::move(state);
+        }
+        return *initialState_;
     };
     for (const Subsystem *s : subsystems_)
         if (s->install) s->install(*this);

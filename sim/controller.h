@@ -166,6 +166,7 @@ private:
     std::optional<Fault> takeFault(uint8_t netFn, uint8_t command, std::span<const uint8_t> data);
 
     Profile profile_;
+    std::optional<nlohmann::json> initialState_; // built from profile_ on first use
     std::vector<const Subsystem *> subsystems_;
     StateLayout layout_;
     std::unique_ptr<StateStore> store_;

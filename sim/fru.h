@@ -38,7 +38,7 @@ FruModel parseFruModel(const Profile &profile);
 FruModel parseFruDevices(const Node &list);
 
 // Get FRU Inventory Area Info and Read FRU Data over a controller's devices; reads answer at
-// most `maxResponse` bytes, completion code included (0: no limit).
+// most `maxResponse` bytes, completion code included (0: what an IPMI message holds, 255).
 void answerFruAreaInfo(const FruModel &model, const Request &req, Response &rsp);
 void answerReadFru(const FruModel &model, std::size_t maxResponse, const Request &req, Response &rsp);
 

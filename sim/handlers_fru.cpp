@@ -45,7 +45,10 @@ void answerReadFru(const FruModel &m, std::size_t limit, const Request &req, Res
     const std::size_t count = static_cast<std::size_t>(countUnits) * unit;
     if (count == 0) return rsp.fail(cc::kInvalidDataField);
     if (offset >= d->image.size()) return rsp.fail(cc::kParameterOutOfRange);
-    if (limit != 0 && count + 2 > limit) return rsp.fail(cc::kCannotReturnBytes);
+    // Completion code and count come before the data; without a limit of the profile's the
+    // answer still fits an IPMI message (255 bytes with its completion code).
+    constexpr std::size_t kMessageLimit = 255;
+    if (count + 2 > (limit != 0 ? limit : kMessageLimit)) return rsp.fail(cc::kCannotReturnBytes);
     const std::size_t n = std::min(count, d->image.size() - offset);
     rsp.u8(static_cast<uint8_t>(n / unit));
     rsp.append(std::span<const uint8_t>(d->image).subspan(offset, n / unit * unit));

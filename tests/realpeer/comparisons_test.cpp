@@ -1,8 +1,8 @@
 // The library and tvxctl over LAN against ipmi_sim, side by side with ipmitool against the same
 // simulator, and with tvxctl against the virtual controller of the same profile.
 //
-// Each row of kComparisons runs tvxctl and ipmitool and compares what they report: the SDR
-// repository and the sensor table with every sensor's reading, status and thresholds (the host
+// Each row of kComparisons runs tvxctl and ipmitool and compares what they report: the identity,
+// the SDR repository and the sensor table with every sensor's reading, status and thresholds (the host
 // powered and not), the chassis power after power control and the LAN settings after a set (by
 // either side).
 #include <cmath>
@@ -27,6 +27,35 @@ std::string first(const Fields &f, const std::string &key)
 #define BOTH_OK(ours, theirs)                                                                                          \
     ASSERT_EQ(ours.code, 0) << ours;                                                                                   \
     ASSERT_EQ(theirs.code, 0) << theirs
+
+// tvxctl --json devid against ipmitool mc info.
+void compareDeviceId(const Outcome &ours, const Outcome &theirs)
+{
+    BOTH_OK(ours, theirs);
+    json j = json::parse(ours.out);
+    Fields t = fields(theirs.out);
+    auto yesNo = [&](const char *key) { return j[key].get<bool>() ? "yes" : "no"; };
+    const std::pair<const char *, std::string> same[] = {
+        {"Device ID", std::to_string(j["device_id"].get<int>())},
+        {"Device Revision", std::to_string(j["device_revision"].get<int>())},
+        {"Firmware Revision", j["firmware_revision"]},
+        {"IPMI Version", j["ipmi_version"]},
+        {"Manufacturer ID", std::to_string(j["manufacturer_id"].get<unsigned>())}, // ipmitool: decimal
+        {"Device Available", yesNo("device_available")},
+        {"Provides Device SDRs", yesNo("provides_device_sdrs")},
+    };
+    for (const auto &[key, value] : same) EXPECT_EQ(first(t, key), value) << key;
+    // ipmitool prints the product as "N (0xNNNN)".
+    EXPECT_EQ(first(t, "Product ID").rfind(std::to_string(j["product_id"].get<unsigned>()) + " (", 0), 0u);
+    EXPECT_EQ(j["additional_device_support"].get<std::vector<std::string>>(), t["Additional Device Support"]);
+    std::vector<std::string> aux;
+    for (int b : j["aux_firmware_revision"]) {
+        char buf[8];
+        std::snprintf(buf, sizeof buf, "0x%02x", b);
+        aux.push_back(buf);
+    }
+    EXPECT_EQ(aux, t["Aux Firmware Rev Info"]);
+}
 
 // tvxctl raw Get Chassis Status against ipmitool chassis power status.
 void samePowerState(const Outcome &ours, const Outcome &theirs)
@@ -163,6 +192,7 @@ const std::vector<std::string> kPowerDown = {"raw", "0x00", "0x02", "0x00"}, kPo
 
 // clang-format off
 const Comparison kComparisons[] = {
+    {"device identity", {}, {"--json", "devid"}, {"mc", "info"}, compareDeviceId},
     {"SDR repository and sensor readings", {}, kSdr, kElist, compareSdr},
     {"sensor table", {}, kSensor, kCsvSensor, compareSensors},
     {"chassis power after Chassis Control power down", {kPowerDown}, {"raw", "0x00", "0x01"},

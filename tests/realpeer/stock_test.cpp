@@ -183,43 +183,26 @@ std::string firstNumber(const std::string &text)
 Items oursIdentity(const std::string &out)
 {
     const json j = json::parse(out);
-    std::string support, aux;
-    for (const json &s : j["additional_device_support"]) support += (support.empty() ? "" : " ") + lower(s.get<std::string>());
-    for (int b : j["aux_firmware_revision"]) {
-        char hex[8];
-        std::snprintf(hex, sizeof hex, "0x%02x", b);
-        aux += (aux.empty() ? "" : " ") + std::string(hex);
-    }
     return {{"-",
              {{"device", std::to_string(j["device_id"].get<int>())},
-              {"revision", std::to_string(j["device_revision"].get<int>())},
               {"firmware", j["firmware_revision"].get<std::string>()},
               {"ipmi", j["ipmi_version"].get<std::string>()},
               {"manufacturer", std::to_string(j["manufacturer_id"].get<unsigned>())},
-              {"product", std::to_string(j["product_id"].get<unsigned>())},
-              {"available", j["device_available"].get<bool>() ? "yes" : "no"},
-              {"sdrs", j["provides_device_sdrs"].get<bool>() ? "yes" : "no"},
-              {"support", support},
-              {"aux", aux}}}};
+              {"product", std::to_string(j["product_id"].get<unsigned>())}}}};
 }
 Items peerIdentity(const std::string &out)
 {
     Fields f = fields(out);
     Item i;
-    const std::pair<const char *, const char *> numbers[] = {{"device", "Device ID"},
-                                                             {"revision", "Device Revision"},
-                                                             {"manufacturer", "Manufacturer ID"},
-                                                             {"product", "Product ID"}},
-                                                texts[] = {{"firmware", "Firmware Revision"},
-                                                           {"ipmi", "IPMI Version"},
-                                                           {"available", "Device Available"},
-                                                           {"sdrs", "Provides Device SDRs"},
-                                                           {"support", "Additional Device Support"},
-                                                           {"aux", "Aux Firmware Rev Info"}};
-    for (const auto &[name, key] : numbers)
-        if (!f[key].empty()) i[name] = firstNumber(f[key].front());
-    for (const auto &[name, key] : texts)
-        for (const std::string &v : f[key]) i[name] += (i[name].empty() ? "" : " ") + lower(v);
+    const std::pair<const char *, const char *> keys[] = {{"device", "Device ID"},
+                                                          {"firmware", "Firmware Revision"},
+                                                          {"ipmi", "IPMI Version"},
+                                                          {"manufacturer", "Manufacturer ID"},
+                                                          {"product", "Product ID"}};
+    for (const auto &[name, key] : keys)
+        if (!f[key].empty()) i[name] = name == std::string("firmware") || name == std::string("ipmi")
+                                           ? f[key].front()
+                                           : firstNumber(f[key].front());
     return {{"-", i}};
 }
 
@@ -311,7 +294,7 @@ const Row kRows[] = {
     {"identity", {{"--json", "devid"}, oursIdentity},
      {{"mc", "info"}, peerIdentity},
      {{"bmc-info"}, peerIdentity},
-     {"device", "revision", "firmware", "ipmi", "manufacturer", "product", "available", "sdrs", "support", "aux"}},
+     {"device", "firmware", "ipmi", "manufacturer", "product"}},
     {"raw Get Device ID", {{"raw", "0x06", "0x01"}, rawBytes},
      {{"raw", "0x06", "0x01"}, rawBytes},
      {{"ipmi-raw", "00", "06", "01"}, ipmiRawBytes},

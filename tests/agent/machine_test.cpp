@@ -27,9 +27,7 @@ TEST_F(StatusTool, FailedComponentsMakeTheOverallStatusCriticalAndAreNamed)
     const std::string because = r.out.substr(0, r.out.find("\n\n"));
     for (const char *name : {"FAN2", "DIMM-1C", "CPU2"}) EXPECT_NE(because.find(name), std::string::npos) << r;
 
-    r = run({"--json", "status"}, "failing-components.json");
-    ASSERT_EQ(r.code, 0) << r;
-    json j = json::parse(r.out);
+    json j = tvxtest::tvxctlJson(scratch_.path(), {"--machine", std::string(TVX_MACHINES_DIR) + "/failing-components.json", "status"});
     EXPECT_EQ(j["overall"]["state"], "critical");
     for (const char *cls : {"fans", "processors", "memory_modules"}) EXPECT_EQ(j["classes"][cls]["state"], "critical") << cls;
     EXPECT_EQ(j["classes"]["voltages"]["state"], "ok");
@@ -43,26 +41,20 @@ TEST_F(StatusTool, FailedComponentsMakeTheOverallStatusCriticalAndAreNamed)
 
 TEST_F(StatusTool, DefaultMachineAgentIdentityAndNetwork)
 {
-    tvxtest::Outcome r = run({"--json", "status"});
-    ASSERT_EQ(r.code, 0) << r;
-    json j = json::parse(r.out);
-    EXPECT_NE(j["overall"]["state"], "critical") << r;
+    json j = tvxtest::tvxctlJson(scratch_.path(), {"status"});
+    EXPECT_NE(j["overall"]["state"], "critical") << j;
     EXPECT_EQ(j["boot"]["state"], "ok");
     bool emptySlotExplained = false;
     for (const json &c : j["components"]) emptySlotExplained |= c["name"] == "DIMM-1B" && c["explanation"] == "Empty Slot";
-    EXPECT_TRUE(emptySlotExplained) << r.out;
+    EXPECT_TRUE(emptySlotExplained) << j;
 
-    r = run({"--json", "agent", "identity"});
-    ASSERT_EQ(r.code, 0) << r;
-    j = json::parse(r.out);
+    j = tvxtest::tvxctlJson(scratch_.path(), {"agent", "identity"});
     EXPECT_EQ(j["id"], "Halvex Tessorin 2 hardware monitoring agent");
     EXPECT_EQ(j["version"], "Build: 3.52.0098");
     EXPECT_EQ(j["build"], "Build: Jun 11 2024 08:15:42");
 
-    r = run({"--json", "network", "01:00:00", "02:05:00", "09:09:09"});
-    ASSERT_EQ(r.code, 0) << r;
-    j = json::parse(r.out);
-    ASSERT_EQ(j.size(), 4u) << r.out;
+    j = tvxtest::tvxctlJson(scratch_.path(), {"network", "01:00:00", "02:05:00", "09:09:09"});
+    ASSERT_EQ(j.size(), 4u) << j;
     EXPECT_EQ(j[0]["ipv4"], "10.20.30.40");
     EXPECT_EQ(j[0]["netmask"], "255.255.255.0");
     EXPECT_EQ(j[0]["ipv6"], "fd00:10:20:30::40 fe80::ff:fe14:1e28");

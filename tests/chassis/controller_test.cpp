@@ -55,7 +55,10 @@ TEST(ChassisCommands, AnswerByteForByte)
         {"chassis identify and LEDs", {{kChassis, 0x04, {0, 1}, {0x00}}, {kChassis, 0x01, {}, {0x00, 0x01, 0x00, 0x69}},
           {kOem, 0xF5, oem({0xB1}), oemAnswer({0x01})}, {kChassis, 0x04, {0}, {0x00}}, kStatusOn,
           {kChassis, 0x04, {}, {0x00}}, {kChassis, 0x01, {}, {0x00, 0x01, 0x00, 0x59}}, // 15 s: temporary
-          {kOem, 0xF5, oem({0xB1, 0x00}), oemAnswer({}, 0xC7)}, {kOem, 0xF5, oem({0xB2}), oemAnswer({}, 0xC1)}}},
+          {kOem, 0xF5, oem({0xB1, 0x00}), oemAnswer({}, 0xC7)}, {kOem, 0xF5, oem({0xB2}), oemAnswer({}, 0xC1)},
+          // A warm reset keeps the LED on, a cold one turns it off.
+          {kOem, 0xF5, oem({0xB0, 0x01}), oemAnswer({})}, {kApp, 0x03, {}, {0x00}}, {kOem, 0xF5, oem({0xB1}), oemAnswer({0x01})},
+          {kApp, 0x02, {}, {0x00}}, {kOem, 0xF5, oem({0xB1}), oemAnswer({0x00})}}},
         {"configuration space", {{kOem, 0xE0, oem({0x01, 1, 0x72, 0x00}), oemAnswer({2, 70, 0})},
           {kOem, 0xE0, oem({0x01, 0, 0x3A, 0x1A}),
            oemAnswer({16, 0xFD, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1})},
@@ -131,6 +134,10 @@ TEST(ChassisState, UnreadableMembersFallBackToTheProfileAndTheConsoleLogKeepsThe
     EXPECT_EQ(c.handle(kTransport, 0, 0x02, Bytes{1, 6, 0, 0}).bytes, (Bytes{0x00, 0x11, 255, 255, 0, 0}));
     EXPECT_EQ(c.handle(kTransport, 0, 0x01, Bytes{2, 3, 1, 2, 3, 4}).bytes, Bytes{0x00});
     EXPECT_EQ(c.handle(kTransport, 0, 0x02, Bytes{2, 3, 0, 0}).bytes, (Bytes{0x00, 0x11, 1, 2, 3, 4}));
+    // Power sources are kept in the state.
+    for (uint8_t selector : {0x1B, 0x17}) c.handle(kOem, 0, 0x01, oem({selector, 0, 0, 0, 1, uint8_t(selector - 0x10)}));
+    EXPECT_EQ(storedState(c)["chassis"]["power_on_source"], 0x0B);
+    EXPECT_EQ(storedState(c)["chassis"]["power_off_source"], 0x07);
     // The console log takes the boot lines while logging and keeps the newest within its capacity.
     auto log = [&] { // a state without the console member stands for the profile's
         json st = storedState(c);

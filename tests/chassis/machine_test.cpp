@@ -1,10 +1,5 @@
-// The library and tvxctl against the shipped machines: each change seen by the next request and program.
+// tvxctl against the shipped machines: each change seen by the next command and the banner.
 #include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <cstring>
-#include <functional>
-#include <regex>
 
 #include "machine.h"
 #include "process.h"
@@ -19,54 +14,6 @@ std::string text(const json &profile, const char *id, std::size_t index = 0)
     const json &t = profile["config_space"][id]["text"];
     return t.is_array() ? t[index].get<std::string>() : t.get<std::string>();
 }
-
-class DefaultMachine : public testing::Test {
-protected:
-    json state() const { return tvxsim::StateStore::readStored(m_.dir().file("machine.state.json")); }
-
-    const json profile_ = shippedProfile("default.json");
-    tvxtest::ScratchMachine m_{profile_};
-    IpmiSession *s_ = m_.session();
-};
-
-// What tvxctl does not reach, through the library.
-TEST_F(DefaultMachine, ChangesAreSeenByTheNextRequestAndKeptInTheState)
-{
-    ASSERT_TRUE(profile_["chassis"]["power_on"].get<bool>());
-    EXPECT_EQ(ipmiSendGracefullControl(s_, 7), 0);
-    EXPECT_EQ(ipmiSendGracefullControl(s_, 0), 1);
-    EXPECT_EQ(ipmiChassisPowerStatus(s_), 0);
-    EXPECT_EQ(state()["chassis"]["power_on"], false);
-    EXPECT_EQ(ipmiSendGracefullControl(s_, 0), 0) << "already off";
-    EXPECT_EQ(ipmiSetIdenLed(s_, 1), 0);
-    EXPECT_EQ(ipmiReset(s_, 1), 1); // warm: the LED stays
-    EXPECT_EQ(ipmiGetIdenLed(s_), 1);
-    EXPECT_EQ(ipmiReset(s_, 0), 1); // cold: the controller starts afresh
-    EXPECT_EQ(ipmiGetIdenLed(s_), 0);
-    EXPECT_EQ(ipmiPowerOnSource(s_, 0x05), 1);
-    EXPECT_EQ(ipmiPowerOffSource(s_, 0x106), 1); // the low byte is sent
-    EXPECT_EQ(state()["chassis"]["power_on_source"], 0x05);
-    EXPECT_EQ(state()["chassis"]["power_off_source"], 0x06);
-
-    // A variable's second value; configuration space writes and resets are tvxctl's (below).
-    char dest[32];
-    EXPECT_EQ(getConfigSpaceVariable(dest, sizeof dest, 1, TVX_VAR_FIRMWARE_BUILD), dest);
-    EXPECT_EQ(std::string(dest), text(profile_, "0x2150", 1));
-    uint8_t buffer[256];
-    EXPECT_LT(ipmiReadConfigSpaceVariable(s_, 0, 0x9999, buffer), 0);
-    ipmiConsoleLogStart(s_);
-    EXPECT_EQ(ipmiPowerOn(s_), 1); // the host starts while its console is logged
-    EXPECT_EQ(state()["console"]["log"].size(),
-              profile_["console"]["log"].size() + profile_["console"]["boot_lines"].size());
-    EXPECT_EQ(ipmiConsoleLogClear(s_), 0);
-    EXPECT_EQ(state()["console"]["log"], json::array());
-    EXPECT_EQ(ipmiResetConfigSpace(s_), 1);
-    uint32_t logging = 7;
-    ipmiConsoleLogGetState(s_, &logging);
-    EXPECT_EQ(logging, profile_["console"]["logging"].get<bool>() ? 1u : 0u);
-}
-
-// ---- tvxctl -----------------------------------------------------------------------------------
 
 class Cli : public testing::Test {
 protected:
@@ -125,20 +72,6 @@ TEST_F(Cli, ChangesAreSeenByTheNextCommandAndTheBanner)
               json({{"identify", "on"}, {"error_led", 0}, {"system_status", "OK"}}));
     steps({{{"config", "reset"}, 0, "Every variable is back at its default.\n"},
            {{"config", "get", "0x0201"}, 0, text(p, "0x0201") + "\n"}});
-}
-
-TEST_F(Cli, PartitionBoardShowsTheShortBox)
-{
-    const json p = shippedProfile("partition-board.json");
-    ASSERT_EQ(p["lan"]["channels"][0]["ip_address"].get<std::string>().rfind("127.1.2.", 0), 0u);
-    tvxtest::Outcome r = run({"--machine", std::string(TVX_MACHINES_DIR) + "/partition-board.json", "banner"});
-    ASSERT_EQ(r.code, 0) << r;
-    EXPECT_TRUE(std::regex_match(
-        r.out, std::regex("\\*{44}\r\n\\* {42}\\*\r\n\\*  Welcome to KESTRAVONE Remote Manager    \\*\r\n"
-                          "\\*  Firmware Revision [0-9]+\\.[0-9]+.? \\([0-9A-F]+\\.[0-9]{2}\\)          \\*\n"
-                          "\\*  Firmware built " +
-                          text(p, "0x2150") + " \\*\r\n\\* {42}\\*\r\n\\*{44}\r\n")))
-        << r;
 }
 
 } // namespace

@@ -13,40 +13,27 @@ using nlohmann::json;
 
 namespace {
 
-// The BMC and the satellite both have a sensor 0x30; the BMC a second one on LUN 1; two
-// sensors have owners that cannot be asked (no controller at 0x2E, system software 0x41).
-const json kMachine = json::parse(R"({
-  "controller": {"firmware_revision": "1.00", "manufacturer_id": 32473, "product_id": 1,
-                 "additional_device_support": ["sensor", "sdr_repository", "sel", "fru_inventory"]},
-  "sensors": [
-    {"record": "full", "number": "0x30", "name": "BMC Temp", "entity": "0x07", "instance": 1,
-     "type": "0x01", "event_reading_type": "0x01", "units": {"base": 1}, "reading": 40},
-    {"record": "full", "number": "0x30", "owner": "0x2C", "name": "PSU Temp", "entity": "0x0A", "instance": 1,
-     "type": "0x01", "event_reading_type": "0x01", "units": {"base": 1}, "reading": 51},
-    {"record": "full", "number": "0x30", "lun": 1, "name": "LUN1 Temp", "entity": "0x07", "instance": 2,
-     "type": "0x01", "event_reading_type": "0x01", "units": {"base": 1}, "reading": 33},
-    {"record": "compact", "number": "0x31", "owner": "0x2C", "name": "PSU Status", "entity": "0x0A", "instance": 1,
-     "type": "0x08", "event_reading_type": "0x6F", "state": "0x0003"},
-    {"record": "compact", "number": "0x32", "owner": "0x2E", "name": "Gone", "entity": "0x0A", "instance": 2,
-     "type": "0x08", "event_reading_type": "0x6F"},
-    {"record": "compact", "number": "0x33", "owner": "0x41", "name": "BIOS", "entity": "0x22", "instance": 1,
-     "type": "0x0F", "event_reading_type": "0x6F"}
-  ],
-  "mc_locators": [{"name": "PSU MC", "address": "0x2C", "entity": "0x0A", "instance": 1, "capabilities": "0x09"}],
-  "satellites": [{"address": "0x2C",
-                  "controller": {"firmware_revision": "0.07", "manufacturer_id": 4660, "product_id": 2,
-                                 "additional_device_support": ["sensor", "fru_inventory"]},
-                  "fru": [{"fru_id": 0, "board": {"manufacturer": "PowerCo", "product_name": "PSU 800W",
-                                                  "serial_number": "PS0001", "part_number": "P-800"}}]}],
-  "fru": [{"fru_id": 0, "board": {"manufacturer": "Acme", "product_name": "Mainboard",
-                                  "serial_number": "MB0001", "part_number": "M-1"}}],
-  "sel": {"records": [
-    {"type": "system", "time": 100, "sensor_type": "0x01", "sensor": "0x30", "event_type": "0x01",
-     "data": "59 00 55"},
-    {"type": "system", "time": 4294967295, "sensor_type": "0x08", "sensor": "0x31", "event_type": "0x6F",
-     "direction": "deassertion", "data": "01 ff ff"}
-  ]}
-})");
+// The real-peer tests' satellite machine (a power supply whose controller at 0x2C owns a sensor
+// 0x30), with a BMC sensor 0x30 and one on LUN 1, two sensors whose owners cannot be asked (no
+// controller at 0x2E, system software 0x41), no chassis device, and an event of unknown time.
+json satelliteMachine()
+{
+    json m = tvxtest::readJson(std::string(TVX_MACHINES_DIR) + "/../tests/realpeer/stock/satellite.json");
+    m["controller"]["additional_device_support"] = {"sensor", "sdr_repository", "sel", "fru_inventory"};
+    m["sel"]["records"][1]["time"] = 4294967295u;
+    for (const char *sensor : {
+             R"({"record": "full", "number": "0x30", "name": "BMC Temp", "entity": "0x07", "instance": 1,
+                 "type": "0x01", "event_reading_type": "0x01", "units": {"base": 1}, "reading": 40})",
+             R"({"record": "full", "number": "0x30", "lun": 1, "name": "LUN1 Temp", "entity": "0x07", "instance": 2,
+                 "type": "0x01", "event_reading_type": "0x01", "units": {"base": 1}, "reading": 33})",
+             R"({"record": "compact", "number": "0x32", "owner": "0x2E", "name": "Gone", "entity": "0x0A",
+                 "instance": 2, "type": "0x08", "event_reading_type": "0x6F"})",
+             R"({"record": "compact", "number": "0x33", "owner": "0x41", "name": "BIOS", "entity": "0x22",
+                 "instance": 1, "type": "0x0F", "event_reading_type": "0x6F"})"})
+        m["sensors"].push_back(json::parse(sensor));
+    return m;
+}
+const json kMachine = satelliteMachine();
 
 class Satellite : public testing::Test {
 protected:
@@ -81,9 +68,9 @@ TEST_F(Satellite, SensorsAreReadFromTheirOwnerOrShownNotReadable)
     std::map<std::string, json> byName;
     for (const json &row : sdr) byName[row["name"]] = row;
     EXPECT_EQ(byName["BMC Temp"]["raw"], 40);
-    EXPECT_EQ(byName["PSU Temp"]["raw"], 51);
+    EXPECT_EQ(byName["PSU Temp"]["raw"], 47);
     EXPECT_EQ(byName["LUN1 Temp"]["raw"], 33);
-    EXPECT_EQ(byName["PSU Status"]["state_bits"], 3);
+    EXPECT_EQ(byName["PSU Status"]["state_bits"], 1);
     for (const char *name : {"Gone", "BIOS"}) {
         EXPECT_EQ(byName[name]["status"], "not readable") << name;
         EXPECT_EQ(byName[name]["raw"], nullptr) << name;

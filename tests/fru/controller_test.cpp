@@ -102,7 +102,7 @@ TEST(FruController, EveryEncodingComesBackThroughThePlatform)
 
 // The record as raw bytes: the controller's record is 945 bytes with 4-byte pointers, a text
 // field being its type/length byte with the pointer right behind it, unaligned. The platform
-// writes no byte past the record, and the library reads the texts from the same positions.
+// writes no byte past the record.
 TEST(FruController, TheRecordStandsAtItsFixedBytes)
 {
     constexpr bool kNarrow = sizeof(void *) == 4;
@@ -134,15 +134,6 @@ TEST(FruController, TheRecordStandsAtItsFixedBytes)
     }
     // The custom fields' count bytes follow their pointers: chassis 2, board 0, product 2.
     EXPECT_EQ(Bytes({raw[kNarrow ? 33 : 45], raw[kNarrow ? 69 : 105], raw[kNarrow ? 112 : 180]}), Bytes({2, 0, 2}));
-
-    SDRInfo sdr{};
-    BoardInfo board{};
-    ASSERT_EQ(getSDRInfo(m.session(), &sdr), 1);
-    EXPECT_EQ(ipmiGetBoardInfo(m.session(), &board, &sdr), 1);
-    EXPECT_STREQ(board.productName, "BOARD-7");
-    EXPECT_STREQ(board.partNumber, "dead");
-    ipmiFreeBoardInfo(&board);
-    freeSDRInfo(&sdr);
 }
 
 TEST(FruController, CompletionCodesAndTheResponseLimit)
@@ -179,9 +170,7 @@ TEST(FruController, TvxctlListsTheLocatedDevices)
 {
     tvxtest::TempDir dir;
     tvxtest::writeFile(dir.file("fru.json"), profile().dump());
-    auto all = tvxtest::tvxctl(dir.path(), {"--machine", dir.file("fru.json"), "--json", "fru"});
-    ASSERT_EQ(all.code, 0) << all;
-    json list = json::parse(all.out);
+    json list = tvxtest::tvxctlJson(dir.path(), {"--machine", dir.file("fru.json"), "fru"});
     ASSERT_EQ(list.size(), 2u);
     EXPECT_EQ(list[0]["name"], "Board");
     EXPECT_EQ(list[0]["board"]["mfg_date"], "1996-01-02T00:00:00Z");

@@ -54,14 +54,7 @@ TEST(HardwareController, AnswersAndRefusals)
 
 class HardwareCli : public testing::Test {
 protected:
-    json run(const std::vector<std::string> &args)
-    {
-        std::vector<std::string> all = {"--json"};
-        all.insert(all.end(), args.begin(), args.end());
-        tvxtest::Outcome r = tvxtest::tvxctl(scratch_.path(), all);
-        EXPECT_EQ(r.code, 0) << r;
-        return r.code == 0 ? json::parse(r.out) : json();
-    }
+    json run(const std::vector<std::string> &args) { return tvxtest::tvxctlJson(scratch_.path(), args); }
     tvxtest::TempDir scratch_;
 };
 

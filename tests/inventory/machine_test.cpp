@@ -89,24 +89,20 @@ TEST(InventoryMachine, InternalEventLogKeepsWhatIsWritten)
 TEST(MachineTvxctl, IelAndTheInventorySummary)
 {
     tvxtest::TempDir dir;
-    auto tvxctl = [&](std::vector<std::string> args) {
-        auto r = tvxtest::tvxctl(dir.path(), args);
-        EXPECT_EQ(r.code, 0) << r;
-        return r.code ? json::object() : json::parse(r.out);
-    };
-    json j = tvxctl({"--json", "iel"});
+    auto tvxctl = [&](const std::vector<std::string> &args) { return tvxtest::tvxctlJson(dir.path(), args); };
+    json j = tvxctl({"iel"});
     EXPECT_EQ(j["entries"].size(), j["summary"]["entries"].get<size_t>());
     EXPECT_EQ(j["entries"][0]["text"], "Controller firmware 3.50 started (cold boot)");
-    tvxctl({"--json", "iel", "add", "--severity", "major", "PSU1 fan degraded", "0a 0B:0c"});
-    j = tvxctl({"--json", "iel", "show", "0xFFFF"});
+    tvxctl({"iel", "add", "--severity", "major", "PSU1 fan degraded", "0a 0B:0c"});
+    j = tvxctl({"iel", "show", "0xFFFF"});
     EXPECT_EQ(j["severity"], "major");
     EXPECT_EQ(j["text"], "PSU1 fan degraded");
     EXPECT_EQ(j["record"], "0a 0b 0c 00 00 00 00 00 00 00 00 00 00 00 00 00");
-    tvxctl({"--json", "iel", "clear", std::to_string(j["id"].get<int>())});
-    EXPECT_NE(tvxctl({"--json", "iel", "show", "0xFFFF"})["id"], j["id"]);
+    tvxctl({"iel", "clear", std::to_string(j["id"].get<int>())});
+    EXPECT_NE(tvxctl({"iel", "show", "0xFFFF"})["id"], j["id"]);
     EXPECT_EQ(tvxtest::tvxctl(dir.path(), {"iel", "add", "x", "0g"}).code, 2);
 
-    j = tvxctl({"--json", "fru", "summary"});
+    j = tvxctl({"fru", "summary"});
     EXPECT_EQ(
         std::vector<json>({j["product_part_number"], j["chassis_serial_number"], j["chassis_custom_field"],
                            j["board_part_number"], j["board_custom_field"]}),

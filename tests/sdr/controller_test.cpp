@@ -237,8 +237,11 @@ TEST(ComponentStatus, TheProfilesComponentsThroughTheLibrary)
                   record);
         std::free(s);
     }
-    // The controller's refusals of a short request and an unknown sub-function keep the IANA number.
+    // The controller's refusals of a short request and an unknown sub-function keep the IANA number;
+    // another vendor's number is refused and repeated, one cut short refused.
     tvxsim::Controller c(profileOf(doc), "");
+    EXPECT_EQ(send(c, kOemGroup, 0xF5, {0x57, 0x01, 0x00, 0x40}), (Bytes{0xC1, 0x57, 0x01, 0x00}));
+    EXPECT_EQ(send(c, kOemGroup, 0xF5, {0xD9, 0x7E}), Bytes{0xC7});
     EXPECT_EQ(send(c, kOemGroup, 0xF5, oem({0x40, 0x01, 0x01})), oemAnswer({}, 0xC7));
     EXPECT_EQ(send(c, kOemGroup, 0xF5, oem({0x99, 0x01, 0x01, 0x01})), oemAnswer({}, 0xC1));
 }

@@ -15,8 +15,6 @@ using tvxtest::take;
 const Lines kRaw = {"0001 01-Mar-2026 10:00:00 Addr:20:0, EvM:04, Sens:04:20, Trig:01, Data:52:03:05",
                     "0002 02-Mar-2026 10:00:00 OEM: D9:7E:00, Data:01:02:03:04:05:06",
                     "0003 -OEM-                OEM: Data:0D:0C:0B:0A-09:08:07:06-05:04:03:02-01"};
-// The first record as the log holds it.
-const Bytes kFirst = {0x01, 0x00, 0x02, 0x20, 0x0E, 0xA4, 0x69, 0x20, 0x00, 0x04, 0x04, 0x20, 0x01, 0x52, 0x03, 0x05};
 // The library drops a percent sign at the very end (the controller's own texts keep it).
 const std::string kFanEnglish = "Fan FAN1 failed (3); %3 stays, %% too, and a final ";
 const std::string kFanGerman = "01-Mar-2026 10:00:00  L\u00fcfter FAN1 ausgefallen (3) (MAJOR)";
@@ -30,9 +28,6 @@ TEST(SelLibrary, RawLinesAndTextsAreTheProfilesRecords)
     // Newest first; the record without an error code has no text.
     EXPECT_EQ(lines(ipmiGetSelText(s, 1, 0)), (Lines{"02-Mar-2026 10:00:00  OEM event (CRITICAL)",
                                                      "01-Mar-2026 10:00:00  " + kFanEnglish + " (MAJOR)"}));
-    EXPECT_EQ(take(buildSelTextString(s, kFirst.data(), 0, 1, 1, TVX_LANG_GERMAN)), kFanGerman);
-    // A language the machine has no texts in reads in English.
-    EXPECT_EQ(take(buildSelTextString(s, kFirst.data(), 0, 0, 0, 0x040C)), kFanEnglish);
     SelEntryText e = getSELEntryText(s, 1);
     EXPECT_EQ(std::string(e.text, e.length), kFanEnglish.substr(0, 20));
 }
@@ -68,20 +63,6 @@ TEST(SelLibrary, EntryAsTextComesWholeWithItsFollowUps)
         EXPECT_EQ(Bytes(t.code, t.code + 4), (Bytes{0, 0, 0, 1}));
         EXPECT_EQ(take(t.text), c.text);
     }
-}
-
-TEST(SelLibrary, ClearingEmptiesTheLogAndAWrittenEventIsStampedAndLabelled)
-{
-    tvxtest::ScratchMachine m(smallMachine());
-    IpmiSession *s = m.session();
-    ASSERT_EQ(ipmiClearEventLog(s), 1);
-    EXPECT_EQ(ipmiGetSelInfo(s).lastEraseTime, kFixedNow);
-    EXPECT_EQ(ipmiGetSelRawStrings(s, 0), nullptr);
-    ASSERT_EQ(ipmiWriteSelEntry(s, 0x01, 0x03, 0x01, 0x57, 86, 85), 1);
-    EXPECT_EQ(lines(ipmiGetSelRawStrings(s, 0)),
-              Lines{"0001 16-Nov-2026 21:45:12 Addr:20:0, EvM:01, Sens:01:03, Trig:01, Data:57:56:55"});
-    EXPECT_EQ(lines(ipmiGetSelText(s, 0, 0)),
-              Lines{"16-Nov-2026 21:45:12  Temperature sensor 0x03 high: 86 over 85 (MINOR)"});
 }
 
 TEST(SelLibrary, ControllersThatCannotAnswerWholeRecordsAreReadInPieces)

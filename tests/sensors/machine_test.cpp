@@ -19,13 +19,7 @@ const std::string kMachines = TVX_MACHINES_DIR;
 class SensorMachine : public ::testing::Test {
 protected:
     tvxtest::Outcome tvxctl(std::vector<std::string> args) { return tvxtest::tvxctl(dir_.path(), args); }
-    json jsonOf(std::vector<std::string> args)
-    {
-        args.insert(args.begin(), "--json");
-        tvxtest::Outcome r = tvxctl(args);
-        EXPECT_EQ(r.code, 0) << r;
-        return r.code == 0 && r.err.empty() ? json::parse(r.out) : json();
-    }
+    json jsonOf(const std::vector<std::string> &args) { return tvxtest::tvxctlJson(dir_.path(), args); }
     tvxtest::TempDir dir_;
 };
 

@@ -1,4 +1,4 @@
-// The virtual controller: OEM framing, profile faults and the state file.
+// The virtual controller: profile faults and the state file.
 #include <gtest/gtest.h>
 
 #include "bytes.h"
@@ -12,8 +12,8 @@ using tvxtest::TempDir;
 
 namespace {
 
-constexpr uint8_t kApp = 0x06, kOem = 0x2E;
-constexpr uint8_t kGetDeviceId = 0x01, kSelfTest = 0x04, kSetAcpi = 0x06, kGetAcpi = 0x07;
+constexpr uint8_t kApp = 0x06;
+constexpr uint8_t kSetAcpi = 0x06, kGetAcpi = 0x07;
 
 tvxsim::Profile profileOf(const json &doc, const std::string &name = "sim-test.json")
 {
@@ -27,31 +27,6 @@ Bytes acpi(Controller &c)
     Reply r = send(c, kApp, kGetAcpi);
     EXPECT_TRUE(r.answered);
     return r.bytes;
-}
-
-TEST(OemFrame, RefusesOrDispatches)
-{
-    Controller c(profileOf(tvxtest::baseProfile()), "");
-    // 0x10 answers its payload reversed; 0x11 refuses with its own completion code.
-    c.onOem(0x10, [](tvxsim::Context &, const tvxsim::Request &req, tvxsim::Response &rsp) {
-        for (auto it = req.data.rbegin(); it != req.data.rend(); ++it) rsp.u8(*it);
-    });
-    c.onOem(0x11, [](tvxsim::Context &, const tvxsim::Request &, tvxsim::Response &rsp) { rsp.fail(0xCC); });
-    const struct {
-        uint8_t netFn, cmd;
-        Bytes request, expected;
-    } cases[] = {
-        {kOem, 0x10, {0xD9, 0x7E}, {0xC7}},                                           // IANA cut short
-        {kOem, 0x10, {0x57, 0x01, 0x00, 0x01}, {0xC1, 0x57, 0x01, 0x00}},             // another vendor's
-        {kOem, 0x10, {0xD9, 0x7E, 0x00, 1, 2, 3}, {0x00, 0xD9, 0x7E, 0x00, 3, 2, 1}}, // payload only
-        {kOem, 0x11, {0xD9, 0x7E, 0x00, 9}, {0xCC, 0xD9, 0x7E, 0x00}},                // failure keeps the IANA
-        {kApp, 0x10, {0xD9, 0x7E, 0x00}, {0xC1}},                                     // OEM command is not standard
-    };
-    for (const auto &k : cases) {
-        Reply r = send(c, k.netFn, k.cmd, k.request);
-        EXPECT_TRUE(r.answered);
-        EXPECT_EQ(r.bytes, k.expected) << int(k.netFn) << " " << int(k.cmd) << " " << k.request.size();
-    }
 }
 
 TEST(ProfileFault, MatchPrefixAndCountAndNoExecution)

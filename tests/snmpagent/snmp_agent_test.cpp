@@ -209,44 +209,36 @@ TEST(Agent, ServesWhatTheLibraryReports)
         EXPECT_EQ(rows(walked, t.table, 2), expected);
     }
 
-    const Outcome cpu = stack.tvxctl({"cpu"});
-    ASSERT_EQ(cpu.code, 0) << cpu;
-    const json sockets = json::parse(cpu.out);
-    ASSERT_FALSE(sockets.empty());
-    EXPECT_EQ(rows(walked, "8", 2), sockets.size());
-    for (const json &s : sockets) {
-        const long i = s.at("socket").get<long>() + 1;
-        const auto orMinusOne = [](const json &v) { return v.is_null() ? std::string("-1") : v.dump(); };
-        const std::vector<std::pair<int, std::string>> expected = {
-            {2, s.at("name").get<std::string>()},
-            {3, s.at("sensor").dump()},
-            {4, s.at("status").dump()},
-            {5, s.at("manufacturer").get<std::string>()},
-            {6, s.at("model").is_null() ? "" : s.at("model").get<std::string>()},
-            {7, s.at("stepping").dump()},
-            {8, s.at("family").dump()},
-            {9, orMinusOne(s.at("current_speed"))},
-            {10, s.at("cache").at("l1").dump()},
-            {13, s.at("cores").dump()},
-            {15, orMinusOne(s.at("logical_processors"))},
-            {16, s.at("multithreading").dump()}};
-        for (const auto &[col, value] : expected) EXPECT_EQ(walked.at(column("8", col, i)), value) << "cpu column " << col;
-    }
-
-    const Outcome memory = stack.tvxctl({"memory"});
-    ASSERT_EQ(memory.code, 0) << memory;
-    const json modules = json::parse(memory.out).at("modules");
-    EXPECT_EQ(rows(walked, "9", 3), modules.size());
-    for (const json &m : modules) {
-        const long i = m.at("module").get<long>() + 1;
-        const auto text = [](const json &v) { return v.is_null() ? std::string() : v.get<std::string>(); };
-        const auto number = [](const json &v) { return v.is_null() ? std::string("-1") : v.dump(); };
-        const std::vector<std::pair<int, std::string>> expected = {
-            {2, text(m.at("name"))},        {3, m.at("status").dump()},       {4, number(m.at("capacity_mb"))},
-            {5, number(m.at("frequency"))}, {6, number(m.at("max_speed_mts"))}, {7, m.at("approval").dump()},
-            {8, m.at("config").dump()},     {9, text(m.at("form"))},          {10, text(m.at("type"))},
-            {11, text(m.at("voltage_interface"))}};
-        for (const auto &[col, value] : expected) EXPECT_EQ(walked.at(column("9", col, i)), value) << "memory column " << col;
+    // Processors and memory modules: a row per entry of tvxctl cpu / memory, indexed from 1; a
+    // missing number reads -1, a missing text empty.
+    const struct {
+        std::vector<std::string> command;
+        const char *list, *index, *table;
+        std::vector<std::pair<int, const char *>> columns; // column, JSON pointer into the entry
+    } kInventories[] = {
+        {{"cpu"}, "", "/socket", "8",
+         {{2, "/name"}, {3, "/sensor"}, {4, "/status"}, {5, "/manufacturer"}, {6, "/model"}, {7, "/stepping"},
+          {8, "/family"}, {9, "/current_speed"}, {10, "/cache/l1"}, {13, "/cores"}, {15, "/logical_processors"},
+          {16, "/multithreading"}}},
+        {{"memory"}, "/modules", "/module", "9",
+         {{2, "/name"}, {3, "/status"}, {4, "/capacity_mb"}, {5, "/frequency"}, {6, "/max_speed_mts"}, {7, "/approval"},
+          {8, "/config"}, {9, "/form"}, {10, "/type"}, {11, "/voltage_interface"}}},
+    };
+    for (const auto &t : kInventories) {
+        const Outcome r = stack.tvxctl(t.command);
+        ASSERT_EQ(r.code, 0) << r;
+        const json entries = json::parse(r.out).at(json::json_pointer(t.list));
+        ASSERT_FALSE(entries.empty());
+        EXPECT_EQ(rows(walked, t.table, t.columns[0].first), entries.size()) << t.table;
+        for (const json &e : entries) {
+            const long i = e.at(json::json_pointer(t.index)).get<long>() + 1;
+            for (const auto &[col, key] : t.columns) {
+                const json &v = e.at(json::json_pointer(key));
+                const std::string text = v.is_string() ? v.get<std::string>() : v.is_null() ? "" : v.dump();
+                const std::string &served = walked.at(column(t.table, col, i));
+                EXPECT_TRUE(served == text || (v.is_null() && served == "-1")) << t.table << " column " << col;
+            }
+        }
     }
 
     // The node table: the controller, then the port function the agent was told of, with the

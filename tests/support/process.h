@@ -22,6 +22,8 @@
 #include <utility>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "emulator.h"
 
 extern char **environ;
@@ -114,6 +116,16 @@ inline Outcome tvxctl(const std::string &scratch, std::vector<std::string> args,
     args.insert(args.begin(), TVXCTL_PATH);
     args.insert(args.begin(), kEmulator.begin() + 1, kEmulator.end());
     return runAs(kEmulator.front(), scratch, std::move(args), std::move(env));
+}
+
+// tvxctl --json ARGS, which must succeed: its output parsed (a failure throws, with the outcome).
+inline nlohmann::json tvxctlJson(const std::string &scratch, std::vector<std::string> args)
+{
+    args.insert(args.begin(), "--json");
+    Outcome r = tvxctl(scratch, args);
+    if (r.code != 0 || !r.err.empty())
+        throw std::runtime_error("exit " + std::to_string(r.code) + ": " + r.err);
+    return nlohmann::json::parse(r.out);
 }
 
 // A daemon of the test (args[0] a path), stopped by its PID when the object goes or the test

@@ -10,6 +10,15 @@
 //
 // When the input runs out every further request times out, so every operation ends.
 //
+// A target may bound the sizes a controller announces (Target::boundSizes): the SEL's entry
+// count and the SDR repository's record count at kCountBound, its allocation unit size at
+// kUnitBound. An input (at most 4 KiB by default) fills a few hundred records at most; the
+// rest of a 65,535-entry log is zero-filled records that take the same path one after the
+// other, and a repository of gigabytes is an allocation that fails or a buffer the platform
+// clears: per input seconds of the same work, nothing new for the fuzzer to find. Counts
+// and sizes up to the field's maximum stay covered by the targets without the bound and by
+// the tests.
+//
 // With TVX_FUZZ_MAKE_SEEDS=DIR in the environment a target writes its seed corpus instead of
 // fuzzing: it runs its operation with each of its seed parameter blocks against the default
 // virtual controller and stores the parameters and the controller's real answers in DIR.
@@ -26,6 +35,8 @@
 
 #include "libipmi.h"
 #include "libipmi_host.h"
+#include "tvx/ipmi.h"
+#include "tvx/wire.h"
 #include "tvx_toipmi.h"
 
 namespace tvxfuzz {
@@ -34,6 +45,8 @@ constexpr uint8_t kTimeout = 0xFD;
 constexpr uint8_t kTransport = 0xFE;
 constexpr uint8_t kRefused = 0xFF;
 constexpr uint8_t kLongest = 0xEF;
+constexpr uint16_t kCountBound = 256;
+constexpr uint16_t kUnitBound = 64;
 
 // The parameter block: read in order, zero once used up.
 class Params {
@@ -56,6 +69,7 @@ struct Target {
     std::size_t paramBytes;
     void (*run)(IpmiSession *session, Params &params);
     std::vector<std::vector<uint8_t>> seeds;
+    bool boundSizes = false;
 };
 
 // Defined by each target.
@@ -80,7 +94,29 @@ inline uint16_t statusOf(const uint8_t *bytes, uint32_t length)
     return bytes[0] == 0 ? LIBIPMI_STATUS_OK : LIBIPMI_STATUS_COMPLETION_CODE(bytes[0]);
 }
 
-inline uint16_t answerFromInput(void *, uint8_t, uint8_t, const uint8_t *, uint32_t, uint8_t *res, uint32_t *resLen)
+// The announced size fields, where an answer's data (completion code first) holds them.
+constexpr tvx::wire::U16 kSelEntries{offsetof(SelInfo, entries)};
+constexpr tvx::wire::U16 kSdrRecordCount{offsetof(SdrRepositoryInfo, recordCount)};
+constexpr tvx::wire::U16 kSdrAllocUnitSize{offsetof(SdrRepositoryAllocInfo, allocUnitSize)};
+
+inline void bound(uint8_t *res, uint32_t length, tvx::wire::U16 field, uint16_t limit)
+{
+    const tvx::wire::View answer(res, length);
+    const uint16_t value = answer.get(field, uint16_t{0});
+    if (value > limit) tvx::wire::Writer(res, length).put(field, static_cast<uint16_t>(value % limit + 1));
+}
+
+inline void boundSizes(uint8_t netFnLun, uint8_t command, uint8_t *res, uint32_t length)
+{
+    namespace storage = tvx::cmd::storage;
+    if (netFnLun >> 2 != tvx::netfn::kStorage) return;
+    if (command == storage::kGetSelInfo) bound(res, length, kSelEntries, kCountBound);
+    if (command == storage::kGetSdrRepositoryInfo) bound(res, length, kSdrRecordCount, kCountBound);
+    if (command == storage::kGetSdrRepositoryAllocInfo) bound(res, length, kSdrAllocUnitSize, kUnitBound);
+}
+
+inline uint16_t answerFromInput(void *, uint8_t netFnLun, uint8_t command, const uint8_t *, uint32_t, uint8_t *res,
+                                uint32_t *resLen)
 {
     Feed &f = feed();
     if (f.size == 0) {
@@ -101,6 +137,7 @@ inline uint16_t answerFromInput(void *, uint8_t, uint8_t, const uint8_t *, uint3
     f.data += n;
     f.size -= n;
     *resLen = static_cast<uint32_t>(n);
+    if (target().boundSizes) boundSizes(netFnLun, command, res, *resLen);
     return statusOf(res, *resLen);
 }
 

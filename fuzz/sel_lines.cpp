@@ -23,7 +23,7 @@ static void run(IpmiSession *s, Params &p)
 
 const Target &target()
 {
-    static const Target t{32, run, {{0}, {1}}};
+    static const Target t{32, run, {{0}, {1}}, true};
     return t;
 }
 

@@ -11,25 +11,12 @@ using namespace realpeer;
 
 namespace {
 
+// The lines of a text.
 std::vector<std::string> lines(const std::string &text)
 {
     std::vector<std::string> out;
     std::istringstream in(text);
     for (std::string l; std::getline(in, l);) out.push_back(l);
-    return out;
-}
-
-// The columns of an elist line, trimmed: ID, date, time, sensor, event, direction (and
-// ipmitool's reading and threshold after them, which tvxctl does not print).
-std::vector<std::string> columns(const std::string &line, size_t keep)
-{
-    std::vector<std::string> out;
-    std::istringstream in(line);
-    for (std::string c; out.size() < keep && std::getline(in, c, '|');) {
-        c.erase(0, c.find_first_not_of(' '));
-        c.erase(c.find_last_not_of(' ') + 1);
-        out.push_back(c);
-    }
     return out;
 }
 
@@ -58,12 +45,15 @@ TEST(IpmitoolVerbs, SelElistDecodesEveryRecordAsIpmitoolDoes)
     Outcome theirs = ipmitool(*peer, {"sel", "elist"});
     ASSERT_EQ(ours.code, 0) << ours.err;
     ASSERT_EQ(theirs.code, 0) << theirs.err;
-    const auto a = lines(ours.out), b = lines(theirs.out);
+    // The columns of each line: ID, date, time, sensor, event, direction (ipmitool's reading
+    // and threshold after them, which tvxctl does not print, are left out).
+    auto a = table(ours.out, '|'), b = table(theirs.out, '|');
     ASSERT_EQ(a.size(), b.size()) << ours.out << "---\n" << theirs.out;
     ASSERT_GE(a.size(), 3u);
     for (size_t i = 0; i < a.size(); ++i) {
-        auto ours = columns(a[i], 6), theirs = columns(b[i], 6);
-        SCOPED_TRACE(a[i] + "\n" + b[i]);
+        auto &ours = a[i], &theirs = b[i];
+        for (auto *cells : {&ours, &theirs}) cells->resize(std::min<size_t>(cells->size(), 6));
+        SCOPED_TRACE(testing::PrintToString(ours) + "\n" + testing::PrintToString(theirs));
         ASSERT_EQ(ours.size(), theirs.size());
         if (ours.size() < 5) { // an OEM record without a time stamp: ID, type, bytes
             EXPECT_EQ(ours, theirs);

@@ -4,7 +4,7 @@
 // Each row of kComparisons runs tvxctl and ipmitool and compares what they report: the identity,
 // the SDR repository and the sensor table with every sensor's reading, status and thresholds (the host
 // powered and not), the chassis power after power control and the LAN settings after a set (by
-// either side).
+// either side). That power-up restores the readings is pinned in process (SensorMachine).
 #include <cmath>
 #include <map>
 #include <sys/stat.h>
@@ -199,10 +199,8 @@ const Comparison kComparisons[] = {
      {"chassis", "power", "status"}, samePowerState},
     {"sensors powered by the host while it is down", {}, kSdr, kElist, compareSdr},
     {"sensor table while the host is down", {}, kSensor, kCsvSensor, compareSensors},
-    {"sensors after power up", {kPowerUp}, kSdr, kElist, compareSdr},
-    {"sensor table after power up", {}, kSensor, kCsvSensor, compareSensors},
     {"LAN settings after tvxctl set them",
-     {{"lan", "set", "ip", "10.9.8.7"}, {"lan", "set", "netmask", "255.255.0.0"}, {"lan", "set", "gateway", "10.9.0.1"},
+     {kPowerUp, {"lan", "set", "ip", "10.9.8.7"}, {"lan", "set", "netmask", "255.255.0.0"}, {"lan", "set", "gateway", "10.9.0.1"},
       {"lan", "set", "mac", "02:11:22:33:44:55"}, {"lan", "set", "source", "static"}},
      {"--json", "lan"}, {"lan", "print", "1"}, compareLan},
     {"LAN settings after ipmitool set them",

@@ -173,16 +173,6 @@ Items peerIdentity(const std::string &out)
     return {{"-", i}};
 }
 
-// --- raw Get Device ID: the answer's data bytes ---
-std::string hexWords(const std::string &text)
-{
-    std::istringstream in(text);
-    std::string out, word;
-    while (in >> word) out += (out.empty() ? "" : " ") + lower(word);
-    return out;
-}
-Items rawBytes(const std::string &out) { return {{"-", {{"bytes", hexWords(out)}}}}; }
-
 // --- LAN: tvxctl --json lan; ipmitool lan print 1 ("Name : value") ---
 Items oursLan(const std::string &out)
 {
@@ -229,7 +219,6 @@ const Row kRows[] = {
      {"time", "type", "event", "direction"}},
     {"identity", {"--json", "devid"}, {"mc", "info"}, oursIdentity, peerIdentity,
      {"device", "firmware", "ipmi", "manufacturer", "product"}},
-    {"raw Get Device ID", {"raw", "0x06", "0x01"}, {"raw", "0x06", "0x01"}, rawBytes, rawBytes, {"bytes"}},
     {"LAN", {"--json", "lan"}, {"lan", "print", "1"}, oursLan, ipmitoolLan, {"ip", "mask", "mac", "gateway"}},
     {"chassis power", {"power"}, {"chassis", "power", "status"}, nullptr, nullptr, {"outcome"}},
 };

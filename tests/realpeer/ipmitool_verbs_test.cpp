@@ -41,22 +41,24 @@ TEST(IpmitoolVerbs, SelElistDecodesEveryRecordAsIpmitoolDoes)
     ASSERT_EQ(a.size(), b.size()) << ours.out << "---\n" << theirs.out;
     ASSERT_GE(a.size(), 3u);
     for (size_t i = 0; i < a.size(); ++i) {
-        auto &ours = a[i], &theirs = b[i];
-        for (auto *cells : {&ours, &theirs}) cells->resize(std::min<size_t>(cells->size(), 6));
-        SCOPED_TRACE(testing::PrintToString(ours) + "\n" + testing::PrintToString(theirs));
-        ASSERT_EQ(ours.size(), theirs.size());
-        if (ours.size() < 5) { // an OEM record without a time stamp: ID, type, bytes
-            EXPECT_EQ(ours, theirs);
+        auto &mine = a[i], &peers = b[i];
+        for (auto *cells : {&mine, &peers}) cells->resize(std::min<size_t>(cells->size(), 6));
+        SCOPED_TRACE(testing::PrintToString(mine) + "\n" + testing::PrintToString(peers));
+        ASSERT_EQ(mine.size(), peers.size());
+        if (mine.size() < 5) { // an OEM record without a time stamp: ID, type, bytes
+            EXPECT_EQ(mine, peers);
             continue;
         }
         // The sensor's type word: ipmitool knows no vendor sensor types ("Unknown", and no
         // event text) and calls 0x23 "Watchdog2"; the library's tables name them. The sensor's
         // name or number after it is the same.
-        const std::string label = theirs[3].substr(theirs[3].find(' ') + 1);
-        EXPECT_TRUE(ours[3].ends_with(label)) << ours[3];
-        const bool vendorType = theirs[3].rfind("Unknown ", 0) == 0;
-        for (size_t c = 0; c < ours.size(); ++c)
-            if (c != 3 && !(vendorType && c == 4)) EXPECT_EQ(ours[c], theirs[c]) << "column " << c;
+        const std::string label = peers[3].substr(peers[3].find(' ') + 1);
+        EXPECT_TRUE(mine[3].ends_with(label)) << mine[3];
+        const bool vendorType = peers[3].rfind("Unknown ", 0) == 0;
+        for (size_t c = 0; c < mine.size(); ++c)
+            if (c != 3 && !(vendorType && c == 4)) {
+                EXPECT_EQ(mine[c], peers[c]) << "column " << c;
+            }
     }
 }
 

@@ -232,7 +232,7 @@ char *fetchText(IpmiSession *session, const ErrorCodeRecord *code, char *buffer,
         if (n > 0) std::memcpy(buffer + offset, text.data(), n);
         // More to come only while the chunk was whole and made progress.
         if (total > offset + chunk && chunk == s && chunk > 0 && offset + chunk <= 0xFFFF &&
-            offset + chunk - start < TVX_SEL_TEXT_MAX && chunks < kMaxTextChunks) {
+            static_cast<unsigned>(offset + chunk - start) < TVX_SEL_TEXT_MAX && chunks < kMaxTextChunks) {
             offset = static_cast<uint16_t>(offset + chunk);
             continue;
         }

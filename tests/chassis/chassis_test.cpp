@@ -8,7 +8,7 @@
 namespace {
 
 using ChassisTest = ScriptTest;
-constexpr uint16_t kTimeout = LIBIPMI_STATUS_TIMEOUT, kLink = LIBIPMI_STATUS_TRANSPORT;
+constexpr uint16_t kLink = LIBIPMI_STATUS_TRANSPORT;
 
 // Announces one request, runs call, checks its result, its stderr and that only that request went out.
 void once(IpmiSession *s, const Sent &req, uint16_t status, const Bytes &answer, const std::function<int()> &call,

@@ -8,7 +8,6 @@
 namespace {
 
 using LanTest = ScriptTest;
-constexpr uint16_t kTimeout = LIBIPMI_STATUS_TIMEOUT;
 constexpr uint8_t kIpmb = 0x01, kLan = 0x04, kSerial = 0x05;
 
 struct Channel {
@@ -24,7 +23,7 @@ std::vector<Sent> expectChannels(const std::vector<Channel> &answers)
         const Channel &a = answers[i];
         Bytes answer;
         if (a.status == 0) answer = {0x00, a.number, a.medium, 0x01, 0x80, 0xD9, 0x7E, 0x00, 0x00, 0x00};
-        else if (a.status != kTimeout) answer = {static_cast<uint8_t>(a.status)};
+        else if (a.status != LIBIPMI_STATUS_TIMEOUT) answer = {static_cast<uint8_t>(a.status)};
         expect(0x18, 0x42, {uint8_t(i + 1)}, answer, a.status);
         sent.push_back({0x18, 0x42, {uint8_t(i + 1)}});
     }
@@ -52,7 +51,7 @@ TEST_F(LanTest, FindsTheFirstLanChannel)
         // clang-format off
         {kLanAt3, 3},
         {{{0, 2, kLan}, {0, 5, kLan}, {0, 3, kLan}}, 3}, // the channel must answer with its own number
-        {{{0x01CC, 0, 0}, {kTimeout, 0, 0}, {0, 3, kLan}}, 3}, {last, 15},
+        {{{0x01CC, 0, 0}, {LIBIPMI_STATUS_TIMEOUT, 0, 0}, {0, 3, kLan}}, 3}, {last, 15},
         // clang-format on
     };
     for (const auto &c : cases) {
@@ -78,7 +77,7 @@ TEST_F(LanTest, ReadsParametersOfTheLanChannel)
     std::free(block);
     expectSent(s, from, sent);
     // A refusal gives nothing; the address source is signed.
-    for (auto [status, answer] : {std::pair{cc(0x80), Bytes{0x80}}, {kTimeout, Bytes{}}}) {
+    for (auto [status, answer] : {std::pair{cc(0x80), Bytes{0x80}}, {LIBIPMI_STATUS_TIMEOUT, Bytes{}}}) {
         expectChannels(kLanAt3);
         expect(0x30, 0x02, {0x03, 0x06, 0x00, 0x00}, answer, status);
         EXPECT_EQ(ipmiGetNetMask(s), nullptr);

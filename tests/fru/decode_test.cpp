@@ -11,7 +11,7 @@
 namespace {
 
 constexpr uint8_t kNetFnLunStorage = 0x0A << 2, kId = 0x03;
-constexpr int kTimeout = 60;
+constexpr int kWaitSeconds = 60;
 constexpr uint8_t kOk = 0x00;
 
 // A valid image: chassis area at 8 (16 bytes), board area at 24 (24 bytes), 48 in all.
@@ -106,7 +106,7 @@ TEST_F(FruDecode, DamagedImagesAndAwkwardControllers)
         FruData rec;
         std::memset(&rec, 0xAB, sizeof rec);
         uint32_t length = 7;
-        ASSERT_EQ(LIBIPMI_HL_GetFRUData(session(), kId, &length, &rec, kTimeout), c.status);
+        ASSERT_EQ(LIBIPMI_HL_GetFRUData(session(), kId, &length, &rec, kWaitSeconds), c.status);
         EXPECT_EQ(ipmihost_script_pending(), 0u);
         if (c.status != 0) {
             EXPECT_EQ(length, 7u); // nothing written on failure
@@ -141,16 +141,16 @@ TEST_F(FruDecode, WordDevicesAndRefusedInfo)
     }
     FruData rec{};
     uint32_t length = 0;
-    ASSERT_EQ(LIBIPMI_HL_GetFRUData(session(), kId, &length, &rec, kTimeout), 0);
+    ASSERT_EQ(LIBIPMI_HL_GetFRUData(session(), kId, &length, &rec, kWaitSeconds), 0);
     const char *serial = rec.chassisSerialNumber.text;
     EXPECT_STREQ(serial, "S1");
 
     for (const Bytes &info : {Bytes{0xCB}, Bytes{kOk, 7, 0, 0}, Bytes{kOk, 40}}) {
         expect(kNetFnLunStorage, 0x10, {kId}, info);
-        EXPECT_EQ(LIBIPMI_HL_GetFRUData(session(), kId, &length, &rec, kTimeout),
+        EXPECT_EQ(LIBIPMI_HL_GetFRUData(session(), kId, &length, &rec, kWaitSeconds),
                   info.size() == 1 ? LIBIPMI_STATUS_COMPLETION_CODE(0xCB) : LIBIPMI_STATUS_BAD_RESPONSE);
     }
-    EXPECT_EQ(LIBIPMI_HL_GetFRUData(session(), kId, nullptr, &rec, kTimeout), LIBIPMI_STATUS_INVALID_ARGUMENT);
+    EXPECT_EQ(LIBIPMI_HL_GetFRUData(session(), kId, nullptr, &rec, kWaitSeconds), LIBIPMI_STATUS_INVALID_ARGUMENT);
     platform_.close();
-    EXPECT_EQ(LIBIPMI_HL_GetFRUData(session(), kId, &length, &rec, kTimeout), LIBIPMI_STATUS_NO_SESSION);
+    EXPECT_EQ(LIBIPMI_HL_GetFRUData(session(), kId, &length, &rec, kWaitSeconds), LIBIPMI_STATUS_NO_SESSION);
 }

@@ -8,7 +8,6 @@
 
 namespace {
 
-constexpr uint16_t kTimeout = LIBIPMI_STATUS_TIMEOUT;
 constexpr int kUnreadable = -1; // a presence sensor that cannot be read
 
 class Getters : public ScriptTest {

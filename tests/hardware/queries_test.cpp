@@ -7,7 +7,6 @@
 namespace {
 
 using Queries = ScriptTest;
-constexpr uint16_t kTimeout = LIBIPMI_STATUS_TIMEOUT;
 
 // Chunks of 64 bytes from offset 0 on; what each answer carries is copied and the next request
 // starts after it; the first refusal ends the read.

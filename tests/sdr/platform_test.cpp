@@ -7,7 +7,7 @@ namespace {
 
 constexpr uint8_t kStorage = 0x0A << 2, kGetRepoInfo = 0x20, kGetAllocInfo = 0x21, kReserve = 0x22, kGetSdr = 0x23;
 constexpr uint8_t kGuard = 0xA5;
-constexpr int kTimeout = 60;
+constexpr int kWaitSeconds = 60;
 constexpr uint16_t kOk = LIBIPMI_STATUS_OK, kBad = LIBIPMI_STATUS_BAD_RESPONSE,
                    kSmall = LIBIPMI_STATUS_BUFFER_TOO_SMALL;
 
@@ -68,7 +68,7 @@ protected:
     uint16_t walk(uint32_t size)
     {
         buffer_.assign(size + 32, kGuard);
-        uint16_t st = LIBIPMI_HL_GetAllSDRs(session(), buffer_.data(), size, kTimeout);
+        uint16_t st = LIBIPMI_HL_GetAllSDRs(session(), buffer_.data(), size, kWaitSeconds);
         EXPECT_TRUE(std::all_of(buffer_.begin() + size, buffer_.end(), [](uint8_t b) { return b == kGuard; }));
         buffer_.resize(size);
         return st;
@@ -99,7 +99,7 @@ TEST_F(SdrWalk, InfoRecordsStoreWhatArrivedAndMapStatus)
         expect(kStorage, kGetAllocInfo, {}, answer, scripted);
         Bytes record(size + 32, kGuard), want = record;
         EXPECT_EQ(IPMICMD_GetSDRRepositoryAllocInfo(
-                      session(), reinterpret_cast<SdrRepositoryAllocInfo *>(record.data()), kTimeout),
+                      session(), reinterpret_cast<SdrRepositoryAllocInfo *>(record.data()), kWaitSeconds),
                   status);
         std::copy_n(answer.begin(), stored, want.begin());
         EXPECT_EQ(record, want) << answer.size();
@@ -232,7 +232,7 @@ TEST_F(SdrWalk, SensorReadingCopiesExactlyTheBytesThatArrived)
         Bytes record(sizeof(SensorReadingResponse) + 16, 0x5A), want = record;
         SensorReadingRequest req{sensor};
         EXPECT_EQ(IPMICMD_GetSensorReading(session(), &req, reinterpret_cast<SensorReadingResponse *>(record.data()),
-                                           kTimeout),
+                                           kWaitSeconds),
                   c.status);
         std::copy_n(c.answer.begin(), c.stored, want.begin());
         EXPECT_EQ(record, want);

@@ -4,6 +4,8 @@
 #include "scripted.h"
 
 constexpr uint8_t kStorage = 0x28, kOem = 0xB8, kOemCmd = 0xF5;
+constexpr uint32_t k16Nov2026 = 1794865512; // 16-Nov-2026 21:45:12 UTC
+constexpr uint32_t k03Feb2001 = 0x3A7B8372; // 03-Feb-2001 04:05:06 UTC
 
 class SelTest : public ScriptTest {
 protected:

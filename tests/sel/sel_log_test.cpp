@@ -7,9 +7,6 @@
 
 namespace {
 
-constexpr uint32_t k16Nov2026 = 1794865512; // 16-Nov-2026 21:45:12 UTC
-constexpr uint32_t k03Feb2001 = 0x3A7B8372; // 03-Feb-2001 04:05:06 UTC
-constexpr uint16_t kTimeout = LIBIPMI_STATUS_TIMEOUT;
 
 const Bytes kExample = selRecord(0x001A, 0x02, k16Nov2026, {0x20, 0x00, 0x04, 0x01, 0x30, 0x01, 0x57, 0x00, 0x00});
 const std::string kExampleLine = "001A 16-Nov-2026 21:45:12 Addr:20:0, EvM:04, Sens:01:30, Trig:01, Data:57:00:00";

@@ -7,10 +7,7 @@
 
 namespace {
 
-constexpr uint32_t k16Nov2026 = 1794865512; // 16-Nov-2026 21:45:12 UTC
-constexpr uint32_t k03Feb2001 = 0x3A7B8372; // 03-Feb-2001 04:05:06 UTC
 const Bytes kCode = {0xDE, 0xAD, 0xBE, 0xEF};
-constexpr uint16_t kTimeout = LIBIPMI_STATUS_TIMEOUT;
 
 void expectErrorCode(uint8_t selector, uint16_t id, const Bytes &answer, uint16_t status = 0)
 {

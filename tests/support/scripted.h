@@ -16,6 +16,7 @@
 #include "tvx_toipmi.h"
 
 constexpr uint16_t cc(uint8_t code) { return LIBIPMI_STATUS_COMPLETION_CODE(code); }
+constexpr uint16_t kTimeout = LIBIPMI_STATUS_TIMEOUT;
 
 // Announces a request and the answer (completion code first) the platform gives it, with the
 // platform status of the exchange.

@@ -19,7 +19,7 @@ using InventoryTest = ScriptTest;
 // encodes it; another format version patched in, with its header checksum.
 Bytes fruImage(const nlohmann::json &areas, uint8_t version = 1)
 {
-    const nlohmann::json list = nlohmann::json::array({areas});
+    const nlohmann::json list = nlohmann::json::parse(nlohmann::json::array({areas}).dump()); // as read from a file
     Bytes img = tvxsim::parseFruDevices(tvxsim::Node(list, "inventory", "")).devices.at(0).image;
     img[7] = static_cast<uint8_t>(img[7] + img[0] - version), img[0] = version;
     return img;

@@ -133,8 +133,9 @@ TEST_F(Verbs, HelpForEveryCommandAndAfterEveryCommand)
 TEST_F(Verbs, OutputThatCannotBeWrittenFails)
 {
     for (const char *command : {"sel", "sdr", "help", "devid"}) {
-        const std::string line = "HOME=" + scratch_.path() + " TVX_IPMI_STATE_DIR=" + scratch_.path() + "/state " +
-                                 TVXCTL_PATH + " " + command + " >/dev/full 2>" + scratch_.path() + "/err";
+        std::string line = "HOME=" + scratch_.path() + " TVX_IPMI_STATE_DIR=" + scratch_.path() + "/state ";
+        for (const std::string &word : tvxtest::kEmulator) line += word + " ";
+        line += std::string(TVXCTL_PATH) + " " + command + " >/dev/full 2>" + scratch_.path() + "/err";
         int status = std::system(line.c_str());
         ASSERT_TRUE(WIFEXITED(status));
         EXPECT_EQ(WEXITSTATUS(status), 1) << command;

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <optional>
 
+#include "fru.h"
 #include "sdr_records.h"
 
 namespace {
@@ -14,35 +15,13 @@ using InventoryTest = ScriptTest;
 
 // ---- FRU images in the IPMI storage format, and the reads the platform makes of them --------
 
-// The byte that makes the first n bytes sum to zero.
-uint8_t zeroSum(const Bytes &b, size_t n)
+// A device description (the areas of a profile's "fru" entry) as the virtual controller
+// encodes it; another format version patched in, with its header checksum.
+Bytes fruImage(const nlohmann::json &areas, uint8_t version = 1)
 {
-    unsigned sum = 0;
-    for (size_t i = 0; i < n; ++i) sum += b[i];
-    return static_cast<uint8_t>(-sum);
-}
-
-Bytes area(const Bytes &fixed, const std::vector<std::string> &fields)
-{
-    Bytes a = cat({{0x01, 0x00}, fixed});
-    for (const std::string &f : fields) a = cat({a, {static_cast<uint8_t>(0xC0 | f.size())}, text(f)});
-    a.push_back(0xC1);
-    a.resize((a.size() + 8) / 8 * 8, 0); // room for the checksum
-    a[1] = static_cast<uint8_t>(a.size() / 8);
-    a.back() = zeroSum(a, a.size() - 1);
-    return a;
-}
-Bytes chassisArea(const std::vector<std::string> &f) { return area({0x17}, f); }
-Bytes boardArea(const std::vector<std::string> &f) { return area({0x00, 0, 0, 0}, f); }
-Bytes productArea(const std::vector<std::string> &f) { return area({0x00}, f); }
-
-Bytes fruImage(uint8_t version, const Bytes &chassis, const Bytes &board, const Bytes &product)
-{
-    Bytes img = {version, 0, 0, 0, 0, 0, 0, 0};
-    const Bytes *areas[] = {&chassis, &board, &product};
-    for (int k = 0; k < 3; ++k)
-        if (!areas[k]->empty()) img[2 + k] = static_cast<uint8_t>(img.size() / 8), img = cat({img, *areas[k]});
-    img[7] = zeroSum(img, 7);
+    const nlohmann::json list = nlohmann::json::parse(nlohmann::json::array({areas}).dump()); // as read from a file
+    Bytes img = tvxsim::parseFruDevices(tvxsim::Node(list, "inventory", "")).devices.at(0).image;
+    img[7] = static_cast<uint8_t>(img[7] + img[0] - version), img[0] = version;
     return img;
 }
 
@@ -87,9 +66,14 @@ const std::nullopt_t no = std::nullopt;
 
 TEST_F(InventoryTest, ChassisAndBoardFromTheLocatedFruDevices)
 {
-    const Bytes board1 = boardArea({"Kestravone", "KV BOARD", "S-1", "P-1", "", "", "second custom"});
-    const Bytes board2 = boardArea({"", "", "S-2", ""});
-    const Bytes product = productArea({"Kestravone", "KV2400", "KV-R2", "A3"});
+    using nlohmann::json;
+    const json board1 = {{"manufacturer", "Kestravone"}, {"product_name", "KV BOARD"}, {"serial_number", "S-1"},
+                         {"part_number", "P-1"}, {"custom", {"", "second custom"}}};
+    const json board2 = {{"serial_number", "S-2"}};
+    const json product = {{"manufacturer", "Kestravone"}, {"name", "KV2400"}, {"part_number", "KV-R2"}, {"version", "A3"}};
+    const json chassis = {{"type", "0x17"}, {"part_number", "CHS-1"}, {"serial_number", "ABCDE"}};
+    json withCustom = chassis;
+    withCustom["custom"] = {"", "xy"};
     // Chassis fields: manufacturer, part, version, custom, serial, part; board: name, custom, serial, part, mfr.
     const struct {
         const char *what;
@@ -100,16 +84,16 @@ TEST_F(InventoryTest, ChassisAndBoardFromTheLocatedFruDevices)
     } cases[] = {
         // clang-format off
         {"typed chassis texts, no custom field: Unknown; no product area", true,
-         {{0x17, 1, fruImage(1, chassisArea({"CHS-1", "ABCDE"}), {}, {})}}, 0, {no, no, no, "Unknown", "ABCDE", "CHS-1"}},
+         {{0x17, 1, fruImage({{"fru_id", 1}, {"chassis", chassis}})}}, 0, {no, no, no, "Unknown", "ABCDE", "CHS-1"}},
         {"an empty first custom field replaces Unknown; a second device adds the product", true,
-         {{0x17, 1, fruImage(1, chassisArea({"CHS-1", "ABCDE", "", "x"}), {}, {})}, {0x07, 0, fruImage(1, {}, {}, product)}},
+         {{0x17, 1, fruImage({{"fru_id", 1}, {"chassis", withCustom}})}, {0x07, 0, fruImage({{"fru_id", 0}, {"product", product}})}},
          1, {"Kestravone", "KV-R2", "A3", "", "ABCDE", "CHS-1"}},
         {"other entities are not read; version 0x11 and unreadable devices are skipped", true,
-         {{0x15, 5, {}}, {0x0B, 6, {}}, {0x17, 2, {}}, {0x07, 0, fruImage(0x11, {}, {}, product)}}, 0, Texts(6, no)},
+         {{0x15, 5, {}}, {0x0B, 6, {}}, {0x17, 2, {}}, {0x07, 0, fruImage({{"fru_id", 0}, {"product", product}}, 0x11)}}, 0, Texts(6, no)},
         {"board: an empty first custom field is none; a later device's texts win, empty ones do not", false,
-         {{0x07, 0, fruImage(1, {}, board1, {})}, {0x07, 3, fruImage(1, {}, board2, {})}}, 1,
+         {{0x07, 0, fruImage({{"fru_id", 0}, {"board", board1}})}, {0x07, 3, fruImage({{"fru_id", 3}, {"board", board2}})}}, 1,
          {"KV BOARD", no, "S-2", "P-1", "Kestravone"}},
-        {"no board area", false, {{0x17, 1, fruImage(1, chassisArea({"CHS-1"}), {}, product)}}, 0, Texts(5, no)},
+        {"no board area", false, {{0x17, 1, fruImage({{"fru_id", 1}, {"chassis", {{"part_number", "CHS-1"}}}, {"product", product}})}}, 0, Texts(5, no)},
         // clang-format on
     };
     IpmiSession *s = open();

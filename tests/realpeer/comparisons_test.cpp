@@ -4,7 +4,7 @@
 // Each row of kComparisons runs tvxctl and ipmitool and compares what they report: the identity,
 // the SDR repository and the sensor table with every sensor's reading, status and thresholds (the host
 // powered and not), the chassis power after power control and the LAN settings after a set (by
-// either side).
+// either side). That power-up restores the readings is pinned in process (SensorMachine).
 #include <cmath>
 #include <map>
 #include <sys/stat.h>
@@ -199,10 +199,8 @@ const Comparison kComparisons[] = {
      {"chassis", "power", "status"}, samePowerState},
     {"sensors powered by the host while it is down", {}, kSdr, kElist, compareSdr},
     {"sensor table while the host is down", {}, kSensor, kCsvSensor, compareSensors},
-    {"sensors after power up", {kPowerUp}, kSdr, kElist, compareSdr},
-    {"sensor table after power up", {}, kSensor, kCsvSensor, compareSensors},
     {"LAN settings after tvxctl set them",
-     {{"lan", "set", "ip", "10.9.8.7"}, {"lan", "set", "netmask", "255.255.0.0"}, {"lan", "set", "gateway", "10.9.0.1"},
+     {kPowerUp, {"lan", "set", "ip", "10.9.8.7"}, {"lan", "set", "netmask", "255.255.0.0"}, {"lan", "set", "gateway", "10.9.0.1"},
       {"lan", "set", "mac", "02:11:22:33:44:55"}, {"lan", "set", "source", "static"}},
      {"--json", "lan"}, {"lan", "print", "1"}, compareLan},
     {"LAN settings after ipmitool set them",
@@ -241,8 +239,10 @@ TEST(RealPeer, AlertDestinationsAndTestTrapOnAControllerWithoutThem)
 }
 
 // Over LAN tvxctl prints exactly what it prints for the virtual controller of the same profile: the
-// transport changes nothing above the raw exchange, and the simulator built from the profile reads
-// as the profile says (sensors included, powered or not).
+// transport changes nothing above the raw exchange, the simulator built from the profile reads
+// as the profile says (sensors included, powered or not), and the commands ipmi_sim lacks are
+// answered by the module as the virtual controller answers them (resets, the SEL's UTC offset
+// set, read back, refused beyond a day and unspecified again).
 TEST(RealPeer, TvxctlPrintsTheSameAsInProcess)
 {
     auto &peer = defaultPeer();
@@ -255,11 +255,13 @@ TEST(RealPeer, TvxctlPrintsTheSameAsInProcess)
     // clang-format off
     const std::vector<std::vector<std::string>> commands = {
         {"devid"}, {"--json", "devid"}, {"raw", "0x06", "0x01"}, {"--json", "raw", "0x06", "0x01"},
-        {"--json", "raw", "0x06", "0x99"}, {"raw", "0x0a", "0x21"}, {"raw", "0x0a", "0x5c"}, // the last two: the module's
+        {"--json", "raw", "0x06", "0x99"}, {"raw", "0x0a", "0x21"}, {"raw", "0x06", "0x02"}, {"raw", "0x06", "0x03", "0x01"},
+        {"raw", "0x0a", "0x5d", "0x3c", "0x00"}, {"raw", "0x0a", "0x5c"}, {"raw", "0x0a", "0x5d", "0xa1", "0x05"},
+        {"raw", "0x0a", "0x5d", "0xff", "0x07"}, {"raw", "0x0a", "0x5c"},
         {"power", "on"}, {"sdr"}, {"--json", "sdr"}, {"power", "off"}, {"sdr"}, {"power", "on"}};
     // clang-format on
     for (const auto &args : commands) {
-        SCOPED_TRACE(args.back());
+        SCOPED_TRACE(testing::PrintToString(args));
         auto [inProcess, overLan] = both(args);
         EXPECT_EQ(overLan.code, inProcess.code) << overLan.err;
         EXPECT_EQ(overLan.out, inProcess.out);

@@ -1,7 +1,6 @@
 // ipmitool's verbs in tvxctl against ipmi_sim, beside ipmitool itself on the same simulator:
 // the same lines for chassis status, and the same decoding of every SEL record by sel elist.
 #include <cstdlib>
-#include <sstream>
 
 #include <gtest/gtest.h>
 
@@ -11,35 +10,13 @@ using namespace realpeer;
 
 namespace {
 
-std::vector<std::string> lines(const std::string &text)
-{
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    for (std::string l; std::getline(in, l);) out.push_back(l);
-    return out;
-}
-
-// The columns of an elist line, trimmed: ID, date, time, sensor, event, direction (and
-// ipmitool's reading and threshold after them, which tvxctl does not print).
-std::vector<std::string> columns(const std::string &line, size_t keep)
-{
-    std::vector<std::string> out;
-    std::istringstream in(line);
-    for (std::string c; out.size() < keep && std::getline(in, c, '|');) {
-        c.erase(0, c.find_first_not_of(' '));
-        c.erase(c.find_last_not_of(' ') + 1);
-        out.push_back(c);
-    }
-    return out;
-}
-
 TEST(IpmitoolVerbs, ChassisStatusPrintsWhatIpmitoolPrints)
 {
     Outcome ours = tvxctl(&defaultPeer(), {"chassis", "status"});
     Outcome theirs = ipmitool(defaultPeer(), {"chassis", "status"});
     ASSERT_EQ(ours.code, 0) << ours.err;
     ASSERT_EQ(theirs.code, 0) << theirs.err;
-    EXPECT_EQ(lines(ours.out), lines(theirs.out));
+    EXPECT_EQ(ours.out, theirs.out);
 }
 
 TEST(IpmitoolVerbs, SelElistDecodesEveryRecordAsIpmitoolDoes)
@@ -58,25 +35,30 @@ TEST(IpmitoolVerbs, SelElistDecodesEveryRecordAsIpmitoolDoes)
     Outcome theirs = ipmitool(*peer, {"sel", "elist"});
     ASSERT_EQ(ours.code, 0) << ours.err;
     ASSERT_EQ(theirs.code, 0) << theirs.err;
-    const auto a = lines(ours.out), b = lines(theirs.out);
+    // The columns of each line: ID, date, time, sensor, event, direction (ipmitool's reading
+    // and threshold after them, which tvxctl does not print, are left out).
+    auto a = table(ours.out, '|'), b = table(theirs.out, '|');
     ASSERT_EQ(a.size(), b.size()) << ours.out << "---\n" << theirs.out;
     ASSERT_GE(a.size(), 3u);
     for (size_t i = 0; i < a.size(); ++i) {
-        auto ours = columns(a[i], 6), theirs = columns(b[i], 6);
-        SCOPED_TRACE(a[i] + "\n" + b[i]);
-        ASSERT_EQ(ours.size(), theirs.size());
-        if (ours.size() < 5) { // an OEM record without a time stamp: ID, type, bytes
-            EXPECT_EQ(ours, theirs);
+        auto &mine = a[i], &peers = b[i];
+        for (auto *cells : {&mine, &peers}) cells->resize(std::min<size_t>(cells->size(), 6));
+        SCOPED_TRACE(testing::PrintToString(mine) + "\n" + testing::PrintToString(peers));
+        ASSERT_EQ(mine.size(), peers.size());
+        if (mine.size() < 5) { // an OEM record without a time stamp: ID, type, bytes
+            EXPECT_EQ(mine, peers);
             continue;
         }
         // The sensor's type word: ipmitool knows no vendor sensor types ("Unknown", and no
         // event text) and calls 0x23 "Watchdog2"; the library's tables name them. The sensor's
         // name or number after it is the same.
-        const std::string label = theirs[3].substr(theirs[3].find(' ') + 1);
-        EXPECT_TRUE(ours[3].ends_with(label)) << ours[3];
-        const bool vendorType = theirs[3].rfind("Unknown ", 0) == 0;
-        for (size_t c = 0; c < ours.size(); ++c)
-            if (c != 3 && !(vendorType && c == 4)) EXPECT_EQ(ours[c], theirs[c]) << "column " << c;
+        const std::string label = peers[3].substr(peers[3].find(' ') + 1);
+        EXPECT_TRUE(mine[3].ends_with(label)) << mine[3];
+        const bool vendorType = peers[3].rfind("Unknown ", 0) == 0;
+        for (size_t c = 0; c < mine.size(); ++c)
+            if (c != 3 && !(vendorType && c == 4)) {
+                EXPECT_EQ(mine[c], peers[c]) << "column " << c;
+            }
     }
 }
 

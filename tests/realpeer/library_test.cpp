@@ -44,28 +44,6 @@ std::vector<std::string> shown(std::initializer_list<const char *> list)
 
 } // namespace
 
-// Commands ipmi_sim lacks, answered by the module as the virtual controller does (the module's
-// answers are compared with the in-process controller's in TvxctlPrintsTheSameAsInProcess).
-TEST(RealPeerLibrary, ModuleSuppliesWhatTheSimulatorLacks)
-{
-    select(defaultPeer());
-    tvxtest::Session s;
-    ASSERT_NE(s.get(), nullptr) << ipmihost_last_error();
-    const RawCase cases[] = {
-        {"cold reset", 0x06, 0x02, {}, 0, {0x00}},
-        {"warm reset with data", 0x06, 0x03, {0x01}, cc(0xC7), {0xC7}},
-        {"SEL time UTC offset set to +60 minutes", 0x0A, 0x5D, {0x3C, 0x00}, 0, {0x00}},
-        {"read back", 0x0A, 0x5C, {}, 0, {0x00, 0x3C, 0x00}},
-        {"an offset beyond a day", 0x0A, 0x5D, {0xA1, 0x05}, cc(0xC9), {0xC9}},
-        {"back to unspecified", 0x0A, 0x5D, {0xFF, 0x07}, 0, {0x00}},
-        // ipmi_sim keeps no alert destinations (LAN parameters 18 and 19 answer 0x80): Alert
-        // Immediate stays refused rather than claiming an alert that went nowhere.
-        {"alert immediate", 0x04, 0x16, {0x01, 0x01, 0x00}, cc(0xC1), {0xC1}},
-    };
-    for (const RawCase &c : cases) check(s.get(), c);
-    ipmihost_select_default();
-}
-
 TEST(RealPeerLibrary, OemRequestsReachTheVirtualControllersHandlers)
 {
     // A profile whose OEM commands misbehave in every way the module must pass on: the

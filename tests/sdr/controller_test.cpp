@@ -13,10 +13,6 @@ using nlohmann::json;
 
 constexpr uint8_t kSensor = 0x04, kStorage = 0x0A, kOemGroup = 0x2E;
 
-json baseProfile()
-{
-    return {{"controller", {{"firmware_revision", "1.00"}, {"manufacturer_id", 32473}, {"product_id", 1}}}};
-}
 tvxsim::Profile profileOf(const json &doc) { return tvxsim::parseProfile(doc.dump(), "test.json"); }
 
 // The controller's answer (completion code first); an empty vector when there is none.
@@ -29,7 +25,7 @@ Bytes send(tvxsim::Controller &c, uint8_t netFn, uint8_t command, const Bytes &d
 // A 60-byte full record, a 35-byte compact one and a 19-byte locator; 40 bytes per answer.
 json smallRepository()
 {
-    json doc = baseProfile();
+    json doc = tvxtest::baseProfile();
     doc["sdr"] = {{"allocation_unit_size", 16}, {"allocation_units", 100},       {"max_record_units", 4},
                   {"max_read_bytes", 40},       {"add_timestamp", "0x11223344"}, {"erase_timestamp", 7},
                   {"operation_support", "0x23"}};
@@ -76,7 +72,7 @@ TEST(SdrCommands, InformationReservationsAndGetSdr)
 
 TEST(SdrCommands, FullSensorRecordHasTheBytesTheLibraryReads)
 {
-    json doc = baseProfile();
+    json doc = tvxtest::baseProfile();
     doc["sensors"] = json::parse(R"([
       {"record": "full", "number": "0x42", "lun": 1, "channel": 2, "owner": "0x22",
        "entity": "0x37", "instance": 5, "logical_entity": true, "type": "0x01",
@@ -96,7 +92,7 @@ TEST(SdrCommands, FullSensorRecordHasTheBytesTheLibraryReads)
 
 json sensorProfile()
 {
-    json doc = baseProfile();
+    json doc = tvxtest::baseProfile();
     doc["sensors"] = json::parse(R"([
       {"record": "full", "number": 1, "entity": 3, "instance": 1, "type": 1, "event_reading_type": 1,
        "name": "Unsigned", "reading": 50,
@@ -218,7 +214,7 @@ TEST(SensorCommands, HostApiChangesAreSeenByTheNextRequest)
 // the status of a component that answers a completion code of its own; none for an unknown key.
 TEST(ComponentStatus, TheProfilesComponentsThroughTheLibrary)
 {
-    json doc = baseProfile();
+    json doc = tvxtest::baseProfile();
     doc["components"] = json::parse(R"([
       {"key": "01 01", "id": "00 01", "bytes": "03 01 00", "status": 2, "byte": 5, "name": "CPU1"},
       {"key": "05 02", "id": "00 41", "bytes": "0b 02 00", "status": 1, "name": "Riser", "completion_code": "0x02"},

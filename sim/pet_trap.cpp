@@ -60,9 +60,9 @@ std::vector<uint8_t> petVariableBinding(const PetTrap &trap)
 {
     std::vector<uint8_t> v;
     tvx::wire::Appender<std::vector<uint8_t>> out(v);
-    const std::array<uint8_t, 16> guid{}; // the controller reports no system GUID
-    const time_t now = std::time(nullptr);
-    out.bytes(guid).be16(trap.sequence).be32(now > kPetEpoch ? static_cast<uint32_t>(now - kPetEpoch) : 0);
+    const std::array<uint8_t, 16> guid{};                     // the controller reports no system GUID
+    const time_t now = std::time(nullptr), epoch = kPetEpoch; // time_t: 32-bit signed on armhf
+    out.bytes(guid).be16(trap.sequence).be32(now > epoch ? static_cast<uint32_t>(now - epoch) : 0);
     out.be16(kUtcOffsetUnspecified).u8(kSourceIpmi).u8(kSourceIpmi).u8(kSeverityUnspecified);
     if (trap.event) out.u8(trap.event->generator).u8(trap.event->sensorNumber);
     else out.u8(kUnspecifiedDevice).u8(kUnspecifiedSensor);
@@ -108,8 +108,8 @@ bool sendPetTrap(const PetTrap &trap, std::string &error)
     pdu->time = uptime();
     std::copy(trap.agent.begin(), trap.agent.end(), pdu->agent_addr);
     const std::vector<uint8_t> binding = petVariableBinding(trap);
-    if (!pdu->enterprise ||
-        !snmp_pdu_add_variable(pdu, kPetVariable, OID_LENGTH(kPetVariable), ASN_OCTET_STR, binding.data(), binding.size())) {
+    if (!pdu->enterprise || !snmp_pdu_add_variable(pdu, kPetVariable, OID_LENGTH(kPetVariable), ASN_OCTET_STR,
+                                                   binding.data(), binding.size())) {
         snmp_free_pdu(pdu);
         return error = "out of memory", false;
     }

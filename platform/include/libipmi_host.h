@@ -32,6 +32,10 @@ extern "C" {
 #define IPMIHOST_STATIC_ASSERT(cond, msg) _Static_assert(cond, msg)
 #endif
 
+/* The platform's session (libipmi.h), declared here so that C sees one type in both headers
+ * whichever is included first. */
+struct IpmiSession;
+
 #if defined(__GNUC__)
 #define IPMIHOST_API __attribute__((visibility("default")))
 #else

@@ -82,6 +82,8 @@ void announce(const char *reads, const Bytes &image)
     }
 }
 
+} // namespace
+
 class FruDecode : public ScriptTest {
 protected:
     void SetUp() override
@@ -91,8 +93,6 @@ protected:
     }
     IpmiSession *session() { return platform_.get(); }
 };
-
-} // namespace
 
 TEST_F(FruDecode, DamagedImagesAndAwkwardControllers)
 {

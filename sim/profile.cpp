@@ -358,6 +358,11 @@ Profile parseProfile(const std::string &text, const std::string &displayName)
         auto pos = detail.find("syntax error");
         if (pos != std::string::npos) detail = detail.substr(pos);
         throw ProfileError(place(e.byte ? e.byte - 1 : 0) + detail);
+    } catch (const nlohmann::json::exception &e) {
+        // A number beyond a double's range ("number overflow parsing '1e999'").
+        std::string detail = e.what();
+        if (auto pos = detail.find("] "); pos != std::string::npos) detail = detail.substr(pos + 2);
+        throw ProfileError(displayName + ": " + detail);
     }
     Node root = p.root();
     root.allowOnly({"description", "controller", "faults", "sdr", "sensors", "fru_locators", "mc_locators",

@@ -322,6 +322,8 @@ Parsed parseStateText(const std::string &path, const StateLayout &layout, const 
             doc = json::parse(text);
         } catch (const json::parse_error &e) {
             corrupt(path, "the state file is corrupt: byte " + std::to_string(e.byte) + ": not valid JSON");
+        } catch (const json::exception &) {
+            corrupt(path, "the state file is corrupt: a number out of range");
         }
         if (!doc.is_object() || !doc.contains("format") || doc["format"] != kFirstFormat)
             corrupt(path, "/format: the state file is corrupt or of another version");

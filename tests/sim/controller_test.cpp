@@ -66,7 +66,7 @@ TEST(ProfileFault, MatchPrefixAndCountAndNoExecution)
 
 TEST(State, CorruptStateFileIsNamedAndResetRecovers)
 {
-    for (const char *text : {"\x01not json at all", R"({"format": 1})"}) {
+    for (const char *text : {"\x01not json at all", R"({"format": 1})", R"({"format": 1, "state": {"n": 1e999}})"}) {
         TempDir dir;
         const auto profile = profileOf(tvxtest::baseProfile(), "box.json");
         const std::string path = dir.path() + "/box.state.json";

@@ -131,12 +131,14 @@ TEST(Profile, SyntaxErrorsAndUnreadableFiles)
     tvxtest::TempDir dir;
     tvxtest::writeFile(dir.file("t.json"), "{\n  \"controller\": {\n    \"firmware_revision\": \"3.52\",\n  }\n}\n");
     tvxtest::writeFile(dir.file("deep.json"), "{\"controller\": " + std::string(100000, '[') + std::string(100000, ']') + "}");
+    tvxtest::writeFile(dir.file("huge.json"), "{\"description\": 2e0330}");
     ASSERT_EQ(mkfifo(dir.file("fifo.json").c_str(), 0600), 0);
     tvxtest::writeFile(dir.file("big.json"), "");
     ASSERT_EQ(truncate(dir.file("big.json").c_str(), (16 << 20) + 1), 0); // sparse: costs no disk
     for (const auto &[path, message] : {std::pair{dir.file("t.json"), std::string(":4:3: syntax error")},
                                         {dir.path(), std::string(": cannot read")},
                                         {dir.file("deep.json"), std::string(":1:79: nested deeper than 64 levels")},
+                                        {dir.file("huge.json"), std::string(": number overflow parsing '2e0330'")},
                                         {dir.file("fifo.json"), std::string(": cannot read the machine profile: not a regular file")},
                                         {std::string("/dev/zero"), std::string(": cannot read the machine profile: not a regular file")},
                                         {dir.file("big.json"), std::string(": cannot read the machine profile: larger than 16 MiB")}}) {

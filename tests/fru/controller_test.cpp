@@ -51,8 +51,8 @@ std::string text(const FruField &f)
 TEST(FruController, EveryEncodingComesBackThroughThePlatform)
 {
     tvxtest::ScratchMachine m(profile());
-    PlatformSession session;
-    ASSERT_EQ(session.open(), 0);
+    tvx::PlatformSession session;
+    ASSERT_EQ(session.status(), 0);
     IpmiSession *s = session.get();
     FruData r{}, words{};
     uint32_t length = 0, wordLength = 0;
@@ -107,8 +107,8 @@ TEST(FruController, TheRecordStandsAtItsFixedBytes)
 {
     constexpr bool kNarrow = sizeof(void *) == 4;
     tvxtest::ScratchMachine m(profile());
-    PlatformSession session;
-    ASSERT_EQ(session.open(), 0);
+    tvx::PlatformSession session;
+    ASSERT_EQ(session.status(), 0);
     IpmiSession *s = session.get();
     const size_t size = kNarrow ? 945 : 1013;
     std::vector<uint8_t> raw(size + 64, 0x5A);

@@ -268,47 +268,6 @@ TEST(RealPeer, TvxctlPrintsTheSameAsInProcess)
     }
 }
 
-// The event texts come through the vendor's text service in chunks that fit ipmi_sim's
-// answers: the messages are the profile's, with their parameters and severities, in both
-// languages. What cannot come is an entry whose parameters do not fit one answer of 31 bytes
-// after the IANA number (error code, flags, count and the parameters with their length
-// bytes): that entry has no message, and the library says nothing of it. The times differ:
-// ipmi_sim stamps the entries itself.
-TEST(RealPeer, EventTextsOverLanAreTheProfiles)
-{
-    auto &peer = defaultPeer();
-    constexpr std::size_t kParameterRoom = 31 - 6;
-    for (const char *language : {"0x0409", "0x0407"}) {
-        SCOPED_TRACE(language);
-        Outcome lan = tvxctl(&peer, {"--json", "sel", "--text", "--lang", language});
-        Outcome local = tvxctl(nullptr, {"--machine", defaultProfile(), "--state", workDir("texts-state"), "--json",
-                                         "sel", "--text", "--lang", language});
-        ASSERT_EQ(lan.code, 0) << lan.err;
-        ASSERT_EQ(local.code, 0) << local.err;
-        EXPECT_EQ(lan.err, "");
-        auto overLan = nlohmann::json::parse(lan.out), inProcess = nlohmann::json::parse(local.out);
-        ASSERT_EQ(overLan.size(), inProcess.size());
-        std::size_t withText = 0;
-        for (std::size_t i = 0; i < overLan.size(); ++i) {
-            const auto &l = overLan[i], &p = inProcess[i];
-            SCOPED_TRACE(p["line"].dump());
-            EXPECT_EQ(l["record_id"], p["record_id"]);
-            std::size_t needed = 0;
-            for (const auto &param : p.value("parameters", nlohmann::json::array()))
-                needed += 1 + param.get<std::string>().size();
-            if (needed > kParameterRoom) {
-                EXPECT_TRUE(l["message"].is_null()) << l; // decoded the standard way instead
-                continue;
-            }
-            ++withText;
-            EXPECT_EQ(l["message"], p["message"]);
-            EXPECT_EQ(l["severity"], p["severity"]);
-            EXPECT_EQ(l["parameters"], p["parameters"]);
-        }
-        EXPECT_GE(withText, overLan.size() - 2);
-    }
-}
-
 // The password from a file, or from the environment with the target there too (the way an
 // unmodified client is pointed at a controller), opens a session as the one in the target does;
 // tvxctl never shows it (target strings and their messages are checked in the unit tests).

@@ -40,12 +40,6 @@ Bytes generate(const spd::Module &module, const std::function<void(Bytes &)> &ch
     return image;
 }
 
-Bytes load(const std::string &path)
-{
-    const std::string s = tvxtest::readFile(path);
-    return Bytes(s.begin(), s.end());
-}
-
 // decode-dimms' reading of the images, handed over as od's hex dumps: per image, its
 // "Label   value" lines.
 std::map<std::string, std::map<std::string, std::string>> decodeDimms(const std::map<std::string, Bytes> &images)

@@ -105,6 +105,10 @@ TEST(RealPeerLibrary, FailuresMapToTheirStatuses)
         std::string why = ipmihost_last_error();
         EXPECT_NE(why.find(c.says), std::string::npos) << why;
         EXPECT_EQ(why.find("Wrong-Pa55"), std::string::npos) << why;
+        // tvxctl names the controller it could not reach, and why, and stops there.
+        const Outcome r = tvxctl(nullptr, {"--target", c.target, "devid"});
+        EXPECT_TRUE(r.code == 1 && r.err.find("cannot open a session with") != std::string::npos) << r;
+        EXPECT_TRUE(r.err.find(c.says) != std::string::npos && r.err.find("Wrong-Pa55") == std::string::npos) << r;
     }
     ipmihost_select_default();
 }

@@ -307,18 +307,20 @@ Fault parseFault(const Node &n)
 
 std::size_t nestedTooDeep(std::string_view text, std::size_t maxDepth)
 {
+    // Jumps from one character that matters to the next: a document is mostly names, numbers
+    // and blanks.
     std::size_t depth = 0;
     bool inString = false;
-    for (std::size_t i = 0; i < text.size(); ++i) {
+    for (std::size_t i = 0; (i = text.find_first_of(inString ? "\\\"" : "\"[]{}", i)) != std::string_view::npos; ++i) {
         const char c = text[i];
         if (inString) {
             if (c == '\\') ++i;
-            else if (c == '"') inString = false;
+            else inString = false;
         } else if (c == '"') {
             inString = true;
         } else if (c == '[' || c == '{') {
             if (++depth > maxDepth) return i;
-        } else if ((c == ']' || c == '}') && depth > 0) {
+        } else if (depth > 0) {
             --depth;
         }
     }

@@ -490,6 +490,7 @@ void StateStore::loadFile()
     fileFd_ = -1;
     loaded_ = false;
     ramKnown_ = false;
+    pristine_ = false;
     bool writable = false;
     int fd = openState(path_, writable);
     if (fd < 0) {
@@ -524,6 +525,7 @@ void StateStore::readTail()
     if (st.st_nlink == 0 || size < end_) return loadFile(); // replaced (folded, reset) or cut
     if (size == seenSize_) return;
     if (legacy_ || size > kMaxStateBytes) return loadFile(); // which says what is wrong
+    pristine_ = false;
     std::string chunk;
     if (!readAt(fileFd_, chunk, end_, size - end_))
         throw ProfileError(path_ + ": cannot read the state file: " + errnoText(errno));
@@ -557,6 +559,7 @@ void StateStore::readRam()
                  length <= kMaxRamBytes;
     if (!valid) seq = 0; // no RAM yet: a controller just started
     if (ramKnown_ && seq == ramSeq_) return;
+    pristine_ = false;
     std::string body;
     json ram;
     if (valid && readAt(lockFd_, body, kRamHeader, length) && crc32(body) == crc) ram = json::parse(body, nullptr, false);
@@ -621,10 +624,18 @@ void StateStore::appendLine(const std::string &line)
     seenSize_ = end_;
 }
 
+std::string StateStore::snapshot(const json &persistent) const
+{
+    return dumpLine(json{{"format", kFormat}, {"profile", profileFile_}, {"state", persistent}}) + "\n";
+}
+
 void StateStore::rewrite(const json &persistent, bool mustSucceed)
 {
-    const std::string text =
-        dumpLine(json{{"format", kFormat}, {"profile", profileFile_}, {"state", persistent}}) + "\n";
+    rewriteText(snapshot(persistent), mustSucceed);
+}
+
+void StateStore::rewriteText(const std::string &text, bool mustSucceed)
+{
     const std::string tmp = path_ + ".tmp";
     int fd = ::open(tmp.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY, 0644);
     bool ok = fd >= 0 && writeAt(fd, text, 0) && fsync(fd) == 0 && rename(tmp.c_str(), path_.c_str()) == 0;
@@ -666,6 +677,7 @@ void StateStore::open()
 
 void StateStore::rollback()
 {
+    pristine_ = false;
     if (!dir_.empty()) {
         // Read again from the file and the RAM, which hold the state as it was.
         loaded_ = false;
@@ -697,6 +709,7 @@ void StateStore::rollback()
 
 void StateStore::commit()
 {
+    pristine_ = false;
     if (!state_.is_object()) {
         rollback();
         throw ProfileError("the machine state was replaced by something other than an object");
@@ -792,21 +805,43 @@ void StateStore::reset()
         StateStore *s;
         ~Unlock() { s->unlock(); }
     } guard{this};
-    state_ = initial_();
-    if (!state_.is_object()) state_ = json::object();
+    // A machine that nobody changed since its last reset is left as it is: the file and the
+    // RAM still hold the fresh state (a change by any program, ours included, shows as new
+    // lines, a replaced file or a new RAM sequence when the state is brought up to date, and
+    // a change made in memory without being stored shows as a difference from the fresh state).
+    if (pristine_) {
+        try {
+            sync();
+        } catch (const ProfileError &) {
+            pristine_ = false;
+        }
+        if (pristine_ && state_ == fresh_) return;
+        pristine_ = false;
+    }
+    // The fresh state follows from the profile alone: built and written out once.
+    if (!freshKnown_) {
+        fresh_ = initial_();
+        if (!fresh_.is_object()) fresh_ = json::object();
+        if (!dir_.empty()) {
+            for (const auto &area : layout_.ram) fresh_.erase(area);
+            freshText_ = snapshot(fresh_);
+        }
+        freshKnown_ = true;
+    }
+    state_ = fresh_;
     if (dir_.empty()) {
         remember();
         loaded_ = true;
+        pristine_ = true;
         return;
     }
-    for (const auto &area : layout_.ram) state_.erase(area);
     try {
         // The old RAM first: unless both go, a restarted controller's RAM would outlive its reset.
         if (!layout_.ram.empty()) {
             if (!ramKnown_) ramSeq_ = 0;
             writeRam("{}");
         }
-        rewrite(state_, true);
+        rewriteText(freshText_, true);
     } catch (...) {
         rollback();
         throw;
@@ -814,6 +849,7 @@ void StateStore::reset()
     remember();
     loaded_ = true;
     ramKnown_ = true;
+    pristine_ = true;
 }
 
 } // namespace tvxsim

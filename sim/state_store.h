@@ -96,7 +96,9 @@ private:
     void rollback();
     void writeRam(const std::string &body);
     void appendLine(const std::string &line);
+    std::string snapshot(const nlohmann::json &persistent) const;
     void rewrite(const nlohmann::json &persistent, bool mustSucceed);
+    void rewriteText(const std::string &text, bool mustSucceed);
     void remember();
     void markLogs();
     nlohmann::json persistentPart() const;
@@ -124,6 +126,13 @@ private:
     uint64_t ramSeq_ = 0;
     bool ramKnown_ = false;
     std::string ramBody_; // the RAM as last read or written
+    // A fresh machine's state and its state file (built at the first reset), and whether
+    // neither this program nor another has changed the machine since the last reset, when a
+    // reset has nothing to do.
+    nlohmann::json fresh_;
+    std::string freshText_;
+    bool freshKnown_ = false;
+    bool pristine_ = false;
 };
 
 } // namespace tvxsim

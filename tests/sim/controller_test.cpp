@@ -129,4 +129,38 @@ TEST(State, AHandlerThatFailsHalfWayLeavesNothingBehind)
     }
 }
 
+// A reset starts afresh whoever changed the machine since the last one: this controller,
+// another one on the same state file, or a handler that changed the state without storing it.
+TEST(State, EveryResetStartsAfresh)
+{
+    TempDir dir;
+    for (const std::string &stateDir : {std::string(), dir.path()}) {
+        SCOPED_TRACE(stateDir.empty() ? "in memory" : "on file");
+        auto start = [&] {
+            return std::make_unique<Controller>(profileOf(tvxtest::baseProfile()), stateDir, kCounter);
+        };
+        auto a = start(), b = start();
+        a->on(0x30, 0x04, [](tvxsim::Context &ctx, const tvxsim::Request &, tvxsim::Response &) {
+            ctx.state["counter"] = 50;
+        });
+        const auto counter = [](Controller &c) { return send(c, 0x30, 0x02).bytes.at(1); };
+        a->reset();
+        a->reset();
+        EXPECT_EQ(counter(*a), 7);
+        send(*a, 0x30, 0x04);
+        EXPECT_EQ(counter(*a), 50);
+        a->reset();
+        EXPECT_EQ(counter(*a), 7);
+        send(*a, 0x30, 0x01);
+        a->reset();
+        EXPECT_EQ(counter(*a), 7);
+        if (stateDir.empty()) continue;
+        send(*b, 0x30, 0x01);
+        EXPECT_EQ(counter(*a), 8);
+        a->reset();
+        EXPECT_EQ(counter(*b), 7);
+        EXPECT_EQ(counter(*start()), 7);
+    }
+}
+
 } // namespace

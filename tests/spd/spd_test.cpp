@@ -40,6 +40,14 @@ Bytes generate(const spd::Module &module, const std::function<void(Bytes &)> &ch
     return image;
 }
 
+#ifdef TVX_SPD_DATA
+Bytes load(const std::string &path)
+{
+    const std::string s = tvxtest::readFile(path);
+    return Bytes(s.begin(), s.end());
+}
+#endif
+
 // decode-dimms' reading of the images, handed over as od's hex dumps: per image, its
 // "Label   value" lines.
 std::map<std::string, std::map<std::string, std::string>> decodeDimms(const std::map<std::string, Bytes> &images)
@@ -86,10 +94,8 @@ TEST(Spd, DecodersAgreeWithDecodeDimms)
     // clang-format on
 #ifdef TVX_SPD_DATA
     for (const auto &f : std::filesystem::directory_iterator(TVX_SPD_DATA))
-        if (f.path().extension() == ".bin" && f.path().filename().string().rfind("ddr5", 0) != 0) {
-            const std::string bytes = tvxtest::readFile(f.path());
-            images[f.path().filename()] = Bytes(bytes.begin(), bytes.end());
-        }
+        if (f.path().extension() == ".bin" && f.path().filename().string().rfind("ddr5", 0) != 0)
+            images[f.path().filename()] = load(f.path());
 #endif
     const auto oracle = decodeDimms(images);
     for (const auto &[name, image] : images) {

@@ -33,6 +33,7 @@
 #include "libipmi_host.h"
 #include "peer.h"
 #include "machine.h"
+#include "tvx/session.h"
 #include "tvx_toipmi.h"
 
 extern char **environ;
@@ -101,10 +102,8 @@ void BM_Getter(benchmark::State &state, std::string call, bool lan)
     std::unique_ptr<ScratchMachine> machine;
     if (lan && ipmihost_select_target(peer().target().c_str(), nullptr) != 0) std::abort();
     if (!lan) machine = std::make_unique<ScratchMachine>(defaultProfile());
-    IpmiSession *s = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
     {
-        Machine m(s);
-        ipmiHelperCloseSession(&s);
+        Machine m(tvx::Session().get()); // the getters open their own sessions
         std::vector<std::pair<const AgentSensor *, const tvxctl::AgentGetter *>> targets;
         for (const AgentSensor &sensor : m.sensors)
             for (const tvxctl::AgentGetter &g : tvxctl::agentGetters(sensor.kind))
@@ -141,10 +140,8 @@ tvxsim::ipmisim::Peer &peer()
 void BM_AgentPass_Lan(benchmark::State &state)
 {
     if (ipmihost_select_target(peer().target(state.range(0) ? "" : "&pool=0").c_str(), nullptr) != 0) std::abort();
-    IpmiSession *s = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
     {
-        Machine m(s);
-        ipmiHelperCloseSession(&s);
+        Machine m(tvx::Session().get()); // the getters open their own sessions
         ipmihost_lan_statistics before{};
         ipmihost_lan_stats(&before);
         ipmihost_reset_request_count();

@@ -32,6 +32,7 @@
 #include "libipmi.h"
 #include "libipmi_host.h"
 #include "peer.h"
+#include "tvx/session.h"
 #include "tvx_toipmi.h"
 
 extern char **environ;
@@ -81,10 +82,9 @@ void selectLan(bool pool)
     std::string t = bed().peer->target(pool ? "" : "&pool=0");
     if (ipmihost_select_target(t.c_str(), nullptr) != 0) std::abort();
     if (bed().sensors.empty()) {
-        IpmiSession *s = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
+        tvx::Session s;
         if (!s) std::abort();
-        bed().sensors = discoverSensors(s);
-        ipmiHelperCloseSession(&s);
+        bed().sensors = discoverSensors(s.get());
     }
 }
 
@@ -112,32 +112,34 @@ void BM_Library_OpenClose(benchmark::State &state)
 void BM_Library_RawRoundTrip(benchmark::State &state)
 {
     selectLan(state.range(0));
-    IpmiSession *s = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
-    uint8_t rs[64];
-    for (auto _ : state) {
-        uint32_t len = sizeof rs;
-        if (ipmiSendCmd(s, TVX_NETFN_APP, 0x01, 0, nullptr, &len, rs) != 1) state.SkipWithError("no answer");
+    {
+        tvx::Session s;
+        uint8_t rs[64];
+        for (auto _ : state) {
+            uint32_t len = sizeof rs;
+            if (ipmiSendCmd(s.get(), TVX_NETFN_APP, 0x01, 0, nullptr, &len, rs) != 1) state.SkipWithError("no answer");
+        }
     }
-    ipmiHelperCloseSession(&s);
     reportHandshakes(state);
 }
 
 void BM_Library_SdrCache(benchmark::State &state)
 {
     selectLan(state.range(0));
-    IpmiSession *s = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
-    uint64_t requests = ipmihost_request_count();
-    uint32_t records = 0;
-    for (auto _ : state) {
-        SDRInfo info{};
-        if (getSDRInfo(s, &info) != 1) state.SkipWithError("no SDR cache");
-        records = info.count;
-        freeSDRInfo(&info);
+    {
+        tvx::Session s;
+        uint64_t requests = ipmihost_request_count();
+        uint32_t records = 0;
+        for (auto _ : state) {
+            SDRInfo info{};
+            if (getSDRInfo(s.get(), &info) != 1) state.SkipWithError("no SDR cache");
+            records = info.count;
+            freeSDRInfo(&info);
+        }
+        state.counters["records"] = records;
+        state.counters["requests/iter"] = benchmark::Counter(
+            static_cast<double>(ipmihost_request_count() - requests), benchmark::Counter::kAvgIterations);
     }
-    state.counters["records"] = records;
-    state.counters["requests/iter"] = benchmark::Counter(static_cast<double>(ipmihost_request_count() - requests),
-                                                         benchmark::Counter::kAvgIterations);
-    ipmiHelperCloseSession(&s);
     reportHandshakes(state);
 }
 
@@ -147,14 +149,13 @@ void BM_Library_AgentPass(benchmark::State &state)
     const auto &sensors = bed().sensors;
     std::size_t statusBytes = 0;
     for (auto _ : state) {
-        IpmiSession *s = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
+        tvx::Session s;
         for (uint8_t n : sensors) {
             uint8_t reading = 0;
             uint16_t bits = 0;
-            if (ipmiGetSensorReading(s, n, &reading, &bits) != 1) state.SkipWithError("reading failed");
+            if (ipmiGetSensorReading(s.get(), n, &reading, &bits) != 1) state.SkipWithError("reading failed");
             statusBytes += std::strlen(ipmiSdrGetStatus(bits & 0x3F));
         }
-        ipmiHelperCloseSession(&s);
     }
     benchmark::DoNotOptimize(statusBytes);
     state.counters["sensors"] = static_cast<double>(sensors.size());

@@ -148,41 +148,29 @@ void inFreshProcess(const std::function<void()> &body)
     });
 }
 
-TEST_F(Network, ChannelCachesFoundOnceKeepTheirValue)
+// Each in a fresh process: the lookups keep a channel they found and
+// the absence of any LAN channel, and search again for a default channel they did not find.
+TEST_F(Network, ChannelLookupsKeepWhatTheyFound)
 {
-    inFreshProcess([&] {
-        IpmiSession *s = open();
-        channels("sLsL---");
-        EXPECT_EQ(getLanChannelCount(s), 2);
-        EXPECT_EQ(getLanChannelCount(s), 2);
-        channels("sL", 2);
-        EXPECT_EQ(getDefaultLanChannelNumber(s), 2);
-        EXPECT_EQ(getDefaultLanChannelNumber(s), 2);
-    });
-}
-
-TEST_F(Network, NoLanChannelIsKeptAndNeverSearchedAgain)
-{
-    inFreshProcess([&] {
-        IpmiSession *s = open();
-        channels("sss----");
-        EXPECT_EQ(getLanChannelCount(s), 0);
-        EXPECT_EQ(getDefaultLanChannelNumber(s), 255);
-        EXPECT_EQ(getDefaultLanChannelNumber(s), 255);
-    });
-}
-
-TEST_F(Network, DefaultChannelNotFoundIsSearchedAgain)
-{
-    inFreshProcess([&] {
-        IpmiSession *s = open();
-        channels("-L-----");
-        EXPECT_EQ(getLanChannelCount(s), 1);
-        channels("-------"); // the channel is gone when the default is looked for
-        EXPECT_EQ(getDefaultLanChannelNumber(s), 255);
-        channels("-L", 2);
-        EXPECT_EQ(getDefaultLanChannelNumber(s), 2);
-    });
+    constexpr int kCount = 0, kDefault = 1;
+    const struct {
+        const char *what;
+        std::vector<std::tuple<std::string, uint8_t, int, int>> steps; // channels answered (up to), lookup, result
+    } cases[] = {
+        {"found", {{"sLsL---", 7, kCount, 2}, {"", 0, kCount, 2}, {"sL", 2, kDefault, 2}, {"", 0, kDefault, 2}}},
+        {"no LAN channel", {{"sss----", 7, kCount, 0}, {"", 0, kDefault, 255}, {"", 0, kDefault, 255}}},
+        {"default gone", {{"-L-----", 7, kCount, 1}, {"-------", 7, kDefault, 255}, {"-L", 2, kDefault, 2}}},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        inFreshProcess([&] {
+            IpmiSession *s = open();
+            for (const auto &[lan, last, lookup, result] : c.steps) {
+                channels(lan, last);
+                EXPECT_EQ(lookup == kCount ? getLanChannelCount(s) : getDefaultLanChannelNumber(s), result);
+            }
+        });
+    }
 }
 
 // Alert Immediate for channel 1 and a destination: with the test event, or the plain one.

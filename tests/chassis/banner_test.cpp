@@ -89,7 +89,7 @@ TEST(Banner, AddressChoosesBoardAndBox)
             }
             EXPECT_EQ(ipmiGetSbNumber(m.session()), c.board);
             // The board number is asked once per process, whatever the session.
-            tvxtest::Session other;
+            tvx::Session other;
             ipmihost_reset_request_count();
             for (IpmiSession *s : {m.session(), other.get()}) {
                 EXPECT_EQ(ipmiGetSbNumber(s), c.board);

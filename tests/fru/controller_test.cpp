@@ -48,15 +48,24 @@ std::string text(const FruField &f)
 
 } // namespace
 
+// The record stands at its fixed bytes: 945 with 4-byte pointers, a text field being its
+// type/length byte with the pointer right behind it, unaligned; no byte past it is written.
 TEST(FruController, EveryEncodingComesBackThroughThePlatform)
 {
+    constexpr bool kNarrow = sizeof(void *) == 4;
     tvxtest::ScratchMachine m(profile());
-    PlatformSession session;
-    ASSERT_EQ(session.open(), 0);
+    tvx::PlatformSession session;
+    ASSERT_EQ(session.status(), 0);
     IpmiSession *s = session.get();
-    FruData r{}, words{};
+    const size_t size = kNarrow ? 945 : 1013;
+    std::vector<uint8_t> raw(size + 64, 0x5A);
+    std::fill_n(raw.begin(), size, 0);
+    const FruData &r = *reinterpret_cast<const FruData *>(raw.data());
+    FruData words{};
     uint32_t length = 0, wordLength = 0;
-    ASSERT_EQ(LIBIPMI_HL_GetFRUData(s, 0, &length, &r, 60), 0) << ipmihost_last_error();
+    ASSERT_EQ(LIBIPMI_HL_GetFRUData(s, 0, &length, reinterpret_cast<FruData *>(raw.data()), 60), 0)
+        << ipmihost_last_error();
+    EXPECT_EQ(std::count(raw.begin() + size, raw.end(), 0x5A), 64);
     // A second read on the session leaves the first one's texts valid until the close.
     ASSERT_EQ(LIBIPMI_HL_GetFRUData(s, 5, &wordLength, &words, 60), 0);
     EXPECT_EQ(length, 300u);
@@ -94,28 +103,6 @@ TEST(FruController, EveryEncodingComesBackThroughThePlatform)
     EXPECT_STREQ(r.productCustomFields[1], "7");
     EXPECT_EQ(text(words.productName), "Worded");
     EXPECT_EQ(words.chassisOffset, 0);
-    // An absent device: the controller's completion code, nothing written.
-    FruData none{};
-    EXPECT_EQ(LIBIPMI_HL_GetFRUData(s, 9, &length, &none, 60), LIBIPMI_STATUS_COMPLETION_CODE(0xCB));
-    EXPECT_EQ(none.formatVersion, 0);
-}
-
-// The record as raw bytes: the controller's record is 945 bytes with 4-byte pointers, a text
-// field being its type/length byte with the pointer right behind it, unaligned. The platform
-// writes no byte past the record.
-TEST(FruController, TheRecordStandsAtItsFixedBytes)
-{
-    constexpr bool kNarrow = sizeof(void *) == 4;
-    tvxtest::ScratchMachine m(profile());
-    PlatformSession session;
-    ASSERT_EQ(session.open(), 0);
-    IpmiSession *s = session.get();
-    const size_t size = kNarrow ? 945 : 1013;
-    std::vector<uint8_t> raw(size + 64, 0x5A);
-    std::fill_n(raw.begin(), size, 0);
-    uint32_t length = 0;
-    ASSERT_EQ(LIBIPMI_HL_GetFRUData(s, 0, &length, reinterpret_cast<FruData *>(raw.data()), 60), 0);
-    EXPECT_EQ(std::count(raw.begin() + size, raw.end(), 0x5A), 64);
     auto pointerAt = [&](size_t at) {
         const char *p = nullptr;
         std::memcpy(&p, &raw[at], sizeof p);
@@ -134,6 +121,10 @@ TEST(FruController, TheRecordStandsAtItsFixedBytes)
     }
     // The custom fields' count bytes follow their pointers: chassis 2, board 0, product 2.
     EXPECT_EQ(Bytes({raw[kNarrow ? 33 : 45], raw[kNarrow ? 69 : 105], raw[kNarrow ? 112 : 180]}), Bytes({2, 0, 2}));
+    // An absent device: the controller's completion code, nothing written.
+    FruData none{};
+    EXPECT_EQ(LIBIPMI_HL_GetFRUData(s, 9, &length, &none, 60), LIBIPMI_STATUS_COMPLETION_CODE(0xCB));
+    EXPECT_EQ(none.formatVersion, 0);
 }
 
 TEST(FruController, CompletionCodesAndTheResponseLimit)

@@ -67,12 +67,11 @@ protected:
         service_ = startService();
         ASSERT_TRUE(within(10s, [&] { return queueId('r') != -1 && queueId('n') != -1; })) << log();
         ASSERT_EQ(ipmihost_select_target(target_.c_str(), dir_.file("state").c_str()), 0) << ipmihost_last_error();
-        session_ = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
-        ASSERT_NE(session_, nullptr) << ipmihost_last_error();
+        ASSERT_TRUE(session_.open()) << ipmihost_last_error();
     }
     void TearDown() override
     {
-        ipmiHelperCloseSession(&session_);
+        session_.close();
         ipmihost_select_default();
         if (service_.pid() > 0) {
             EXPECT_EQ(service_.stop(), 0) << log();
@@ -99,13 +98,13 @@ protected:
     // Adds a system event record; returns its timestamp.
     uint32_t addEntry()
     {
-        EXPECT_EQ(ipmiWriteSelEntry(session_, 0x01, 0x03, 0x01, 0x57, 0x56, 0x55), 1);
-        return ipmiGetSelInfo(session_).lastAddTime;
+        EXPECT_EQ(ipmiWriteSelEntry(session_.get(), 0x01, 0x03, 0x01, 0x57, 0x56, 0x55), 1);
+        return ipmiGetSelInfo(session_.get()).lastAddTime;
     }
     tvxtest::TempDir dir_;
     std::string target_;
     tvxtest::Daemon service_;
-    IpmiSession *session_ = nullptr;
+    tvx::Session session_{tvx::deferred};
 };
 
 // The same service watching OpenIPMI's ipmi_sim over IPMI-over-LAN.
@@ -140,12 +139,12 @@ TEST_F(Service, EachWatcherGetsOneMessagePerNewEntry)
     ASSERT_EQ(selNotifyUnregisterRemote(w1), 0);
     uint32_t t4 = addEntry();
     EXPECT_EQ(next(w2), (Event{1, 4, t4}));
-    ASSERT_EQ(ipmiClearEventLog(session_), 1);
-    EXPECT_EQ(next(w2), (Event{2, 0, ipmiGetSelInfo(session_).lastEraseTime}));
+    ASSERT_EQ(ipmiClearEventLog(session_.get()), 1);
+    EXPECT_EQ(next(w2), (Event{2, 0, ipmiGetSelInfo(session_.get()).lastEraseTime}));
     EXPECT_EQ(next(w1, 300ms), std::nullopt);
     // Type 0 takes the oldest message of any watcher.
     addEntry();
-    EXPECT_EQ(next(0), (Event{1, 1, ipmiGetSelInfo(session_).lastAddTime}));
+    EXPECT_EQ(next(0), (Event{1, 1, ipmiGetSelInfo(session_.get()).lastAddTime}));
     ASSERT_EQ(selNotifyUnregisterRemote(w2), 0);
     EXPECT_TRUE(logged("service.err", "watcher " + std::to_string(w2) + " unregistered")) << log();
     EXPECT_TRUE(logged("service.err", "watcher " + std::to_string(w1) + " registered")) << log();
@@ -195,7 +194,7 @@ TEST_F(ServiceOverLan, NewEntriesOfARealControllerReachTheWatcher)
     ASSERT_EQ(selNotifyRegisterRemote(watcher), 0);
     SelRecord request = {{0, 0, 0x02, 0, 0, 0, 0, 0x20, 0, 0x04, 0x01, 0x03, 0x01, 0x57, 0x56, 0x55}};
     SelAddResponse added{};
-    ASSERT_EQ(IPMICMD_AddSELEntry(session_, &request, &added, 60), 0) << ipmihost_last_error();
+    ASSERT_EQ(IPMICMD_AddSELEntry(session_.get(), &request, &added, 60), 0) << ipmihost_last_error();
     std::optional<Event> e = next(watcher, 10s);
     ASSERT_TRUE(e) << log();
     EXPECT_EQ(std::get<0>(*e), 1);

@@ -3,11 +3,10 @@
 //
 // Each row of kComparisons runs tvxctl and ipmitool and compares what they report: the identity,
 // the SDR repository and the sensor table with every sensor's reading, status and thresholds (the host
-// powered and not), the chassis power after power control and the LAN settings after a set (by
-// either side). That power-up restores the readings is pinned in process (SensorMachine).
+// powered and not), the chassis power after power control and the LAN settings after tvxctl set
+// them. That power-up restores the readings is pinned in process (SensorMachine).
 #include <cmath>
 #include <map>
-#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
@@ -66,17 +65,14 @@ void samePowerState(const Outcome &ours, const Outcome &theirs)
 }
 
 // tvxctl --json sdr against ipmitool sdr elist all: the same records in the same order, with the
-// same names, sensor numbers and entities; threshold sensors with the same value and status;
-// locators naming the same FRU device or controller.
+// same names, sensor numbers and entities; locators naming the same FRU device or controller.
+// Values, statuses and state bits are compared in the sensor table.
 void compareSdr(const Outcome &ours, const Outcome &theirs)
 {
     BOTH_OK(ours, theirs);
     json records = json::parse(ours.out);
     auto rows = table(theirs.out, '|');
     ASSERT_EQ(records.size(), rows.size()) << theirs.out;
-    static const std::map<std::string, std::string> statuses = {
-        {"OK", "ok"},      {"LowWarn", "lnc"}, {"LowCrit", "lcr"}, {"LowNRecov", "lnr"},
-        {"UpWarn", "unc"}, {"UpCrit", "ucr"},  {"UpNRecov", "unr"}};
     for (std::size_t i = 0; i < rows.size(); ++i) {
         const json &r = records[i];
         const auto &t = rows[i];
@@ -98,15 +94,7 @@ void compareSdr(const Outcome &ours, const Outcome &theirs)
         }
         std::snprintf(want, sizeof want, "%02Xh", r["sensor_number"].get<int>());
         EXPECT_EQ(t[1], want);
-        if (status == "unavailable") {
-            EXPECT_EQ(t[2] + " " + t[4], "ns No Reading");
-        } else if (r["event_reading_type"] == 0x01) {
-            EXPECT_EQ(statuses.count(status) ? statuses.at(status) : status, t[2]);
-            // ipmitool prints two decimals, or none for a whole number.
-            EXPECT_NEAR(r["value"].get<double>(), std::stod(t[4]), 0.006) << t[4];
-        } else {
-            EXPECT_EQ(t[2], "ok"); // the state bits are compared in the sensor table
-        }
+        if (status == "unavailable") EXPECT_EQ(t[2] + " " + t[4], "ns No Reading");
     }
 }
 
@@ -179,8 +167,7 @@ void compareSensors(const Outcome &ours, const Outcome &theirs)
 
 struct Comparison {
     const char *what;
-    std::vector<std::vector<std::string>> before; // commands that change the machine first: tvxctl's
-                                                  // arguments, or ipmitool's after "ipmitool"
+    std::vector<std::vector<std::string>> before; // tvxctl commands that change the machine first
     std::vector<std::string> ours;                // tvxctl arguments
     std::vector<std::string> theirs;              // ipmitool arguments
     void (*compare)(const Outcome &, const Outcome &);
@@ -197,15 +184,10 @@ const Comparison kComparisons[] = {
     {"sensor table", {}, kSensor, kCsvSensor, compareSensors},
     {"chassis power after Chassis Control power down", {kPowerDown}, {"raw", "0x00", "0x01"},
      {"chassis", "power", "status"}, samePowerState},
-    {"sensors powered by the host while it is down", {}, kSdr, kElist, compareSdr},
     {"sensor table while the host is down", {}, kSensor, kCsvSensor, compareSensors},
     {"LAN settings after tvxctl set them",
      {kPowerUp, {"lan", "set", "ip", "10.9.8.7"}, {"lan", "set", "netmask", "255.255.0.0"}, {"lan", "set", "gateway", "10.9.0.1"},
       {"lan", "set", "mac", "02:11:22:33:44:55"}, {"lan", "set", "source", "static"}},
-     {"--json", "lan"}, {"lan", "print", "1"}, compareLan},
-    {"LAN settings after ipmitool set them",
-     {{"ipmitool", "lan", "set", "1", "ipaddr", "192.168.7.9"}, {"ipmitool", "lan", "set", "1", "netmask", "255.255.255.128"},
-      {"ipmitool", "lan", "set", "1", "defgw", "ipaddr", "192.168.7.1"}, {"ipmitool", "lan", "set", "1", "ipsrc", "dhcp"}},
      {"--json", "lan"}, {"lan", "print", "1"}, compareLan},
 };
 // clang-format on
@@ -218,7 +200,7 @@ TEST(RealPeer, TvxctlAndIpmitoolAgree)
     for (const Comparison &c : kComparisons) {
         SCOPED_TRACE(c.what);
         for (const auto &b : c.before) {
-            Outcome r = b.front() == "ipmitool" ? ipmitool(peer, {b.begin() + 1, b.end()}) : tvxctl(&peer, b);
+            Outcome r = tvxctl(&peer, b);
             ASSERT_EQ(r.code, 0) << r;
         }
         c.compare(tvxctl(&peer, c.ours), ipmitool(peer, c.theirs));
@@ -268,63 +250,14 @@ TEST(RealPeer, TvxctlPrintsTheSameAsInProcess)
     }
 }
 
-// The event texts come through the vendor's text service in chunks that fit ipmi_sim's
-// answers: the messages are the profile's, with their parameters and severities, in both
-// languages. What cannot come is an entry whose parameters do not fit one answer of 31 bytes
-// after the IANA number (error code, flags, count and the parameters with their length
-// bytes): that entry has no message, and the library says nothing of it. The times differ:
-// ipmi_sim stamps the entries itself.
-TEST(RealPeer, EventTextsOverLanAreTheProfiles)
-{
-    auto &peer = defaultPeer();
-    constexpr std::size_t kParameterRoom = 31 - 6;
-    for (const char *language : {"0x0409", "0x0407"}) {
-        SCOPED_TRACE(language);
-        Outcome lan = tvxctl(&peer, {"--json", "sel", "--text", "--lang", language});
-        Outcome local = tvxctl(nullptr, {"--machine", defaultProfile(), "--state", workDir("texts-state"), "--json",
-                                         "sel", "--text", "--lang", language});
-        ASSERT_EQ(lan.code, 0) << lan.err;
-        ASSERT_EQ(local.code, 0) << local.err;
-        EXPECT_EQ(lan.err, "");
-        auto overLan = nlohmann::json::parse(lan.out), inProcess = nlohmann::json::parse(local.out);
-        ASSERT_EQ(overLan.size(), inProcess.size());
-        std::size_t withText = 0;
-        for (std::size_t i = 0; i < overLan.size(); ++i) {
-            const auto &l = overLan[i], &p = inProcess[i];
-            SCOPED_TRACE(p["line"].dump());
-            EXPECT_EQ(l["record_id"], p["record_id"]);
-            std::size_t needed = 0;
-            for (const auto &param : p.value("parameters", nlohmann::json::array()))
-                needed += 1 + param.get<std::string>().size();
-            if (needed > kParameterRoom) {
-                EXPECT_TRUE(l["message"].is_null()) << l; // decoded the standard way instead
-                continue;
-            }
-            ++withText;
-            EXPECT_EQ(l["message"], p["message"]);
-            EXPECT_EQ(l["severity"], p["severity"]);
-            EXPECT_EQ(l["parameters"], p["parameters"]);
-        }
-        EXPECT_GE(withText, overLan.size() - 2);
-    }
-}
-
-// The password from a file, or from the environment with the target there too (the way an
-// unmodified client is pointed at a controller), opens a session as the one in the target does;
-// tvxctl never shows it (target strings and their messages are checked in the unit tests).
-TEST(RealPeer, PasswordsFromFileAndEnvironmentAndNeverShown)
+// The password from the environment with the target there too (the way an unmodified client
+// is pointed at a controller) opens a session as the one in the target does (where passwords
+// come from, and that no message shows them, is checked on the target strings).
+TEST(RealPeer, PasswordFromTheEnvironmentOpensASession)
 {
     auto &peer = defaultPeer();
     const std::string password = peer.options().users.front().password;
     const std::string lan = "lan://admin@" + peer.hostPort() + "?workaround=opensesspriv";
-    Outcome target = tvxctl(&peer, {"target"});
-    EXPECT_NE(target.out.find("admin@" + peer.hostPort()), std::string::npos) << target;
-    EXPECT_EQ(target.out.find(password), std::string::npos) << target;
-    std::string file = workDir("password-file") + "/pass";
-    tvxtest::writeFile(file, password + "\n");
-    ::chmod(file.c_str(), 0600);
-    Outcome fromFile = tvxctl(nullptr, {"--target", lan + "&password_file=" + file, "raw", "0x06", "0x01"});
-    EXPECT_EQ(fromFile.code, 0) << fromFile;
     Outcome fromEnv = tvxctl(nullptr, {"devid"}, {"TVX_IPMI_TARGET=" + lan, "TVX_IPMI_PASSWORD=" + password});
     EXPECT_EQ(fromEnv.code, 0) << fromEnv;
     EXPECT_NE(fromEnv.out.find("Product ID"), std::string::npos) << fromEnv;

@@ -25,7 +25,7 @@ ipmihost_lan_statistics stats()
 // One query as the library makes it: open a session, ask, close.
 bool query()
 {
-    tvxtest::Session s;
+    tvx::Session s;
     if (!s.get()) return false;
     IpmiDeviceId id = ipmiGetDeviceId(s.get());
     return id.deviceId != 0 || id.manufacturerId[0] != 0;
@@ -49,7 +49,7 @@ TEST(RealPeerPool, SessionsInARowShareOneConnectionUnlessThePoolIsOff)
     {
         // Sessions open at the same time still need one connection: it is borrowed per
         // request, not held by a session.
-        tvxtest::Session a, b;
+        tvx::Session a, b;
         ASSERT_NE(a.get(), nullptr);
         ASSERT_NE(b.get(), nullptr);
         ipmiGetDeviceId(a.get());
@@ -82,7 +82,7 @@ TEST(RealPeerPool, AConnectionKilledUnderThePoolIsReestablished)
 {
     auto peer = startPeer("restart", defaultProfile());
     ASSERT_EQ(ipmihost_select_target(peer->target("&timeout=500").c_str(), nullptr), 0);
-    tvxtest::Session s;
+    tvx::Session s;
     ASSERT_NE(s.get(), nullptr);
     ASSERT_NE(ipmiGetDeviceId(s.get()).manufacturerId[0], 0);
     // The controller restarts: the pooled connection's RMCP+ session no longer exists there.

@@ -16,11 +16,12 @@ std::string workDir(const std::string &name)
     return dir;
 }
 
-std::unique_ptr<tvxsim::ipmisim::Peer> startPeer(const std::string &name, const std::string &profilePath)
+std::unique_ptr<tvxsim::ipmisim::Peer> startPeer(const std::string &name, const std::string &profilePath,
+                                                 bool withModule)
 {
     tvxsim::ipmisim::PeerOptions o;
     o.profilePath = profilePath;
-    o.modulePath = TVX_IPMI_SIM_MODULE;
+    if (withModule) o.modulePath = TVX_IPMI_SIM_MODULE;
     o.workDir = workDir(name);
     return std::make_unique<tvxsim::ipmisim::Peer>(std::move(o));
 }

@@ -20,8 +20,10 @@ using tvxtest::Outcome;
 tvxsim::ipmisim::Peer &defaultPeer();
 std::string defaultProfile();
 
-// A simulator of its own for a test that restarts it or needs another profile.
-std::unique_ptr<tvxsim::ipmisim::Peer> startPeer(const std::string &name, const std::string &profilePath);
+// A simulator of its own for a test that restarts it or needs another profile; stock ipmi_sim
+// (none of the vendor's commands) without the module.
+std::unique_ptr<tvxsim::ipmisim::Peer> startPeer(const std::string &name, const std::string &profilePath,
+                                                 bool withModule = true);
 
 // A fresh directory under the build tree for one test's files.
 std::string workDir(const std::string &name);

@@ -34,7 +34,7 @@ protected:
     }
 
     tvxtest::ScratchMachine machine_{tvxtest::baseProfile()};
-    PlatformSession platform_;
+    tvx::PlatformSession platform_{tvx::deferred};
 };
 
 // Get Device ID of the base profile: completion code and 15 bytes.

@@ -161,12 +161,23 @@ size_t rows(const std::map<std::string, std::string> &walked, const std::string 
 
 // Every sensor table has one row per sensor that tvxctl's agent pass publishes, with the same
 // name and getter results; processors and memory modules match tvxctl cpu and memory; SNMPv3
-// authPriv reads what SNMPv2c reads; snmptable names the columns from the MIB.
+// authPriv reads what SNMPv2c reads; snmptable names the columns from the MIB. A fan below its
+// lower critical speed shows as failed in its row, and as critical in the fan class and
+// overall status.
 TEST(Agent, ServesWhatTheLibraryReports)
 {
-    Stack stack(defaultProfile());
+    json profile = defaultProfile();
+    for (json &s : profile.at("sensors"))
+        if (s.value("name", "") == "FAN2") s["reading"] = 3; // 300 RPM: below lower critical (500)
+    Stack stack(profile);
     ASSERT_TRUE(stack.waitServed()) << stack.logs();
     const auto walked = stack.walk();
+    constexpr long kFan2 = 0x21;
+    EXPECT_EQ(walked.at(column("4", 3, kFan2)), "4"); // failed(4)
+    EXPECT_EQ(walked.at(column("4", 4, kFan2)), "300");
+    EXPECT_EQ(walked.at(column("4", 3, 0x20)), "3"); // FAN1 stays ok(3)
+    EXPECT_EQ(walked.at(kObjects + ".2.3.0"), "3");   // tvxHwStatusFans critical(3)
+    EXPECT_EQ(walked.at(kObjects + ".2.1.0"), "3");   // tvxHwStatusOverall critical(3)
 
     struct Columns {
         const char *cls, *table;
@@ -270,27 +281,10 @@ TEST(Agent, ServesWhatTheLibraryReports)
     EXPECT_NE(table.out.find("FAN1|"), std::string::npos) << table.out;
 }
 
-// A fan below its lower critical speed shows as failed in its row, and as critical in the
-// fan class and overall status.
-TEST(Agent, FailedFanIsCritical)
-{
-    json profile = defaultProfile();
-    for (json &s : profile.at("sensors"))
-        if (s.value("name", "") == "FAN2") s["reading"] = 3; // 300 RPM: below lower critical (500)
-    Stack stack(profile);
-    ASSERT_TRUE(stack.waitServed()) << stack.logs();
-    const auto walked = stack.walk();
-    constexpr long kFan2 = 0x21;
-    EXPECT_EQ(walked.at(column("4", 3, kFan2)), "4"); // failed(4)
-    EXPECT_EQ(walked.at(column("4", 4, kFan2)), "300");
-    EXPECT_EQ(walked.at(column("4", 3, 0x20)), "3"); // FAN1 stays ok(3)
-    EXPECT_EQ(walked.at(kObjects + ".2.3.0"), "3");   // tvxHwStatusFans critical(3)
-    EXPECT_EQ(walked.at(kObjects + ".2.1.0"), "3");   // tvxHwStatusOverall critical(3)
-}
-
 // Setting the test-alert control makes the controller send its alert and the agent send
-// tvxHwTestTrap (with the outcome) to snmptrapd; a wrong value is refused.
-TEST(Agent, TestTrapReachesTheTrapSink)
+// tvxHwTestTrap (with the outcome) to snmptrapd; a wrong value is refused. The subagent
+// registers again after the master restarts, and stops cleanly on SIGTERM.
+TEST(Agent, TestTrapReachesTheTrapSinkAndTheAgentOutlivesItsMaster)
 {
     Stack stack(defaultProfile());
     ASSERT_TRUE(stack.waitServed()) << stack.logs();
@@ -307,13 +301,7 @@ TEST(Agent, TestTrapReachesTheTrapSink)
     const Outcome outcome = stack.tool("snmpget", {"-Oqv", result});
     EXPECT_TRUE(outcome.out == "2\n" || outcome.out == "3\n") << outcome;
     EXPECT_NE(stack.file("traps.log").find(result), std::string::npos);
-}
 
-// The subagent registers again after the master restarts, and stops cleanly on SIGTERM.
-TEST(Agent, ReregistersAfterMasterRestartAndStopsOnSigterm)
-{
-    Stack stack(defaultProfile());
-    ASSERT_TRUE(stack.waitServed()) << stack.logs();
     stack.master().stop();
     stack.startMaster();
     EXPECT_TRUE(stack.waitServed()) << stack.logs();

@@ -40,11 +40,13 @@ Bytes generate(const spd::Module &module, const std::function<void(Bytes &)> &ch
     return image;
 }
 
+#ifdef TVX_SPD_DATA
 Bytes load(const std::string &path)
 {
     const std::string s = tvxtest::readFile(path);
     return Bytes(s.begin(), s.end());
 }
+#endif
 
 // decode-dimms' reading of the images, handed over as od's hex dumps: per image, its
 // "Label   value" lines.

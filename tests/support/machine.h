@@ -15,7 +15,7 @@
 #include <nlohmann/json.hpp>
 
 #include "libipmi_host.h"
-#include "tvx_toipmi.h"
+#include "tvx/session.h"
 
 namespace tvxtest {
 
@@ -114,19 +114,6 @@ private:
     std::string path_;
 };
 
-// A library session, closed at the end of the scope.
-class Session {
-public:
-    Session() : s_(ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr)) {}
-    ~Session() { ipmiHelperCloseSession(&s_); }
-    Session(const Session &) = delete;
-    Session &operator=(const Session &) = delete;
-    IpmiSession *get() const { return s_; }
-
-private:
-    IpmiSession *s_;
-};
-
 // The machine of `profile` (written to DIR/machine.json, its state in DIR), selected, with a
 // library session open.
 class ScratchMachine {
@@ -134,7 +121,7 @@ public:
     explicit ScratchMachine(const json &profile) { start(profile); }
     ~ScratchMachine()
     {
-        ipmiHelperCloseSession(&session_);
+        session_.close();
         ipmihost_select_default();
     }
     ScratchMachine(const ScratchMachine &) = delete;
@@ -143,21 +130,20 @@ public:
     // Selects `profile` anew on a new session; afresh: from the profile, not the kept state.
     void start(const json &profile, bool afresh = false)
     {
-        ipmiHelperCloseSession(&session_);
+        session_.close();
         writeFile(profilePath(), profile.dump());
         if (ipmihost_select_machine(profilePath().c_str(), dir_.path().c_str()) != 0 ||
             (afresh && ipmihost_reset_machine() != 0))
             throw std::runtime_error(ipmihost_last_error());
-        session_ = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
-        if (!session_) throw std::runtime_error("no session: " + std::string(ipmihost_last_error()));
+        if (!session_.open()) throw std::runtime_error("no session: " + std::string(ipmihost_last_error()));
     }
-    IpmiSession *session() const { return session_; }
+    IpmiSession *session() const { return session_.get(); }
     const TempDir &dir() const { return dir_; }
     std::string profilePath() const { return dir_.file("machine.json"); }
 
 private:
     TempDir dir_;
-    IpmiSession *session_ = nullptr;
+    tvx::Session session_{tvx::deferred};
 };
 
 } // namespace tvxtest

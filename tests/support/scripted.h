@@ -13,6 +13,7 @@
 #include "bytes.h"
 #include "libipmi.h"
 #include "libipmi_host.h"
+#include "tvx/session.h"
 #include "tvx_toipmi.h"
 
 constexpr uint16_t cc(uint8_t code) { return LIBIPMI_STATUS_COMPLETION_CODE(code); }
@@ -98,33 +99,6 @@ template <class F> std::string stderrOf(F &&f)
     return testing::internal::GetCapturedStderr();
 }
 
-// A session block of the platform's own (no libtvx_toipmi session in between), closed at the end.
-class PlatformSession {
-public:
-    PlatformSession() = default;
-    PlatformSession(const PlatformSession &) = delete;
-    PlatformSession &operator=(const PlatformSession &) = delete;
-    ~PlatformSession() { close(); }
-    uint16_t open()
-    {
-        close();
-        uint16_t st =
-            LIBIPMI_Create_IPMI_Local_Session_Ext(get(), nullptr, nullptr, nullptr, nullptr, nullptr, 0, nullptr, 2, 5);
-        open_ = st == LIBIPMI_STATUS_OK;
-        return st;
-    }
-    void close()
-    {
-        if (open_) LIBIPMI_CloseSession(get());
-        open_ = false;
-    }
-    IpmiSession *get() { return reinterpret_cast<IpmiSession *>(block_); }
-
-private:
-    alignas(8) uint8_t block_[LIBIPMI_SESSION_SIZE] = {};
-    bool open_ = false;
-};
-
 // The scripted exchange selected for one test, which must send exactly what it announced.
 class ScriptTest : public ::testing::Test {
 protected:
@@ -156,5 +130,5 @@ protected:
         return platform_.get();
     }
     IpmiSession *session_ = nullptr;
-    PlatformSession platform_;
+    tvx::PlatformSession platform_{tvx::deferred};
 };

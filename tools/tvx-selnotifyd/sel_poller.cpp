@@ -8,6 +8,7 @@
 #include "tvx/ipmi.h"
 #include "tvx/records.h"
 #include "tvx/sel_notify.h"
+#include "tvx/session.h"
 #include "tvx/wire.h"
 
 namespace selnotifyd {
@@ -23,29 +24,6 @@ constexpr tvx::wire::U8 kCompletionCode{0};
 constexpr tvx::wire::U16 kNextId{1};
 constexpr tvx::wire::Run kRecord{3, tvx::sel::kRecordSize};
 } // namespace get_entry
-
-// A session for the length of one poll.
-class Session {
-public:
-    Session()
-    {
-        if (LIBIPMI_Create_IPMI_Local_Session_Ext(get(), nullptr, nullptr, nullptr, nullptr, nullptr, 0, nullptr, 2,
-                                                  5) == 0)
-            open_ = true;
-    }
-    ~Session()
-    {
-        if (open_) LIBIPMI_CloseSession(get());
-    }
-    Session(const Session &) = delete;
-    Session &operator=(const Session &) = delete;
-    explicit operator bool() const { return open_; }
-    IpmiSession *get() { return reinterpret_cast<IpmiSession *>(block_); }
-
-private:
-    alignas(8) uint8_t block_[LIBIPMI_SESSION_SIZE] = {};
-    bool open_ = false;
-};
 
 using Record = std::array<uint8_t, tvx::sel::kRecordSize>;
 
@@ -121,7 +99,7 @@ void SelPoller::fail(const std::string &what)
 
 std::vector<SelEvent> SelPoller::poll()
 {
-    Session session;
+    tvx::PlatformSession session; // for the length of one poll
     if (!session) {
         fail("cannot open a session with " + std::string(ipmihost_describe_target()) + ": " + ipmihost_last_error());
         return {};

@@ -6,6 +6,7 @@
 #include "libipmi.h"
 #include "rollup_getters.h"
 #include "tvx/records.h"
+#include "tvx/session.h"
 #include "tvx/text.h"
 #include "tvx/wire.h"
 
@@ -21,19 +22,6 @@ constexpr uint8_t kProcessorSensor = 0x07;
 constexpr uint8_t kMemorySensor = 0x0C;
 constexpr uint8_t kSensorSpecific = 0x6F;
 constexpr uint32_t kNotRead = 0xFFFFFFFFu;
-
-// A session of the library for the length of a scope (the getters open their own).
-class Session {
-public:
-    Session() : s_(ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr)) {}
-    ~Session() { ipmiHelperCloseSession(&s_); }
-    Session(const Session &) = delete;
-    Session &operator=(const Session &) = delete;
-    IpmiSession *get() const { return s_; }
-
-private:
-    IpmiSession *s_;
-};
 
 Value num(long v) { return Value::number(v); }
 Value text(const char *s) { return Value::text(s ? s : ""); }
@@ -131,8 +119,8 @@ void memoryRows(Snapshot &out, SDRInfo *info)
 {
     unsigned maxIndex = 0;
     {
-        Session session;
-        if (!session.get()) return;
+        tvx::Session session; // the getters open their own
+        if (!session) return;
         maxIndex = getMemoryMaxIndex(session.get());
     }
     const std::vector<Slot> slots = slotsOf(info, kMemorySensor, -1);
@@ -162,8 +150,8 @@ void Collector::refreshSdrCache()
     SdrRepositoryInfo repo;
     std::memset(&repo, 0, sizeof repo);
     {
-        Session session;
-        if (!session.get()) {
+        tvx::Session session;
+        if (!session) {
             problem_ = "cannot open a session with the controller";
             return;
         }

@@ -3,6 +3,8 @@
 #include <array>
 #include <string>
 
+#include "tvx/session.h"
+
 namespace tvxagent {
 namespace {
 
@@ -85,20 +87,19 @@ void networkRows(Snapshot &out, const std::vector<PortFunction> &ports)
 
 void channelRows(Snapshot &out)
 {
-    IpmiSession *session = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
+    tvx::Session session;
     if (!session) return;
-    const int count = getLanChannelCount(session);
-    const int defaultChannel = getDefaultLanChannelNumber(session);
+    const int count = getLanChannelCount(session.get());
+    const int defaultChannel = getDefaultLanChannelNumber(session.get());
     out.scalar(Scalar::LanChannelCount) = Value::number(count);
     out.scalar(Scalar::LanDefaultChannel) = Value::number(defaultChannel);
     for (int instance = 1; instance <= count && instance <= 7; ++instance) {
-        const int channel = getChannelNumber(session, kLanMedium, static_cast<uint8_t>(instance));
+        const int channel = getChannelNumber(session.get(), kLanMedium, static_cast<uint8_t>(instance));
         if (channel < 1 || channel > 7) continue;
         constexpr long kTrue = 1, kFalse = 2;
         out.table(Table::LanChannel)
             .push_back({{instance}, {Value::number(channel), Value::number(channel == defaultChannel ? kTrue : kFalse)}});
     }
-    ipmiHelperCloseSession(&session);
 }
 
 } // namespace

@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tvx/hex_string.h"
+#include "tvx/session.h"
 #include "tvx/text.h"
 #include "tvx_toipmi.h"
 
@@ -35,22 +36,15 @@ struct Failure {
     std::string message;
 };
 
-// A session for the length of one subcommand.
-class Session {
+// A session for the length of one subcommand; made only when one opens.
+class Session : public tvx::Session {
 public:
     Session();
-    ~Session() { ipmiHelperCloseSession(&session_); }
-    Session(const Session &) = delete;
-    Session &operator=(const Session &) = delete;
-    IpmiSession *get() const { return session_; }
     // Why the session's last request failed, as a message ends ("": it did not): the
     // completion code a controller refused it with, named, or what kept it from answering.
     std::string whyFailed() const;
     // A failure (exit 1) saying what could not be done, and why.
     Failure failed(const std::string &what) const;
-
-private:
-    IpmiSession *session_ = nullptr;
 };
 
 // The SEL's records (16 bytes each), read once in one session, in log order or reversed.

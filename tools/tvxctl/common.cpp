@@ -13,8 +13,7 @@ namespace tvxctl {
 
 Session::Session()
 {
-    session_ = ipmiOpenSession(TVX_PRIV_ADMIN, "", nullptr, 0, nullptr);
-    if (!session_) {
+    if (!*this) {
         std::string why = ipmihost_last_error();
         throw Failure{kExitFailed, "cannot open a session with " + std::string(ipmihost_describe_target()) +
                                        (why.empty() ? "" : ": " + why)};
@@ -24,7 +23,7 @@ Session::Session()
 std::string Session::whyFailed() const
 {
     ipmihost_request_outcome last;
-    if (ipmihost_last_request(session_, &last) != 0 || last.status == 0) return "";
+    if (ipmihost_last_request(get(), &last) != 0 || last.status == 0) return "";
     const std::string request = "NetFn " + hexByte(last.netFn) + " command " + hexByte(last.command) +
                                 (last.address ? " for the controller at " + hexByte(last.address) : "");
     // Send Message's own code for a message no device on the bus took.

@@ -94,7 +94,9 @@ void compareSdr(const Outcome &ours, const Outcome &theirs)
         }
         std::snprintf(want, sizeof want, "%02Xh", r["sensor_number"].get<int>());
         EXPECT_EQ(t[1], want);
-        if (status == "unavailable") EXPECT_EQ(t[2] + " " + t[4], "ns No Reading");
+        if (status == "unavailable") {
+            EXPECT_EQ(t[2] + " " + t[4], "ns No Reading");
+        }
     }
 }
 

@@ -1,10 +1,6 @@
 // The test trap end to end: tvxctl points the virtual controller's alert destinations at a
 // real snmptrapd on loopback, and trap test makes the controller send its Platform Event Traps
 // there; a destination that refuses the event parameters gets the plain alert instead.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 

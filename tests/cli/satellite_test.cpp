@@ -37,23 +37,19 @@ const json kMachine = satelliteMachine();
 
 class Satellite : public testing::Test {
 protected:
-    // tvxctl against the machine, with these faults.
-    tvxtest::Outcome exec(const std::vector<std::string> &args, const json &faults = json::array())
+    // tvxctl's arguments for the machine with these faults, which is written for it.
+    std::vector<std::string> on(std::vector<std::string> args, const json &faults)
     {
         json machine = kMachine;
         machine["faults"] = faults;
         tvxtest::writeFile(scratch_.file("machine.json"), machine.dump());
-        std::vector<std::string> all = {"--machine", scratch_.file("machine.json")};
-        all.insert(all.end(), args.begin(), args.end());
-        return tvxtest::tvxctl(scratch_.path(), all);
+        args.insert(args.begin(), {"--machine", scratch_.file("machine.json")});
+        return args;
     }
-    // The same with --json, succeeding; the parsed output.
-    json run(std::vector<std::string> args, const json &faults = json::array())
+    // With --json, succeeding: the parsed output.
+    json run(const std::vector<std::string> &args, const json &faults = json::array())
     {
-        args.insert(args.begin(), "--json");
-        tvxtest::Outcome r = exec(args, faults);
-        EXPECT_EQ(r.code, 0) << r;
-        return r.code == 0 ? json::parse(r.out) : json();
+        return tvxtest::tvxctlJson(scratch_.path(), on(args, faults));
     }
     static json refuse(const char *netFn, const char *command)
     {
@@ -67,10 +63,9 @@ TEST_F(Satellite, SensorsAreReadFromTheirOwnerOrShownNotReadable)
     const json sdr = run({"sdr"});
     std::map<std::string, json> byName;
     for (const json &row : sdr) byName[row["name"]] = row;
-    EXPECT_EQ(byName["BMC Temp"]["raw"], 40);
-    EXPECT_EQ(byName["PSU Temp"]["raw"], 47);
-    EXPECT_EQ(byName["LUN1 Temp"]["raw"], 33);
-    EXPECT_EQ(byName["PSU Status"]["state_bits"], 1);
+    EXPECT_EQ((std::vector<json>{byName["BMC Temp"]["raw"], byName["PSU Temp"]["raw"], byName["LUN1 Temp"]["raw"],
+                                 byName["PSU Status"]["state_bits"]}),
+              (std::vector<json>{40, 47, 33, 1}));
     for (const char *name : {"Gone", "BIOS"}) {
         EXPECT_EQ(byName[name]["status"], "not readable") << name;
         EXPECT_EQ(byName[name]["raw"], nullptr) << name;
@@ -84,11 +79,10 @@ TEST_F(Satellite, FruDevicesOfEveryControllerAndOneWithoutTheRepository)
 {
     const json all = run({"fru"});
     ASSERT_EQ(all.size(), 2u) << all.dump(1);
-    EXPECT_EQ(all[0]["name"], "Builtin FRU Device"); // no locator: Get Device ID says it is there
-    EXPECT_EQ(all[0]["board"]["product_name"], "Mainboard");
-    EXPECT_EQ(all[1]["name"], "PSU MC");
-    EXPECT_EQ(all[1]["controller"]["address"], 0x2C);
-    EXPECT_EQ(all[1]["board"]["serial_number"], "PS0001");
+    // The first has no locator: Get Device ID says it is there.
+    EXPECT_EQ((std::vector<json>{all[0]["name"], all[0]["board"]["product_name"], all[1]["name"],
+                                 all[1]["controller"]["address"], all[1]["board"]["serial_number"]}),
+              (std::vector<json>{"Builtin FRU Device", "Mainboard", "PSU MC", 0x2C, "PS0001"}));
     // One device needs no repository, even where the repository cannot be read.
     const json one = run({"fru", "0"}, {refuse("0x0A", "0x22"), refuse("0x0A", "0x23")});
     EXPECT_EQ(one[0]["board"], all[0]["board"]);
@@ -98,17 +92,12 @@ TEST_F(Satellite, EventsWithoutVendorTextsAreDecodedTheStandardWay)
 {
     const json texts = run({"sel", "--text"});
     ASSERT_EQ(texts.size(), 2u) << texts.dump(1);
-    const struct {
-        const char *time, *type, *event, *direction;
-    } want[] = {{"Pre-Init 0000000100", "Temperature", "Upper Critical going high", "Asserted"},
-                {"Unspecified", "Power Supply", "Failure detected", "Deasserted"}};
-    for (std::size_t i = 0; i < 2; ++i) {
-        EXPECT_EQ(texts[i]["source"], "standard");
-        EXPECT_EQ(texts[i]["time"], want[i].time);
-        EXPECT_EQ(texts[i]["sensor_type_name"], want[i].type);
-        EXPECT_EQ(texts[i]["event"], want[i].event);
-        EXPECT_EQ(texts[i]["direction"], want[i].direction);
-    }
+    std::vector<json> got;
+    for (const json &t : texts)
+        for (const char *key : {"source", "time", "sensor_type_name", "event", "direction"}) got.push_back(t[key]);
+    EXPECT_EQ(got, (std::vector<json>{"standard", "Pre-Init 0000000100", "Temperature", "Upper Critical going high",
+                                      "Asserted", "standard", "Unspecified", "Power Supply", "Failure detected",
+                                      "Deasserted"}));
     // The record tvxctl adds carries event message revision 0x04.
     const json added = run({"sel", "add", "0x01", "0x30", "0x01", "0x52", "0x10", "0x20"});
     const json raw = run({"sel"});
@@ -123,9 +112,8 @@ TEST_F(Satellite, RefusedRequestsAreNamed)
     // chassis device (its device support leaves "chassis" out).
     const json refused = {refuse("0x2E", "0xF5")};
     for (const auto &args : std::vector<std::vector<std::string>>{{"led"}, {"power"}}) {
-        tvxtest::Outcome r = exec(args, refused);
-        EXPECT_EQ(r.code, 1) << r;
-        EXPECT_EQ(r.out, "") << r;
+        tvxtest::Outcome r = tvxtest::tvxctl(scratch_.path(), on(args, refused));
+        EXPECT_EQ(std::tuple(r.code, r.out), std::tuple(1, "")) << r;
         EXPECT_NE(r.err.find("completion code 0xc1 (Invalid command)"), std::string::npos) << r;
     }
 }

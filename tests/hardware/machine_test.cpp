@@ -13,7 +13,7 @@ namespace {
 
 using nlohmann::json;
 
-json hardwareProfile()
+TEST(HardwareController, AnswersAndRefusals)
 {
     json p = tvxtest::baseProfile();
     p["sensors"] = json::parse(R"([
@@ -27,12 +27,7 @@ json hardwareProfile()
       {"socket": "CPU2", "sensor": "0x39", "present": false}])");
     p["memory"] = json::parse(R"({"policy": 1, "modules": [
       {"slot": "A1", "frequency": 4800, "capacity_mb": 65536, "spd": "12 00 0a"}, {"slot": "A2", "empty": true}]})");
-    return p;
-}
-
-TEST(HardwareController, AnswersAndRefusals)
-{
-    tvxsim::Controller c(tvxsim::parseProfile(hardwareProfile().dump(), "hw.json"), "");
+    tvxsim::Controller c(tvxsim::parseProfile(p.dump(), "hw.json"), "");
     const struct {
         uint8_t command;
         Bytes data;
@@ -60,38 +55,21 @@ protected:
 
 TEST_F(HardwareCli, DefaultMachine)
 {
-    json cpus = run({"cpu"});
-    ASSERT_EQ(cpus.size(), 2u);
-    EXPECT_EQ(cpus[1]["sensor"], 0x39);
-    EXPECT_EQ(cpus[1]["model"], "Intel(R) Xeon(R) Gold 6426Y");
-    EXPECT_EQ(cpus[1]["stepping"], 8);
-    EXPECT_EQ(cpus[1]["logical_processors"], 32);
-    EXPECT_EQ(cpus[1]["cache"]["l3"], 38400);
-
-    json memory = run({"memory"});
-    EXPECT_EQ(memory["max_index"], 15);
-    ASSERT_EQ(memory["modules"].size(), 16u);
-    EXPECT_EQ(memory["modules"][0]["status_meaning"], "prefailure warning");
-    EXPECT_EQ(memory["modules"][15]["name"], "DIMM-2H");
-    EXPECT_EQ(memory["modules"][2]["frequency"], 4800);
-    EXPECT_EQ(memory["modules"][3]["capacity_mb"], nullptr);
-    EXPECT_EQ(memory["modules"][14]["approval_meaning"], "not approved");
-    EXPECT_EQ(memory["modules"][2]["type"], "DDR5 SDRAM / RDIMM");
-    EXPECT_EQ(memory["modules"][2]["voltage_interface"], "1.1 V");
-
-    json spd = run({"memory", "spd", "0"});
-    EXPECT_EQ(spd["size_mb"], 32768);
-    EXPECT_EQ(spd["part_number"], "M321R4GA0BB0-CQK");
-    EXPECT_EQ(spd["crc"]["result"].get<std::string>().rfind("OK", 0), 0u);
-
-    json pci = run({"pci"});
-    ASSERT_EQ(pci["entries"].size(), 6u);
-    EXPECT_EQ(pci["slots"][0], json({{"slot", 1}, {"occupied", true}}));
-    EXPECT_EQ(pci["slots"][1], json({{"slot", 2}, {"occupied", false}}));
+    json cpus = run({"cpu"}), memory = run({"memory"}), spd = run({"memory", "spd", "0"}), pci = run({"pci"});
     json languages = run({"languages"});
-    ASSERT_EQ(languages.size(), 2u);
-    EXPECT_EQ(languages[0]["lcid"], "0x0409");
-    EXPECT_EQ(languages[1]["name"], "German (Germany)");
+    ASSERT_EQ(std::vector<size_t>({cpus.size(), memory["modules"].size(), pci["entries"].size(), languages.size()}),
+              std::vector<size_t>({2, 16, 6, 2}));
+    const json &c = cpus[1], &m = memory["modules"];
+    EXPECT_EQ((std::vector<json>{c["sensor"], c["model"], c["stepping"], c["logical_processors"], c["cache"]["l3"],
+                                 memory["max_index"], m[0]["status_meaning"], m[15]["name"], m[2]["frequency"],
+                                 m[3]["capacity_mb"], m[14]["approval_meaning"], m[2]["type"], m[2]["voltage_interface"],
+                                 spd["size_mb"], spd["part_number"], pci["slots"][0], pci["slots"][1],
+                                 languages[0]["lcid"], languages[1]["name"]}),
+              (std::vector<json>{0x39, "Intel(R) Xeon(R) Gold 6426Y", 8, 32, 38400, 15, "prefailure warning", "DIMM-2H",
+                                 4800, nullptr, "not approved", "DDR5 SDRAM / RDIMM", "1.1 V", 32768,
+                                 "M321R4GA0BB0-CQK", {{"slot", 1}, {"occupied", true}},
+                                 {{"slot", 2}, {"occupied", false}}, "0x0409", "German (Germany)"}));
+    EXPECT_EQ(spd["crc"]["result"].get<std::string>().rfind("OK", 0), 0u);
 }
 
 #ifdef TVX_SPD_DATA

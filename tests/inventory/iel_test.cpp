@@ -8,7 +8,6 @@ namespace {
 
 using IelTest = ScriptTest;
 
-Bytes readRequest(uint16_t id, uint16_t offset) { return oem(cat({{0x84}, le16(id), le16(offset)})); }
 // Entry 0x0105: severity 2, next 0x0106, time 0x6A95335E, body length T, then the piece.
 Bytes entryAnswer(uint16_t total, const Bytes &piece)
 {
@@ -55,7 +54,7 @@ TEST_F(IelTest, EntryBodiesArriveInFiftyBytePieces)
     IpmiSession *s = open();
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
-        for (const Piece &p : c.pieces) expect(0xB8, 0xF5, readRequest(0x0105, p.offset), p.answer, p.status);
+        for (const Piece &p : c.pieces) expect(0xB8, 0xF5, oem(cat({{0x84}, le16(0x0105), le16(p.offset)})), p.answer, p.status);
         iELEntry e;
         EXPECT_DIAG(stderrOf([&] { e = ipmiGetiELEntry(s, 0x0105, c.offset); }), c.diag);
         EXPECT_EQ(ipmihost_script_pending(), 0u);

@@ -2,7 +2,6 @@
 // their decoded records become, and the agent-connected and EEPROM requests.
 #include <malloc.h>
 
-#include <array>
 #include <cstring>
 #include <optional>
 

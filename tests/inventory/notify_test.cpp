@@ -197,8 +197,7 @@ TEST_F(ServiceOverLan, NewEntriesOfARealControllerReachTheWatcher)
     ASSERT_EQ(IPMICMD_AddSELEntry(session_.get(), &request, &added, 60), 0) << ipmihost_last_error();
     std::optional<Event> e = next(watcher, 10s);
     ASSERT_TRUE(e) << log();
-    EXPECT_EQ(std::get<0>(*e), 1);
-    EXPECT_EQ(std::get<1>(*e), +added.recordId);
+    EXPECT_EQ(std::tuple(std::get<0>(*e), std::get<1>(*e)), std::tuple(1, +added.recordId));
     EXPECT_EQ(next(watcher, 300ms), std::nullopt); // one message per entry
     ASSERT_EQ(selNotifyUnregisterRemote(watcher), 0);
 }

@@ -19,9 +19,9 @@ TEST(LanCodec, ErrorsMapToTheLibraryStatuses)
         // None of these may look like a completion code.
         EXPECT_FALSE(LIBIPMI_STATUS_IS_COMPLETION_CODE(lan::statusForError(errnum)));
     }
-    EXPECT_TRUE(lan::connectionLost(IPMI_ERR_SESSION_TIMEOUT));
-    EXPECT_TRUE(lan::connectionLost(IPMI_ERR_SYSTEM_ERROR));
-    EXPECT_FALSE(lan::connectionLost(IPMI_ERR_PARAMETERS));
+    EXPECT_EQ(std::tuple(lan::connectionLost(IPMI_ERR_SESSION_TIMEOUT), lan::connectionLost(IPMI_ERR_SYSTEM_ERROR),
+                         lan::connectionLost(IPMI_ERR_PARAMETERS)),
+              std::tuple(true, true, false));
 }
 
 TEST(LanCodec, RawResponsesLoseTheCommandByte)
@@ -36,8 +36,7 @@ TEST(LanCodec, RawResponsesLoseTheCommandByte)
              {V{0x02, 0x00}, LIBIPMI_STATUS_BAD_RESPONSE, std::nullopt}}) { // the answer to another command
         // clang-format on
         Answer a = lan::answerFromRaw(0x01, raw);
-        EXPECT_EQ(a.status, status);
-        EXPECT_EQ(a.bytes, bytes);
+        EXPECT_EQ(std::tuple(a.status, a.bytes), std::tuple(status, bytes));
     }
     // Never more than the platform's largest response.
     std::vector<uint8_t> huge(LIBIPMI_MAX_RESPONSE_LEN + 10, 0x11);

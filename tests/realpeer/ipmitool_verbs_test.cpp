@@ -14,8 +14,7 @@ TEST(IpmitoolVerbs, ChassisStatusPrintsWhatIpmitoolPrints)
 {
     Outcome ours = tvxctl(&defaultPeer(), {"chassis", "status"});
     Outcome theirs = ipmitool(defaultPeer(), {"chassis", "status"});
-    ASSERT_EQ(ours.code, 0) << ours.err;
-    ASSERT_EQ(theirs.code, 0) << theirs.err;
+    ASSERT_TRUE(ours.code == 0 && theirs.code == 0) << ours.err << theirs.err;
     EXPECT_EQ(ours.out, theirs.out);
 }
 
@@ -33,8 +32,7 @@ TEST(IpmitoolVerbs, SelElistDecodesEveryRecordAsIpmitoolDoes)
     }
     Outcome ours = tvxctl(peer.get(), {"sel", "elist"});
     Outcome theirs = ipmitool(*peer, {"sel", "elist"});
-    ASSERT_EQ(ours.code, 0) << ours.err;
-    ASSERT_EQ(theirs.code, 0) << theirs.err;
+    ASSERT_TRUE(ours.code == 0 && theirs.code == 0) << ours.err << theirs.err;
     // The columns of each line: ID, date, time, sensor, event, direction (ipmitool's reading
     // and threshold after them, which tvxctl does not print, are left out).
     auto a = table(ours.out, '|'), b = table(theirs.out, '|');

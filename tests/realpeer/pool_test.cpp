@@ -41,17 +41,14 @@ TEST(RealPeerPool, SessionsInARowShareOneConnectionUnlessThePoolIsOff)
         ASSERT_EQ(ipmihost_select_target(peer.target(pooled ? "" : "&pool=0").c_str(), nullptr), 0);
         for (int i = 0; i < 5; ++i) ASSERT_TRUE(query()) << ipmihost_last_error();
         auto st = stats();
-        EXPECT_EQ(st.handshakes, pooled ? 1u : 5u);
-        EXPECT_EQ(st.requests, 5u);
-        EXPECT_EQ(st.reuses, pooled ? 5u : 0u);
-        EXPECT_EQ(st.idle, pooled ? 1u : 0u);
+        EXPECT_EQ(std::tuple(st.handshakes, st.requests, st.reuses, st.idle),
+                  pooled ? std::tuple(1u, 5u, 5u, 1u) : std::tuple(5u, 5u, 0u, 0u));
     }
     {
         // Sessions open at the same time still need one connection: it is borrowed per
         // request, not held by a session.
         tvx::Session a, b;
-        ASSERT_NE(a.get(), nullptr);
-        ASSERT_NE(b.get(), nullptr);
+        ASSERT_TRUE(a.get() && b.get());
         ipmiGetDeviceId(a.get());
         ipmiGetDeviceId(b.get());
     }
@@ -72,9 +69,7 @@ TEST(RealPeerPool, IdleConnectionsAreNotReusedPastTheirTime)
     std::this_thread::sleep_for(std::chrono::milliseconds(20)); // well past the 1 ms allowed
     ASSERT_TRUE(query());
     auto st = stats();
-    EXPECT_EQ(st.handshakes, 2u);
-    EXPECT_EQ(st.closed, 1u);
-    EXPECT_EQ(st.dropped, 0u);
+    EXPECT_EQ(std::tuple(st.handshakes, st.closed, st.dropped), std::tuple(2u, 1u, 0u));
     ipmihost_select_default();
 }
 
@@ -90,9 +85,7 @@ TEST(RealPeerPool, AConnectionKilledUnderThePoolIsReestablished)
     IpmiDeviceId id = ipmiGetDeviceId(s.get());
     EXPECT_EQ(id.manufacturerId[0], 0xD9) << ipmihost_last_error();
     auto st = stats();
-    EXPECT_EQ(st.handshakes, 2u);
-    EXPECT_EQ(st.dropped, 1u);
-    EXPECT_EQ(st.retries, 1u);
+    EXPECT_EQ(std::tuple(st.handshakes, st.dropped, st.retries), std::tuple(2u, 1u, 1u));
     // Stopped for good: the request fails (no answer), the connection is not kept.
     peer->stop();
     id = ipmiGetDeviceId(s.get());
@@ -123,20 +116,6 @@ TEST(RealPeerPool, ThreadsBorrowConnectionsSafely)
     ipmihost_select_default();
 }
 
-namespace {
-
-// Whether a process exists and has not died (a zombie waiting for its new parent to reap it
-// is dead).
-bool alive(pid_t pid)
-{
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string pidText, name, state;
-    if (!(stat >> pidText >> name >> state)) return false;
-    return state != "Z" && state != "X";
-}
-
-} // namespace
-
 // The simulator never outlives the process that started it, even one that dies without
 // running a destructor or an exit handler.
 TEST(RealPeerLifetime, TheSimulatorDiesWithItsStarter)
@@ -165,9 +144,12 @@ TEST(RealPeerLifetime, TheSimulatorDiesWithItsStarter)
     int status = 0;
     ::waitpid(child, &status, 0);
     ASSERT_GT(sim, 0) << "the child could not start a simulator";
+    // Gone: no such process, or a dead one (a zombie waiting for its new parent to reap it).
     bool gone = false;
     for (int i = 0; i < 300 && !gone; ++i) { // bounded: three seconds at most
-        gone = !alive(sim);
+        std::ifstream stat("/proc/" + std::to_string(sim) + "/stat");
+        std::string pidText, name, state;
+        gone = !(stat >> pidText >> name >> state) || state == "Z" || state == "X";
         if (!gone) std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     EXPECT_TRUE(gone) << "ipmi_sim " << sim << " outlived the process that started it";

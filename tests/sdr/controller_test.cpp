@@ -22,9 +22,9 @@ Bytes send(tvxsim::Controller &c, uint8_t netFn, uint8_t command, const Bytes &d
     return r.answered ? r.bytes : Bytes{};
 }
 
-// A 60-byte full record, a 35-byte compact one and a 19-byte locator; 40 bytes per answer.
-json smallRepository()
+TEST(SdrCommands, InformationReservationsAndGetSdr)
 {
+    // A 60-byte full record, a 35-byte compact one and a 19-byte locator; 40 bytes per answer.
     json doc = tvxtest::baseProfile();
     doc["sdr"] = {{"allocation_unit_size", 16}, {"allocation_units", 100},       {"max_record_units", 4},
                   {"max_read_bytes", 40},       {"add_timestamp", "0x11223344"}, {"erase_timestamp", 7},
@@ -35,12 +35,7 @@ json smallRepository()
       {"record": "compact", "number": 2, "entity": 29, "instance": 1, "type": "0xE6",
        "event_reading_type": "0x6F", "name": "Fan", "state": 1}])");
     doc["mc_locators"] = json::parse(R"([{"name": "BMC", "entity": 6, "instance": 1}])");
-    return doc;
-}
-
-TEST(SdrCommands, InformationReservationsAndGetSdr)
-{
-    tvxsim::Controller c(profileOf(smallRepository()), "");
+    tvxsim::Controller c(profileOf(doc), "");
     // Units taken: 60 bytes -> 4, 35 -> 3, 19 -> 2; 91 of 100 free, 16 bytes each.
     EXPECT_EQ(send(c, kStorage, 0x20, {}),
               (Bytes{0x00, 0x51, 0x03, 0x00, 0xB0, 0x05, 0x44, 0x33, 0x22, 0x11, 0x07, 0x00, 0x00, 0x00, 0x23}));
@@ -192,8 +187,7 @@ TEST(SensorCommands, HostApiChangesAreSeenByTheNextRequest)
     uint16_t bits = 0;
     ASSERT_EQ(ipmihost_set_sensor_reading(1, 105), 0) << ipmihost_last_error();
     ASSERT_EQ(ipmiGetSensorReading(s, 1, &raw, &bits), 1);
-    EXPECT_EQ(raw, 105);
-    EXPECT_EQ(bits & 0x3F, 0x08) << "at or above the upper non-critical threshold";
+    EXPECT_EQ(std::tuple(raw, bits & 0x3F), std::tuple(105, 0x08)) << "at or above the upper non-critical threshold";
     ASSERT_EQ(ipmihost_set_sensor_state(16, 0x0102), 0) << ipmihost_last_error();
     ASSERT_EQ(ipmiGetSensorReading(s, 16, &raw, &bits), 1);
     EXPECT_EQ(bits, 0x0102);

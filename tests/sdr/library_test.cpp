@@ -109,11 +109,10 @@ TEST_F(Scripted, ComponentStatusRecord)
 // unknown codes, the vendor match of OEM rows and the static buffers' fallbacks.
 TEST(SensorTexts, PickTheRightRowOrAFallback)
 {
-    EXPECT_STREQ(ipmiSdrGetStatus(0), "OK");
-    EXPECT_STREQ(ipmiSdrGetStatus(0x3F), "LowNRecov");
-    EXPECT_STREQ(ipmiSdrGetStatus(0x32), "UpNRecov");
-    EXPECT_STREQ(ipmiSdrGetStatus(0x09), "LowWarn");
-    EXPECT_STREQ(ipmiSdrGetStatus(0xC8), "UpWarn");
+    using Texts = std::vector<std::string>;
+    EXPECT_EQ((Texts{ipmiSdrGetStatus(0), ipmiSdrGetStatus(0x3F), ipmiSdrGetStatus(0x32), ipmiSdrGetStatus(0x09),
+                     ipmiSdrGetStatus(0xC8)}),
+              (Texts{"OK", "LowNRecov", "UpNRecov", "LowWarn", "UpWarn"}));
     int32_t offset = 7;
     EXPECT_EQ(ipmiGetDiscreteState(0x25, 0x6F, 0x00, 0x00, &offset), nullptr);
     EXPECT_EQ(offset, 7) << "untouched when nothing is asserted";
@@ -122,14 +121,12 @@ TEST(SensorTexts, PickTheRightRowOrAFallback)
     EXPECT_EQ(ipmiGetDiscreteState(0x25, 0x6F, 0x00, 0x00, nullptr), nullptr);
     EXPECT_EQ(ipmiGetDiscreteState(0x99, 0x6F, 0x01, 0x00, &offset), nullptr);
     EXPECT_EQ(offset, -1);
-    EXPECT_STREQ(ipmiSdrGetSensorTypeDesc(0x01), "Temperature");
-    EXPECT_STREQ(ipmiSdrGetSensorTypeDesc(0xE6), "Fan Status");
-    EXPECT_STREQ(ipmiSdrGetSensorTypeDesc(0xF0), "PICMG FRU Hotswap") << "rows of vendor 12634 match any vendor";
-    EXPECT_STREQ(ipmiSdrGetSensorTypeDesc(0x7E), "OEM reserved #7e");
-    EXPECT_STREQ(oemval2str(1, 0xE6, ipmi_oem_sdr_type_vals), "OEM reserved #e6") << "another vendor's row";
-    EXPECT_STREQ(oemval2str(1, 5, nullptr), "OEM reserved #05");
-    EXPECT_STREQ(getUnitDesc(92), "grams");
-    EXPECT_STREQ(getUnitDesc(93), "unknown");
+    // Rows of vendor 12634 match any vendor; another vendor's row does not.
+    EXPECT_EQ((Texts{ipmiSdrGetSensorTypeDesc(0x01), ipmiSdrGetSensorTypeDesc(0xE6), ipmiSdrGetSensorTypeDesc(0xF0),
+                     ipmiSdrGetSensorTypeDesc(0x7E), oemval2str(1, 0xE6, ipmi_oem_sdr_type_vals),
+                     oemval2str(1, 5, nullptr), getUnitDesc(92), getUnitDesc(93)}),
+              (Texts{"Temperature", "Fan Status", "PICMG FRU Hotswap", "OEM reserved #7e", "OEM reserved #e6",
+                     "OEM reserved #05", "grams", "unknown"}));
 }
 
 TEST(SdrCacheOfAThousandRecords, CostsOneGetSdrPerRecordPlusReservationAndInfo)

@@ -23,12 +23,6 @@ std::vector<std::string> lines(ListNode *list)
     freeList(&list);
     return out;
 }
-std::vector<std::string> rawLine(const Bytes &record)
-{
-    ListNode *list = nullptr;
-    addEntryToRawStringList(&list, record.data());
-    return lines(list);
-}
 
 TEST(SelRawLine, RecordTypesAndTimes)
 {
@@ -44,8 +38,12 @@ TEST(SelRawLine, RecordTypesAndTimes)
         {{0x05, 0x01, 0xFF, 0xF0, 0xE1, 0xD2, 0xC3, 0xB4, 0xA5, 0x96, 0x87, 0x78, 0x69, 0x5A, 0x4B, 0x3C},
          "0105 " + oem + " OEM: Data:F0:E1:D2:C3-B4:A5:96:87-78:69:5A:4B-3C"},
     };
-    for (const auto &[record, line] : cases) EXPECT_EQ(rawLine(record), std::vector<std::string>{line});
     ListNode *list = nullptr;
+    for (const auto &[record, line] : cases) {
+        addEntryToRawStringList(&list, record.data());
+        EXPECT_EQ(lines(list), std::vector<std::string>{line});
+        list = nullptr;
+    }
     addEntryToRawStringList(&list, nullptr);
     EXPECT_EQ(list, nullptr);
     // Times are UTC with English months; 21 characters and the terminator.

@@ -67,8 +67,7 @@ protected:
     // An event-text request: the answer without the IANA echo, which is checked here.
     Bytes text(uint8_t sub, const Bytes &data)
     {
-        Bytes req = {0xD9, 0x7E, 0x00, sub};
-        req.insert(req.end(), data.begin(), data.end());
+        const Bytes req = oem(cat({{sub}, data}));
         tvxsim::Reply r = ctl_->handle(0x2E, 0, 0xF5, req);
         EXPECT_TRUE(r.answered && r.bytes.size() >= 4 &&
                     Bytes(r.bytes.begin() + 1, r.bytes.begin() + 4) == Bytes(req.begin(), req.begin() + 3));

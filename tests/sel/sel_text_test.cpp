@@ -1,6 +1,5 @@
 // Event message texts: error codes, chunks, composed lines, the log as text, entry texts and follow-ups.
 #include <cstdlib>
-#include <functional>
 
 #include "machine.h"
 #include "sel_fixture.h"
@@ -44,10 +43,9 @@ TEST_F(SelText, ErrorCodeRecord)
         expectErrorCode(0x09, 0x0142, answer);
         ErrorCodeRecord *r = getErrorCode(session_, record, 0x09);
         ASSERT_NE(r, nullptr);
-        EXPECT_EQ(Bytes(r->errorCode, r->errorCode + 4), kCode);
-        EXPECT_EQ(r->flags, flags);
-        ASSERT_EQ(r->paramCount, params.size());
-        for (size_t i = 0; i < params.size(); ++i) EXPECT_EQ(std::string(r->params[i]), params[i]);
+        EXPECT_EQ(std::tuple(Bytes(r->errorCode, r->errorCode + 4), +r->flags,
+                             std::vector<std::string>(r->params, r->params + r->paramCount)),
+                  std::tuple(kCode, flags, params));
         freeErrorCode(r);
         EXPECT_EQ(raw().at(0).resLenIn, 255u);
     }
@@ -227,21 +225,13 @@ TEST_F(SelText, OneTextCostsAtMostABoundedNumberOfRequests)
     };
     ASSERT_EQ(ipmihost_script_set_responder(answer, nullptr), 0);
     ErrorCodeRecord code = {{1, 2, 3, 4}, 0, 0, nullptr};
-    const struct {
-        const char *what;
-        std::function<char *()> call;
-        char character;
-    } cases[] = {
-        {"message text", [&] { return getSelTextByErrorCode(session_, &code, nullptr, 0, 0, 0x0409); }, 'x'},
-        {"follow-ups", [&] { return ipmiInterpretSELEntryUsTextFollowUp(session_, 1, 65535); }, 'y'},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.what);
-        ipmihost_reset_request_count();
-        std::string got = take(c.call());
-        EXPECT_EQ(got, std::string(TVX_SEL_TEXT_MAX / TVX_SEL_TEXT_MIN_CHUNK, c.character));
-        EXPECT_EQ(ipmihost_request_count(), TVX_SEL_TEXT_MAX / TVX_SEL_TEXT_MIN_CHUNK);
-    }
+    const size_t kRequests = TVX_SEL_TEXT_MAX / TVX_SEL_TEXT_MIN_CHUNK;
+    ipmihost_reset_request_count();
+    EXPECT_EQ(take(getSelTextByErrorCode(session_, &code, nullptr, 0, 0, 0x0409)), std::string(kRequests, 'x'));
+    EXPECT_EQ(ipmihost_request_count(), kRequests) << "message text";
+    ipmihost_reset_request_count();
+    EXPECT_EQ(take(ipmiInterpretSELEntryUsTextFollowUp(session_, 1, 65535)), std::string(kRequests, 'y'));
+    EXPECT_EQ(ipmihost_request_count(), kRequests) << "follow-ups";
     ipmihost_script_set_responder(nullptr, nullptr);
 }
 
@@ -264,9 +254,8 @@ TEST_F(SelText, EntryAsText)
         iESLText t;
         EXPECT_EQ(stderrOf([&] { t = ipmiGetiESLSELEntryAsText(session_, 0x02, 0x1234, 0x07, 0x0908, 0x0A, 0x0B); }),
                   c.diag);
-        EXPECT_EQ(std::tuple(t.field1, t.field2, t.field3, t.byte14, t.byte15, t.nextId, t.word18),
-                  std::tuple(0x1111, 0x2222, 0x3333, 0x14, 0x15, 0x0099, 0x1818));
-        EXPECT_EQ(Bytes(t.code, t.code + 4), Bytes({0xC0, 0xC1, 0xC2, 0xC3}));
+        EXPECT_EQ(std::tuple(t.field1, t.field2, t.field3, t.byte14, t.byte15, t.nextId, t.word18, Bytes(t.code, t.code + 4)),
+                  std::tuple(0x1111, 0x2222, 0x3333, 0x14, 0x15, 0x0099, 0x1818, Bytes({0xC0, 0xC1, 0xC2, 0xC3})));
         EXPECT_EQ(t.text ? t.text[t.textSize - 1] : '\0', '\0');
         EXPECT_EQ(take(t.text), c.want ? c.want : "(null)");
     }
@@ -284,28 +273,17 @@ TEST_F(SelText, AnswersEndingBeforeTheTextGiveAnEmptyText)
 {
     ErrorCodeRecord code = {{1, 2, 3, 4}, 0, 0, nullptr};
     const Bytes chunkRequest0 = chunkRequest({1, 2, 3, 4}, 0, 0, 0x0409);
-    const Bytes ieslRequest = oem({0x89, 0x02, 0x34, 0x12, 0, 0, 0, 0, 0, 0x00});
     auto chunkText = [&] { return take(getSelTextByErrorCode(session_, &code, nullptr, 0, 0, 0x0409)); };
-    const struct {
-        Bytes request, answer;
-        std::function<std::string()> read;
-    } cases[] = {
-        {chunkRequest0, cut(chunkAnswer(5, 0, ""), 7), chunkText},
-        {chunkRequest0, {0x00}, chunkText},
-        {oem({0x71, 0x5C}), cut(followUp(0, 0, ""), 7),
-         [&] { return take(ipmiInterpretSELEntryUsTextFollowUp(session_, 0x5C, 6)); }},
-        // Every field up to the follow-up handle arrived, the text did not.
-        {ieslRequest, cut(iesl(10, 6, 0, "abc"), 24),
-         [&] {
-             iESLText t = ipmiGetiESLSELEntryAsText(session_, 0x02, 0x1234, 0, 0, 0, 0);
-             EXPECT_EQ(t.textSize * 1000 + t.firstLength, 10006);
-             return t.text ? take(t.text) : "(null)";
-         }},
-    };
-    for (const auto &c : cases) {
-        expect(kOem, kOemCmd, c.request, c.answer);
-        EXPECT_EQ(c.read(), "") << c.answer.size();
-    }
+    expect(kOem, kOemCmd, chunkRequest0, cut(chunkAnswer(5, 0, ""), 7));
+    EXPECT_EQ(chunkText(), "");
+    expect(kOem, kOemCmd, chunkRequest0, {0x00});
+    EXPECT_EQ(chunkText(), "");
+    expect(kOem, kOemCmd, oem({0x71, 0x5C}), cut(followUp(0, 0, ""), 7));
+    EXPECT_EQ(take(ipmiInterpretSELEntryUsTextFollowUp(session_, 0x5C, 6)), "");
+    // Every field up to the follow-up handle arrived, the text did not.
+    expect(kOem, kOemCmd, oem({0x89, 0x02, 0x34, 0x12, 0, 0, 0, 0, 0, 0x00}), cut(iesl(10, 6, 0, "abc"), 24));
+    iESLText t = ipmiGetiESLSELEntryAsText(session_, 0x02, 0x1234, 0, 0, 0, 0);
+    EXPECT_EQ(std::tuple(t.textSize, t.firstLength, take(t.text)), std::tuple(10, 6, ""));
 }
 
 } // namespace

@@ -1,12 +1,7 @@
 // tvx-snmp-agent as an administrator runs it: a real snmpd master on a free loopback port with
 // the AgentX socket in a scratch directory, snmptrapd as the trap sink, and the net-snmp tools
 // as the manager. Every process the test starts it stops by its PID.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <map>
@@ -116,10 +111,11 @@ public:
         return false;
     }
 
-    Outcome tvxctl(std::vector<std::string> args)
+    // tvxctl --json on the same machine and state.
+    json tvxctl(std::vector<std::string> args)
     {
-        args.insert(args.begin(), {"--machine", dir_.file("machine.json"), "--state", dir_.file("state"), "--json"});
-        return tvxtest::tvxctl(dir_.path(), args);
+        args.insert(args.begin(), {"--machine", dir_.file("machine.json"), "--state", dir_.file("state")});
+        return tvxtest::tvxctlJson(dir_.path(), args);
     }
 
     std::string file(const std::string &name) const { return tvxtest::readFile(dir_.file(name)); }
@@ -140,8 +136,6 @@ private:
     uint16_t port_ = 0, trapPort_ = 0;
     tvxtest::Daemon master_, traps_, agent_;
 };
-
-json defaultProfile() { return tvxtest::readJson(std::string(TVX_MACHINES_DIR) + "/default.json"); }
 
 std::string column(const std::string &table, int column, long index)
 {
@@ -166,18 +160,18 @@ size_t rows(const std::map<std::string, std::string> &walked, const std::string 
 // overall status.
 TEST(Agent, ServesWhatTheLibraryReports)
 {
-    json profile = defaultProfile();
+    json profile = tvxtest::shippedProfile("default.json");
     for (json &s : profile.at("sensors"))
         if (s.value("name", "") == "FAN2") s["reading"] = 3; // 300 RPM: below lower critical (500)
     Stack stack(profile);
     ASSERT_TRUE(stack.waitServed()) << stack.logs();
     const auto walked = stack.walk();
     constexpr long kFan2 = 0x21;
-    EXPECT_EQ(walked.at(column("4", 3, kFan2)), "4"); // failed(4)
-    EXPECT_EQ(walked.at(column("4", 4, kFan2)), "300");
-    EXPECT_EQ(walked.at(column("4", 3, 0x20)), "3"); // FAN1 stays ok(3)
-    EXPECT_EQ(walked.at(kObjects + ".2.3.0"), "3");   // tvxHwStatusFans critical(3)
-    EXPECT_EQ(walked.at(kObjects + ".2.1.0"), "3");   // tvxHwStatusOverall critical(3)
+    // FAN2 failed(4) at 300 RPM, FAN1 ok(3); tvxHwStatusFans and tvxHwStatusOverall critical(3).
+    EXPECT_EQ((std::vector<std::string>{walked.at(column("4", 3, kFan2)), walked.at(column("4", 4, kFan2)),
+                                        walked.at(column("4", 3, 0x20)), walked.at(kObjects + ".2.3.0"),
+                                        walked.at(kObjects + ".2.1.0")}),
+              (std::vector<std::string>{"4", "300", "3", "3", "3"}));
 
     struct Columns {
         const char *cls, *table;
@@ -201,9 +195,7 @@ TEST(Agent, ServesWhatTheLibraryReports)
          {{4, "getPowerSupplyStatus(n, info)"}, {5, "getPowerSupplyLoad(k, info)"},
           {6, "getPowerSupplyNominal(n, k, info)"}}},
     };
-    const Outcome sensors = stack.tvxctl({"agent", "sensors"});
-    ASSERT_EQ(sensors.code, 0) << sensors;
-    const json published = json::parse(sensors.out);
+    const json published = stack.tvxctl({"agent", "sensors"});
     for (const Columns &t : kSensorTables) {
         SCOPED_TRACE(t.cls);
         size_t expected = 0;
@@ -236,9 +228,7 @@ TEST(Agent, ServesWhatTheLibraryReports)
           {8, "/config"}, {9, "/form"}, {10, "/type"}, {11, "/voltage_interface"}}},
     };
     for (const auto &t : kInventories) {
-        const Outcome r = stack.tvxctl(t.command);
-        ASSERT_EQ(r.code, 0) << r;
-        const json entries = json::parse(r.out).at(json::json_pointer(t.list));
+        const json entries = stack.tvxctl(t.command).at(json::json_pointer(t.list));
         ASSERT_FALSE(entries.empty());
         EXPECT_EQ(rows(walked, t.table, t.columns[0].first), entries.size()) << t.table;
         for (const json &e : entries) {
@@ -254,9 +244,7 @@ TEST(Agent, ServesWhatTheLibraryReports)
 
     // The node table: the controller, then the port function the agent was told of, with the
     // addresses tvxctl network reads for it.
-    const Outcome network = stack.tvxctl({"network", "01:00:00"});
-    ASSERT_EQ(network.code, 0) << network;
-    const json nodes = json::parse(network.out);
+    const json nodes = stack.tvxctl({"network", "01:00:00"});
     ASSERT_EQ(nodes.size(), 2u);
     EXPECT_EQ(rows(walked, "10.1", 2), 2u);
     EXPECT_EQ(walked.at(column("10.1", 2, 2)), "2"); // portFunction(2)
@@ -286,7 +274,7 @@ TEST(Agent, ServesWhatTheLibraryReports)
 // registers again after the master restarts, and stops cleanly on SIGTERM.
 TEST(Agent, TestTrapReachesTheTrapSinkAndTheAgentOutlivesItsMaster)
 {
-    Stack stack(defaultProfile());
+    Stack stack(tvxtest::shippedProfile("default.json"));
     ASSERT_TRUE(stack.waitServed()) << stack.logs();
     const std::string control = kObjects + ".11.1.0", result = kObjects + ".11.2.0";
     EXPECT_NE(stack.tool("snmpset", {control, "i", "7"}).code, 0);

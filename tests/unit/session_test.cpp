@@ -112,13 +112,9 @@ TEST_F(SessionTest, SendCmdForwardsTheRequestAndMapsTheStatus)
         uint8_t *reqPtr = req.empty() ? nullptr : req.data();
         int rc = -1;
         EXPECT_EQ(stderrOf([&] { rc = ipmiSendCmd(s, c.netFnLun, c.command, req.size(), reqPtr, &len, res); }), "");
-        EXPECT_EQ(rc, c.rc);
-        EXPECT_EQ(len, c.resultLen);
-        EXPECT_EQ(Bytes(res, res + c.resultHead.size()), c.resultHead);
-        expectSent(s, 0, {{c.netFnLun, c.command, c.request}}, sizeof res);
-        ASSERT_EQ(rawSince().size(), 1u);
-        EXPECT_EQ(rawSince()[0].reqPtr, reqPtr);
-        EXPECT_EQ(rawSince()[0].resPtr, res);
+        EXPECT_EQ(std::tuple(rc, len, Bytes(res, res + c.resultHead.size())), std::tuple(c.rc, c.resultLen, c.resultHead));
+        expectSent(s, 0, {{c.netFnLun, c.command, c.request}}, sizeof res); // exactly this one request
+        EXPECT_EQ(std::tuple(rawSince().at(0).reqPtr, rawSince().at(0).resPtr), std::tuple(reqPtr, res));
     }
     // Without a response buffer or length, or with no capacity: nothing is sent.
     ipmihost_script_reset();
@@ -155,9 +151,8 @@ TEST_F(SessionTest, AgentSessionOpensWithFixedArgumentsAndClosesOnEveryPath)
         EXPECT_TRUE(opened);
         std::vector<ipmihost_call> log = calls();
         ASSERT_EQ(log.size(), leaveEarly ? 2u : 3u);
-        EXPECT_EQ(log.front().kind, IPMIHOST_CALL_OPEN);
-        EXPECT_EQ(log.back().kind, IPMIHOST_CALL_CLOSE);
-        EXPECT_EQ(log.back().session, handle);
+        EXPECT_EQ(std::tuple(log.front().kind, log.back().kind, log.back().session),
+                  std::tuple(IPMIHOST_CALL_OPEN, IPMIHOST_CALL_CLOSE, handle));
     }
     ipmihost_script_reset();
     ASSERT_EQ(ipmihost_script_open_result(LIBIPMI_STATUS_AUTH_FAILED, -1), 0);

@@ -9,7 +9,6 @@ namespace {
 
 using AgentStatus = ScriptTest;
 
-const Bytes kNoSend = {};
 void signalAnswer(uint8_t kind, uint8_t entity, uint8_t instance, uint16_t status, const Bytes &answer)
 {
     expect(0xB8, 0xF5, oem({0x42, entity, instance, kind, 0x00}), answer, status);
@@ -18,7 +17,6 @@ void presenceAnswer(uint8_t kind, uint8_t entity, uint8_t instance, uint16_t sta
 {
     expect(0xB8, 0xF5, oem({0x54, entity, instance, kind, 0x00}), answer, status);
 }
-const Bytes kWrongIana = {0x00, 0xD9, 0x7E, 0x01, 0x02};
 
 TEST_F(AgentStatus, IdentityTexts)
 {
@@ -61,7 +59,7 @@ TEST_F(AgentStatus, SignalPresenceAndComponentStatus)
     } cases[] = {
         {0, oemAnswer({0x07}), 3, 7},           {0, oemAnswer({0x01}, 0x01), 253, -1},
         {0, oemAnswer({}, 0x02), 254, -1},      {0, oemAnswer({0x00}, 0xC1), 255, -1},
-        {0, kWrongIana, 255, -1},               {LIBIPMI_STATUS_TIMEOUT, kNoSend, 255, -1},
+        {0, {0x00, 0xD9, 0x7E, 0x01, 0x02}, 255, -1}, {LIBIPMI_STATUS_TIMEOUT, {}, 255, -1}, // another vendor's number; no answer
         {0, oemAnswer({0xFE}), 2, 254},         {0, oemAnswer({}), 3, 255}, // short: the 0xFF fill
     };
     for (const auto &c : cases) {

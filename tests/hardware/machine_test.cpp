@@ -95,10 +95,9 @@ TEST_F(HardwareCli, RealSpdImagesThroughTheWholePath)
     auto firstWord = [](const std::string &t) { return t.substr(0, t.find(' ')); };
     for (size_t i = 0; i < rows.size(); ++i) {
         json spd = run({"--machine", scratch_.file("real.json"), "memory", "spd", std::to_string(i)});
-        EXPECT_EQ(spd["module_type"], rows[i][2]) << rows[i][0];
-        EXPECT_EQ(spd["size_mb"], std::stoi(rows[i][5])) << rows[i][0];
-        EXPECT_EQ(firstWord(spd["manufacturer"]), firstWord(rows[i][7])) << rows[i][0];
-        EXPECT_EQ(spd["part_number"], rows[i][8]) << rows[i][0];
+        EXPECT_EQ(std::tuple(spd["module_type"], spd["size_mb"], firstWord(spd["manufacturer"]), spd["part_number"]),
+                  std::tuple(json(rows[i][2]), json(std::stoi(rows[i][5])), firstWord(rows[i][7]), json(rows[i][8])))
+            << rows[i][0];
     }
     EXPECT_EQ(rows.size(), 11u);
 }

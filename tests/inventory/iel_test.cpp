@@ -60,8 +60,7 @@ TEST_F(IelTest, EntryBodiesArriveInFiftyBytePieces)
         EXPECT_EQ(ipmihost_script_pending(), 0u);
         // Header fields come from the first answer; e9 is always 0.
         using Fields = std::vector<unsigned>;
-        const Fields header = {e.e0, e.e2, e.e3, e.e5, e.e9};
-        EXPECT_EQ(header, (c.read ? Fields{0x0105, 2, 0x0106, 0x6A95335E, 0} : Fields(5, 0)));
+        EXPECT_EQ((Fields{e.e0, e.e2, e.e3, e.e5, e.e9}), (c.read ? Fields{0x0105, 2, 0x0106, 0x6A95335E, 0} : Fields(5, 0)));
         ASSERT_EQ(e.body != nullptr, c.read);
         EXPECT_EQ(c.read ? Bytes(e.body, e.body + c.want.size()) : Bytes{}, c.want);
         std::free(e.body);

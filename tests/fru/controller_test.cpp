@@ -95,7 +95,7 @@ TEST(FruController, EveryEncodingComesBackThroughThePlatform)
     EXPECT_EQ(std::vector<std::string>(r.chassisCustomFields, r.chassisCustomFields + r.chassisCustomCount),
               (std::vector<std::string>{"00ff7e", "Latin \xC3\xA9"}));
     char **boardCustom = r.boardCustomFields; // copied out of the packed record
-    EXPECT_EQ(boardCustom, nullptr);
+    EXPECT_EQ(std::tuple(boardCustom, +r.boardCustomCount), std::tuple(static_cast<char **>(nullptr), 0));
     ASSERT_EQ(r.productCustomCount, 2);
     EXPECT_STREQ(r.productCustomFields[1], "7");
     EXPECT_EQ(std::tuple(text(words.productName), +words.chassisOffset), std::tuple("Worded", 0));

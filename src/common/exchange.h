@@ -8,14 +8,13 @@
 #include <cstring>
 #include <span>
 
+#include "common/timeout.h"
 #include "libipmi.h"
 #include "tvx/ipmi.h"
 #include "tvx/wire.h"
 #include "tvx_toipmi.h"
 
 namespace tvx {
-
-inline constexpr int kPlatformTimeout = 60;
 
 template <std::size_t N> struct Exchange {
     static_assert(N > 0 && N <= LIBIPMI_MAX_RESPONSE_LEN);

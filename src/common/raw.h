@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "common/timeout.h"
 #include "libipmi.h"
 #include "tvx/ipmi.h"
 #include "tvx/wire.h"
@@ -52,7 +53,7 @@ inline void sendRaw(IpmiSession *session, uint8_t netFnLun, uint8_t command, con
     std::memset(answer.bytes, 0xFF, prefill < sizeof answer.bytes ? prefill : sizeof answer.bytes);
     answer.length = 0;
     answer.status = LIBIPMI_Send_RAW_IPMI2_0_Command(session, 0, netFnLun, command, const_cast<uint8_t *>(request),
-                                                     requestLen, answer.bytes, &answer.length, 60);
+                                                     requestLen, answer.bytes, &answer.length, kPlatformTimeout);
 }
 
 // A request with a 255-byte answer buffer whose capacity is stated (the OEM services that
@@ -64,7 +65,7 @@ inline uint16_t sendStated(IpmiSession *session, uint8_t netFnLun, uint8_t comma
     std::memset(response, 0, sizeof response);
     *len = kOemResponseSize;
     return LIBIPMI_Send_RAW_IPMI2_0_Command(session, 0, netFnLun, command, const_cast<uint8_t *>(request), requestLen,
-                                            response, len, 60);
+                                            response, len, kPlatformTimeout);
 }
 
 // The platform's status as far as it says whether the request was carried to the controller

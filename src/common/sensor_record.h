@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "common/timeout.h"
 #include "libipmi.h"
 #include "tvx/records.h"
 #include "tvx/wire.h"
@@ -20,7 +21,6 @@ namespace tvx::sensor {
 
 using wire::View;
 
-inline constexpr int kTimeout = 60;
 inline constexpr uint8_t kProcessorEntity = 0x03;
 inline constexpr uint8_t kReadingUnavailable = 0x20; // Get Sensor Reading flags, bit 5
 
@@ -114,7 +114,7 @@ inline bool readSensor(IpmiSession *session, uint8_t sensorNumber, SensorReading
 {
     std::memset(&rsp, 0, sizeof rsp);
     SensorReadingRequest req = {sensorNumber};
-    return IPMICMD_GetSensorReading(session, &req, &rsp, kTimeout) == 0 && rsp.completionCode == 0;
+    return IPMICMD_GetSensorReading(session, &req, &rsp, kPlatformTimeout) == 0 && rsp.completionCode == 0;
 }
 inline bool available(const SensorReadingResponse &rsp) { return !(rsp.flags & kReadingUnavailable); }
 

@@ -3,6 +3,7 @@
 
 #include "common/diag.h"
 #include "common/raw.h"
+#include "common/timeout.h"
 #include "libipmi.h"
 #include "tvx/ipmi.h"
 #include "tvx_toipmi.h"
@@ -13,7 +14,6 @@ namespace oem = tvx::oem;
 
 namespace {
 
-constexpr int kTimeout = 60;
 constexpr uint8_t kOemPowerSource = oem::cmd::kPowerSource;
 constexpr uint8_t kOemVendor = oem::cmd::kVendor;
 // The LED answers: the state after the IANA number (identify: bit 0).
@@ -22,7 +22,7 @@ constexpr tvx::wire::U8 kLedState{oem::kPayload};
 int highLevel(IpmiSession *session, uint16_t (*operation)(IpmiSession *, int))
 {
     if (!session) return 0;
-    return operation(session, kTimeout) == 0 ? 1 : 0;
+    return operation(session, tvx::kPlatformTimeout) == 0 ? 1 : 0;
 }
 
 // The power-on and power-off source requests differ only in their selector byte.
@@ -65,7 +65,7 @@ TVX_API int ipmiChassisPowerStatus(IpmiSession *session)
     if (!session) return 0;
     ChassisStatus status;
     std::memset(&status, 0, sizeof status);
-    if (LIBIPMI_HL_GetChassisStatus(session, kTimeout, &status) != 0) return 0;
+    if (LIBIPMI_HL_GetChassisStatus(session, tvx::kPlatformTimeout, &status) != 0) return 0;
     return status.currentPowerState != 0 ? 1 : 0;
 }
 

@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "common/diag.h"
+#include "common/timeout.h"
 #include "libipmi.h"
 #include "tvx/ipmi.h"
 #include "tvx/wire.h"
@@ -11,7 +12,6 @@ using tvx::diag::Unit;
 
 namespace {
 
-constexpr int kTimeout = 60;
 constexpr uint32_t kDeviceIdResponseLen = 16; // completion code and the 15 bytes of the record
 static_assert(sizeof(IpmiDeviceId) == kDeviceIdResponseLen - tvx::kAnswerData);
 
@@ -32,7 +32,7 @@ extern "C" TVX_API IpmiDeviceId ipmiGetDeviceId(IpmiSession *session)
     }
     uint32_t len = 0;
     uint16_t status = LIBIPMI_Send_RAW_IPMI2_0_Command(session, 0, TVX_NETFN_APP, tvx::cmd::app::kGetDeviceId, nullptr,
-                                                       0, response, &len, kTimeout);
+                                                       0, response, &len, tvx::kPlatformTimeout);
     if (status != 0) {
         TVX_DIAG_LOCATED(Unit::Helpers, "Failed to send ipmi raw command.");
         return id;

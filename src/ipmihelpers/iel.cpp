@@ -5,6 +5,7 @@
 
 #include "common/diag.h"
 #include "common/raw.h"
+#include "common/timeout.h"
 #include "libipmi.h"
 #include "tvx/iel.h"
 #include "tvx/ipmi.h"
@@ -169,7 +170,7 @@ TVX_API int ipmiWriteiELEntry(IpmiSession *session, uint8_t w4, uint8_t w5, uint
     uint8_t response[1] = {0};
     uint32_t len = sizeof response;
     uint16_t status = LIBIPMI_Send_RAW_IPMI2_0_Command(session, 0, TVX_NETFN_OEM_GROUP, iel::kCommand, request,
-                                                       requestLen, response, &len, 60);
+                                                       requestLen, response, &len, tvx::kPlatformTimeout);
     std::free(request);
     if (status != 0) {
         TVX_DIAG_LOCATED(Unit::Helpers, "Failed to send ipmi raw command.");

@@ -12,6 +12,7 @@
 
 #include "common/diag.h"
 #include "common/raw.h"
+#include "common/timeout.h"
 #include "libipmi.h"
 #include "tvx/inventory.h"
 #include "tvx/ipmi.h"
@@ -25,7 +26,6 @@ using tvx::wire::View;
 
 namespace {
 
-constexpr int kTimeout = 60;
 constexpr uint8_t kSystemChassis = 0x17;
 constexpr uint8_t kSystemBoard = 0x07;
 
@@ -75,7 +75,7 @@ public:
     bool read(IpmiSession *session, uint8_t deviceId)
     {
         uint32_t length = 0;
-        if (LIBIPMI_HL_GetFRUData(session, deviceId, &length, &data_, kTimeout) != 0) return false;
+        if (LIBIPMI_HL_GetFRUData(session, deviceId, &length, &data_, tvx::kPlatformTimeout) != 0) return false;
         uint8_t version = view().get(rec::kFormatVersion, uint8_t{0});
         return version == 1 || version == 2;
     }

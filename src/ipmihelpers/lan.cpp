@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 
 #include "common/diag.h"
+#include "common/timeout.h"
 #include "libipmi.h"
 #include "tvx/ipmi.h"
 #include "tvx/wire.h"
@@ -19,7 +20,6 @@ namespace wire = tvx::wire;
 
 namespace {
 
-constexpr int kTimeout = 60;
 constexpr size_t kParameterSize = sizeof(LanConfigGetResponse); // 27 bytes
 // A parameter as _ipmiGetLanParameter hands it out (the platform's record, zero where the
 // controller sent nothing): completion code, parameter revision, then the data.
@@ -66,7 +66,7 @@ TVX_API unsigned getChannel(IpmiSession *session)
         ChannelInfoRequest request = {channel};
         ChannelInfoResponse response;
         std::memset(&response, 0, sizeof response);
-        if (IPMICMD_GetChannelInfo(session, &request, &response, kTimeout) != 0) continue;
+        if (IPMICMD_GetChannelInfo(session, &request, &response, tvx::kPlatformTimeout) != 0) continue;
         if (response.mediumType == tvx::lan::kMedium8023 && response.channelNumber == channel) return channel;
     }
     return 0;
@@ -83,7 +83,8 @@ TVX_API uint8_t *_ipmiGetLanParameter(IpmiSession *session, int selector)
         return nullptr;
     }
     LanConfigGetRequest request = {static_cast<uint8_t>(channel), static_cast<uint8_t>(selector), 0x00, 0x00};
-    if (IPMICMD_GetLANConfig(session, &request, reinterpret_cast<LanConfigGetResponse *>(buffer), kTimeout) != 0) {
+    if (IPMICMD_GetLANConfig(session, &request, reinterpret_cast<LanConfigGetResponse *>(buffer),
+                             tvx::kPlatformTimeout) != 0) {
         std::free(buffer);
         return nullptr;
     }
@@ -130,7 +131,7 @@ TVX_API int _ipmiSetLanParameter(IpmiSession *session, int selector, const uint8
     std::memcpy(request.data, data, n);
     uint8_t completion = 0xFF;
     uint32_t length = static_cast<uint32_t>(offsetof(LanConfigSetRequest, data) + n);
-    return IPMICMD_SetLANConfig(session, &request, length, &completion, kTimeout) == 0 ? 1 : 0;
+    return IPMICMD_SetLANConfig(session, &request, length, &completion, tvx::kPlatformTimeout) == 0 ? 1 : 0;
 }
 
 TVX_API int ipmiSetIpAddress(IpmiSession *session, const uint8_t *data)

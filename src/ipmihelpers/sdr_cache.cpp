@@ -6,6 +6,7 @@
 
 #include "common/diag.h"
 #include "common/list_tail.h"
+#include "common/timeout.h"
 #include "libipmi.h"
 #include "tvx/records.h"
 #include "tvx_toipmi.h"
@@ -15,7 +16,6 @@ namespace sdr = tvx::sdr;
 
 namespace {
 
-constexpr int kTimeout = 60;
 constexpr uint32_t kFullRecordCopy = sdr::full::kMaxSize;
 constexpr uint32_t kCompactRecordCopy = sdr::compact::kMaxSize;
 
@@ -42,13 +42,13 @@ extern "C" TVX_API int getSDRInfo(IpmiSession *session, SDRInfo *info)
     if (!session || !info) return 0;
     SdrRepositoryAllocInfo alloc;
     std::memset(&alloc, 0, sizeof alloc);
-    if (IPMICMD_GetSDRRepositoryAllocInfo(session, &alloc, kTimeout) != 0) {
+    if (IPMICMD_GetSDRRepositoryAllocInfo(session, &alloc, tvx::kPlatformTimeout) != 0) {
         TVX_DIAG_LOCATED(Unit::Helpers, "failed to read sdr");
         return 0;
     }
     SdrRepositoryInfo repo;
     std::memset(&repo, 0, sizeof repo);
-    if (IPMICMD_GetSDRRepositoryInfo(session, &repo, kTimeout) != 0) {
+    if (IPMICMD_GetSDRRepositoryInfo(session, &repo, tvx::kPlatformTimeout) != 0) {
         TVX_DIAG_LOCATED(Unit::Helpers, "failed to read sdr");
         return 0;
     }
@@ -65,7 +65,7 @@ extern "C" TVX_API int getSDRInfo(IpmiSession *session, SDRInfo *info)
         return 0;
     }
     info->records = buffer;
-    if (LIBIPMI_HL_GetAllSDRs(session, buffer, static_cast<uint32_t>(total), kTimeout) != 0) {
+    if (LIBIPMI_HL_GetAllSDRs(session, buffer, static_cast<uint32_t>(total), tvx::kPlatformTimeout) != 0) {
         TVX_DIAG_LOCATED(Unit::Helpers, "Filed to allocate memory.");
         std::free(buffer);
         info->records = nullptr;

@@ -9,6 +9,7 @@
 #include "common/diag.h"
 #include "common/list_tail.h"
 #include "common/raw.h"
+#include "common/timeout.h"
 #include "libipmi.h"
 #include "tvx/ipmi.h"
 #include "tvx/records.h"
@@ -20,7 +21,6 @@ namespace wire = tvx::wire;
 
 namespace {
 
-constexpr int kTimeout = 60;
 constexpr size_t kRawLineSize = 255;
 constexpr wire::U16 kReservationId{1}; // Reserve SEL answer
 constexpr wire::U16 kUtcOffset{1};     // Get SEL Time UTC Offset answer
@@ -136,7 +136,7 @@ extern "C" TVX_API ListNode *ipmiGetSelRawStrings(IpmiSession *session, int reve
 {
     if (!session) return nullptr;
     uint16_t count = 0;
-    if (LIBIPMI_HL_GetNumOfSELEntries(session, &count, kTimeout) != 0) {
+    if (LIBIPMI_HL_GetNumOfSELEntries(session, &count, tvx::kPlatformTimeout) != 0) {
         TVX_DIAG_LOCATED(Unit::Helpers, "Failed to get count of sel entries");
         return nullptr;
     }
@@ -146,7 +146,7 @@ extern "C" TVX_API ListNode *ipmiGetSelRawStrings(IpmiSession *session, int reve
         TVX_DIAG_LOCATED(Unit::Helpers, "Filed to allocate memory.");
         return nullptr;
     }
-    if (LIBIPMI_HL_GetAllSELEntries(session, reinterpret_cast<SelRecord *>(records), kTimeout) != 0) {
+    if (LIBIPMI_HL_GetAllSELEntries(session, reinterpret_cast<SelRecord *>(records), tvx::kPlatformTimeout) != 0) {
         TVX_DIAG_LOCATED(Unit::Helpers, "Failed to get sel entries");
         std::free(records);
         return nullptr;
@@ -168,12 +168,12 @@ extern "C" TVX_API SelSummary ipmiGetSelInfo(IpmiSession *session)
     std::memset(&summary, 0, sizeof summary);
     if (!session) return summary;
     uint16_t n = 0;
-    if (LIBIPMI_HL_GetNumOfSELEntries(session, &n, kTimeout) == 0) summary.entries = n;
+    if (LIBIPMI_HL_GetNumOfSELEntries(session, &n, tvx::kPlatformTimeout) == 0) summary.entries = n;
     n = 0;
-    if (LIBIPMI_HL_GetMaxPossibleSELEntries(session, &n, kTimeout) == 0) summary.maxEntries = n;
+    if (LIBIPMI_HL_GetMaxPossibleSELEntries(session, &n, tvx::kPlatformTimeout) == 0) summary.maxEntries = n;
     SelInfo info;
     std::memset(&info, 0, sizeof info);
-    if (IPMICMD_GetSELInfo(session, &info, kTimeout) == 0) {
+    if (IPMICMD_GetSELInfo(session, &info, tvx::kPlatformTimeout) == 0) {
         summary.lastAddTime = info.lastAddTime;
         summary.lastEraseTime = info.lastEraseTime;
     }
@@ -198,7 +198,7 @@ extern "C" TVX_API int ipmiClearEventLog(IpmiSession *session)
     std::memset(response, 0, sizeof response);
     uint32_t len = sizeof response;
     uint16_t status = LIBIPMI_Send_RAW_IPMI2_0_Command(session, 0, TVX_NETFN_STORAGE, tvx::cmd::storage::kReserveSel,
-                                                       nullptr, 0, response, &len, kTimeout);
+                                                       nullptr, 0, response, &len, tvx::kPlatformTimeout);
     // Without a reservation the clear still goes out with ID 0; the controller decides.
     wire::View rsp = tvx::received(response, len);
     uint16_t reservation =
@@ -210,7 +210,7 @@ extern "C" TVX_API int ipmiClearEventLog(IpmiSession *session)
     std::memset(response, 0, sizeof response);
     len = sizeof response;
     status = LIBIPMI_Send_RAW_IPMI2_0_Command(session, 0, TVX_NETFN_STORAGE, tvx::cmd::storage::kClearSel, request,
-                                              static_cast<uint32_t>(w.size()), response, &len, kTimeout);
+                                              static_cast<uint32_t>(w.size()), response, &len, tvx::kPlatformTimeout);
     return status == 0 ? 1 : 0;
 }
 
@@ -235,7 +235,7 @@ extern "C" TVX_API int ipmiWriteSelEntry(IpmiSession *session, uint8_t sensorTyp
         .put(sel::kEventData3, eventData3);
     SelAddResponse response;
     std::memset(&response, 0, sizeof response);
-    uint16_t status = IPMICMD_AddSELEntry(session, &record, &response, kTimeout);
+    uint16_t status = IPMICMD_AddSELEntry(session, &record, &response, tvx::kPlatformTimeout);
     if (status != 0) {
         TVX_DIAG_LOCATED(Unit::Helpers, "Failed to send request with error 0x%x", tvx::swappedStatus(status));
         return 0;

@@ -13,6 +13,7 @@
 #include "common/diag.h"
 #include "common/list_tail.h"
 #include "common/raw.h"
+#include "common/timeout.h"
 #include "libipmi.h"
 #include "tvx/ipmi.h"
 #include "tvx/records.h"
@@ -25,7 +26,6 @@ namespace vendor = tvx::oem::vendor;
 
 namespace {
 
-constexpr int kTimeout = 60;
 constexpr uint8_t kOemCommand = tvx::oem::cmd::kVendor;
 constexpr uint32_t kRawResponse = tvx::kOemResponseSize;
 // The short text answer (0x45), as the 64-byte buffer holds it: from the payload on, the
@@ -313,7 +313,7 @@ extern "C" TVX_API ListNode *ipmiGetSelText(IpmiSession *session, int reverse, u
 {
     if (!session) return nullptr;
     uint16_t count = 0;
-    (void)LIBIPMI_HL_GetNumOfSELEntries(session, &count, kTimeout);
+    (void)LIBIPMI_HL_GetNumOfSELEntries(session, &count, tvx::kPlatformTimeout);
     if (count == 0) {
         tvx::diag::plain("SEL has no entries\n");
         return nullptr;
@@ -323,7 +323,7 @@ extern "C" TVX_API ListNode *ipmiGetSelText(IpmiSession *session, int reverse, u
         TVX_DIAG_LOCATED(Unit::Helpers, "Filed to allocate memory.");
         return nullptr;
     }
-    if (LIBIPMI_HL_GetAllSELEntries(session, reinterpret_cast<SelRecord *>(records), kTimeout) != 0) {
+    if (LIBIPMI_HL_GetAllSELEntries(session, reinterpret_cast<SelRecord *>(records), tvx::kPlatformTimeout) != 0) {
         tvx::diag::plain("failed to get sel entries\n");
         std::free(records);
         return nullptr;

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "common/diag.h"
+#include "common/timeout.h"
 #include "libipmi.h"
 #include "tvx/ipmi.h"
 #include "tvx_toipmi.h"
@@ -12,7 +13,6 @@ using tvx::diag::Unit;
 
 namespace {
 
-constexpr int kTimeout = 60;
 constexpr size_t kSessionBlockSize = 36; // the platform's session record
 
 // The block of the session closed last, kept for the next open: an agent getter opens and
@@ -86,8 +86,8 @@ extern "C" TVX_API int ipmiSendCmd(IpmiSession *session, uint8_t netFnLun, uint8
     if (!session || !resData) return 0;
     if (!resLen || *resLen == 0) return 0;
     const uint32_t capacity = *resLen;
-    uint16_t status = LIBIPMI_Send_RAW_IPMI2_0_Command(session, 0, netFnLun, command, reqData, reqLen, resData,
-                                                       resLen, kTimeout);
+    uint16_t status = LIBIPMI_Send_RAW_IPMI2_0_Command(session, 0, netFnLun, command, reqData, reqLen, resData, resLen,
+                                                       tvx::kPlatformTimeout);
     if (status == 0) return 1;
     if (static_cast<uint16_t>(status >> 8) == 1) {
         // The controller answered with a non-zero completion code: put it where every

@@ -89,7 +89,8 @@ TEST_F(Network, PortFunctionAndControllerAddresses)
     EXPECT_STREQ(getControllerModelName(3), "Zenth S3");
     EXPECT_STREQ(getControllerModelName(5), "");
     const uint8_t one[16] = {0, 0, 0, 1};
-    EXPECT_EQ(std::tuple(isEmptyIPAddress(one, 2), isEmptyIPAddress(kV6a.data(), 3), isEmptyIPAddress(Bytes(16, 0).data(), 4)),
+    EXPECT_EQ(std::tuple(isEmptyIPAddress(one, 2), isEmptyIPAddress(kV6a.data(), 3),
+                         isEmptyIPAddress(Bytes(16, 0).data(), 4)),
               std::tuple(0, 1, 1));
 }
 

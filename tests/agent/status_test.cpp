@@ -24,7 +24,8 @@ TEST_F(AgentStatus, IdentityTexts)
     std::memset(buffer, 'x', sizeof buffer);
     EXPECT_EQ(snmpGetAgentId(buffer, 43), 43);
     EXPECT_EQ(std::string(buffer, 44), "Halvex Tessorin 2 hardware monitoring agentx");
-    EXPECT_EQ(std::tuple(snmpGetAgentId(buffer, 42), snmpGetAgentCompany(buffer, 7)), std::tuple(-1, -1)) << "too small";
+    EXPECT_EQ(std::tuple(snmpGetAgentId(buffer, 42), snmpGetAgentCompany(buffer, 7)), std::tuple(-1, -1))
+        << "too small";
     std::memset(buffer, 'x', sizeof buffer);
     EXPECT_EQ(snmpGetAgentCompany(buffer, 8), 8);
     EXPECT_EQ(std::string(buffer, 9), "Veltranex");
@@ -57,10 +58,13 @@ TEST_F(AgentStatus, SignalPresenceAndComponentStatus)
         Bytes answer;
         int signal, presence;
     } cases[] = {
+        // clang-format off
         {0, oemAnswer({0x07}), 3, 7},           {0, oemAnswer({0x01}, 0x01), 253, -1},
         {0, oemAnswer({}, 0x02), 254, -1},      {0, oemAnswer({0x00}, 0xC1), 255, -1},
-        {0, {0x00, 0xD9, 0x7E, 0x01, 0x02}, 255, -1}, {LIBIPMI_STATUS_TIMEOUT, {}, 255, -1}, // another vendor's number; no answer
         {0, oemAnswer({0xFE}), 2, 254},         {0, oemAnswer({}), 3, 255}, // short: the 0xFF fill
+        // another vendor's number; no answer
+        {0, {0x00, 0xD9, 0x7E, 0x01, 0x02}, 255, -1}, {LIBIPMI_STATUS_TIMEOUT, {}, 255, -1},
+        // clang-format on
     };
     for (const auto &c : cases) {
         signalAnswer(0x0D, 0x1A, 0x02, c.status, c.answer);
@@ -149,8 +153,9 @@ void boot(const Bytes &answer) { signalAnswer(0x00, 0x22, 0x00, 0, answer); }
 
 TEST_F(AgentStatus, RollupKeepsTheWorstCountingComponent)
 {
-    EXPECT_EQ((std::vector<int>{getUnitComponentStatus(0x01, 5), getUnitComponentStatus(0xE8, 8), getUnitComponentStatus(0x0C, 10),
-                                getUnitComponentStatus(0x0C, 11), getUnitComponentStatus(0x09, 3)}),
+    EXPECT_EQ((std::vector<int>{getUnitComponentStatus(0x01, 5), getUnitComponentStatus(0xE8, 8),
+                                getUnitComponentStatus(0x0C, 10), getUnitComponentStatus(0x0C, 11),
+                                getUnitComponentStatus(0x09, 3)}),
               (std::vector<int>{3, 0, 1, 0, 0}));
 
     Cache cache({full(0x01, 0x01, "Ambient"), compact(0x90, 0x0C, 0x01, 0x20, 1, "DIMM A"),

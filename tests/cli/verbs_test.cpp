@@ -93,8 +93,9 @@ TEST_F(Verbs, SelElistHasOneSchemaForEveryRecord)
               (std::vector<json>{0xE0, nullptr, "0102030405060708090a0b0c0d", "Upper Critical going high", "Asserted",
                                  0x30}));
     // sel get shows the same record.
-    EXPECT_EQ(tvxtest::tvxctlJson(scratch_.path(), {"sel", "get", std::to_string(threshold["record_id"].get<int>())})[0],
-              threshold);
+    EXPECT_EQ(
+        tvxtest::tvxctlJson(scratch_.path(), {"sel", "get", std::to_string(threshold["record_id"].get<int>())})[0],
+        threshold);
     EXPECT_EQ(run({"sel", "get", "0xfffe"}).code, 1);
 }
 

@@ -105,9 +105,10 @@ TEST_F(FruDecode, DamagedImagesAndAwkwardControllers)
             EXPECT_EQ(std::tuple(length, +rec.formatVersion), std::tuple(7u, 0xAB));
             continue;
         }
-        EXPECT_EQ(std::tuple(length, +rec.chassisOffset, +rec.boardOffset, +rec.chassisPartNumber.typeLength,
-                             +rec.boardCustomCount, +rec.productOffset, +rec.productManufacturer.typeLength),
-                  std::tuple(48u, +c.chassisOffset, +c.boardOffset, c.chassisOffset ? 0xC2 : 0, c.boardOffset ? 1 : 0, 0, 0));
+        EXPECT_EQ(
+            std::tuple(length, +rec.chassisOffset, +rec.boardOffset, +rec.chassisPartNumber.typeLength,
+                       +rec.boardCustomCount, +rec.productOffset, +rec.productManufacturer.typeLength),
+            std::tuple(48u, +c.chassisOffset, +c.boardOffset, c.chassisOffset ? 0xC2 : 0, c.boardOffset ? 1 : 0, 0, 0));
         const char *part = rec.chassisPartNumber.text, *maker = rec.boardManufacturer.text;
         EXPECT_STREQ(part, c.chassisOffset ? "P1" : nullptr);
         EXPECT_STREQ(maker, c.boardOffset ? "ACME" : nullptr);

@@ -62,9 +62,9 @@ TEST_F(HardwareCli, DefaultMachine)
     const json &c = cpus[1], &m = memory["modules"];
     EXPECT_EQ((std::vector<json>{c["sensor"], c["model"], c["stepping"], c["logical_processors"], c["cache"]["l3"],
                                  memory["max_index"], m[0]["status_meaning"], m[15]["name"], m[2]["frequency"],
-                                 m[3]["capacity_mb"], m[14]["approval_meaning"], m[2]["type"], m[2]["voltage_interface"],
-                                 spd["size_mb"], spd["part_number"], pci["slots"][0], pci["slots"][1],
-                                 languages[0]["lcid"], languages[1]["name"]}),
+                                 m[3]["capacity_mb"], m[14]["approval_meaning"], m[2]["type"],
+                                 m[2]["voltage_interface"], spd["size_mb"], spd["part_number"], pci["slots"][0],
+                                 pci["slots"][1], languages[0]["lcid"], languages[1]["name"]}),
               (std::vector<json>{0x39, "Intel(R) Xeon(R) Gold 6426Y", 8, 32, 38400, 15, "prefailure warning", "DIMM-2H",
                                  4800, nullptr, "not approved", "DDR5 SDRAM / RDIMM", "1.1 V", 32768,
                                  "M321R4GA0BB0-CQK", {{"slot", 1}, {"occupied", true}},

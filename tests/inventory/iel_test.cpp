@@ -54,13 +54,15 @@ TEST_F(IelTest, EntryBodiesArriveInFiftyBytePieces)
     IpmiSession *s = open();
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
-        for (const Piece &p : c.pieces) expect(0xB8, 0xF5, oem(cat({{0x84}, le16(0x0105), le16(p.offset)})), p.answer, p.status);
+        for (const Piece &p : c.pieces)
+            expect(0xB8, 0xF5, oem(cat({{0x84}, le16(0x0105), le16(p.offset)})), p.answer, p.status);
         iELEntry e;
         EXPECT_DIAG(stderrOf([&] { e = ipmiGetiELEntry(s, 0x0105, c.offset); }), c.diag);
         EXPECT_EQ(ipmihost_script_pending(), 0u);
         // Header fields come from the first answer; e9 is always 0.
         using Fields = std::vector<unsigned>;
-        EXPECT_EQ((Fields{e.e0, e.e2, e.e3, e.e5, e.e9}), (c.read ? Fields{0x0105, 2, 0x0106, 0x6A95335E, 0} : Fields(5, 0)));
+        EXPECT_EQ((Fields{e.e0, e.e2, e.e3, e.e5, e.e9}),
+                  (c.read ? Fields{0x0105, 2, 0x0106, 0x6A95335E, 0} : Fields(5, 0)));
         ASSERT_EQ(e.body != nullptr, c.read);
         EXPECT_EQ(c.read ? Bytes(e.body, e.body + c.want.size()) : Bytes{}, c.want);
         std::free(e.body);

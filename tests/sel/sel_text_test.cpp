@@ -254,8 +254,9 @@ TEST_F(SelText, EntryAsText)
         iESLText t;
         EXPECT_EQ(stderrOf([&] { t = ipmiGetiESLSELEntryAsText(session_, 0x02, 0x1234, 0x07, 0x0908, 0x0A, 0x0B); }),
                   c.diag);
-        EXPECT_EQ(std::tuple(t.field1, t.field2, t.field3, t.byte14, t.byte15, t.nextId, t.word18, Bytes(t.code, t.code + 4)),
-                  std::tuple(0x1111, 0x2222, 0x3333, 0x14, 0x15, 0x0099, 0x1818, Bytes({0xC0, 0xC1, 0xC2, 0xC3})));
+        EXPECT_EQ(
+            std::tuple(t.field1, t.field2, t.field3, t.byte14, t.byte15, t.nextId, t.word18, Bytes(t.code, t.code + 4)),
+            std::tuple(0x1111, 0x2222, 0x3333, 0x14, 0x15, 0x0099, 0x1818, Bytes({0xC0, 0xC1, 0xC2, 0xC3})));
         EXPECT_EQ(t.text ? t.text[t.textSize - 1] : '\0', '\0');
         EXPECT_EQ(take(t.text), c.want ? c.want : "(null)");
     }

@@ -18,7 +18,8 @@ TEST(Host, EachInjectedFaultKindBecomesItsStatus)
     auto deviceId = [&] {
         uint8_t res[64];
         uint32_t len = sizeof res;
-        const uint16_t st = LIBIPMI_Send_RAW_IPMI2_0_Command(platform.get(), 0, 0x06 << 2, 0x01, nullptr, 0, res, &len, 5);
+        const uint16_t st =
+            LIBIPMI_Send_RAW_IPMI2_0_Command(platform.get(), 0, 0x06 << 2, 0x01, nullptr, 0, res, &len, 5);
         EXPECT_LE(len, sizeof res);
         return std::tuple(st, Bytes(res, res + std::min<uint32_t>(len, sizeof res)));
     };

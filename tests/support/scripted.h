@@ -62,9 +62,11 @@ inline void expectSent(const IpmiSession *session, size_t from, const std::vecto
         const ipmihost_call &c = raw[i];
         SCOPED_TRACE("request " + std::to_string(i));
         const int64_t resLenIn = capacity == kAnyCapacity ? kAnyCapacity : c.resLenIn;
-        EXPECT_EQ(std::tuple(c.session, +c.payloadType, +c.netFnLun, +c.command,
-                             c.reqData ? Bytes(c.reqData, c.reqData + c.reqLen) : Bytes{}, +c.timeout, +c.resLenPtrNull, resLenIn),
-                  std::tuple(session, 0, +expected[i].netFnLun, +expected[i].command, expected[i].request, 60, 0, capacity));
+        EXPECT_EQ(
+            std::tuple(c.session, +c.payloadType, +c.netFnLun, +c.command,
+                       c.reqData ? Bytes(c.reqData, c.reqData + c.reqLen) : Bytes{}, +c.timeout, +c.resLenPtrNull,
+                       resLenIn),
+            std::tuple(session, 0, +expected[i].netFnLun, +expected[i].command, expected[i].request, 60, 0, capacity));
     }
 }
 

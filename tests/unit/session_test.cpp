@@ -112,7 +112,8 @@ TEST_F(SessionTest, SendCmdForwardsTheRequestAndMapsTheStatus)
         uint8_t *reqPtr = req.empty() ? nullptr : req.data();
         int rc = -1;
         EXPECT_EQ(stderrOf([&] { rc = ipmiSendCmd(s, c.netFnLun, c.command, req.size(), reqPtr, &len, res); }), "");
-        EXPECT_EQ(std::tuple(rc, len, Bytes(res, res + c.resultHead.size())), std::tuple(c.rc, c.resultLen, c.resultHead));
+        EXPECT_EQ(std::tuple(rc, len, Bytes(res, res + c.resultHead.size())),
+                  std::tuple(c.rc, c.resultLen, c.resultHead));
         expectSent(s, 0, {{c.netFnLun, c.command, c.request}}, sizeof res); // exactly this one request
         EXPECT_EQ(std::tuple(rawSince().at(0).reqPtr, rawSince().at(0).resPtr), std::tuple(reqPtr, res));
     }
